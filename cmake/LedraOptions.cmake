@@ -1,0 +1,24 @@
+# Compiler settings shared by every target of the project.
+add_library(ledra_options INTERFACE)
+target_include_directories(ledra_options INTERFACE
+  ${PROJECT_SOURCE_DIR}/platform
+  ${PROJECT_SOURCE_DIR})
+target_compile_options(ledra_options INTERFACE -Wall -Wextra -Wpedantic -Wno-unused-parameter)
+if(LEDRA_WERROR)
+  target_compile_options(ledra_options INTERFACE -Werror)
+endif()
+if(LEDRA_SANITIZE)
+  target_compile_options(ledra_options INTERFACE
+    -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(ledra_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+# ledra_sources(<var> <dir>...): every .cpp below the given folders.
+function(ledra_sources out)
+  set(files)
+  foreach(dir IN LISTS ARGN)
+    file(GLOB_RECURSE found CONFIGURE_DEPENDS ${dir}/*.cpp)
+    list(APPEND files ${found})
+  endforeach()
+  set(${out} ${files} PARENT_SCOPE)
+endfunction()
