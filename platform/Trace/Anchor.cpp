@@ -1,0 +1,1 @@
+namespace Trace::detail { int const kTraceLibraryAnchor = 0; }
