@@ -14,7 +14,7 @@ namespace Qel {
 
 }  // namespace Qel
 
-#define QEL_ASSERT(cond)                                                       \
-  (static_cast<bool>(cond) ? static_cast<void>(0)                              \
-                           : ::Qel::assertionFailed(#cond, __FILE__, __LINE__, \
-                                                    static_cast<char const*>(__func__)))
+#define QEL_ASSERT(cond)      \
+  (static_cast<bool>(cond)    \
+       ? static_cast<void>(0) \
+       : ::Qel::assertionFailed(#cond, __FILE__, __LINE__, static_cast<char const*>(__func__)))

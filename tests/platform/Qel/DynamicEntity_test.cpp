@@ -1,0 +1,237 @@
+// Entity types defined at run time: every builtin type, enums, pointers and collections, read and
+// written through the generic view, with the same notification rules as compiled types.
+#include "Qel/DynamicEntity.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "Qel/Dir.h"
+#include "Qel/Exception.h"
+#include "Qel/GenericValue.h"
+#include "Qel/ValueTraits.h"
+#include "support/LeakCheck.h"
+
+namespace {
+
+using Qel::AttributeId;
+using Qel::GenericIf;
+
+// One attribute of every builtin type, then an enum, a pointer and three collections.
+Qel::QelType const* everythingType() {
+  static Qel::QelType const* t = [] {
+    Qel::defineEnum("test::Colour", {{"red", 0}, {"green", 1}, {"blue", 7}});
+    std::vector<Qel::AttributeSchema> attrs;
+    for (char const* b :
+         {"bool", "U8", "S8", "U16", "S16", "U32", "S32", "U64", "S64", "F32", "F64", "char",
+          "char*", "const char*", "long", "double", "string", "name"}) {
+      attrs.push_back({Qel::Name(std::string("a_") + b), b});
+    }
+    attrs.push_back({"colour", "test::Colour"});
+    attrs.push_back({"peer", "Qel::Entity"});
+    attrs.push_back({"tags", "bool", "string"});
+    attrs.push_back({"byColour", "U32", "test::Colour"});
+    attrs.push_back({"children", "Qel::Entity", "name"});
+    return Qel::defineType("test::Everything", attrs);
+  }();
+  return t;
+}
+
+class DynamicEntityTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    entity_ = Qel::DynamicEntity::entityNew(everythingType(), "e");
+  }
+  void TearDown() override {
+    entity_.reset();
+    LeakCheckedTest::TearDown();
+  }
+  AttributeId aid(char const* name) const { return entity_->attributeId(name); }
+  GenericIf::PtrConst read(char const* name) const { return entity_->attribute(aid(name)); }
+
+  Qel::DynamicEntity::Ptr entity_;
+};
+
+struct TextCase {
+  char const* builtin;
+  char const* text;     // written through the generic view as text
+  char const* printed;  // the value's text form read back
+};
+
+class BuiltinTextTest : public DynamicEntityTest, public ::testing::WithParamInterface<TextCase> {};
+
+TEST_P(BuiltinTextTest, WrittenAsTextAndReadBack) {
+  TextCase const& c = GetParam();
+  std::string const attr = std::string("a_") + c.builtin;
+  entity_->attributeIs(Qel::Name(attr), Qel::String(c.text));
+  GenericIf::PtrConst v = read(attr.c_str());
+  ASSERT_TRUE(v);
+  EXPECT_EQ(v->qelType()->name(), c.builtin);
+  EXPECT_EQ(v->text(), c.printed);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryBuiltin, BuiltinTextTest,
+    ::testing::Values(TextCase{"bool", "true", "true"}, TextCase{"U8", "255", "255"},
+                      TextCase{"S8", "-128", "-128"}, TextCase{"U16", "65535", "65535"},
+                      TextCase{"S16", "-32768", "-32768"},
+                      TextCase{"U32", "4294967295", "4294967295"},
+                      TextCase{"S32", "-2147483648", "-2147483648"},
+                      TextCase{"U64", "18446744073709551615", "18446744073709551615"},
+                      TextCase{"S64", "-9223372036854775808", "-9223372036854775808"},
+                      TextCase{"F32", "1.5", "1.5"}, TextCase{"F64", "0.1", "0.1"},
+                      TextCase{"char", "x", "x"}, TextCase{"char*", "0", "0x0"},
+                      TextCase{"const char*", "null", "0x0"}, TextCase{"long", "-7", "-7"},
+                      TextCase{"double", "-2.25", "-2.25"}, TextCase{"string", "a b", "a b"},
+                      TextCase{"name", "n1", "n1"}),
+    [](auto const& info) {
+      std::string n = info.param.builtin;
+      for (char& ch : n) {
+        if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+      }
+      return n;
+    });
+
+TEST_F(DynamicEntityTest, BadTextIsRefusedAndChangesNothing) {
+  entity_->attributeIs("a_U8", Qel::String("7"));
+  for (auto [attr, text] : std::vector<std::pair<char const*, char const*>>{{"a_U8", "256"},
+                                                                            {"a_U8", "-1"},
+                                                                            {"a_S32", "12x"},
+                                                                            {"a_bool", "yes"},
+                                                                            {"a_char", "ab"},
+                                                                            {"a_F64", ""},
+                                                                            {"colour", "purple"}}) {
+    EXPECT_THROW(entity_->attributeIs(attr, Qel::String(text)), Qel::ParseException)
+        << attr << " " << text;
+  }
+  EXPECT_EQ(read("a_U8")->valueAs<Qel::U8>(), 7);
+  EXPECT_THROW(entity_->attributeIs("nosuch", Qel::String("1")), Qel::TypeException);
+}
+
+TEST_F(DynamicEntityTest, DefaultsAndTypedReads) {
+  EXPECT_FALSE(read("a_bool")->valueAs<bool>());
+  EXPECT_EQ(read("a_string")->valueAs<Qel::String>(), "");
+  EXPECT_EQ(read("colour")->text(), "red");
+  EXPECT_FALSE(read("peer"));
+  entity_->attributeIs("a_S16", Qel::String("-3"));
+  EXPECT_EQ(read("a_S16")->valueAs<short>(), -3);
+  EXPECT_EQ(read("a_S16")->valueAs<long long>(), -3);
+  entity_->attributeIs("a_F32", Qel::String("nan"));
+  EXPECT_TRUE(std::isnan(read("a_F32")->valueAs<float>()));
+}
+
+TEST_F(DynamicEntityTest, DistinctBuiltinsWithTheSameRepresentation) {
+  EXPECT_NE(read("a_F64")->qelType(), read("a_double")->qelType());
+  EXPECT_NE(read("a_S64")->qelType(), read("a_long")->qelType());
+  // A value of the wrong builtin is refused even when the C++ representation matches.
+  auto f64 = Qel::ValueTraits<double>::box(1.0);
+  EXPECT_THROW(entity_->attributeIs("a_double", f64), Qel::TypeException);
+  entity_->attributeIs("a_F64", f64);
+  EXPECT_EQ(read("a_F64")->valueAs<double>(), 1.0);
+}
+
+TEST_F(DynamicEntityTest, CharacterPointersCompareByIdentity) {
+  static char text[] = "abc";
+  entity_->attributeIs("a_char*", Qel::ValueTraits<char*>::box(text));
+  EXPECT_EQ(read("a_char*")->valueAs<char*>(), text);
+}
+
+TEST_F(DynamicEntityTest, EnumAttribute) {
+  entity_->attributeIs("colour", Qel::String("blue"));
+  GenericIf::PtrConst v = read("colour");
+  EXPECT_TRUE(v->qelType()->isEnum());
+  EXPECT_EQ(v->valueAs<int>(), 7);
+  EXPECT_EQ(v->text(), "blue");
+  EXPECT_EQ(everythingType()->attribute(aid("colour"))->kind(), Qel::QelAttr::Kind::enumeration);
+}
+
+TEST_F(DynamicEntityTest, PointerAttributeHoldsTheEntity) {
+  auto dir = Qel::globalDir()->dirIs("dyntest");
+  entity_->attributeIs("peer", Qel::String("/dyntest"));
+  EXPECT_EQ(read("peer"), dir);
+  EXPECT_EQ(everythingType()->attribute(aid("peer"))->kind(), Qel::QelAttr::Kind::pointer);
+  EXPECT_THROW(entity_->attributeIs("peer", Qel::String("/nowhere")), Qel::ParseException);
+  EXPECT_THROW(entity_->attributeIs("peer", Qel::ValueTraits<Qel::U32>::box(1)),
+               Qel::TypeException);
+  entity_->attributeIs("peer", Qel::String(""));
+  EXPECT_FALSE(read("peer"));
+  Qel::globalDir()->entryDel("dyntest");
+}
+
+TEST_F(DynamicEntityTest, CollectionsMembershipAndCount) {
+  AttributeId const tags = aid("tags");
+  auto key = [](char const* k) { return Qel::ValueTraits<Qel::String>::box(k); };
+  entity_->attributeIs("tags", Qel::String("true"), "b");
+  entity_->attributeIs("tags", Qel::String("false"), "a");
+  EXPECT_EQ(entity_->colLength(tags)->valueAs<Qel::U32>(), 2u);
+  EXPECT_TRUE(entity_->isMember(tags, key("a"))->valueAs<bool>());
+  EXPECT_FALSE(entity_->isMember(tags, key("c"))->valueAs<bool>());
+  EXPECT_TRUE(entity_->attribute(tags, key("b"))->valueAs<bool>());
+  auto keys = entity_->keys(tags);
+  ASSERT_EQ(keys.size(), 2u);
+  EXPECT_EQ(keys[0]->text(), "a");  // ordered by key
+  entity_->attributeIs("tags", GenericIf::PtrConst(), key("a"));
+  EXPECT_EQ(entity_->colLength(tags)->valueAs<Qel::U32>(), 1u);
+  EXPECT_THROW(entity_->attribute(tags), Qel::TypeException) << "a collection is read by key";
+
+  entity_->attributeIs("byColour", Qel::String("3"), "green");
+  auto green = everythingType()->attribute(aid("byColour"))->keyType()->valueFromText("green");
+  EXPECT_EQ(entity_->attribute(aid("byColour"), green)->valueAs<Qel::U32>(), 3u);
+  EXPECT_THROW(entity_->isMember(aid("byColour"), key("green")), Qel::TypeException);
+}
+
+class KeyRecorder : public GenericIf::NotifieeConst {
+ public:
+  std::vector<std::string> seen;
+  void onAttribute(AttributeId aid, GenericIf::PtrConst& key) override {
+    seen.push_back(notifier()->attributeName(aid) + ":" + (key ? key->text() : "-"));
+  }
+};
+
+TEST_F(DynamicEntityTest, NotificationsFollowTheCompiledRules) {
+  KeyRecorder r;
+  r.notifierIs(entity_);
+  entity_->attributeIs("a_U32", Qel::String("5"));
+  entity_->attributeIs("a_U32", Qel::String("5"));
+  entity_->attributeIs("tags", Qel::String("true"), "k");
+  entity_->attributeIs("tags", Qel::String("true"), "k");
+  entity_->attributeIs("tags", Qel::String(""), "k");
+  entity_->attributeIs("tags", Qel::String(""), "k");
+  EXPECT_EQ(r.seen, (std::vector<std::string>{"a_U32:-", "tags:k", "tags:k"}));
+}
+
+TEST_F(DynamicEntityTest, ReadOnlyViewAndNameRefuseWrites) {
+  Qel::Ptr<GenericIf const> view = entity_;
+  try {
+    view->attributeIs("a_U32", Qel::String("1"));
+    FAIL();
+  } catch (Qel::ConstInstanceException const& e) {
+    EXPECT_STREQ(e.what(), "attempting to modify a const instance");
+  }
+  EXPECT_THROW(entity_->attributeIs("name", Qel::String("x")), Qel::TypeException);
+  EXPECT_EQ(read("name")->text(), "e");
+  EXPECT_EQ(entity_->attributeName(0), "name");
+  EXPECT_EQ(entity_->attributeName(1000), "unknown");
+}
+
+TEST_F(DynamicEntityTest, CreatedByTypeName) {
+  everythingType();
+  auto made = Qel::QelType::typeOrThrow("test::Everything").newEntity("byname");
+  EXPECT_EQ(made->fwkType(), everythingType());
+  EXPECT_TRUE(Qel::ptrCast<Qel::DynamicEntity>(made));
+  EXPECT_THROW(Qel::QelType::typeOrThrow("test::Nothing"), Qel::TypeException);
+}
+
+TEST_F(DynamicEntityTest, BadSchemaRegistersNothing) {
+  EXPECT_THROW(Qel::defineType("test::Bad", {{"x", "U32"}, {"y", "NoSuchType"}}),
+               Qel::TypeException);
+  EXPECT_EQ(Qel::QelType::type("test::Bad"), nullptr);
+  EXPECT_THROW(Qel::defineType("test::Bad", {{"x", "U32"}, {"x", "S32"}}), Qel::NameInUseException);
+  EXPECT_EQ(Qel::QelType::type("test::Bad"), nullptr);
+  EXPECT_THROW(Qel::defineType("test::Bad", {{"x", "U32", "Qel::Dir"}}), Qel::TypeException);
+  everythingType();
+  EXPECT_THROW(Qel::defineType("test::Everything", {}), Qel::NameInUseException);
+}
+
+}  // namespace

@@ -1,0 +1,26 @@
+// A test fixture that fails a test which leaves more (or fewer) reference-counted objects alive
+// than there were when it started.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "Qel/Dir.h"
+#include "Qel/Ptr.h"
+
+namespace Ledra::test {
+
+class LeakCheckedTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Qel::globalDir();  // the process-wide root exists before counting starts
+    liveAtStart_ = Qel::RefCounted::liveInstances();
+  }
+  void TearDown() override {
+    EXPECT_EQ(Qel::RefCounted::liveInstances(), liveAtStart_) << "reference-counted objects leaked";
+  }
+
+ private:
+  long liveAtStart_ = 0;
+};
+
+}  // namespace Ledra::test
