@@ -1,1 +1,0 @@
-namespace Trace::detail { int const kTraceLibraryAnchor = 0; }

@@ -1,0 +1,77 @@
+// The ringlog-decode program, run in-process on dump files.
+#include "Trace/DecodeTool.h"
+
+#include <string>
+#include <vector>
+
+#include "Trace/RingDump.h"
+#include "TraceTestSupport.h"
+
+namespace {
+
+using TraceTesting::MemoryFile;
+using TraceTesting::TempPath;
+using TraceTesting::TraceFixture;
+
+class TraceDecodeToolTest : public TraceFixture {
+ protected:
+  TraceDecodeToolTest() : TraceFixture(Trace::Ringlog::kMinCapacity) {
+    LEDRA_TRACE_FACILITY(TraceTest).levelIs(9);
+  }
+
+  int run(std::vector<char const*> const& args) {
+    return Trace::ringlogDecodeMain(static_cast<int>(args.size()), args.data(), out_.file(),
+                                    err_.file());
+  }
+
+  MemoryFile out_;
+  MemoryFile err_;
+};
+
+TEST_F(TraceDecodeToolTest, PrintsTheTextLinesOfADump) {
+  for (int i = 0; i < 1500; ++i)
+    TRACE(TraceTest, 4, "tool line {} of {}", i, "many");
+  TempPath const file("tool.bin");
+  Trace::Ringlog::global().dumpTo(file.path());
+  ASSERT_EQ(run({"ringlog-decode", file.path().c_str()}), 0);
+  EXPECT_EQ(err_.text(), "");
+
+  std::string expected;
+  std::vector<Trace::Line> const lines = Trace::RingDump::read(file.path());
+  ASSERT_GT(lines.size(), 100u);
+  ASSERT_LT(lines.size(), 1500u);
+  for (Trace::Line const& line : lines)
+    expected += line.text() + "\n";
+  EXPECT_EQ(out_.text(), expected);
+  std::string const last = "TraceTest/4 tool line 1499 of many\n";
+  EXPECT_EQ(out_.text().substr(out_.text().size() - last.size()), last);
+}
+
+TEST_F(TraceDecodeToolTest, AWrongCommandLinePrintsUsage) {
+  EXPECT_EQ(run({"ringlog-decode"}), 2);
+  EXPECT_EQ(run({"ringlog-decode", "a", "b"}), 2);
+  EXPECT_EQ(err_.text(), "usage: ringlog-decode <dump file>\nusage: ringlog-decode <dump file>\n");
+  EXPECT_EQ(out_.text(), "");
+}
+
+TEST_F(TraceDecodeToolTest, AnUnreadableDumpIsReportedAndPrintsNothing) {
+  EXPECT_EQ(run({"ringlog-decode", "/nonexistent-dir/x.bin"}), 1);
+  EXPECT_EQ(err_.text(),
+            "ringlog-decode: /nonexistent-dir/x.bin: cannot read /nonexistent-dir/x.bin: No such "
+            "file or directory\n");
+
+  TempPath const file("damaged.bin");
+  TRACE(TraceTest, 1, "some {}", 1);
+  Trace::Ringlog::global().dumpTo(file.path());
+  std::string bytes = TraceTesting::readFile(file.path());
+  bytes.pop_back();
+  Trace::RingDump::write(file.path(), bytes);
+  MemoryFile err;
+  EXPECT_EQ(Trace::ringlogDecodeMain(2, std::vector<char const*>{"x", file.path().c_str()}.data(),
+                                     out_.file(), err.file()),
+            1);
+  EXPECT_EQ(err.text(), "ringlog-decode: " + file.path() + ": dump is truncated in the records\n");
+  EXPECT_EQ(out_.text(), "");
+}
+
+}  // namespace
