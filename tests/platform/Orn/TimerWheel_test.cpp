@@ -1,0 +1,465 @@
+#include "Orn/TimerWheel.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <random>
+#include <vector>
+
+#include "Qel/SimulatedClock.h"
+
+namespace {
+
+using Orn::TimerWheel;
+using Qel::kNever;
+using Qel::SimulatedClock;
+using Qel::Time;
+
+struct LiveInstanceCheck {
+  long const before = Qel::RefCounted::liveInstances();
+  ~LiveInstanceCheck() { EXPECT_EQ(Qel::RefCounted::liveInstances(), before); }
+};
+
+struct Firing {
+  int id;
+  Time at;
+  bool operator==(Firing const&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& os, Firing const& f) {
+  return os << "{" << f.id << " at " << f.at << "}";
+}
+
+class Recorder : public TimerWheel::Notifiee {
+ public:
+  Recorder(int id, std::vector<Firing>& log) : id_(id), log_(log) {}
+  std::function<void()> action;
+  std::function<void()> onBound;
+
+  void onTime() override {
+    log_.push_back({id_, notifier()->clock()->now()});
+    if (action) action();
+  }
+
+ protected:
+  void onNotifierIs() override {
+    if (onBound) onBound();
+  }
+
+ private:
+  int id_;
+  std::vector<Firing>& log_;
+};
+
+class TimerWheelTest : public ::testing::Test, public LiveInstanceCheck {
+ protected:
+  std::unique_ptr<Recorder> recorder(int id, TimerWheel::Ptr const& w = nullptr) {
+    auto r = std::make_unique<Recorder>(id, log);
+    r->notifierIs(w ? w : wheel);
+    return r;
+  }
+  // The first tick time at or after t.
+  Time tickAtOrAfter(Time t) const {
+    auto k = static_cast<std::uint64_t>(std::max(0.0, std::ceil(t / wheel->tick())));
+    if (wheel->tickTime(k) < t) ++k;
+    while (k > 0 && wheel->tickTime(k - 1) >= t)
+      --k;
+    return wheel->tickTime(k);
+  }
+
+  std::vector<Firing> log;
+  SimulatedClock::Ptr clock = SimulatedClock::simulatedClockNew();
+  TimerWheel::Ptr wheel = TimerWheel::timerWheelNew(clock);
+};
+
+TEST_F(TimerWheelTest, HasTheDefaultGeometry) {
+  EXPECT_EQ(wheel->tick(), 0.001);
+  EXPECT_EQ(wheel->ticks(), 255u);
+  EXPECT_EQ(wheel->bucketSize(), 1024u);
+  EXPECT_EQ(wheel->levels(), 7u);
+  EXPECT_EQ(wheel->clock(), clock);
+  EXPECT_EQ(wheel->wakeTime(), kNever);
+  EXPECT_EQ(clock->timers(), 0u);  // idle: no clock timer
+}
+
+// Each time fires alone at the first tick at or after it, with the clock showing that tick.
+class TimerWheelTimeTest : public TimerWheelTest, public ::testing::WithParamInterface<Time> {};
+
+TEST_P(TimerWheelTimeTest, FiresAtTheFirstTickAtOrAfterTheTime) {
+  Time const t = GetParam();
+  auto r = recorder(1);
+  r->timeMinIs(t);
+  Time const expected = tickAtOrAfter(t);
+  // The wheel's single clock timer is armed for exactly that tick, however far it is.
+  EXPECT_EQ(wheel->wakeTime(), expected);
+  EXPECT_EQ(clock->nextTimerTime(), expected);
+  EXPECT_EQ(clock->timers(), 1u);
+
+  if (expected > 0) {
+    clock->nowIs(std::nextafter(expected, 0.0));
+    EXPECT_TRUE(log.empty()) << "fired early";
+  }
+  clock->nowIs(expected + 1);
+  ASSERT_EQ(log, (std::vector<Firing>{{1, expected}}));
+  EXPECT_GE(log[0].at, t);
+  EXPECT_LT(log[0].at, t + wheel->tick() * 1.0001);
+  EXPECT_EQ(r->timeMin(), kNever);
+  EXPECT_EQ(wheel->timers(), 0u);
+  EXPECT_EQ(wheel->wakeTime(), kNever);
+  EXPECT_EQ(clock->timers(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(NearAndFar, TimerWheelTimeTest,
+                         ::testing::Values(0.0, 0.0001, 0.001, 0.0015, 0.254, 0.2545, 0.255, 0.256,
+                                           0.5, 0.7651, 1.0, 10.0, 261.12, 300.5, 3600.0,
+                                           86400.0 * 30));
+
+// Times just after a tick (by one unit in the last place) belong to the next tick, times at or
+// just before it to that tick: the conversion of a time to a tick must not round either way.
+// Which way the division rounds depends on the tick length, hence several of them.
+class TimerWheelTickTest : public TimerWheelTest, public ::testing::WithParamInterface<Time> {};
+
+TEST_P(TimerWheelTickTest, TimesNextToATickAreNotRoundedAcrossIt) {
+  wheel = TimerWheel::timerWheelNew(clock, GetParam());
+  auto after = recorder(1), exact = recorder(2), before = recorder(3), late = recorder(4);
+  int checked = 0;
+  for (std::uint64_t k : {1ull, 400ull, 1000ull, 10000ull, 3600000ull, 90000000ull}) {
+    for (std::uint64_t j = k + 1; j < k + 300; j += 3) {
+      Time const t = wheel->tickTime(j);
+      Time const justBefore = std::nextafter(t, 0.0);
+      after->timeMinIs(std::nextafter(t, kNever));
+      exact->timeMinIs(t);
+      before->timeMinIs(justBefore);
+      log.clear();
+      clock->nowIs(justBefore);
+      ASSERT_TRUE(log.empty()) << "tick " << j;
+      // A timer due in the previous tick wakes the wheel one unit before tick j: it processes
+      // the ticks up to j - 1 only.
+      late->timeMinIs(wheel->tickTime(j - 1));
+      clock->advance(0);
+      ASSERT_EQ(log, (std::vector<Firing>{{4, justBefore}})) << "tick " << j;
+      clock->nowIs(t);
+      ASSERT_EQ(log, (std::vector<Firing>{{4, justBefore}, {2, t}, {3, t}})) << "tick " << j;
+      clock->nowIs(wheel->tickTime(j + 1));
+      ASSERT_EQ(log.size(), 4u) << "tick " << j;
+      ASSERT_EQ(log[3], (Firing{1, wheel->tickTime(j + 1)})) << "tick " << j;
+      ++checked;
+    }
+  }
+  EXPECT_EQ(checked, 6 * 100);
+}
+
+INSTANTIATE_TEST_SUITE_P(TickLengths, TimerWheelTickTest, ::testing::Values(0.001, 0.003, 0.01));
+
+TEST_F(TimerWheelTest, FarTimersFireAtTheirTicksAmongNearOnes) {
+  auto hour = recorder(1), tenSeconds = recorder(2), near = recorder(3);
+  hour->timeMinIs(3600);
+  tenSeconds->timeMinIs(10.0004);
+  near->timeMinIs(0.1);
+  clock->nowIs(4000);
+  EXPECT_EQ(log, (std::vector<Firing>{{3, 0.1}, {2, 10.001}, {1, 3600}}));
+}
+
+TEST_F(TimerWheelTest, EqualTicksFireInArmingOrderAcrossLevels) {
+  auto a = recorder(1), b = recorder(2), c = recorder(3), d = recorder(4);
+  a->timeMinIs(1.0);     // beyond the first revolution: armed on a higher level
+  b->timeMinIs(0.9995);  // the same tick, armed later
+  clock->nowIs(0.9);     // a and b have come down to the first level by now
+  c->timeMinIs(1.0);     // armed directly on the first level
+  d->timeMinIs(0.99999);
+  a->timeMinIs(1.0);  // re-armed: now the latest
+  clock->nowIs(1.0);
+  EXPECT_EQ(log, (std::vector<Firing>{{2, 1.0}, {3, 1.0}, {4, 1.0}, {1, 1.0}}));
+}
+
+TEST_F(TimerWheelTest, RearmingForThePresentFiresAtTheNextTickOnly) {
+  auto r = recorder(1);
+  r->action = [&] { r->timeMinIs(clock->now()); };
+  r->timeMinIs(0.001);
+  // Ten ticks pass in one move: one wake-up per tick, never two in the same tick.
+  clock->nowIs(0.0105);
+  ASSERT_EQ(log.size(), 10u);
+  for (std::size_t i = 0; i < log.size(); ++i)
+    EXPECT_EQ(log[i].at, wheel->tickTime(i + 1));
+  r->timeMinIs(kNever);
+}
+
+TEST_F(TimerWheelTest, DestroyingANotifieeCancelsIt) {
+  auto a = recorder(1), b = recorder(2), c = recorder(3), d = recorder(4);
+  a->timeMinIs(0.005);
+  b->timeMinIs(0.005);
+  c->timeMinIs(0.005);
+  d->timeMinIs(20);
+  d.reset();
+  EXPECT_EQ(wheel->timers(), 3u);
+  // a destroys b, due in the same tick; c destroys itself.
+  a->action = [&] { b.reset(); };
+  c->action = [&] { c.reset(); };
+  clock->nowIs(30);
+  EXPECT_EQ(log, (std::vector<Firing>{{1, 0.005}, {3, 0.005}}));
+  EXPECT_EQ(wheel->timers(), 0u);
+}
+
+TEST_F(TimerWheelTest, NeverCancelsAndAnIdleWheelStopsWaking) {
+  auto a = recorder(1), b = recorder(2);
+  a->timeMinIs(0.2);
+  b->timeMinIs(5);
+  a->timeMinIs(kNever);
+  EXPECT_EQ(a->timeMin(), kNever);
+  EXPECT_EQ(wheel->timers(), 1u);
+  b->timeMinIs(kNever);
+  EXPECT_EQ(wheel->timers(), 0u);
+  clock->nowIs(10);
+  EXPECT_TRUE(log.empty());
+  EXPECT_EQ(wheel->wakeTime(), kNever);
+  EXPECT_EQ(clock->timers(), 0u);
+}
+
+TEST_F(TimerWheelTest, ASwitchedOffNotifieeSkipsItsWakeUp) {
+  auto a = recorder(1), b = recorder(2);
+  a->timeMinIs(0.01);
+  b->timeMinIs(0.01);
+  a->hasNotificationActiveIs(false);
+  clock->nowIs(1);
+  EXPECT_EQ(log, (std::vector<Firing>{{2, 0.01}}));
+  EXPECT_EQ(a->timeMin(), kNever);
+  a->hasNotificationActiveIs(true);
+  clock->nowIs(2);
+  EXPECT_EQ(log.size(), 1u);
+}
+
+TEST_F(TimerWheelTest, ARebindingMovesTheTimerToTheNewWheel) {
+  auto other = TimerWheel::timerWheelNew(clock, 0.01);
+  auto r = recorder(1);
+  int armedOnBinding = 0;
+  r->onBound = [&] {
+    if (!r->notifier()) return;
+    ++armedOnBinding;
+    r->timeMinIs(clock->now() + 0.1);
+  };
+  r->timeMinIs(0.005);
+  r->notifierIs(other);
+  EXPECT_EQ(armedOnBinding, 1);
+  EXPECT_EQ(wheel->timers(), 0u);
+  EXPECT_EQ(other->timers(), 1u);
+  EXPECT_EQ(r->notifier(), other);
+
+  clock->nowIs(0.05);
+  EXPECT_TRUE(log.empty());
+  clock->nowIs(1);
+  EXPECT_EQ(log, (std::vector<Firing>{{1, 0.1}}));
+
+  // Unbound, the time is kept and armed on the next wheel; the old wheel dies when let go.
+  long const live = Qel::RefCounted::liveInstances();
+  r->notifierIs(nullptr);
+  other = nullptr;
+  EXPECT_EQ(Qel::RefCounted::liveInstances(), live - 1);
+  r->timeMinIs(1.5);
+  EXPECT_EQ(armedOnBinding, 1);
+  r->notifierIs(wheel);
+  EXPECT_EQ(armedOnBinding, 2);  // the hook re-armed it for now + 0.1
+  clock->nowIs(2);
+  EXPECT_EQ(log.back(), (Firing{1, 1.1}));
+}
+
+TEST_F(TimerWheelTest, TheWheelLivesWhileNotifieesHoldIt) {
+  long const base = Qel::RefCounted::liveInstances();
+  auto r = recorder(1);
+  r->timeMinIs(0.003);
+  wheel = nullptr;
+  EXPECT_EQ(Qel::RefCounted::liveInstances(), base);
+  clock->nowIs(1);
+  EXPECT_EQ(log, (std::vector<Firing>{{1, 0.003}}));
+  r.reset();
+  EXPECT_EQ(Qel::RefCounted::liveInstances(), base - 1);
+  EXPECT_EQ(clock->timers(), 0u);
+}
+
+TEST_F(TimerWheelTest, ANotifieeMayDropTheLastReferenceToTheWheelInOnTime) {
+  auto a = recorder(1), b = recorder(2);
+  a->timeMinIs(0.002);
+  b->timeMinIs(0.004);
+  wheel = nullptr;
+  a->action = [&] { a->notifierIs(nullptr); };
+  b->action = [&] { b->notifierIs(nullptr); };  // the last reference: the wheel dies inside
+  clock->nowIs(1);
+  EXPECT_EQ(log, (std::vector<Firing>{{1, 0.002}, {2, 0.004}}));
+  EXPECT_EQ(clock->timers(), 0u);
+}
+
+TEST_F(TimerWheelTest, ATimeBeyondTheLastLevelIsKeptAndCancellable) {
+  auto r = recorder(1);
+  r->timeMinIs(1e30);
+  EXPECT_EQ(wheel->timers(), 1u);
+  clock->nowIs(1e6);
+  EXPECT_TRUE(log.empty());
+  r->timeMinIs(kNever);
+  EXPECT_EQ(wheel->timers(), 0u);
+}
+
+// A random mix of arming, re-arming (also from inside onTime, also for the present), cancelling
+// and moving time, compared with a model that orders wake-ups by (tick, arming order). Small
+// geometries make timers move between levels all the time.
+struct Geometry {
+  Time tick;
+  std::uint32_t ticks;
+  std::uint32_t bucketSize;
+};
+
+std::ostream& operator<<(std::ostream& os, Geometry const& g) {
+  return os << g.tick << "s x " << g.ticks << " / " << g.bucketSize;
+}
+
+class TimerWheelModelTest : public ::testing::TestWithParam<Geometry>, public LiveInstanceCheck {};
+
+// The distance in ticks of the n-th re-arming of timer `id` from inside onTime(): fixed by the
+// arguments, so that the model and the wheel make the same choices. 0 means "for the present
+// time", which the wheel turns into the next tick.
+std::uint64_t rearmDistance(int id, int n, Geometry const& g) {
+  std::uint64_t x = static_cast<std::uint64_t>(id) * 1000003u + static_cast<std::uint64_t>(n);
+  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+  x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+  x ^= x >> 31;
+  switch (x % 4) {
+    case 0:
+      return 0;
+    case 1:
+      return 1 + (x >> 8) % 4;
+    case 2:
+      return 1 + (x >> 8) % (2ull * g.ticks);
+    default:
+      return 1 + (x >> 8) % (2ull * g.ticks * g.bucketSize);
+  }
+}
+
+TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
+  Geometry const g = GetParam();
+  auto clock = SimulatedClock::simulatedClockNew();
+  auto wheel = TimerWheel::timerWheelNew(clock, g.tick, g.ticks, g.bucketSize);
+  std::mt19937_64 rng(1234);
+  // The first tick at or after t, and the last one at or before it.
+  auto tickAtOrAfter = [&](Time t) {
+    auto k = static_cast<std::uint64_t>(std::max(0.0, std::ceil(t / g.tick)));
+    if (wheel->tickTime(k) < t) ++k;
+    while (k > 0 && wheel->tickTime(k - 1) >= t)
+      --k;
+    return k;
+  };
+  auto tickAtOrBefore = [&](Time t) {
+    std::uint64_t k = tickAtOrAfter(t);
+    return wheel->tickTime(k) > t ? k - 1 : k;
+  };
+  // A time within the tick before `tick`, so that `tick` is the first one at or after it.
+  auto timeFor = [&](std::uint64_t tick) { return wheel->tickTime(tick) - g.tick * 0.25; };
+
+  constexpr int kTimers = 64;
+  std::vector<Firing> log;
+  std::vector<std::unique_ptr<Recorder>> timers;
+  std::vector<int> fired(kTimers, 0);
+  auto rearms = [](int id) { return id % 3 == 0; };
+  for (int id = 0; id < kTimers; ++id) {
+    timers.push_back(std::make_unique<Recorder>(id, log));
+    timers.back()->notifierIs(wheel);
+    if (!rearms(id)) continue;
+    timers.back()->action = [&, id] {
+      std::uint64_t const d = rearmDistance(id, ++fired[id], g);
+      if (d == 0) {
+        timers[id]->timeMinIs(clock->now());
+        return;
+      }
+      timers[id]->timeMinIs(timeFor(tickAtOrBefore(clock->now()) + d));
+    };
+  }
+
+  // The model: armed timers ordered by (tick, arming sequence).
+  using Key = std::pair<std::uint64_t, long>;
+  std::map<Key, int> model;
+  std::vector<std::optional<Key>> armedAt(kTimers);
+  std::vector<int> modelFired(kTimers, 0);
+  long seq = 0;
+  auto modelArm = [&](int id, std::optional<std::uint64_t> tick) {
+    if (armedAt[id]) model.erase(*armedAt[id]);
+    armedAt[id].reset();
+    if (!tick) return;
+    armedAt[id] = Key{*tick, seq++};
+    model[*armedAt[id]] = id;
+  };
+
+  // Distances of arming from the test: mostly near, some across one or several levels.
+  auto distance = [&]() -> std::uint64_t {
+    switch (rng() % 4) {
+      case 0:
+        return rng() % 4;
+      case 1:
+        return rng() % (2ull * g.ticks);
+      case 2:
+        return rng() % (4ull * g.ticks * g.bucketSize);
+      default:
+        return rng() % (3ull * g.ticks * g.bucketSize * g.bucketSize);
+    }
+  };
+
+  std::size_t totalFired = 0;
+  for (int round = 0; round < 300; ++round) {
+    for (int k = 0; k < 20; ++k) {
+      int const id = static_cast<int>(rng() % kTimers);
+      if (rng() % 6 == 0) {
+        timers[id]->timeMinIs(kNever);
+        modelArm(id, std::nullopt);
+        continue;
+      }
+      std::uint64_t const tick = tickAtOrAfter(clock->now()) + 1 + distance();
+      timers[id]->timeMinIs(timeFor(tick));
+      modelArm(id, tick);
+    }
+    ASSERT_EQ(wheel->timers(), model.size()) << "round " << round;
+
+    // Move on, often by a few ticks, sometimes across many revolutions.
+    std::uint64_t const step =
+        rng() % 3 == 0 ? rng() % (2ull * g.ticks * g.bucketSize) : rng() % (g.ticks + 2);
+    Time const target = clock->now() + static_cast<Time>(step) * g.tick;
+    std::uint64_t const last = tickAtOrBefore(target);
+    std::vector<Firing> expected;
+    while (!model.empty() && model.begin()->first.first <= last) {
+      auto const [key, id] = *model.begin();
+      model.erase(model.begin());
+      armedAt[id].reset();
+      expected.push_back({id, wheel->tickTime(key.first)});
+      if (!rearms(id)) continue;
+      std::uint64_t const d = rearmDistance(id, ++modelFired[id], g);
+      modelArm(id, key.first + (d == 0 ? 1 : d));
+    }
+    log.clear();
+    clock->nowIs(target);
+    ASSERT_EQ(log, expected) << "round " << round;
+    totalFired += expected.size();
+    ASSERT_EQ(wheel->timers(), model.size()) << "round " << round;
+  }
+  EXPECT_GT(totalFired, 2000u);  // the comparison covered real work
+  timers.clear();
+  EXPECT_EQ(wheel->timers(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelModelTest,
+                         ::testing::Values(Geometry{0.001, 255, 1024}, Geometry{0.001, 4, 2},
+                                           Geometry{0.001, 3, 5}, Geometry{0.25, 8, 3},
+                                           Geometry{0.01, 64, 64}));
+
+using TimerWheelDeathTest = TimerWheelTest;
+
+TEST_F(TimerWheelDeathTest, ContractViolations) {
+  EXPECT_DEATH(TimerWheel::timerWheelNew(clock, 0.001, 1),
+               "\"a timer wheel needs at least two ticks\"");
+  EXPECT_DEATH(TimerWheel::timerWheelNew(clock, 0), "\"a timer wheel needs a positive tick\"");
+  EXPECT_DEATH(TimerWheel::timerWheelNew(clock, 0.001, 255, 1),
+               "\"a timer wheel needs buckets of at least two slots\"");
+  auto r = recorder(1);
+  EXPECT_DEATH(r->timeMinIs(std::nan("")), "\"timer armed for a time that is not a number\"");
+}
+
+}  // namespace
