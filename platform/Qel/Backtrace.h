@@ -1,12 +1,14 @@
 // The call stack at the point of construction, as text: one frame per line, innermost first.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include <string>
 #include <vector>
 
 namespace Qel {
 
-class Backtrace {
+class QEL_API Backtrace {
  public:
   Backtrace();  // captures the caller's stack
 

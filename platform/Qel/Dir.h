@@ -6,6 +6,8 @@
 // Entries iterate in ascending name order. Each insertion and removal notifies onEntry(name).
 #pragma once
 
+#include "Qel/Api.h"
+
 #include <map>
 
 #include "Qel/Entity.h"
@@ -13,7 +15,7 @@
 
 namespace Qel {
 
-class Dir : public Entity {
+class QEL_API Dir : public Entity {
  public:
   using Ptr = Qel::Ptr<Dir>;
   using PtrConst = Qel::Ptr<Dir const>;

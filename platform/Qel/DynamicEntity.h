@@ -11,6 +11,8 @@
 // against the attribute's type on every write. Single-threaded.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include <initializer_list>
 #include <map>
 #include <utility>
@@ -34,7 +36,7 @@ QelType const* defineType(Name const& typeName, std::vector<AttributeSchema> con
 QelType const* defineEnum(Name const& typeName,
                           std::vector<std::pair<Name, std::int64_t>> const& enumerators);
 
-class DynamicEntity final : public Entity {
+class QEL_API DynamicEntity final : public Entity {
  public:
   using Ptr = Qel::Ptr<DynamicEntity>;
   using PtrConst = Qel::Ptr<DynamicEntity const>;

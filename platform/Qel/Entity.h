@@ -10,13 +10,15 @@
 // entity type is its name. Entities are reference counted and single-threaded.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include "Qel/GenericIf.h"
 #include "Qel/Ptr.h"
 #include "Qel/Types.h"
 
 namespace Qel {
 
-class Entity : public GenericIf {
+class QEL_API Entity : public GenericIf {
  public:
   using Ptr = Qel::Ptr<Entity>;
   using PtrConst = Qel::Ptr<Entity const>;

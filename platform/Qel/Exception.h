@@ -9,37 +9,39 @@
 //   ParseException       text that does not form a value of the requested type.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include <stdexcept>
 #include <string>
 
 namespace Qel {
 
-class Exception : public std::runtime_error {
+class QEL_API Exception : public std::runtime_error {
  public:
   explicit Exception(std::string const& what) : std::runtime_error(what) {}
 };
 
-class RangeException : public Exception {
+class QEL_API RangeException : public Exception {
  public:
   using Exception::Exception;
 };
 
-class NameInUseException : public Exception {
+class QEL_API NameInUseException : public Exception {
  public:
   using Exception::Exception;
 };
 
-class ConstInstanceException : public Exception {
+class QEL_API ConstInstanceException : public Exception {
  public:
   ConstInstanceException() : Exception("attempting to modify a const instance") {}
 };
 
-class TypeException : public Exception {
+class QEL_API TypeException : public Exception {
  public:
   using Exception::Exception;
 };
 
-class ParseException : public Exception {
+class QEL_API ParseException : public Exception {
  public:
   using Exception::Exception;
 };

@@ -11,6 +11,8 @@
 // notifiee registered when the change happened (see ObserverList). Single-threaded.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include <cstddef>
 
 #include "Qel/Notifiee.h"
@@ -25,7 +27,7 @@ class QelType;
 class QelAttr;
 class GenericValue;
 
-class GenericIf : public RefCounted {
+class QEL_API GenericIf : public RefCounted {
  public:
   using PtrConst = Ptr<GenericIf const>;
   class NotifieeConst;

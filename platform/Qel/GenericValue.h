@@ -2,13 +2,15 @@
 // counts travel through the generic view. Immutable once made.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include "Qel/GenericIf.h"
 #include "Qel/QelType.h"
 #include "Qel/Value.h"
 
 namespace Qel {
 
-class GenericValue final : public GenericIf {
+class QEL_API GenericValue final : public GenericIf {
  public:
   static Ptr<GenericValue const> make(QelType const* type, Value v) {
     return Ptr<GenericValue const>(new GenericValue(type, std::move(v)));

@@ -10,6 +10,8 @@
 // attribute id into a call of its onX() callback, the generic notifiee into onAttribute().
 #pragma once
 
+#include "Qel/Api.h"
+
 #include "Qel/Ptr.h"
 #include "Qel/Types.h"
 
@@ -26,7 +28,7 @@ struct NotifyKey {
   bool empty() const { return !native && !boxed; }
 };
 
-class NotifieeBase {
+class QEL_API NotifieeBase {
  public:
   enum class Reference { strong, weak };
 
@@ -66,7 +68,7 @@ class NotifieeBase {
 
 // A notifiee of a concrete notifier type N (N or N const), with notifier() typed accordingly.
 template <class N>
-class BasicNotifiee : public NotifieeBase {
+class QEL_API BasicNotifiee : public NotifieeBase {
  public:
   Ptr<N> notifier() const { return Ptr<N>(current_); }
   void notifierIs(Ptr<N> const& n) {

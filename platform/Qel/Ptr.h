@@ -11,6 +11,8 @@
 // count before and after to prove that nothing leaked.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include <cassert>
 #include <cstddef>
 #include <functional>
@@ -19,7 +21,7 @@
 
 namespace Qel {
 
-class RefCounted {
+class QEL_API RefCounted {
  public:
   RefCounted(RefCounted const&) = delete;
   RefCounted& operator=(RefCounted const&) = delete;
@@ -43,12 +45,12 @@ class RefCounted {
 
  private:
   static constexpr unsigned kDestroying = 1u << 30;
-  static inline long liveInstances_ = 0;
+  static long liveInstances_;
   mutable unsigned refCount_ = 0;
 };
 
 template <class T>
-class Ptr {
+class QEL_API Ptr {
  public:
   using element_type = T;
 

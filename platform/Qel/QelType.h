@@ -10,6 +10,8 @@
 // apart. Single-threaded after static initialisation.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -47,7 +49,7 @@ enum class Builtin : std::uint8_t {
   name,
 };
 
-class QelAttr {
+class QEL_API QelAttr {
  public:
   enum class Kind { value, pointer, enumeration, collection };
 
@@ -117,7 +119,7 @@ class QelAttr {
   Count count_;
 };
 
-class QelType {
+class QEL_API QelType {
  public:
   enum class Kind { builtin, enumeration, entity, value };
   using Factory = std::function<Ptr<Entity>(Name const&)>;

@@ -5,6 +5,8 @@
 // apart, but both are std::string underneath and convert into each other implicitly.
 #pragma once
 
+#include "Qel/Api.h"
+
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -32,7 +34,7 @@ inline constexpr AttributeId kNoAttribute = std::numeric_limits<AttributeId>::ma
 using Time = double;
 inline constexpr Time kNever = std::numeric_limits<Time>::infinity();
 
-class String : public std::string {
+class QEL_API String : public std::string {
  public:
   using std::string::string;
   String() = default;
@@ -42,7 +44,7 @@ class String : public std::string {
 };
 using String8 = String;
 
-class Name : public std::string {
+class QEL_API Name : public std::string {
  public:
   using std::string::string;
   Name() = default;

@@ -1,0 +1,303 @@
+#include "Ledra/DirMounter.h"
+
+#include <vector>
+
+#include "Ledra/TraceFacility.h"
+#include "Qel/Assert.h"
+
+namespace Ledra {
+
+namespace {
+
+std::vector<Qel::Name> components(Qel::String const& path) {
+  std::vector<Qel::Name> out;
+  std::size_t pos = 0;
+  while (pos <= path.size()) {
+    std::size_t slash = path.find('/', pos);
+    if (slash == std::string::npos) slash = path.size();
+    if (slash > pos) out.emplace_back(path.substr(pos, slash - pos));
+    pos = slash + 1;
+  }
+  return out;
+}
+
+Qel::String childPath(Qel::String const& dir, Qel::Name const& name) {
+  if (!dir.empty() && dir.back() == '/') return Qel::String(dir + name);
+  return Qel::String(dir + "/" + name);
+}
+
+// Clears a flag on every way out of a scope.
+struct FlagScope {
+  bool& flag;
+  explicit FlagScope(bool& f) : flag(f) { flag = true; }
+  ~FlagScope() { flag = false; }
+};
+
+}  // namespace
+
+Qel::Name DirMounter::EntryMount::entryName() const {
+  std::size_t const slash = path_.rfind('/');
+  if (slash == std::string::npos) return Qel::Name(path_);
+  return Qel::Name(path_.substr(slash + 1));
+}
+
+Qel::String DirMounter::EntryMount::text() const {
+  return Qel::String(path_ + " (" + type_ + ") " + flags_);
+}
+
+Qel::QelType const* DirMounter::EntryMount::staticType() {
+  using Boxed = Qel::BoxedValue<EntryMount>;
+  static Qel::QelType const* t = [] {
+    Qel::TypeBuilder<Boxed> b("Ledra::DirMounter::EntryMount", Qel::QelType::Kind::value);
+    b.value<Qel::String>("path", [](Boxed const& m) { return m.value().path(); })
+        .value<Qel::String>("type", [](Boxed const& m) { return m.value().type(); })
+        .value<Qel::String>("flags", [](Boxed const& m) { return m.value().flags(); });
+    b.type().boxerIs([](void const* native) {
+      return Qel::GenericIf::PtrConst(Boxed::make(*static_cast<EntryMount const*>(native)));
+    });
+    return b.done();
+  }();
+  return t;
+}
+
+DirMounter::DirMounter(Qel::Name name) : Entity(std::move(name)), reactor_(this), retry_(this) {}
+
+DirMounter::~DirMounter() = default;
+
+void DirMounter::timeMinIs(Qel::Time t) {
+  QEL_ASSERT(retry_.notifier() && "DirMounter retry without a clock");
+  retry_.timeMinIs(t);
+}
+
+void DirMounter::dirEntryMounterIs(Qel::Name const& name, EntryMount const& m) {
+  hasDirEntryMounter_ = true;
+  dirEntryName_ = name;
+  dirEntryMount_ = m;
+}
+
+void DirMounter::dirEntryMounterDel() {
+  hasDirEntryMounter_ = false;
+  dirEntryName_.clear();
+  dirEntryMount_ = EntryMount();
+}
+
+DirMounter::EntryMount DirMounter::deferredMount(Qel::U32 index) const {
+  auto it = deferredMount_.find(index);
+  return it == deferredMount_.end() ? EntryMount() : it->second;
+}
+
+DirMounter::EntryMount DirMounter::deferredMountFront() const {
+  return deferredMount_.empty() ? EntryMount() : deferredMount_.begin()->second;
+}
+
+Qel::U32 DirMounter::deferredMountEnq(EntryMount const& m) {
+  Qel::U32 const index = nextIndex_;
+  deferredMountIs(index, m);
+  return index;
+}
+
+DirMounter::EntryMount DirMounter::deferredMountDeq() {
+  if (deferredMount_.empty()) return EntryMount();
+  EntryMount m = deferredMount_.begin()->second;
+  deferredMountDel(deferredMount_.begin()->first);
+  return m;
+}
+
+void DirMounter::deferredMountIs(Qel::U32 index, EntryMount const& m) {
+  auto [it, inserted] = deferredMount_.try_emplace(index, m);
+  Qel::String replaced;
+  if (!inserted) {
+    if (it->second == m) return;
+    replaced = it->second.path();
+    it->second = m;
+  }
+  if (index >= nextIndex_) nextIndex_ = index + 1;
+  notifyKey(kDeferredMount, index);
+  if (!replaced.empty() && replaced != m.path()) deferredMountPathRelease(replaced);
+  deferredMountPathsIs(m.path(), true);
+}
+
+void DirMounter::deferredMountDel(Qel::U32 index) {
+  auto it = deferredMount_.find(index);
+  if (it == deferredMount_.end()) return;
+  Qel::String const path = it->second.path();
+  deferredMount_.erase(it);
+  notifyKey(kDeferredMount, index);
+  deferredMountPathRelease(path);
+}
+
+void DirMounter::deferredMountPathRelease(Qel::String const& path) {
+  for (auto const& [index, m] : deferredMount_) {
+    if (m.path() == path) return;
+  }
+  deferredMountPathsDel(path);
+}
+
+bool DirMounter::deferredMountPaths(Qel::String const& path) const {
+  auto it = deferredMountPaths_.find(path);
+  return it != deferredMountPaths_.end() && it->second;
+}
+
+void DirMounter::deferredMountPathsIs(Qel::String const& path, bool v) {
+  auto [it, inserted] = deferredMountPaths_.try_emplace(path, v);
+  if (!inserted) {
+    if (it->second == v) return;
+    it->second = v;
+  }
+  notifyKey(kDeferredMountPaths, path);
+}
+
+void DirMounter::deferredMountPathsDel(Qel::String const& path) {
+  if (deferredMountPaths_.erase(path) == 0) return;
+  notifyKey(kDeferredMountPaths, path);
+}
+
+void DirMounter::dirPathReactorIs(Qel::Dir::PtrConst const& dir, Qel::String const& dirPath,
+                                  Qel::Name const& awaited) {
+  watchedPath_ = dirPath;
+  awaited_ = awaited;
+  reactor_.notifierIs(dir);
+}
+
+void DirMounter::dirPathReactorDel() {
+  reactor_.notifierIs(nullptr);
+  watchedPath_.clear();
+  awaited_.clear();
+}
+
+void DirMounter::start() {
+  QEL_ASSERT(!started_ && "DirMounter started twice");
+  QEL_ASSERT(!mountPath_.empty() && "DirMounter without a mount path");
+  started_ = true;
+  PtrConst keepAlive(refCount() > 0 ? this : nullptr);
+  TRACE(LedraPlatform, 5, "DirMounter {} starts on {}", name(), mountPath_);
+  handleInit();
+  components_ = components(mountPath_);
+  Qel::Dir::PtrConst from = parentDir_ ? Qel::Dir::PtrConst(parentDir_) : Qel::globalDir();
+  std::size_t index = 0;
+  if (parentDir_) {
+    std::vector<Qel::Name> const prefix = components(parentDir_->fullName());
+    bool const ancestor = prefix.size() <= components_.size() &&
+                          std::equal(prefix.begin(), prefix.end(), components_.begin());
+    QEL_ASSERT(ancestor && "DirMounter parent dir is not an ancestor of the mount path");
+    index = prefix.size();
+  }
+  search(from, index);
+}
+
+void DirMounter::search(Qel::Dir::PtrConst dir, std::size_t index) {
+  while (index < components_.size()) {
+    Qel::Entity::Ptr e = dir->entry(components_[index]);
+    auto const* next = dynamic_cast<Qel::Dir const*>(e.ptr());
+    if (!next) {
+      posIs(static_cast<unsigned>(index));
+      TRACE(LedraPlatform, 6, "DirMounter {} waits for {} in {}", name(), components_[index],
+            dir->fullName());
+      dirPathReactorIs(dir, dir->fullName(), components_[index]);
+      return;
+    }
+    dir = Qel::Dir::PtrConst(next);
+    ++index;
+  }
+  posIs(static_cast<unsigned>(index));
+  dirFoundIs(dir);
+}
+
+void DirMounter::dirFoundIs(Qel::Dir::PtrConst const& dir) {
+  dirFound_ = true;
+  dirPathReactorIs(dir, mountPath_, {});
+  std::vector<std::pair<Qel::Name, Qel::Entity::Ptr>> const present(dir->entryMap().begin(),
+                                                                    dir->entryMap().end());
+  {
+    // Rounds started by the handlers wait until every present entry has been seen.
+    FlagScope scanning(inRound_);
+    for (auto const& [entryName, entity] : present) {
+      if (complete_) return;
+      if (dir->entry(entryName) != entity) continue;  // removed by an earlier handler
+      if (queueExistingEntries_) {
+        entryQueue(entryName);
+      } else {
+        queuedEntries_.insert(entryName);
+      }
+      handleExistingDirEntry(entity, childPath(mountPath_, entryName));
+    }
+  }
+  doMountRequests();
+}
+
+void DirMounter::onDirEntry(Qel::Name const& name) {
+  if (complete_ || !started_) return;
+  PtrConst keepAlive(refCount() > 0 ? this : nullptr);
+  Qel::Dir::PtrConst dir = reactor_.notifier();
+  if (!awaited_.empty()) {
+    if (name != awaited_) return;
+    search(dir, pos_);
+    return;
+  }
+  if (!dir->entry(name)) return;  // a removal
+  if (!entryQueue(name)) return;
+  // While a retry is pending the new entry waits for it, behind the entry that is waiting.
+  if (retry_.timeMin() != Qel::kNever) return;
+  doMountRequests();
+}
+
+bool DirMounter::entryQueue(Qel::Name const& name) {
+  if (!queuedEntries_.insert(name).second) return false;
+  Qel::String const path = childPath(mountPath_, name);
+  if (deferredMountPaths(path)) return false;
+  deferredMountEnq(EntryMount(path, entityType_, mountFlags_));
+  return true;
+}
+
+void DirMounter::doMountRequests() {
+  if (!dirFound_ || complete_) return;
+  if (inRound_) {
+    roundAgain_ = true;
+    return;
+  }
+  PtrConst keepAlive(refCount() > 0 ? this : nullptr);
+  {
+    FlagScope round(inRound_);
+    do {
+      roundAgain_ = false;
+      // Each queued entry at most once per pass, even if the derived class requeues it.
+      std::size_t budget = deferredMount_.size();
+      while (budget-- > 0 && !deferredMount_.empty() && !complete_) {
+        auto const [index, mount] = *deferredMount_.begin();
+        entryNameIs(mount.entryName());
+        dirEntryMounterIs(mount.entryName(), mount);
+        handleMountRequest();
+        if (!deferredMount_.empty() && deferredMount_.begin()->first == index) break;
+      }
+    } while (roundAgain_ && !complete_);
+    dirEntryMounterDel();
+  }
+  completeIfDone();
+}
+
+void DirMounter::completeIfDone() {
+  if (!dirFound_ || complete_ || inRound_ || !deferredMount_.empty()) return;
+  PtrConst keepAlive(refCount() > 0 ? this : nullptr);
+  complete_ = true;
+  Qel::Dir::PtrConst dir = reactor_.notifier();
+  dirPathReactorDel();
+  retry_.timeMinIs(Qel::kNever);
+  TRACE(LedraPlatform, 5, "DirMounter {} complete on {}", name(), mountPath_);
+  notify(kComplete);
+  handleComplete(Qel::Entity::Ptr(const_cast<Qel::Dir*>(dir.ptr())));
+}
+
+Qel::QelType const* DirMounter::staticType() {
+  static Qel::QelType const* t = [] {
+    Qel::TypeBuilder<DirMounter> b("Ledra::DirMounter");
+    qelAttributes(b);
+    return b.done();
+  }();
+  return t;
+}
+
+namespace {
+[[maybe_unused]] Qel::QelType const* const kRegistered = DirMounter::staticType();
+}
+
+}  // namespace Ledra

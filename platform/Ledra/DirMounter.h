@@ -1,0 +1,320 @@
+// Ledra::DirMounter: the base of a directory mounter, which mounts the entries of a directory one
+// by one, including entries that appear while it works. A derived class does the mounting; the
+// base finds the directory, watches it, queues the entry mounts and calls the derived class's four
+// handlers in a fixed order.
+//
+// Configuration (before start()): mountPath (the directory), entityType and mountFlags (given to
+// each entry mount), parentDir (where the search for the directory starts: an ancestor of the
+// mount path, the global root by default), clock (the clock of the retry timer).
+//
+// start(), once:
+//   1. handleInit().
+//   2. The search: from parentDir, descend the mount path component by component. When a
+//      component is missing (or is not a Qel::Dir yet) the base watches the deepest directory
+//      found for it (dirPathReactorIs(dir, dirPath, component); pos() = the number of
+//      components found) and goes on when it appears.
+//   3. Directory found: the base watches it for entries (dirPathReactorIs(dir, mountPath, "")),
+//      and for each entry present, in name order, queues an entry mount
+//      (EntryMount(entryPath, entityType, mountFlags)) and calls
+//      handleExistingDirEntry(entry, entryPath). Then a mount round runs. A derived class that
+//      mounts the present entries itself in handleExistingDirEntry turns the queueing of present
+//      entries off (queueExistingEntriesIs(false)), so that each is mounted once.
+//   4. A mount round: while entries are queued, the base names the oldest (entryNameIs, and
+//      dirEntryMounterIs(name, mount)) and calls handleMountRequest(). The derived class mounts
+//      the entry and removes it with deferredMountDeq(), or leaves it queued to retry later and
+//      arms the retry timer (timeMinIs(now + delay)); an entry left at the head ends the round.
+//   5. An entry that appears in the directory later is queued; it starts a round unless a retry
+//      is pending (then it waits for the retry, behind the entry that waits). Each entry is
+//      queued once for the life of the mounter (its name is remembered): an entry removed and
+//      added again is not queued again, and a queued entry that turns up again (a waiting entry
+//      created at last) is mounted by the next retry, not at once.
+//   6. The retry timer firing starts a round.
+//   7. Done: the directory was found and no entry mount is queued (every entry that was present
+//      when the directory was found, and every one that appeared before that point, was taken
+//      off the queue). The base stops watching, disarms the timer and calls handleComplete(dir)
+//      once. Entries that appear afterwards are not mounted.
+// A handler may add entries to the directory (re-entrance): they are queued and handled in the
+// running round. handleComplete may drop the last reference to the mounter: the base keeps it
+// alive until its own call returns.
+//
+// The deferred mount queue (deferredMount, keyed by a running index, oldest first) and the set of
+// queued paths (deferredMountPaths) are the base's attributes and notify each change; the derived
+// class may also edit them. Single-threaded, on the event loop's thread.
+#pragma once
+
+#include <map>
+#include <set>
+
+#include "Qel/Api.h"
+#include "Qel/BoxedValue.h"
+#include "Qel/Clock.h"
+#include "Qel/Dir.h"
+#include "Qel/Entity.h"
+#include "Qel/Notifiee.h"
+#include "Qel/TypeBuilder.h"
+
+namespace Ledra {
+
+class QEL_API DirMounter : public Qel::Entity {
+ public:
+  using Ptr = Qel::Ptr<DirMounter>;
+  using PtrConst = Qel::Ptr<DirMounter const>;
+  enum : Qel::AttributeId {
+    kMountPath = 1,
+    kEntityType,
+    kMountFlags,
+    kEntryName,
+    kPos,
+    kDeferredMount,
+    kDeferredMountPaths,
+    kComplete,
+  };
+
+  // The mount of one entry: its path, entity type and flags. Compared by value.
+  class QEL_API EntryMount {
+   public:
+    static constexpr bool kQelValueType = true;
+    EntryMount() = default;
+    EntryMount(Qel::String path, Qel::String type, Qel::String flags)
+        : path_(std::move(path)), type_(std::move(type)), flags_(std::move(flags)) {}
+
+    Qel::String const& path() const { return path_; }
+    Qel::String const& type() const { return type_; }
+    Qel::String const& flags() const { return flags_; }
+    bool empty() const { return path_.empty(); }
+    // The last component of the path.
+    Qel::Name entryName() const;
+
+    friend bool operator==(EntryMount const&, EntryMount const&) = default;
+    // "path (type) flags"
+    Qel::String text() const;
+    static Qel::QelType const* staticType();
+
+   private:
+    Qel::String path_;
+    Qel::String type_;
+    Qel::String flags_;
+  };
+
+  using DeferredMountMap = std::map<Qel::U32, EntryMount>;
+  using DeferredMountPathMap = std::map<Qel::String, bool>;
+
+  template <class N>
+  class NotifieeT;
+  using Notifiee = NotifieeT<DirMounter>;
+  using NotifieeConst = NotifieeT<DirMounter const>;
+
+  // Configuration.
+  Qel::String const& mountPath() const { return mountPath_; }
+  void mountPathIs(Qel::String const& p) { store(mountPath_, p, kMountPath); }
+  Qel::String const& entityType() const { return entityType_; }
+  void entityTypeIs(Qel::String const& t) { store(entityType_, t, kEntityType); }
+  Qel::String const& mountFlags() const { return mountFlags_; }
+  void mountFlagsIs(Qel::String const& f) { store(mountFlags_, f, kMountFlags); }
+  Qel::Dir::Ptr const& parentDir() const { return parentDir_; }
+  void parentDirIs(Qel::Dir::Ptr const& d) { parentDir_ = d; }
+  // Whether the entries present when the directory is found are queued (true at creation).
+  bool queueExistingEntries() const { return queueExistingEntries_; }
+  void queueExistingEntriesIs(bool v) { queueExistingEntries_ = v; }
+  Qel::Clock::PtrConst const& clock() const { return retry_.notifier(); }
+  void clockIs(Qel::Clock::PtrConst const& c) { retry_.notifierIs(c); }
+
+  // The retry timer: a round starts when the clock reaches `t` (kNever disarms).
+  void timeMinIs(Qel::Time t);
+  Qel::Time timeMin() const { return retry_.timeMin(); }
+
+  // The entry of the present mount request.
+  Qel::String const& entryName() const { return entryName_; }
+  void entryNameIs(Qel::String const& n) { store(entryName_, n, kEntryName); }
+  bool hasDirEntryMounter() const { return hasDirEntryMounter_; }
+  Qel::Name const& dirEntryMounterName() const { return dirEntryName_; }
+  EntryMount const& dirEntryMounter() const { return dirEntryMount_; }
+  void dirEntryMounterIs(Qel::Name const& name, EntryMount const& m);
+  void dirEntryMounterDel();
+
+  // The number of components of the mount path found so far.
+  unsigned pos() const { return pos_; }
+  void posIs(unsigned p) { store(pos_, p, kPos); }
+
+  // The queue of entry mounts, oldest first.
+  DeferredMountMap const& deferredMount() const { return deferredMount_; }
+  EntryMount deferredMount(Qel::U32 index) const;
+  std::size_t deferredMounts() const { return deferredMount_.size(); }
+  // The oldest queued mount; empty when none.
+  EntryMount deferredMountFront() const;
+  // Appends `m`; returns its index.
+  Qel::U32 deferredMountEnq(EntryMount const& m);
+  // Removes and returns the oldest; empty when none.
+  EntryMount deferredMountDeq();
+  void deferredMountIs(Qel::U32 index, EntryMount const& m);
+  void deferredMountDel(Qel::U32 index);
+
+  // The paths of the queued entry mounts (kept by the queue operations above).
+  DeferredMountPathMap const& deferredMountPaths() const { return deferredMountPaths_; }
+  bool deferredMountPaths(Qel::String const& path) const;
+  void deferredMountPathsIs(Qel::String const& path, bool v);
+  void deferredMountPathsDel(Qel::String const& path);
+
+  // The watch: on `dir` (at `dirPath`) for the entry `awaited` to appear, or, with an empty
+  // `awaited`, for the entries of the mounted directory itself.
+  void dirPathReactorIs(Qel::Dir::PtrConst const& dir, Qel::String const& dirPath,
+                        Qel::Name const& awaited);
+  void dirPathReactorDel();
+  Qel::Dir::PtrConst watchedDir() const { return reactor_.notifier(); }
+  Qel::String const& watchedPath() const { return watchedPath_; }
+  Qel::Name const& awaitedEntry() const { return awaited_; }
+
+  void start();
+  bool started() const { return started_; }
+  bool dirFound() const { return dirFound_; }
+  bool complete() const { return complete_; }
+
+  // The derived class's part; see the header comment.
+  virtual void handleInit() {}
+  virtual void handleExistingDirEntry(Qel::Entity::Ptr const& entity, Qel::String path) {}
+  virtual void handleMountRequest() = 0;
+  virtual void handleComplete(Qel::Entity::Ptr const& entity) {}
+
+  Qel::QelType const* fwkType() const override { return staticType(); }
+  static Qel::QelType const* staticType();
+  // Adds the base's attributes to the reflection of a derived type D, right after "name", so that
+  // they keep the ids of the enum above.
+  template <class D>
+  static void qelAttributes(Qel::TypeBuilder<D>& b);
+
+ protected:
+  explicit DirMounter(Qel::Name name);
+  ~DirMounter() override;
+
+ private:
+  class DirPathReactor : public Qel::Dir::NotifieeConst {
+   public:
+    explicit DirPathReactor(DirMounter* owner) : owner_(owner) {}
+    void onEntry(Qel::Name const& name) override { owner_->onDirEntry(name); }
+
+   private:
+    DirMounter* owner_;
+  };
+  class RetryTimer : public Qel::Clock::Notifiee {
+   public:
+    explicit RetryTimer(DirMounter* owner) : owner_(owner) {}
+    void onTime() override { owner_->doMountRequests(); }
+
+   private:
+    DirMounter* owner_;
+  };
+
+  template <class T>
+  void store(T& field, T const& v, Qel::AttributeId aid) {
+    if (field == v) return;
+    field = v;
+    notify(aid);
+  }
+  void search(Qel::Dir::PtrConst dir, std::size_t index);
+  void dirFoundIs(Qel::Dir::PtrConst const& dir);
+  void onDirEntry(Qel::Name const& name);
+  // Queues the entry's mount; false when it was queued before.
+  bool entryQueue(Qel::Name const& name);
+  void doMountRequests();
+  void completeIfDone();
+  void deferredMountPathRelease(Qel::String const& path);
+
+  Qel::String mountPath_;
+  Qel::String entityType_;
+  Qel::String mountFlags_;
+  Qel::Dir::Ptr parentDir_;
+  Qel::String entryName_;
+  bool hasDirEntryMounter_ = false;
+  Qel::Name dirEntryName_;
+  EntryMount dirEntryMount_;
+  unsigned pos_ = 0;
+  DeferredMountMap deferredMount_;
+  Qel::U32 nextIndex_ = 0;
+  DeferredMountPathMap deferredMountPaths_;
+  std::vector<Qel::Name> components_;
+  std::set<Qel::Name> queuedEntries_;
+  Qel::String watchedPath_;
+  Qel::Name awaited_;
+  bool queueExistingEntries_ = true;
+  bool started_ = false;
+  bool dirFound_ = false;
+  bool complete_ = false;
+  bool inRound_ = false;
+  bool roundAgain_ = false;
+  DirPathReactor reactor_;
+  RetryTimer retry_;
+};
+
+template <class N>
+class DirMounter::NotifieeT : public Qel::BasicNotifiee<N> {
+ public:
+  using Qel::BasicNotifiee<N>::BasicNotifiee;
+  virtual void onMountPath() {}
+  virtual void onEntityType() {}
+  virtual void onMountFlags() {}
+  virtual void onEntryName() {}
+  virtual void onPos() {}
+  virtual void onDeferredMount(Qel::U32 index) {}
+  virtual void onDeferredMountPaths(Qel::String const& path) {}
+  virtual void onComplete() {}
+  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
+    switch (aid) {
+      case kMountPath:
+        return onMountPath();
+      case kEntityType:
+        return onEntityType();
+      case kMountFlags:
+        return onMountFlags();
+      case kEntryName:
+        return onEntryName();
+      case kPos:
+        return onPos();
+      case kDeferredMount:
+        return onDeferredMount(*static_cast<Qel::U32 const*>(key.native));
+      case kDeferredMountPaths:
+        return onDeferredMountPaths(*static_cast<Qel::String const*>(key.native));
+      case kComplete:
+        return onComplete();
+      default:
+        return;
+    }
+  }
+};
+
+template <class D>
+void DirMounter::qelAttributes(Qel::TypeBuilder<D>& b) {
+  using Qel::String;
+  b.template value<String>(
+       "mountPath", [](D const& m) { return m.mountPath(); },
+       [](D& m, String const& v) { m.mountPathIs(v); })
+      .template value<String>(
+          "entityType", [](D const& m) { return m.entityType(); },
+          [](D& m, String const& v) { m.entityTypeIs(v); })
+      .template value<String>(
+          "mountFlags", [](D const& m) { return m.mountFlags(); },
+          [](D& m, String const& v) { m.mountFlagsIs(v); })
+      .template value<String>(
+          "entryName", [](D const& m) { return m.entryName(); },
+          [](D& m, String const& v) { m.entryNameIs(v); })
+      .template value<Qel::U32>(
+          "pos", [](D const& m) { return m.pos(); }, [](D& m, Qel::U32 v) { m.posIs(v); })
+      .template collection<Qel::U32, EntryMount>(
+          "deferredMount",
+          [](D const& m, Qel::U32 i) -> std::optional<EntryMount> {
+            auto it = m.deferredMount().find(i);
+            if (it == m.deferredMount().end()) return std::nullopt;
+            return it->second;
+          },
+          [](D const& m) { return m.deferredMounts(); })
+      .template collection<String, bool>(
+          "deferredMountPaths",
+          [](D const& m, String const& p) -> std::optional<bool> {
+            auto it = m.deferredMountPaths().find(p);
+            if (it == m.deferredMountPaths().end()) return std::nullopt;
+            return it->second;
+          },
+          [](D const& m) { return m.deferredMountPaths().size(); })
+      .template value<bool>("complete", [](D const& m) { return m.complete(); });
+}
+
+}  // namespace Ledra

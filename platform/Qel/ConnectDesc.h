@@ -1,0 +1,44 @@
+// Qel::ConnectDesc: the connect descriptor of a mount, the key under which a mount table keeps
+// the status of the mount of one path. Built from the mounted path (without query); ordered and
+// hashed by it, printed as it. A plain value, registered with the reflection as "Qel::ConnectDesc".
+#pragma once
+
+#include "Qel/Api.h"
+
+#include <compare>
+#include <functional>
+
+#include "Qel/BoxedValue.h"
+#include "Qel/Types.h"
+
+namespace Qel {
+
+class QEL_API ConnectDesc {
+ public:
+  static constexpr bool kQelValueType = true;
+
+  ConnectDesc() = default;
+  explicit ConnectDesc(String path) : path_(std::move(path)) {}
+
+  String const& path() const { return path_; }
+  String text() const { return path_; }
+
+  friend bool operator==(ConnectDesc const&, ConnectDesc const&) = default;
+  friend std::strong_ordering operator<=>(ConnectDesc const& a, ConnectDesc const& b) {
+    return a.path_.compare(b.path_) <=> 0;
+  }
+
+  static QelType const* staticType();
+
+ private:
+  String path_;
+};
+
+}  // namespace Qel
+
+template <>
+struct std::hash<Qel::ConnectDesc> {
+  std::size_t operator()(Qel::ConnectDesc const& cd) const noexcept {
+    return std::hash<Qel::String>()(cd.path());
+  }
+};

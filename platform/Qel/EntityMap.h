@@ -1,0 +1,54 @@
+// EntityMap<E>: the storage of a collection of entities owned by another entity, keyed by name.
+// Inserting sets the child's parent to the owner, removing clears it, and so does the owner's
+// destruction, so that an entity still held elsewhere is seen as cut off from the tree. The owner
+// notifies; the map only keeps the parents right. Unordered. Single-threaded.
+#pragma once
+
+#include <unordered_map>
+
+#include "Qel/Entity.h"
+
+namespace Qel {
+
+template <class E>
+class EntityMap {
+ public:
+  using Map = std::unordered_map<Name, Ptr<E>>;
+
+  explicit EntityMap(Entity* owner) : owner_(owner) {}
+  EntityMap(EntityMap const&) = delete;
+  EntityMap& operator=(EntityMap const&) = delete;
+  ~EntityMap() {
+    for (auto& [name, e] : map_)
+      e->qelParentIs(nullptr);
+  }
+
+  Ptr<E> find(Name const& name) const {
+    auto it = map_.find(name);
+    return it == map_.end() ? nullptr : it->second;
+  }
+  std::size_t size() const { return map_.size(); }
+  bool empty() const { return map_.empty(); }
+  Map const& map() const { return map_; }
+  Name const& anyName() const { return map_.begin()->first; }
+
+  void insert(Ptr<E> const& e) {
+    map_.emplace(e->name(), e);
+    e->qelParentIs(owner_);
+  }
+  // Removes and returns the entity, or null when absent.
+  Ptr<E> erase(Name const& name) {
+    auto it = map_.find(name);
+    if (it == map_.end()) return nullptr;
+    Ptr<E> e = std::move(it->second);
+    map_.erase(it);
+    e->qelParentIs(nullptr);
+    return e;
+  }
+
+ private:
+  Entity* owner_;
+  Map map_;
+};
+
+}  // namespace Qel

@@ -1,0 +1,166 @@
+// Qel::NboAttrLog::Demuxer: one agent connection of the database (its attribute-log
+// demultiplexer), named after the connection.
+//
+// Mount requests. The demuxer owns the connection's peer MountTable (peer(); outMount() is the
+// same table, so that one table holds configurations, statuses and path states) and binds itself
+// to it: installing a changed configuration on the table (MountTable::confIs) sends a mount
+// request. For each request, in this order: the table's status for the path becomes
+// inProgress_, seqno() rises by one, flowOutMountRequests() (the count of requests not yet
+// answered) rises by one, and the transport gets the URI "path?flags=<letters>", the type name and
+// the sequence number. The answer (mountAnswered) first sets the status (complete_, or failed_
+// with the peer's exception text), then lowers the count; each change notifies.
+//
+// Closing. close(reason, notifyPeer, deferred, removeStatus):
+//   - notifyPeer: the peer is told the reason (the transport closes with it); otherwise the
+//     connection simply drops.
+//   - deferred: the close waits until every outgoing mount request has been answered (the
+//     demuxer is closing(): it sends no new request meanwhile); otherwise it closes at once and
+//     unanswered requests stay unanswered.
+//   - removeStatus: the connection's status record leaves the connection status directory when
+//     the connection has gone (the normal case: whoever watches the directory then tears down
+//     what it holds for the connection); otherwise the record stays, marked not connected, until
+//     the connection name connects again.
+// The first close wins (a later one only turns a pending deferred close into an immediate one).
+// The transport tears the connection down on a later turn of the event loop, never from inside
+// close(), so a handler may close the connection that is notifying it. peerClosed(reason) records
+// a close that came from the peer. After the close no request is sent: a configuration installed
+// then is stored with status failed_ and the text "connection closed: <reason>"; answers are
+// ignored.
+//
+// epoch() numbers the incarnations of a connection name (a reconnect gets a higher one); both it
+// and the peer are fixed at creation. lowMountPrio marks a connection whose mounts are served at
+// low priority; lowMountPrioSets() counts every call of lowMountPrioIs (tests check that it is set
+// exactly once). pathServed records the database's report that a path is served by a mount already
+// in place; it is passed on to the transport.
+//
+// Single-threaded, on the event loop's thread.
+#pragma once
+
+#include "Qel/Api.h"
+
+#include <map>
+
+#include "Qel/Entity.h"
+#include "Qel/MountTable.h"
+#include "Qel/NboAttrLog/Transport.h"
+#include "Qel/Notifiee.h"
+
+namespace Qel::NboAttrLog {
+
+class QEL_API Demuxer : public Entity {
+ public:
+  using Ptr = Qel::Ptr<Demuxer>;
+  using PtrConst = Qel::Ptr<Demuxer const>;
+  using PathServedMap = std::map<String, bool>;
+  enum : AttributeId {
+    kPeer = 1,
+    kEpoch,
+    kFlowOutMountRequests,
+    kLowMountPrio,
+    kSeqno,
+    kClosed,
+    kCloseReason,
+    kPathServed,
+  };
+
+  template <class N>
+  class NotifieeT;
+  using Notifiee = NotifieeT<Demuxer>;
+  using NotifieeConst = NotifieeT<Demuxer const>;
+
+  // A connection named `name` over `transport` (may be null: nothing is sent), with `peer` as
+  // its peer table (null: a new table of the same name).
+  static Ptr demuxerNew(Name const& name, MountTable::Ptr peer, Transport::Ptr transport,
+                        U32 epoch = 1);
+
+  MountTable::Ptr const& peer() const { return peer_; }
+  MountTable::Ptr const& outMount() const { return peer_; }
+  U32 epoch() const { return epoch_; }
+  // The sequence number of the latest mount request; 0 before the first.
+  U32 seqno() const { return seqno_; }
+  U32 flowOutMountRequests() const { return flowOutMountRequests_; }
+  // Unanswered requests for one path.
+  U32 flowOutMountRequests(String const& path) const;
+
+  bool lowMountPrio() const { return lowMountPrio_; }
+  void lowMountPrioIs(bool v);
+  U32 lowMountPrioSets() const { return lowMountPrioSets_; }
+
+  PathServedMap const& pathServed() const { return pathServed_; }
+  bool pathServed(String const& path) const;
+  void pathServedIs(String const& path, bool served);
+
+  Transport::Ptr const& transport() const { return transport_; }
+
+  // See the header comment.
+  void close(String const& reason, bool notifyPeer, bool deferred, bool removeStatus);
+  // The peer closed the connection (or it was lost).
+  void peerClosed(String const& reason);
+  bool closed() const { return closed_; }
+  // A deferred close is waiting for the outstanding answers.
+  bool closing() const { return closing_; }
+  String const& closeReason() const { return closeReason_; }
+
+  // Sends the mount request for `conf` (called by the peer table's confIs).
+  void mountRequest(MountTable::Conf const& conf);
+  // The peer's answer to the oldest unanswered request for `path`. False (and nothing changes)
+  // when no request for the path is outstanding or the connection is closed.
+  bool mountAnswered(String const& path, bool ok, String const& exceptionText);
+
+  QelType const* fwkType() const override { return staticType(); }
+  static QelType const* staticType();
+
+ protected:
+  Demuxer(Name name, MountTable::Ptr peer, Transport::Ptr transport, U32 epoch);
+  ~Demuxer() override;
+
+ private:
+  void closeNow();
+
+  MountTable::Ptr const peer_;
+  U32 const epoch_;
+  Transport::Ptr transport_;
+  U32 seqno_ = 0;
+  U32 flowOutMountRequests_ = 0;
+  std::map<String, U32> outstanding_;
+  bool lowMountPrio_ = false;
+  U32 lowMountPrioSets_ = 0;
+  PathServedMap pathServed_;
+  bool closed_ = false;
+  bool closing_ = false;
+  bool closeNotifiesPeer_ = false;
+  bool closeRemovesStatus_ = true;
+  String closeReason_;
+};
+
+template <class N>
+class Demuxer::NotifieeT : public BasicNotifiee<N> {
+ public:
+  using BasicNotifiee<N>::BasicNotifiee;
+  virtual void onFlowOutMountRequests() {}
+  virtual void onLowMountPrio() {}
+  virtual void onSeqno() {}
+  virtual void onClosed() {}
+  virtual void onCloseReason() {}
+  virtual void onPathServed(String const& path) {}
+  void qelDispatch(AttributeId aid, NotifyKey const& key) override {
+    switch (aid) {
+      case kFlowOutMountRequests:
+        return onFlowOutMountRequests();
+      case kLowMountPrio:
+        return onLowMountPrio();
+      case kSeqno:
+        return onSeqno();
+      case kClosed:
+        return onClosed();
+      case kCloseReason:
+        return onCloseReason();
+      case kPathServed:
+        return onPathServed(*static_cast<String const*>(key.native));
+      default:
+        return;
+    }
+  }
+};
+
+}  // namespace Qel::NboAttrLog

@@ -1,0 +1,141 @@
+// The process's connection configuration and status directories and the status record of one
+// connection: idempotent registration, appearance and departure notified by name, fields
+// notified once per change.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "Ledra/ConnMgrHelper.h"
+#include "Qel/Exception.h"
+#include "Qel/QelType.h"
+#include "support/LeakCheck.h"
+
+namespace {
+
+using Ledra::ConnectionStatusDir;
+using Ledra::ConnMgrHelper;
+using Ledra::PassiveConnectionStatus;
+
+class ConnectionDirsTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  void TearDown() override {
+    ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
+    ConnMgrHelper::connectionStatusDir()->passiveConnectionStatusDelAll();
+    LeakCheckedTest::TearDown();
+  }
+};
+
+class ConfigWatch : public Ledra::ConnectionConfigDir::NotifieeConst {
+ public:
+  std::vector<Qel::Name> names;
+  void onPassiveConnectionConfig(Qel::Name const& n) override { names.push_back(n); }
+};
+
+TEST_F(ConnectionDirsTest, HelperHandsOutOneDirectoryEach) {
+  EXPECT_EQ(ConnMgrHelper::connectionConfigDir().ptr(), ConnMgrHelper::connectionConfigDir().ptr());
+  EXPECT_EQ(ConnMgrHelper::connectionStatusDir().ptr(), ConnMgrHelper::connectionStatusDir().ptr());
+  EXPECT_EQ(ConnMgrHelper::connectionStatusDir()->fwkType()->name(), "Ledra::ConnectionStatusDir");
+}
+
+TEST_F(ConnectionDirsTest, PassiveConnectionConfigIsIdempotent) {
+  auto const& dir = ConnMgrHelper::connectionConfigDir();
+  ConfigWatch watch;
+  watch.notifierIs(dir);
+  auto first = dir->passiveConnectionConfigIs("agent-");
+  auto again = dir->passiveConnectionConfigIs("agent-");
+  EXPECT_EQ(first, again);
+  EXPECT_EQ(dir->passiveConnectionConfigs(), 1u);
+  EXPECT_EQ(dir->passiveConnectionConfig("agent-"), first);
+  EXPECT_EQ(dir->passiveConnectionConfig("agent"), nullptr);
+  EXPECT_EQ(first->parent(), dir.ptr());
+  dir->passiveConnectionConfigDel("agent-");
+  dir->passiveConnectionConfigDel("agent-");
+  EXPECT_EQ(first->parent(), nullptr);
+  EXPECT_EQ(watch.names, (std::vector<Qel::Name>{"agent-", "agent-"}));
+}
+
+// Tells appearance from departure the way a watcher must: by looking the name up.
+class StatusDirWatch : public ConnectionStatusDir::NotifieeConst {
+ public:
+  std::vector<std::string> events;
+  void onPassiveConnectionStatus(Qel::Name const& n) override {
+    bool const present = static_cast<bool>(notifier()->passiveConnectionStatus(n));
+    events.push_back((present ? "+" : "-") + n);
+  }
+};
+
+TEST_F(ConnectionDirsTest, StatusRecordsAppearAndLeaveNotifiedByName) {
+  auto const& dir = ConnMgrHelper::connectionStatusDir();
+  StatusDirWatch watch;
+  watch.notifierIs(dir);
+  auto record = PassiveConnectionStatus::passiveConnectionStatusNew("agentA");
+  record->agentNameIs("agentA");
+  dir->passiveConnectionStatusIs(record);
+  dir->passiveConnectionStatusIs(record);
+  auto created = dir->passiveConnectionStatusIs(Qel::Name("agentB"));
+  EXPECT_EQ(dir->passiveConnectionStatusIs(Qel::Name("agentB")), created);
+  try {
+    dir->passiveConnectionStatusIs(PassiveConnectionStatus::passiveConnectionStatusNew("agentA"));
+    FAIL();
+  } catch (Qel::NameInUseException const& e) {
+    EXPECT_STREQ(e.what(), "Reinstantiating the connection status with name agentA not allowed");
+  }
+  dir->passiveConnectionStatusDel("agentA");
+  dir->passiveConnectionStatusDel("agentA");
+  EXPECT_EQ(watch.events, (std::vector<std::string>{"+agentA", "+agentB", "-agentA"}));
+  EXPECT_EQ(record->parent(), nullptr);
+  EXPECT_EQ(dir->passiveConnectionStatuses(), 1u);
+}
+
+class RecordWatch : public PassiveConnectionStatus::NotifieeConst {
+ public:
+  std::vector<std::string> events;
+  // What the record said when it reported connected.
+  bool establishedAtConnect = false;
+  Qel::U32 stateAtConnect = 0;
+  void onAgentName() override { events.push_back("agentName"); }
+  void onAgentString() override { events.push_back("agentString"); }
+  void onWhiteList() override { events.push_back("whiteList"); }
+  void onEstablished() override { events.push_back("established"); }
+  void onState() override { events.push_back("state"); }
+  void onConnected() override {
+    events.push_back("connected");
+    establishedAtConnect = notifier()->established();
+    stateAtConnect = notifier()->state();
+  }
+};
+
+TEST_F(ConnectionDirsTest, StatusRecordFieldsNotifyOncePerChange) {
+  auto record = PassiveConnectionStatus::passiveConnectionStatusNew("agentA");
+  RecordWatch watch;
+  watch.notifierIs(record);
+  EXPECT_EQ(record->state(), PassiveConnectionStatus::kStateIdle);
+  EXPECT_FALSE(record->connected());
+  for (int i = 0; i < 2; ++i) {
+    record->agentNameIs("agentA");
+    record->agentStringIs("agentA slot=3");
+    record->whiteListIs(true);
+    record->establishedIs(true);
+    record->stateIs(PassiveConnectionStatus::kStateConnected);
+    record->connectedIs(true);
+  }
+  EXPECT_EQ(watch.events, (std::vector<std::string>{"agentName", "agentString", "whiteList",
+                                                    "established", "state", "connected"}));
+  EXPECT_TRUE(watch.establishedAtConnect);
+  EXPECT_EQ(watch.stateAtConnect, 2u);
+  EXPECT_EQ(record->agentString(), "agentA slot=3");
+  EXPECT_TRUE(record->whiteList());
+}
+
+TEST_F(ConnectionDirsTest, StatusRecordIsReadableAndWritableByName) {
+  auto record = PassiveConnectionStatus::passiveConnectionStatusNew("agentA");
+  record->attributeIs("state", Qel::String("2"));
+  record->attributeIs("agentString", Qel::String("x y"));
+  EXPECT_EQ(record->state(), 2u);
+  EXPECT_EQ(record->agentString(), "x y");
+  Qel::GenericIf::PtrConst g(record.ptr());
+  EXPECT_EQ(g->attribute(g->attributeId("connected"))->text(), "false");
+  EXPECT_EQ(g->attributeName(99), "unknown");
+}
+
+}  // namespace

@@ -1,0 +1,410 @@
+// The directory mounter base with a derived test mounter on a simulated clock: existing entries,
+// entries that appear later, a directory that appears later, retries, re-entrance, the order of
+// the four handlers, and the mounter dying inside its own completion.
+#include "Ledra/DirMounter.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <regex>
+#include <vector>
+
+#include "Ledra/PassiveConnectionConfig.h"
+#include "Ledra/StripString.h"
+#include "Qel/SimulatedClock.h"
+#include "support/LeakCheck.h"
+
+namespace {
+
+using Ledra::DirMounter;
+using EntryMount = DirMounter::EntryMount;
+
+// Mounts an entry when it is a directory; otherwise retries after `retryDelay` seconds.
+class TestMounter : public DirMounter {
+ public:
+  using Ptr = Qel::Ptr<TestMounter>;
+
+  static Ptr make(Qel::String const& path, Qel::String const& flags,
+                  Qel::Clock::PtrConst const& clock) {
+    Ptr m(new TestMounter);
+    m->mountPathIs(path);
+    m->mountFlagsIs(flags);
+    m->entityTypeIs("Qel::Dir");
+    m->clockIs(clock);
+    return m;
+  }
+
+  std::vector<std::string> log;
+  std::vector<Qel::Time> mountTimes;
+  std::function<void(Qel::String const&)> onExisting;
+  std::function<void()> onComplete;
+  Qel::Time retryDelay = 1.0;
+
+  void handleInit() override {
+    log.push_back("init");
+    mountFlagsIs(Ledra::stripString(mountFlags(), "DB"));
+  }
+  void handleExistingDirEntry(Qel::Entity::Ptr const& entity, Qel::String path) override {
+    log.push_back("existing " + path + (entity ? "" : " (null)"));
+    if (onExisting) onExisting(path);
+  }
+  void handleMountRequest() override {
+    Qel::String const path = mountPath() + "/" + entryName();
+    EXPECT_TRUE(hasDirEntryMounter());
+    EXPECT_EQ(dirEntryMounter().path(), path);
+    Qel::Entity::Ptr e = Qel::globalDir()->entity(path);
+    if (!dynamic_cast<Qel::Dir*>(e.ptr())) {
+      log.push_back("delay " + path);
+      timeMinIs(clock()->now() + retryDelay);
+      return;
+    }
+    EntryMount const m = deferredMountDeq();
+    log.push_back("mount " + m.path() + " " + m.flags());
+    mountTimes.push_back(clock()->now());
+  }
+  void handleComplete(Qel::Entity::Ptr const& entity) override {
+    log.push_back("complete " + entity->fullName());
+    if (onComplete) onComplete();
+  }
+
+ private:
+  TestMounter() : DirMounter("testMounter") {}
+};
+
+class DirMounterTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    clock = Qel::SimulatedClock::simulatedClockNew();
+    root = Qel::globalDir()->dirIs("dmTest");
+  }
+  void TearDown() override {
+    Qel::globalDir()->entryDel("dmTest");
+    root = nullptr;
+    clock = nullptr;
+    LeakCheckedTest::TearDown();
+  }
+  // A plain entity that is not a directory.
+  static Qel::Entity::Ptr plain(Qel::Name const& name) {
+    return Ledra::PassiveConnectionConfig::passiveConnectionConfigNew(name);
+  }
+  TestMounter::Ptr mounter(Qel::String const& path = "/dmTest/d",
+                           Qel::String const& flags = "DBw") {
+    return TestMounter::make(path, flags, clock);
+  }
+
+  Qel::SimulatedClock::Ptr clock;
+  Qel::Dir::Ptr root;
+};
+
+TEST_F(DirMounterTest, ExistingEntriesAreSeenThenMountedInNameOrderThenComplete) {
+  auto d = root->dirIs("d");
+  d->dirIs("b");
+  d->dirIs("a");
+  auto m = mounter();
+  m->start();
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init", "existing /dmTest/d/a",
+                                              "existing /dmTest/d/b", "mount /dmTest/d/a w",
+                                              "mount /dmTest/d/b w", "complete /dmTest/d"}));
+  EXPECT_TRUE(m->complete());
+  EXPECT_EQ(m->pos(), 2u);
+  EXPECT_FALSE(m->watchedDir());
+  EXPECT_FALSE(m->hasDirEntryMounter());
+  EXPECT_EQ(m->deferredMounts(), 0u);
+  EXPECT_TRUE(m->deferredMountPaths().empty());
+}
+
+TEST_F(DirMounterTest, PresentEntriesMountedByTheDerivedClassAreNotQueued) {
+  auto d = root->dirIs("d");
+  d->dirIs("a");
+  auto m = mounter();
+  m->queueExistingEntriesIs(false);
+  m->retryDelay = 5.0;
+  m->start();
+  EXPECT_EQ(m->log,
+            (std::vector<std::string>{"init", "existing /dmTest/d/a", "complete /dmTest/d"}));
+}
+
+TEST_F(DirMounterTest, PresentEntriesNotQueuedStillWaitForLaterOnes) {
+  auto d = root->dirIs("d");
+  d->dirIs("a");
+  auto m = mounter();
+  m->queueExistingEntriesIs(false);
+  // A later entry that appears while the derived class handles the present ones is queued.
+  m->onExisting = [&](Qel::String const&) { d->dirIs("b"); };
+  m->start();
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init", "existing /dmTest/d/a", "mount /dmTest/d/b w",
+                                              "complete /dmTest/d"}));
+  EXPECT_TRUE(m->complete());
+}
+
+TEST_F(DirMounterTest, EmptyDirectoryCompletesAtOnce) {
+  root->dirIs("d");
+  auto m = mounter();
+  m->start();
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init", "complete /dmTest/d"}));
+}
+
+TEST_F(DirMounterTest, EntryNotReadyIsRetriedOnTheClockUntilItIs) {
+  auto d = root->dirIs("d");
+  d->entryIs(plain("x"));
+  auto m = mounter();
+  m->start();
+  EXPECT_EQ(m->log,
+            (std::vector<std::string>{"init", "existing /dmTest/d/x", "delay /dmTest/d/x"}));
+  EXPECT_EQ(m->timeMin(), 1.0);
+  EXPECT_EQ(m->entryName(), "x");
+  clock->nowIs(1.0);
+  EXPECT_EQ(m->log.back(), "delay /dmTest/d/x");
+  clock->nowIs(2.5);
+  d->entryDel("x");
+  d->dirIs("x");
+  EXPECT_FALSE(m->complete());
+  clock->nowIs(3.5);
+  EXPECT_EQ(m->mountTimes, (std::vector<Qel::Time>{3.0}));
+  EXPECT_EQ(m->log.back(), "complete /dmTest/d");
+  EXPECT_EQ(std::count(m->log.begin(), m->log.end(), "delay /dmTest/d/x"), 3);
+  EXPECT_EQ(m->timeMin(), Qel::kNever);
+  EXPECT_EQ(clock->timers(), 0u);
+}
+
+TEST_F(DirMounterTest, EntriesAppearingLaterAreQueuedBehindTheWaitingOne) {
+  auto d = root->dirIs("d");
+  d->entryIs(plain("x"));
+  auto m = mounter();
+  m->start();
+  clock->nowIs(0.5);
+  d->dirIs("b");
+  EXPECT_EQ(m->deferredMounts(), 2u);
+  EXPECT_TRUE(m->deferredMountPaths("/dmTest/d/b"));
+  // The pending retry is kept: the new entry waits for it.
+  EXPECT_EQ(m->log.size(), 3u);
+  EXPECT_EQ(m->timeMin(), 1.0);
+  d->entryDel("x");
+  d->dirIs("x");
+  clock->nowIs(2.0);
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init", "existing /dmTest/d/x", "delay /dmTest/d/x",
+                                              "mount /dmTest/d/x w", "mount /dmTest/d/b w",
+                                              "complete /dmTest/d"}));
+  EXPECT_EQ(m->mountTimes, (std::vector<Qel::Time>{1.0, 1.0}));
+}
+
+TEST_F(DirMounterTest, NewEntryStartsARoundWhenNoRetryIsPending) {
+  auto d = root->dirIs("d");
+  d->entryIs(plain("x"));
+  auto m = mounter();
+  m->start();
+  // A derived class that gives up waiting: disarms and leaves the entry queued.
+  m->timeMinIs(Qel::kNever);
+  d->dirIs("b");
+  EXPECT_EQ(m->log.back(), "delay /dmTest/d/x");
+  EXPECT_EQ(std::count(m->log.begin(), m->log.end(), "delay /dmTest/d/x"), 2);
+}
+
+TEST_F(DirMounterTest, WaitingEntryThatTurnsUpIsMountedByTheNextRetry) {
+  auto d = root->dirIs("d");
+  d->entryIs(plain("x"));
+  auto m = mounter();
+  m->retryDelay = 5.0;
+  m->start();
+  d->entryDel("x");
+  // x stays queued although it is gone; removals queue nothing.
+  EXPECT_EQ(m->deferredMounts(), 1u);
+  d->dirIs("x");
+  // Re-adding x queues it no second time; its queued mount waits for the retry.
+  EXPECT_EQ(m->deferredMounts(), 1u);
+  clock->nowIs(5.0);
+  EXPECT_TRUE(m->complete());
+}
+
+TEST_F(DirMounterTest, DirectoryThatAppearsLaterIsFoundComponentByComponent) {
+  auto m = mounter("/dmTest/p/q/d");
+  m->start();
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init"}));
+  EXPECT_EQ(m->pos(), 1u);
+  EXPECT_EQ(m->watchedPath(), "/dmTest");
+  EXPECT_EQ(m->awaitedEntry(), "p");
+  root->dirIs("other");
+  EXPECT_EQ(m->pos(), 1u);
+  auto p = root->dirIs("p");
+  EXPECT_EQ(m->pos(), 2u);
+  EXPECT_EQ(m->awaitedEntry(), "q");
+  // A component that is no directory does not count.
+  p->entryIs(plain("q"));
+  EXPECT_EQ(m->pos(), 2u);
+  p->entryDel("q");
+  auto q = p->dirIs("q");
+  EXPECT_EQ(m->pos(), 3u);
+  auto d = Qel::Dir::dirNew("d");
+  d->dirIs("a");
+  q->entryIs(d);
+  EXPECT_EQ(m->log,
+            (std::vector<std::string>{"init", "existing /dmTest/p/q/d/a", "mount /dmTest/p/q/d/a w",
+                                      "complete /dmTest/p/q/d"}));
+  EXPECT_EQ(m->pos(), 4u);
+}
+
+TEST_F(DirMounterTest, SearchStartsAtTheGivenParentDir) {
+  auto p = root->dirIs("p");
+  auto m = mounter("/dmTest/p/d");
+  m->parentDirIs(p);
+  m->start();
+  EXPECT_EQ(m->pos(), 2u);
+  EXPECT_EQ(m->watchedDir(), p);
+  EXPECT_EQ(m->awaitedEntry(), "d");
+}
+
+TEST_F(DirMounterTest, EntriesCreatedByAHandlerAreQueuedInTheRunningScan) {
+  auto d = root->dirIs("d");
+  d->dirIs("a");
+  d->dirIs("b");
+  auto m = mounter();
+  m->onExisting = [&](Qel::String const& path) {
+    if (path == "/dmTest/d/a") d->dirIs("z");
+  };
+  m->start();
+  EXPECT_EQ(m->log,
+            (std::vector<std::string>{"init", "existing /dmTest/d/a", "existing /dmTest/d/b",
+                                      "mount /dmTest/d/a w", "mount /dmTest/d/z w",
+                                      "mount /dmTest/d/b w", "complete /dmTest/d"}));
+}
+
+TEST_F(DirMounterTest, EntryRemovedByAnEarlierHandlerIsNotReportedAsExisting) {
+  auto d = root->dirIs("d");
+  d->dirIs("a");
+  d->dirIs("b");
+  auto m = mounter();
+  m->onExisting = [&](Qel::String const&) { d->entryDel("b"); };
+  m->retryDelay = 1.0;
+  m->start();
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init", "existing /dmTest/d/a", "mount /dmTest/d/a w",
+                                              "complete /dmTest/d"}));
+}
+
+TEST_F(DirMounterTest, LaterEntriesAreIgnoredOnceComplete) {
+  auto d = root->dirIs("d");
+  auto m = mounter();
+  m->start();
+  d->dirIs("late");
+  EXPECT_EQ(m->log.size(), 2u);
+  EXPECT_EQ(d->notifiees(), 0u);
+}
+
+TEST_F(DirMounterTest, CompletionMayDropTheLastReferenceToTheMounter) {
+  auto d = root->dirIs("d");
+  d->dirIs("a");
+  TestMounter::Ptr holder = mounter();
+  TestMounter* raw = holder.ptr();
+  raw->onComplete = [&] { holder = nullptr; };
+  long const before = Qel::RefCounted::liveInstances();
+  raw->start();
+  EXPECT_FALSE(holder);
+  EXPECT_LT(Qel::RefCounted::liveInstances(), before);
+}
+
+TEST_F(DirMounterTest, CompletionFromTheRetryTimerMayDropTheLastReference) {
+  auto d = root->dirIs("d");
+  d->entryIs(plain("x"));
+  TestMounter::Ptr holder = mounter();
+  holder->onComplete = [&] { holder = nullptr; };
+  holder->start();
+  d->entryDel("x");
+  d->dirIs("x");
+  clock->nowIs(1.0);
+  EXPECT_FALSE(holder);
+  EXPECT_EQ(clock->timers(), 0u);
+}
+
+TEST_F(DirMounterTest, MounterDestroyedWhileWaitingLeavesNoTimerOrWatch) {
+  auto d = root->dirIs("d");
+  d->entryIs(plain("x"));
+  auto m = mounter("/dmTest/d");
+  m->start();
+  EXPECT_EQ(clock->timers(), 1u);
+  EXPECT_EQ(d->notifiees(), 1u);
+  m = nullptr;
+  EXPECT_EQ(clock->timers(), 0u);
+  EXPECT_EQ(d->notifiees(), 0u);
+  clock->nowIs(2.0);
+}
+
+class QueueWatch : public DirMounter::NotifieeConst {
+ public:
+  std::vector<std::string> events;
+  void onDeferredMount(Qel::U32 index) override { events.push_back("q" + std::to_string(index)); }
+  void onDeferredMountPaths(Qel::String const& p) override {
+    events.push_back(p + (notifier()->deferredMountPaths(p) ? "+" : "-"));
+  }
+  void onEntryName() override { events.push_back("entry " + notifier()->entryName()); }
+};
+
+TEST_F(DirMounterTest, DeferredQueueKeepsOrderIndexesAndPaths) {
+  auto m = mounter("/x");
+  QueueWatch w;
+  w.notifierIs(m);
+  EXPECT_EQ(m->deferredMountEnq(EntryMount("/x/a", "T", "w")), 0u);
+  EXPECT_EQ(m->deferredMountEnq(EntryMount("/x/b", "T", "w")), 1u);
+  EXPECT_EQ(m->deferredMountEnq(EntryMount("/x/a", "T", "r")), 2u);
+  EXPECT_EQ(m->deferredMountFront().path(), "/x/a");
+  EXPECT_EQ(m->deferredMountDeq(), EntryMount("/x/a", "T", "w"));
+  // Another queued mount of /x/a keeps its path in the set.
+  EXPECT_TRUE(m->deferredMountPaths("/x/a"));
+  m->deferredMountIs(7, EntryMount("/x/c", "T", "w"));
+  EXPECT_EQ(m->deferredMountEnq(EntryMount("/x/d", "T", "w")), 8u);
+  // Replacing a mount by one of another path releases the old path.
+  m->deferredMountIs(2, EntryMount("/x/e", "T", "w"));
+  EXPECT_FALSE(m->deferredMountPaths("/x/a"));
+  m->deferredMountIs(2, EntryMount("/x/e", "T", "w"));
+  m->deferredMountDel(1);
+  m->deferredMountDel(1);
+  EXPECT_EQ(m->deferredMount(7).path(), "/x/c");
+  EXPECT_TRUE(m->deferredMount(1).empty());
+  std::vector<Qel::String> order;
+  for (auto const& [i, mount] : m->deferredMount())
+    order.push_back(mount.path());
+  EXPECT_EQ(order, (std::vector<Qel::String>{"/x/e", "/x/c", "/x/d"}));
+  EXPECT_EQ(w.events,
+            (std::vector<std::string>{"q0", "/x/a+", "q1", "/x/b+", "q2", "q0", "q7", "/x/c+", "q8",
+                                      "/x/d+", "q2", "/x/a-", "/x/e+", "q1", "/x/b-"}));
+  m->deferredMountPathsIs("/x/free", false);
+  EXPECT_FALSE(m->deferredMountPaths("/x/free"));
+  m->deferredMountPathsDel("/x/free");
+  EXPECT_TRUE(m->deferredMountDeq().path() == "/x/e");
+  EXPECT_EQ(EntryMount("/x/a/b", "T", "w").entryName(), "b");
+  EXPECT_EQ(EntryMount("/x/a/b", "T", "w").text(), "/x/a/b (T) w");
+}
+
+TEST_F(DirMounterTest, ReflectionShowsTheQueue) {
+  auto d = root->dirIs("d");
+  d->entryIs(plain("x"));
+  auto m = mounter();
+  m->start();
+  Qel::GenericIf::PtrConst g(m.ptr());
+  EXPECT_EQ(g->qelType()->name(), "Ledra::DirMounter");
+  EXPECT_EQ(g->colLength(DirMounter::kDeferredMount)->valueAs<Qel::U32>(), 1u);
+  EXPECT_EQ(g->attribute(DirMounter::kMountFlags)->text(), "w");
+  EXPECT_EQ(g->attributeName(DirMounter::kComplete), "complete");
+  EXPECT_EQ(g->attribute(DirMounter::kDeferredMount, Qel::ValueTraits<Qel::U32>::box(0))->text(),
+            "/dmTest/d/x (Qel::Dir) w");
+}
+
+std::string literal(std::string const& text) {
+  return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
+}
+
+using DirMounterDeathTest = DirMounterTest;
+
+TEST_F(DirMounterDeathTest, ContractViolations) {
+  root->dirIs("d");
+  auto m = mounter();
+  m->start();
+  EXPECT_DEATH(m->start(), literal("\"DirMounter started twice\""));
+  auto noClock = TestMounter::make("/dmTest/d", "", nullptr);
+  EXPECT_DEATH(noClock->timeMinIs(1.0), literal("\"DirMounter retry without a clock\""));
+  auto stranger = mounter("/elsewhere/d");
+  stranger->parentDirIs(root);
+  EXPECT_DEATH(stranger->start(),
+               literal("\"DirMounter parent dir is not an ancestor of the mount path\""));
+}
+
+}  // namespace

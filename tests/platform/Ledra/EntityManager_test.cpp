@@ -1,0 +1,71 @@
+// The entity manager: role switching notified as onLocal(), the write-mount grant, the generic
+// view of the role enum.
+#include "Ledra/EntityManager.h"
+
+#include <gtest/gtest.h>
+
+#include "Qel/Exception.h"
+#include "support/LeakCheck.h"
+
+namespace {
+
+using Ledra::EntityManager;
+using Role = EntityManager::Role;
+
+class Watch : public EntityManager::NotifieeConst {
+ public:
+  int locals = 0;
+  int grants = 0;
+  bool activeAtLocal = false;
+  void onLocal() override {
+    ++locals;
+    activeAtLocal = notifier()->active();
+  }
+  void onWriteMountsGranted() override { ++grants; }
+};
+
+using EntityManagerTest = Ledra::test::LeakCheckedTest;
+
+TEST_F(EntityManagerTest, RoleSwitchNotifiesLocalOnce) {
+  auto em = EntityManager::entityManagerNew("entMgr", Role::backup);
+  Watch w;
+  w.notifierIs(em);
+  EXPECT_FALSE(em->active());
+  em->localIs(Role::backup);
+  EXPECT_EQ(w.locals, 0);
+  em->localIs(Role::active);
+  em->localIs(Role::active);
+  EXPECT_EQ(w.locals, 1);
+  EXPECT_TRUE(w.activeAtLocal);
+  EXPECT_EQ(em->role(), Role::active);
+}
+
+TEST_F(EntityManagerTest, WriteMountsAreNotGrantedUntilSaid) {
+  auto em = EntityManager::entityManagerNew("entMgr");
+  EXPECT_TRUE(em->active());
+  EXPECT_FALSE(em->writeMountsGranted());
+  Watch w;
+  w.notifierIs(em);
+  em->writeMountsGrantedIs(true);
+  em->writeMountsGrantedIs(true);
+  em->writeMountsGrantedIs(false);
+  EXPECT_EQ(w.grants, 2);
+  EXPECT_EQ(w.locals, 0);
+}
+
+TEST_F(EntityManagerTest, RoleIsAnEnumInTheGenericView) {
+  auto em = EntityManager::entityManagerNew("entMgr", Role::backup);
+  Qel::GenericIf::PtrConst g(em.ptr());
+  auto local = g->attribute(g->attributeId("local"));
+  EXPECT_EQ(local->text(), "backup");
+  EXPECT_TRUE(local->qelType()->isEnum());
+  Watch w;
+  w.notifierIs(em);
+  em->attributeIs("local", Qel::String("active"));
+  EXPECT_TRUE(em->active());
+  EXPECT_EQ(w.locals, 1);
+  EXPECT_THROW(em->attributeIs("local", Qel::String("primary")), Qel::ParseException);
+  EXPECT_STREQ(EntityManager::roleName(Role::active), "active");
+}
+
+}  // namespace
