@@ -1,0 +1,30 @@
+#include "PassiveEntityManager/Mount.h"
+
+#include "Qel/TypeBuilder.h"
+
+namespace Ledra {
+
+Qel::String Mount::text() const {
+  return Qel::String(path_ + " (" + type_ + ") " + flags_);
+}
+
+Qel::QelType const* Mount::staticType() {
+  using Boxed = Qel::BoxedValue<Mount>;
+  static Qel::QelType const* t = [] {
+    Qel::TypeBuilder<Boxed> b("Ledra::Mount", Qel::QelType::Kind::value);
+    b.value<Qel::String>("path", [](Boxed const& m) { return m.value().path(); })
+        .value<Qel::String>("type", [](Boxed const& m) { return m.value().type(); })
+        .value<Qel::String>("flags", [](Boxed const& m) { return m.value().flags(); });
+    b.type().boxerIs([](void const* native) {
+      return Qel::GenericIf::PtrConst(Boxed::make(*static_cast<Mount const*>(native)));
+    });
+    return b.done();
+  }();
+  return t;
+}
+
+namespace {
+[[maybe_unused]] Qel::QelType const* const kRegistered = Mount::staticType();
+}
+
+}  // namespace Ledra

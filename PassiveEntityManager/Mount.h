@@ -1,0 +1,37 @@
+// Ledra::Mount: one mount profile: a database path (which may hold template keys), the type name
+// of the entity found there, and the mount flags as text. A plain value, compared by all three
+// fields; registered with the reflection as "Ledra::Mount".
+#pragma once
+
+#include "PassiveEntityManager/Export.h"
+#include "Qel/BoxedValue.h"
+#include "Qel/Types.h"
+
+namespace Ledra {
+
+class LEDRA_PEM_EXPORT Mount {
+ public:
+  static constexpr bool kQelValueType = true;
+
+  Mount() = default;
+  Mount(Qel::String path, Qel::String type, Qel::String flags)
+      : path_(std::move(path)), type_(std::move(type)), flags_(std::move(flags)) {}
+
+  Qel::String path() const { return path_; }
+  Qel::String type() const { return type_; }
+  Qel::String flags() const { return flags_; }
+  bool empty() const { return path_.empty() && type_.empty() && flags_.empty(); }
+
+  friend bool operator==(Mount const&, Mount const&) = default;
+
+  // "path (type) flags"
+  Qel::String text() const;
+  static Qel::QelType const* staticType();
+
+ private:
+  Qel::String path_;
+  Qel::String type_;
+  Qel::String flags_;
+};
+
+}  // namespace Ledra
