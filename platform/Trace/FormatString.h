@@ -55,10 +55,10 @@ constexpr FormatError walkFormat(std::string_view format, OnText&& onText, OnFie
     if (c == '}') return FormatError::UnmatchedClose;
     std::size_t const close = format.find('}', i);
     if (close == std::string_view::npos) return FormatError::UnmatchedOpen;
-    std::string_view const spec = format.substr(i + 1, close - i - 1);
-    if (!spec.empty() && spec != ":x") return FormatError::BadSpec;
+    std::string_view const option = format.substr(i + 1, close - i - 1);
+    if (!option.empty() && option != ":x") return FormatError::BadSpec;
     onText(format.substr(start, i - start));
-    onField(!spec.empty());
+    onField(!option.empty());
     i = close + 1;
     start = i;
   }
