@@ -9,6 +9,12 @@
 
 namespace Ledra::test {
 
+// Checks, when it is destroyed, that every RefCounted object made since its construction died.
+struct LiveInstanceCheck {
+  long const before = Qel::RefCounted::liveInstances();
+  ~LiveInstanceCheck() { EXPECT_EQ(Qel::RefCounted::liveInstances(), before); }
+};
+
 class LeakCheckedTest : public ::testing::Test {
  protected:
   void SetUp() override {

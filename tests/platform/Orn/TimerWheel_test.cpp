@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Firing.h"
+#include "support/LeakCheck.h"
+
 #include <cmath>
 #include <functional>
 #include <map>
@@ -20,20 +23,9 @@ using Qel::kNever;
 using Qel::SimulatedClock;
 using Qel::Time;
 
-struct LiveInstanceCheck {
-  long const before = Qel::RefCounted::liveInstances();
-  ~LiveInstanceCheck() { EXPECT_EQ(Qel::RefCounted::liveInstances(), before); }
-};
+using Ledra::test::LiveInstanceCheck;
 
-struct Firing {
-  int id;
-  Time at;
-  bool operator==(Firing const&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& os, Firing const& f) {
-  return os << "{" << f.id << " at " << f.at << "}";
-}
+using Ledra::test::Firing;
 
 class Recorder : public TimerWheel::Notifiee {
  public:

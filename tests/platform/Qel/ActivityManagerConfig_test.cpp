@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/LeakCheck.h"
+
 #include "Qel/Exception.h"
 #include "Qel/GenericValue.h"
 #include "Qel/MonotonicClock.h"
@@ -15,10 +17,7 @@ using Qel::AttributeId;
 using Qel::GenericIf;
 using Qel::String;
 
-struct LiveInstanceCheck {
-  long const before = Qel::RefCounted::liveInstances();
-  ~LiveInstanceCheck() { EXPECT_EQ(Qel::RefCounted::liveInstances(), before); }
-};
+using Ledra::test::LiveInstanceCheck;
 
 struct ForgetInstance {
   ForgetInstance() { ActivityManagerConfig::instanceIs(nullptr); }

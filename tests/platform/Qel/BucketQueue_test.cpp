@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/CountedValue.h"
+
 #include <algorithm>
 #include <limits>
 #include <memory>
@@ -20,40 +22,8 @@ static void PrintTo(BucketQueue<int, std::string>::Key const& k, std::ostream* o
 
 namespace {
 
-// A value that counts its live instances and its copies.
-struct Counted {
-  static inline int live = 0;
-  static inline int copies = 0;
-  static void reset() { live = copies = 0; }
-
-  explicit Counted(int x) : v(x) { ++live; }
-  Counted(Counted const& o) : v(o.v) {
-    ++live;
-    ++copies;
-  }
-  Counted(Counted&& o) noexcept : v(o.v) { ++live; }
-  Counted& operator=(Counted const& o) {
-    v = o.v;
-    ++copies;
-    return *this;
-  }
-  Counted& operator=(Counted&& o) noexcept {
-    v = o.v;
-    return *this;
-  }
-  ~Counted() { --live; }
-
-  int v;
-};
-
-// A value whose copy fails, to show that a failed enqueue leaves no empty bucket behind.
-struct CopyThrows {
-  explicit CopyThrows(int x) : v(x) {}
-  CopyThrows(CopyThrows const&) { throw std::runtime_error("copy failed"); }
-  CopyThrows(CopyThrows&&) noexcept = default;
-  CopyThrows& operator=(CopyThrows&&) noexcept = default;
-  int v;
-};
+using Ledra::test::CopyThrows;
+using Ledra::test::Counted;
 
 using Queue = BucketQueue<int, std::string>;
 using Key = Queue::Key;

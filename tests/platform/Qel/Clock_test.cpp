@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Firing.h"
+#include "support/LeakCheck.h"
+
 #include <algorithm>
 #include <cmath>
 #include <functional>
@@ -20,21 +23,9 @@ using Qel::kNever;
 using Qel::SimulatedClock;
 using Qel::Time;
 
-// Checks, when the fixture is gone, that every RefCounted object made by the test died.
-struct LiveInstanceCheck {
-  long const before = Qel::RefCounted::liveInstances();
-  ~LiveInstanceCheck() { EXPECT_EQ(Qel::RefCounted::liveInstances(), before); }
-};
+using Ledra::test::LiveInstanceCheck;
 
-struct Firing {
-  int id;
-  Time at;
-  bool operator==(Firing const&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& os, Firing const& f) {
-  return os << "{" << f.id << " at " << f.at << "}";
-}
+using Ledra::test::Firing;
 
 // Records every wake-up (with the clock's time) and then runs an optional action.
 class Recorder : public Clock::Notifiee {

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+
 #include <sys/socket.h>
 #include <unistd.h>
+#include "support/LeakCheck.h"
 
 #include <array>
 #include <cstring>
@@ -23,10 +25,7 @@ using Qel::kNever;
 using Qel::SimulatedClock;
 using Qel::Time;
 
-struct LiveInstanceCheck {
-  long const before = Qel::RefCounted::liveInstances();
-  ~LiveInstanceCheck() { EXPECT_EQ(Qel::RefCounted::liveInstances(), before); }
-};
+using Ledra::test::LiveInstanceCheck;
 
 // A clock timer that runs a callback.
 class Timer : public Clock::Notifiee {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/CountedValue.h"
+
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -11,41 +13,8 @@
 namespace Qel {
 namespace {
 
-// A value that counts its live instances and its copies.
-struct Counted {
-  static inline int live = 0;
-  static inline int copies = 0;
-  static void reset() { live = copies = 0; }
-
-  explicit Counted(int x) : v(x) { ++live; }
-  Counted(Counted const& o) : v(o.v) {
-    ++live;
-    ++copies;
-  }
-  Counted(Counted&& o) noexcept : v(o.v) { ++live; }
-  Counted& operator=(Counted const& o) {
-    v = o.v;
-    ++copies;
-    return *this;
-  }
-  Counted& operator=(Counted&& o) noexcept {
-    v = o.v;
-    return *this;
-  }
-  ~Counted() { --live; }
-  bool operator==(Counted const& o) const { return v == o.v; }
-
-  int v;
-};
-
-// A value whose copy fails, to show that a failed enqueue leaves the queue as it was.
-struct CopyThrows {
-  explicit CopyThrows(int x) : v(x) {}
-  CopyThrows(CopyThrows const&) { throw std::runtime_error("copy failed"); }
-  CopyThrows(CopyThrows&&) noexcept = default;
-  CopyThrows& operator=(CopyThrows&&) noexcept = default;
-  int v;
-};
+using Ledra::test::CopyThrows;
+using Ledra::test::Counted;
 
 template <class V>
 std::vector<std::pair<U32, int>> contents(LinkQueue<V> const& q) {
