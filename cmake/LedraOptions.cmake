@@ -4,6 +4,8 @@ target_include_directories(ledra_options INTERFACE
   ${PROJECT_SOURCE_DIR}/platform
   ${PROJECT_SOURCE_DIR})
 target_compile_options(ledra_options INTERFACE -Wall -Wextra -Wpedantic -Wno-unused-parameter)
+# Calls inside a shared library may be inlined: nothing interposes the project's own symbols.
+target_compile_options(ledra_options INTERFACE -fno-semantic-interposition)
 if(LEDRA_WERROR)
   target_compile_options(ledra_options INTERFACE -Werror)
 endif()

@@ -276,27 +276,11 @@ void TimerWheel::armDriver() {
   driver_.timeMinIs(t == kNoTick ? kNever : tickTime(t));
 }
 
-TimerWheel::Notifiee::~Notifiee() {
-  if (level_ != kUnarmed) const_cast<TimerWheel*>(wheel_.ptr())->cancel(this);
+void TimerWheel::Notifiee::qelEnqueue() {
+  owner()->insert(this);
 }
-
-void TimerWheel::Notifiee::notifierIs(TimerWheel::PtrConst const& w) {
-  if (w == wheel_) return;
-  if (level_ != kUnarmed) const_cast<TimerWheel*>(wheel_.ptr())->cancel(this);
-  // Keep the old wheel alive until this notifiee has left it.
-  TimerWheel::PtrConst old = std::exchange(wheel_, w);
-  if (wheel_ && time_ != kNever) const_cast<TimerWheel*>(wheel_.ptr())->insert(this);
-  old = nullptr;
-  onNotifierIs();
-}
-
-void TimerWheel::Notifiee::timeMinIs(Time t) {
-  QEL_ASSERT(!std::isnan(t) && "timer armed for a time that is not a number");
-  // The set of timers is not part of a wheel's read-only view: a Ptr<TimerWheel const> arms them.
-  auto* wheel = const_cast<TimerWheel*>(wheel_.ptr());
-  if (level_ != kUnarmed) wheel->cancel(this);
-  time_ = t;
-  if (wheel && t != kNever) wheel->insert(this);
+void TimerWheel::Notifiee::qelDequeue() {
+  owner()->cancel(this);
 }
 
 }  // namespace Orn

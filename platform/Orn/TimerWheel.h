@@ -48,6 +48,7 @@
 #include "Qel/Clock.h"
 #include "Qel/Ptr.h"
 #include "Qel/Types.h"
+#include "Qel/WakeupNotifiee.h"
 
 namespace Orn {
 
@@ -154,43 +155,23 @@ class QEL_API TimerWheel : public Qel::RefCounted {
   Driver driver_;
 };
 
-class QEL_API TimerWheel::Notifiee : private TimerWheel::Link {
+class QEL_API TimerWheel::Notifiee : public Qel::WakeupNotifiee<TimerWheel, TimerWheel::Notifiee>,
+                                     private TimerWheel::Link {
  public:
   Notifiee() = default;
-  Notifiee(Notifiee const&) = delete;
-  Notifiee& operator=(Notifiee const&) = delete;
-  virtual ~Notifiee();
-
-  TimerWheel::PtrConst const& notifier() const { return wheel_; }
-  // Binds this notifiee to `w` (may be null); an armed time moves to the new wheel.
-  void notifierIs(TimerWheel::PtrConst const& w);
-
-  // The armed time, kNever when disarmed.
-  Time timeMin() const { return time_; }
-  // Arms the wake-up for `t` (kNever disarms), replacing any previous arming; `t` must not be NaN.
-  // Without a wheel the time is kept and armed when the notifiee is bound to one.
-  void timeMinIs(Time t);
-
-  bool notificationActive() const { return active_; }
-  // While off, due wake-ups are skipped (consumed without a call of onTime()).
-  void hasNotificationActiveIs(bool on) { active_ = on; }
-
-  // The wheel reached the armed time.
-  virtual void onTime() {}
-
- protected:
-  // Called after notifierIs bound this notifiee to another wheel (possibly null).
-  virtual void onNotifierIs() {}
+  ~Notifiee() override { leave(); }
 
  private:
   friend class TimerWheel;
+  friend class Qel::WakeupNotifiee<TimerWheel, TimerWheel::Notifiee>;
 
-  TimerWheel::PtrConst wheel_;
-  Time time_ = kNever;
+  bool qelQueued() const { return level_ != kUnarmed; }
+  void qelEnqueue();
+  void qelDequeue();
+
   std::uint64_t tick_ = 0;
   std::uint32_t slot_ = 0;
   std::uint8_t level_ = kUnarmed;
-  bool active_ = true;
 };
 
 }  // namespace Orn

@@ -90,25 +90,11 @@ inline void Clock::timerDel(Notifiee* n) const {
   siftDown(i);
 }
 
-Clock::Notifiee::~Notifiee() {
-  if (heapIndex_ != kNotQueued) clock_->timerDel(this);
+void Clock::Notifiee::qelEnqueue() {
+  owner()->timerAdd(this);
 }
-
-void Clock::Notifiee::notifierIs(Clock::PtrConst const& c) {
-  if (c == clock_) return;
-  if (heapIndex_ != kNotQueued) clock_->timerDel(this);
-  // Keep the old clock alive until this notifiee has left it.
-  Clock::PtrConst old = std::exchange(clock_, c);
-  if (clock_ && time_ != kNever) clock_->timerAdd(this);
-  old = nullptr;
-  onNotifierIs();
-}
-
-void Clock::Notifiee::timeMinIs(Time t) {
-  QEL_ASSERT(!std::isnan(t) && "timer armed for a time that is not a number");
-  if (heapIndex_ != kNotQueued) clock_->timerDel(this);
-  time_ = t;
-  if (clock_ && t != kNever) clock_->timerAdd(this);
+void Clock::Notifiee::qelDequeue() {
+  owner()->timerDel(this);
 }
 
 }  // namespace Qel

@@ -35,6 +35,7 @@
 #include "Qel/Api.h"
 #include "Qel/Ptr.h"
 #include "Qel/Types.h"
+#include "Qel/WakeupNotifiee.h"
 
 namespace Qel {
 
@@ -82,42 +83,21 @@ class QEL_API Clock : public RefCounted {
   mutable std::uint64_t nextSeq_ = 0;
 };
 
-class QEL_API Clock::Notifiee {
+class QEL_API Clock::Notifiee : public WakeupNotifiee<Clock, Clock::Notifiee> {
  public:
   Notifiee() = default;
-  Notifiee(Notifiee const&) = delete;
-  Notifiee& operator=(Notifiee const&) = delete;
-  virtual ~Notifiee();
-
-  Clock::PtrConst const& notifier() const { return clock_; }
-  // Binds this notifiee to `c` (may be null); an armed time moves to the new clock.
-  void notifierIs(Clock::PtrConst const& c);
-
-  // The armed time, kNever when disarmed.
-  Time timeMin() const { return time_; }
-  // Arms the wake-up for `t` (kNever disarms); replaces any previous arming. `t` must not be NaN.
-  // Without a clock the time is kept and armed when the notifiee is bound to one.
-  void timeMinIs(Time t);
-
-  bool notificationActive() const { return active_; }
-  // While off, due wake-ups are skipped (consumed without a call of onTime()).
-  void hasNotificationActiveIs(bool on) { active_ = on; }
-
-  // The clock reached the armed time.
-  virtual void onTime() {}
-
- protected:
-  // Called after notifierIs bound this notifiee to another clock (possibly null).
-  virtual void onNotifierIs() {}
+  ~Notifiee() override { leave(); }
 
  private:
   friend class Clock;
+  friend class WakeupNotifiee<Clock, Clock::Notifiee>;
 
-  Clock::PtrConst clock_;
-  Time time_ = kNever;
+  bool qelQueued() const { return heapIndex_ != kNotQueued; }
+  void qelEnqueue();
+  void qelDequeue();
+
   std::uint64_t seq_ = 0;
   std::size_t heapIndex_ = kNotQueued;
-  bool active_ = true;
 };
 
 // The process clock's time: ActivityManagerConfig::instance()->clock()->now().
