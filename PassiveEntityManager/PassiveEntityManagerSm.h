@@ -1,0 +1,438 @@
+// Ledra::PassiveEntityManagerSm: the passive mount engine of one connected agent.
+//
+// Given the agent's profile, its status record, its connection (the Demuxer and the peer
+// MountTable), the entity manager and the process's timer wheel, the engine mounts, group by
+// group, every path of the profile into the agent's view:
+//   1. Start-up (passiveEntityManagerSmFactory): find the database root "/<system name>/Ledra",
+//      fill the agent's template values, expand every mount path of the profile, apply the
+//      profile's low mount priority, and, once the peer speaks protocol version 5, mount the root.
+//   2. Scheduling (doInitiateMounts): run on every change of the connection's count of unanswered
+//      mount requests and on every tick of the retry timer. The first pass after the root mount
+//      queues the profile's groups by priority; each later pass, once every earlier request has
+//      been answered, mounts the next group. Groups with attribute conditions wait in a
+//      ConditionalMountGroupSm until their conditions hold; mounts whose parent is not ready wait
+//      in pendingMountProfile and are retried each tick.
+//   3. Completion: nothing queued, waiting, pending, directory-mounting or to convert: the engine
+//      traces "All mounts complete for <agent>", enters mountComplete and drops the connection.
+//
+// Teardown: handleClose (an invalid profile entry: the connection is closed with the reason) and
+// handleDeletion (the engine is destroyed) both run doCleanup, which empties the transient
+// collections and clears `initialized`, after which every handler does nothing.
+//
+// Re-entrance: a conditional group may settle inside a scheduling pass (while it is created);
+// its handler runs a nested pass, which the mountsInProgress gate ends at once. Destruction first
+// silences every nested reactor, so nothing reaches a half-destroyed engine.
+//
+// Single-threaded: everything runs on the process's event loop.
+#pragma once
+
+#include <compare>
+#include <map>
+#include <unordered_map>
+
+#include "Ledra/EntityManager.h"
+#include "Orn/TimerWheel.h"
+#include "PassiveEntityManager/ConditionRes.h"
+#include "PassiveEntityManager/Export.h"
+#include "PassiveEntityManager/Mount.h"
+#include "PassiveEntityManager/PassiveAgentProfile.h"
+#include "PassiveEntityManager/PassiveAgentStatus.h"
+#include "Qel/BucketQueue.h"
+#include "Qel/Dir.h"
+#include "Qel/GenericValue.h"
+#include "Qel/LinkQueue.h"
+#include "Qel/MountTable.h"
+#include "Qel/NboAttrLog/Demuxer.h"
+
+namespace Ledra {
+
+class ConditionalMountGroupSm;
+class PassiveDirMounter;
+
+class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
+ public:
+  using Ptr = Qel::Ptr<PassiveEntityManagerSm>;
+  using PtrConst = Qel::Ptr<PassiveEntityManagerSm const>;
+
+  // The scheduling state, stored as a signed 32-bit value.
+  enum State : Qel::S32 {
+    init = 0,
+    readyMountGroupPending = 1,
+    conditionalMountGroupPending = 2,
+    mountComplete = 3,
+  };
+
+  // The key of a ready mount group: index0 is the group's priority, index1 its arrival sequence
+  // in the ready queue. Ordered by index0, then index1.
+  struct LEDRA_PEM_EXPORT ReadyMountGroupCompoundIndex {
+    Qel::U32 index0 = 0;
+    Qel::U32 index1 = 0;
+
+    ReadyMountGroupCompoundIndex() = default;
+    ReadyMountGroupCompoundIndex(Qel::U32 i0, Qel::U32 i1) : index0(i0), index1(i1) {}
+    // Reads the text form (see PassiveEntityManagerSmText.h) from [it, end), advancing `it` past
+    // it; throws Qel::ParseException.
+    ReadyMountGroupCompoundIndex(char const*& it, char const* end);
+
+    friend bool operator==(ReadyMountGroupCompoundIndex const&,
+                           ReadyMountGroupCompoundIndex const&) = default;
+    friend std::strong_ordering operator<=>(ReadyMountGroupCompoundIndex const&,
+                                            ReadyMountGroupCompoundIndex const&) = default;
+  };
+
+  using ConvertableMountsMetadata = Qel::LinkQueueMetadata;
+  using PendingMountProfileCol = std::map<Qel::String, Mount>;
+  using ConvertableMountsCol = Qel::LinkQueue<Mount>;
+  using PassiveDirMounterCol = std::unordered_map<Qel::String, Qel::Ptr<PassiveDirMounter>>;
+  using ReadyMountGroupCol = Qel::BucketQueue<Qel::U32, PassiveMountGroup::PtrConst>;
+  using StringBoolMap = std::unordered_map<Qel::String, bool>;
+  using StringMap = std::unordered_map<Qel::String, Qel::String>;
+  using MountMap = std::unordered_map<Qel::String, Mount>;
+
+  // Attribute ids: the reflected attributes in the order of the generic view, then those that
+  // only notify (not reachable by name).
+  enum : Qel::AttributeId {
+    kAgentProfile = 1,
+    kAgentStatus,
+    kDemuxer,
+    kPeerMountTable,
+    kEntMgr,
+    kLedraRoot,
+    kInitialized,
+    kDeletion,
+    kState,
+    kMountsInProgress,
+    kPendingMountProfile,
+    kConvertableMounts,
+    kBlockingConditionals,
+    kTemplateCache,
+    kAllMountPaths,
+    kTimerWheel = 100,
+    kConvertableMountsMetadata,
+    kPassiveDirMounterCol,
+    kReadyMountGroup,
+    kConditionalMountGroup,
+  };
+
+  class QelAgentProfile;
+  class QelDemuxer;
+  class QelPeerMountTable;
+  class QelTimerWheel;
+  class QelConditionalMountGroup;
+  using ConditionalMountGroupCol =
+      std::unordered_map<Qel::Name, Qel::Ptr<QelConditionalMountGroup>>;
+
+  template <class N>
+  class NotifieeT;
+  using Notifiee = NotifieeT<PassiveEntityManagerSm>;
+  using NotifieeConst = NotifieeT<PassiveEntityManagerSm const>;
+
+  // Creates and starts an engine (see the header comment); never null. Whatever was built is
+  // released when a step throws, and the exception propagates.
+  static Ptr passiveEntityManagerSmNew(PassiveAgentProfile::PtrConst const& agentProfile,
+                                       PassiveAgentStatus::Ptr const& agentStatus,
+                                       Qel::NboAttrLog::Demuxer::Ptr const& demuxer,
+                                       Qel::MountTable::Ptr const& peerMountTable,
+                                       EntityManager::PtrConst const& entMgr,
+                                       Orn::TimerWheel::PtrConst const& timerWheel);
+
+  // Constructor attributes. demuxer and peerMountTable are dropped (null) at mount completion.
+  PassiveAgentProfile::PtrConst const& agentProfile() const { return agentProfile_; }
+  PassiveAgentStatus::Ptr const& agentStatus() const { return agentStatus_; }
+  Qel::NboAttrLog::Demuxer::Ptr demuxer() const;
+  Qel::MountTable::Ptr peerMountTable() const;
+  EntityManager::PtrConst const& entMgr() const { return entMgr_; }
+  Orn::TimerWheel::PtrConst timerWheel() const;
+  // The agent's name (its status record's name; empty without one).
+  Qel::Name agentName() const;
+
+  Qel::Dir::Ptr const& ledraRoot() const { return ledraRoot_; }
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool v);
+  bool deletion() const { return deletion_; }
+  void deletionIs(bool v);
+  State state() const { return state_; }
+  void stateIs(State s);
+  bool mountsInProgress() const { return mountsInProgress_; }
+  void mountsInProgressIs(bool v);
+
+  // Mounts deferred until their parent (or their blocking directory mounter) is ready.
+  PendingMountProfileCol const& pendingMountProfile() const { return pendingMountProfile_; }
+  Mount const* pendingMountProfile(Qel::String const& path) const;
+  std::size_t pendingMountProfiles() const { return pendingMountProfile_.size(); }
+  void pendingMountProfileIs(Mount const& m);
+  void pendingMountProfileDel(Qel::String const& path);
+  void pendingMountProfileDelAll();
+
+  // Mounts made "C" (not yet writable), to mount again with "w" once writing is granted.
+  ConvertableMountsCol const& convertableMounts() const { return convertableMounts_; }
+  Mount const* convertableMounts(Qel::U32 index) const { return convertableMounts_.at(index); }
+  std::size_t convertableMountsCount() const { return convertableMounts_.size(); }
+  ConvertableMountsMetadata convertableMountsMetadata() const {
+    return convertableMounts_.metadata();
+  }
+  Qel::U32 convertableMountsEnq(Mount const& m);
+  // Removes and returns the oldest; an empty Mount when none.
+  Mount convertableMountsDeq();
+  void convertableMountsDel(Qel::U32 index);
+  void convertableMountsDelAll();
+
+  // Directory mounters in progress, by directory path. Removing one releases it.
+  PassiveDirMounterCol const& passiveDirMounterCol() const { return passiveDirMounterCol_; }
+  Qel::Ptr<PassiveDirMounter> passiveDirMounterCol(Qel::String const& path) const;
+  void passiveDirMounterColIs(Qel::String const& path, Qel::Ptr<PassiveDirMounter> const& m);
+  void passiveDirMounterColDel(Qel::String const& path);
+  void passiveDirMounterColDelAll();
+
+  // Groups waiting to be mounted: ascending priority, arrival order within a priority.
+  ReadyMountGroupCol const& readyMountGroup() const { return readyMountGroup_; }
+  PassiveMountGroup::PtrConst readyMountGroup(ReadyMountGroupCompoundIndex const& index) const;
+  std::size_t readyMountGroups() const { return readyMountGroup_.size(); }
+  ReadyMountGroupCompoundIndex readyMountGroupEnq(PassiveMountGroup::PtrConst const& group);
+  // The first group of the lowest priority, removed; null when the queue is empty.
+  PassiveMountGroup::PtrConst readyMountGroupDeq();
+  // Queues `group` under an explicit priority, which must be the group's own.
+  ReadyMountGroupCompoundIndex readyMountGroupIs(Qel::U32 priority,
+                                                 PassiveMountGroup::PtrConst const& group);
+  void readyMountGroupDel(ReadyMountGroupCompoundIndex const& index);
+  void readyMountGroupDelAll();
+
+  // Conditional groups waiting for their conditions, by group name.
+  ConditionalMountGroupCol const& conditionalMountGroup() const { return conditionalMountGroup_; }
+  Qel::Ptr<QelConditionalMountGroup> conditionalMountGroup(Qel::Name const& name) const;
+  // The record of `group`'s name: the existing one, or a new one (which starts at once).
+  Qel::Ptr<QelConditionalMountGroup> conditionalMountGroupIs(
+      PassiveMountGroup::PtrConst const& group);
+  void conditionalMountGroupDel(Qel::Name const& name);
+  void conditionalMountGroupDelAll();
+
+  // Conditions of blocking conditional groups not yet settled; while any exists the ready queue
+  // stands still.
+  StringBoolMap const& blockingConditionals() const { return blockingConditionals_; }
+  std::optional<bool> blockingConditionals(Qel::String const& condition) const;
+  void blockingConditionalsIs(Qel::String const& condition, bool v);
+  void blockingConditionalsDel(Qel::String const& condition);
+  void blockingConditionalsDelAll();
+
+  // The engine's copy of substituted template paths.
+  StringMap const& templateCache() const { return templateCache_; }
+  Qel::String const* templateCache(Qel::String const& key) const;
+  void templateCacheIs(Qel::String const& key, Qel::String const& value);
+  void templateCacheDel(Qel::String const& key);
+  void templateCacheDelAll();
+
+  // Every mount path of the profile after template expansion, with parents added on its behalf.
+  MountMap const& allMountPaths() const { return allMountPaths_; }
+  // The profile of `path`; an empty Mount when none.
+  Mount allMountPaths(Qel::String const& path) const;
+  void allMountPathsIs(Mount const& m);
+  void allMountPathsDel(Qel::String const& path);
+  void allMountPathsDelAll();
+
+  // Start-up.
+  void handleInitialized();
+  void handleInputProtocolVersion();
+  void doSetDemuxerProperty();
+  void doRootMount();
+  void doInitTemplateDict();
+
+  // Scheduling.
+  void doInitiateMounts();
+  void handleMountProfile(PassiveMountGroup::PtrConst const& group);
+  void doPendingMounts();
+  bool evaluateTemplateCondition(Qel::String const& cond);
+
+  // Mount execution.
+  void doPassiveMount(Qel::String const& mountPath, Qel::String const& userFlags,
+                      Qel::String const& typeName);
+  void doNestedPassiveMount(Mount const& mount);
+  void doPopulateMountPaths();
+  void maybeAddParentMountProfile(Mount const& mount);
+
+  // Teardown.
+  void handleClose(Qel::String const& reason);
+  void handleDeletion();
+  void doCleanup();
+
+  // Notification control, passed on to every nested reactor.
+  bool notificationActive() const { return notificationActive_; }
+  void hasNotificationActiveIs(bool on);
+  bool qelZombie() const { return zombie_; }
+  void qelDoZombieReactorsIs(bool zombie);
+
+  Qel::QelType const* fwkType() const override { return staticType(); }
+  static Qel::QelType const* staticType();
+  static Qel::QelType const* stateType();
+
+ protected:
+  PassiveEntityManagerSm(PassiveAgentProfile::PtrConst const& agentProfile,
+                         PassiveAgentStatus::Ptr const& agentStatus,
+                         Qel::NboAttrLog::Demuxer::Ptr const& demuxer,
+                         Qel::MountTable::Ptr const& peerMountTable,
+                         EntityManager::PtrConst const& entMgr,
+                         Orn::TimerWheel::PtrConst const& timerWheel);
+  ~PassiveEntityManagerSm() override;
+
+ private:
+  enum class ParentSaState { synchronised, waiting, absent };
+
+  void start();
+  // Steps of a scheduling pass. queueProfileGroups returns false when it ended the pass.
+  bool queueProfileGroups();
+  void serveReadyGroups();
+  void takeReadyGroups();
+  void convertMounts();
+  void retryLater();
+  void armRetryTimer();
+  void completionTest();
+  // The peer's state of `parent`: synchronised (mount the child), waiting, or no mount at all.
+  ParentSaState parentSaState(Qel::String const& parent);
+  void autoMountParent(Mount const& mount, Qel::String const& parent);
+  void mountWholePath(Mount const& mount);
+  void demuxerIs(Qel::NboAttrLog::Demuxer::Ptr const& d);
+  void peerMountTableIs(Qel::MountTable::Ptr const& t);
+  // `path` with its template keys substituted (noted in templateCache).
+  Qel::String canonicalPath(Qel::String const& path);
+  // Whether the mount of `path` for this agent has completed (orphans traced and refused).
+  bool isMountComplete(Qel::String const& path) const;
+  template <class F>
+  void forEachReactor(F f);
+  template <class T>
+  void store(T& field, T const& v, Qel::AttributeId aid) {
+    if (field == v) return;
+    field = v;
+    notify(aid);
+  }
+
+  PassiveAgentProfile::PtrConst const agentProfile_;
+  PassiveAgentStatus::Ptr const agentStatus_;
+  EntityManager::PtrConst const entMgr_;
+  Qel::Ptr<QelAgentProfile> qelAgentProfile_;
+  Qel::Ptr<QelDemuxer> qelDemuxer_;
+  Qel::Ptr<QelPeerMountTable> qelPeerMountTable_;
+  Qel::Ptr<QelTimerWheel> qelTimerWheel_;
+
+  Qel::Dir::Ptr ledraRoot_;
+  bool initialized_ = false;
+  bool deletion_ = false;
+  State state_ = init;
+  bool mountsInProgress_ = false;
+  bool notificationActive_ = false;
+  bool zombie_ = false;
+  // handleClose ran: the agent's connection is closed for an invalid profile entry.
+  bool closed_ = false;
+
+  PendingMountProfileCol pendingMountProfile_;
+  ConvertableMountsCol convertableMounts_;
+  PassiveDirMounterCol passiveDirMounterCol_;
+  ReadyMountGroupCol readyMountGroup_;
+  ConditionalMountGroupCol conditionalMountGroup_;
+  StringBoolMap blockingConditionals_;
+  StringMap templateCache_;
+  MountMap allMountPaths_;
+};
+
+// Creates and starts the engine of one agent; never null.
+LEDRA_PEM_EXPORT PassiveEntityManagerSm::Ptr passiveEntityManagerSmFactory(
+    PassiveAgentProfile::PtrConst const& agentProfile, PassiveAgentStatus::Ptr const& agentStatus,
+    Qel::NboAttrLog::Demuxer::Ptr const& demuxer, Qel::MountTable::Ptr const& peerMountTable,
+    EntityManager::PtrConst const& entMgr, Orn::TimerWheel::PtrConst const& timerWheel);
+
+// The engine side of one conditional mount group: holds the group, the ConditionRes its state
+// machine writes (watched through QelConditionRes) and the state machine itself. `initialized` is
+// true from handleInit until the group's conditions succeed (handleEnabled).
+class LEDRA_PEM_EXPORT PassiveEntityManagerSm::QelConditionalMountGroup : public Qel::RefCounted {
+ public:
+  using Ptr = Qel::Ptr<QelConditionalMountGroup>;
+  class QelConditionRes;
+
+  static Ptr conditionalMountGroupNew(PassiveMountGroup::PtrConst const& group,
+                                      PassiveEntityManagerSm* engine);
+
+  PassiveMountGroup::PtrConst const& mountGroup() const { return group_; }
+  Qel::Name name() const { return group_->name(); }
+  PassiveEntityManagerSm* passiveEntityManagerSm() const { return engine_; }
+  void passiveEntityManagerSmIs(PassiveEntityManagerSm* e) { engine_ = e; }
+  ConditionRes::Ptr conditionRes() const;
+  void conditionResIs(ConditionRes::Ptr const& r);
+  Qel::Ptr<ConditionalMountGroupSm> const& conditionalMountGroupSm() const { return sm_; }
+  void conditionalMountGroupSmDel();
+  bool initialized() const { return initialized_; }
+
+  void handleInit();
+  void handleEnabled();
+
+  void hasNotificationActiveIs(bool on);
+  void qelDoZombieReactorsIs(bool zombie);
+
+ private:
+  QelConditionalMountGroup(PassiveMountGroup::PtrConst group, PassiveEntityManagerSm* engine);
+  ~QelConditionalMountGroup() override;
+
+  PassiveMountGroup::PtrConst const group_;
+  PassiveEntityManagerSm* engine_;
+  Qel::Ptr<QelConditionRes> qelConditionRes_;
+  Qel::Ptr<ConditionalMountGroupSm> sm_;
+  bool initialized_ = false;
+};
+
+template <class N>
+class PassiveEntityManagerSm::NotifieeT : public Qel::BasicNotifiee<N> {
+ public:
+  using Qel::BasicNotifiee<N>::BasicNotifiee;
+  virtual void onInitialized() {}
+  virtual void onDeletion() {}
+  virtual void onState() {}
+  virtual void onMountsInProgress() {}
+  virtual void onPendingMountProfile(Qel::String const& path) {}
+  virtual void onConvertableMounts(Qel::U32 index) {}
+  virtual void onPassiveDirMounterCol(Qel::String const& path) {}
+  virtual void onReadyMountGroup() {}
+  virtual void onConditionalMountGroup(Qel::Name const& name) {}
+  virtual void onBlockingConditionals(Qel::String const& condition) {}
+  virtual void onAllMountPaths(Qel::String const& path) {}
+  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
+    auto string = [&key] { return *static_cast<Qel::String const*>(key.native); };
+    switch (aid) {
+      case kInitialized:
+        return onInitialized();
+      case kDeletion:
+        return onDeletion();
+      case kState:
+        return onState();
+      case kMountsInProgress:
+        return onMountsInProgress();
+      case kPendingMountProfile:
+        return onPendingMountProfile(string());
+      case kConvertableMounts:
+        return onConvertableMounts(*static_cast<Qel::U32 const*>(key.native));
+      case kPassiveDirMounterCol:
+        return onPassiveDirMounterCol(string());
+      case kReadyMountGroup:
+        return onReadyMountGroup();
+      case kConditionalMountGroup:
+        return onConditionalMountGroup(*static_cast<Qel::Name const*>(key.native));
+      case kBlockingConditionals:
+        return onBlockingConditionals(string());
+      case kAllMountPaths:
+        return onAllMountPaths(string());
+      default:
+        return;
+    }
+  }
+};
+
+}  // namespace Ledra
+
+// The engine's state in the reflection ("Ledra::PassiveEntityManagerSm::State").
+template <>
+struct Qel::ValueTraits<Ledra::PassiveEntityManagerSm::State> {
+  using State = Ledra::PassiveEntityManagerSm::State;
+  static QelType const* type() { return Ledra::PassiveEntityManagerSm::stateType(); }
+  static GenericIf::PtrConst box(State s) {
+    return GenericValue::make(type(), Value(static_cast<std::int64_t>(s)));
+  }
+  static State unbox(GenericIf::PtrConst const& g) {
+    return g ? static_cast<State>(g->valueAs<std::int64_t>()) : Ledra::PassiveEntityManagerSm::init;
+  }
+};

@@ -1,0 +1,351 @@
+// Mount execution: the mount of one path with its flags (doPassiveMount), the mount of one profile
+// entry after its parent (doNestedPassiveMount), and the table of every mount path of the profile
+// (doPopulateMountPaths, maybeAddParentMountProfile).
+//
+// Flags. A mount request carries "w" (writable), or "C" (mounted now, to be mounted again with
+// "w" once write mounts are granted), then "i" and "S" when the profile asks for them, then the
+// suffix "p" (the root flags hold 'N') or "np".
+#include <iostream>
+
+#include "PassiveEntityManager/PassiveDirMounter.h"
+#include "PassiveEntityManager/PassiveEntityManagerSm.h"
+#include "PassiveEntityManager/PathTemplates.h"
+#include "PassiveEntityManager/TraceFacility.h"
+#include "Qel/EntityUri.h"
+#include "Qel/Exception.h"
+
+namespace Ledra {
+
+namespace {
+
+bool hasLetter(Qel::String const& flags, char letter) {
+  return flags.find(letter) != std::string::npos;
+}
+
+// The path up to its last "/" ("/a/b" -> "/a").
+Qel::String parentOf(Qel::String const& path) {
+  std::size_t const slash = path.rfind('/');
+  if (slash == std::string::npos) return Qel::String();
+  return Qel::String(path.substr(0, slash));
+}
+
+// The components of a "/"-separated path, empty ones skipped.
+std::vector<Qel::Name> componentsOf(Qel::String const& path) {
+  std::vector<Qel::Name> out;
+  std::size_t pos = 0;
+  while (pos < path.size()) {
+    std::size_t end = path.find('/', pos);
+    if (end == std::string::npos) end = path.size();
+    if (end > pos) out.emplace_back(path.substr(pos, end - pos));
+    pos = end + 1;
+  }
+  return out;
+}
+
+constexpr char const* kDirType = "Qel::Dir";
+
+}  // namespace
+
+Qel::String PassiveEntityManagerSm::canonicalPath(Qel::String const& path) {
+  Qel::String const real = canonicalizePath(path, agentStatus_);
+  if (real != path) templateCacheIs(path, real);
+  return real;
+}
+
+bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
+  if (!agentStatus_) return false;
+  auto const ref = agentStatus_->mountReference(Qel::Name(path));
+  if (!ref) return false;
+  switch (ref->completion()) {
+    case PassiveMountReference::Completion::complete:
+      return true;
+    case PassiveMountReference::Completion::orphaned:
+      TRACE(PassiveEntityManager, kTraceDecision, "mount reference holding orphaned entity: {}",
+            ref->entity()->fullName());
+      return false;
+    case PassiveMountReference::Completion::incomplete:
+      return false;
+  }
+  return false;
+}
+
+void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
+                                            Qel::String const& userFlags,
+                                            Qel::String const& typeName) {
+  TRACE(PassiveEntityManager, kTraceDecision, "mountPath: {} userFlags: {} typeName: {}", mountPath,
+        userFlags, typeName);
+  bool const granted = entMgr_ && entMgr_->writeMountsGranted();
+  Qel::String letters;
+  if (hasLetter(userFlags, 'f') && !granted) {
+    letters += "w";
+  } else if (!hasLetter(userFlags, 'w')) {
+    letters += "C";
+  } else if (granted) {
+    letters += "w";
+  } else {
+    letters += "C";
+    TRACE(PassiveEntityManager, kTraceDecision, "convertable mount Enqueuing {} {} {}", mountPath,
+          userFlags, typeName);
+    convertableMountsEnq(Mount(mountPath, typeName, userFlags));
+  }
+  if (hasLetter(userFlags, 'i')) letters += "i";
+  if (hasLetter(userFlags, 'S')) letters += "S";
+  bool const rootN = agentProfile_ && hasLetter(agentProfile_->rootFlags(), 'N');
+  letters += rootN ? "p" : "np";
+  TRACE(PassiveEntityManager, kTraceDecision, "Final flags: {}", letters);
+
+  auto const table = peerMountTable();
+  if (!table || !agentStatus_) return;
+  auto const d = demuxer();
+  Qel::Name const agent = agentName();
+  bool const firstAttempt = !agentStatus_->mountReference(Qel::Name(mountPath));
+  try {
+    Qel::EntityUri const uri(mountPath + "?flags=" + letters);
+    Qel::MountFlags const flags = Qel::parseMountFlags(uri.query());
+    Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
+    TRACE(PassiveEntityManager, kTraceDecision,
+          "mounting: {} typeName: {} epoch: {} seqno: {} flags: {} entPtr: 0x{:x}", mountPath,
+          typeName, d ? d->epoch() : 0u, d ? d->seqno() : 0u, flags.text(),
+          static_cast<void const*>(entity.ptr()));
+
+    Qel::MountTable::Conf const current = table->conf(mountPath);
+    auto const ref = agentStatus_->mountReferenceIs(Qel::Name(mountPath));
+    Qel::String const type = hasLetter(userFlags, 'c') ? typeName : Qel::String();
+    Qel::MountTable::Conf const next(mountPath, type, flags,
+                                     d ? Qel::Name(d->name()) : Qel::Name());
+    bool const unchanged = next == current || (current.flags().has(Qel::MountFlags::kConvertible) &&
+                                               !flags.has(Qel::MountFlags::kWrite));
+    if (unchanged) {
+      if (d) d->pathServedIs(mountPath, true);
+      ref->completeIs(true);
+      ref->entityIs(entity);
+      return;
+    }
+    if (firstAttempt) {
+      table->confIs(next);
+      if (!entity) entity = Qel::globalDir()->entity(mountPath);
+      ref->entityIs(entity);
+      Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(mountPath));
+      if (!stat.exceptionDesc().empty())
+        std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
+                  << " agent: " << agent << std::endl;
+      return;
+    }
+    if (agentProfile_ && agentProfile_->hybridMount()) {
+      Qel::MountFlags const diff = flags ^ current.flags();
+      if (diff.empty()) {
+        TRACE(PassiveEntityManager, kTraceDecision,
+              "Hybrid mount already mount entity for {} with the same flag 0x{:x} Just set entity.",
+              mountPath, flags.value());
+        ref->entityIs(entity);
+        ref->completeIs(true);
+        return;
+      }
+      TRACE(PassiveEntityManager, kTraceDecision,
+            "Already mounted entity for {} 0x{:x} hybrid {} current flag {} previous flag {} Hence "
+            "remounting.",
+            mountPath, static_cast<void const*>(entity.ptr()), true, flags.text(),
+            current.flags().text());
+      table->confIs(next);
+      ref->entityIs(entity);
+      ref->completeIs(true);
+      Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(mountPath));
+      if (!stat.exceptionDesc().empty())
+        std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
+                  << " upon remount, agent: " << agent << std::endl;
+      return;
+    }
+    if (ref->entity()) {
+      TRACE(PassiveEntityManager, kTraceDecision, "Mount path {} already mounted by agent {}",
+            mountPath, agent);
+    } else {
+      TRACE(PassiveEntityManager, kTraceDecision,
+            "Mount path {}not mounted likely due to QEL Exception by agent {}", mountPath, agent);
+    }
+  } catch (Qel::Exception const& e) {
+    std::cerr << mountPath << " Error: Hit QEL Exception: " << e.what() << " agent: " << agent
+              << std::endl;
+    return;
+  }
+  handleClose(Qel::String(agent));
+}
+
+void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
+  Mount const mount(canonicalPath(profileMount.path()), profileMount.type(), profileMount.flags());
+  Qel::String const path = mount.path();
+  Qel::String const flags = mount.flags();
+  if (isMountComplete(path)) {
+    TRACE(PassiveEntityManager, kTraceDecision, "mount already complete for {}", path);
+    return;
+  }
+  Qel::String const parent = parentOf(path);
+  if (hasLetter(flags, 'D')) {
+    // A blocking directory mount keeps its group in progress until its mounter has finished.
+    if (hasLetter(flags, 'B')) pendingMountProfileIs(mount);
+    if (passiveDirMounterCol(path)) {
+      TRACE(PassiveEntityManager, kTraceDecision, "A passive dirMounter for {} is already present",
+            path);
+      return;
+    }
+    if (Qel::globalDir()->entity(path)) {
+      TRACE(PassiveEntityManager, kTraceDecision,
+            "{} already is present. Skipping passive dir mounter", path);
+      if (hasLetter(flags, 'B')) pendingMountProfileDel(path);
+    } else if (!Qel::globalDir()->entity(parent)) {
+      TRACE(PassiveEntityManager, kTraceDecision,
+            "parent dir doesn't exist, will dir mount it later");
+      pendingMountProfileIs(mount);
+      return;
+    } else {
+      TRACE(PassiveEntityManager, kTraceDecision, "Starting passive dirMounter for {}", path);
+      auto const clock = timerWheel() ? timerWheel()->clock() : Qel::Clock::Ptr();
+      auto const mounter = passiveDirMounterFactory(agentName(), path, flags, mount.type(), entMgr_,
+                                                    clock, mount, this);
+      // Held before it starts: a mounter that finishes at once removes itself.
+      passiveDirMounterColIs(path, mounter);
+      mounter->start();
+      return;
+    }
+  }
+  TRACE(PassiveEntityManager, kTraceDecision, "mounting {} with flags {} Type: {}", path, flags,
+        mount.type());
+  TRACE(PassiveEntityManager, kTraceDecision, "parentDir: {}", parent);
+  switch (parentSaState(parent)) {
+    case ParentSaState::synchronised:
+      return doPassiveMount(path, flags, mount.type());
+    case ParentSaState::waiting:
+      return pendingMountProfileIs(mount);
+    case ParentSaState::absent:
+      return autoMountParent(mount, parent);
+  }
+}
+
+PassiveEntityManagerSm::ParentSaState PassiveEntityManagerSm::parentSaState(
+    Qel::String const& parent) {
+  auto const table = peerMountTable();
+  if (!table || !table->hasPathState(parent)) return ParentSaState::absent;
+  Qel::MountTable::PathState const sa = table->pathState(parent);
+  if (sa.mounted() && sa.complete() && !sa.synchronised()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "mount for {} is complete but not synced", parent);
+    return ParentSaState::waiting;
+  }
+  if (!sa.mountPoint() && !sa.synchronised()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "parent sa {} not a mountpoint and  unsynchronized",
+          parent);
+    return ParentSaState::waiting;
+  }
+  if (sa.synchronised() && sa.monitoring()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "parent sa {} synced but is monitoring eid={}",
+          parent, sa.monitoringEid());
+    return ParentSaState::waiting;
+  }
+  if (!sa.synchronised()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "parent sa {} not synced yet ", parent);
+    return ParentSaState::waiting;
+  }
+  return ParentSaState::synchronised;
+}
+
+void PassiveEntityManagerSm::autoMountParent(Mount const& mount, Qel::String const& parent) {
+  TRACE(PassiveEntityManager, kTraceDecision, "no sa for {} auto mounting", parent);
+  Mount const parentMount = allMountPaths(parent);
+  if (parentMount.empty()) return mountWholePath(mount);
+  TRACE(PassiveEntityManager, kTraceDecision, "no sa for parent, mount profile found ");
+  QEL_ASSERT(parentMount.type() == "Qel::Dir");
+  // The child waits first, so that the parent's own pending state cannot hide it.
+  pendingMountProfileIs(mount);
+  doNestedPassiveMount(parentMount);
+}
+
+void PassiveEntityManagerSm::mountWholePath(Mount const& mount) {
+  TRACE(PassiveEntityManager, kTraceDecision, "mounting the entire path with instantiating flag");
+  auto const table = peerMountTable();
+  std::vector<Qel::Name> const components = componentsOf(mount.path());
+  if (components.empty()) return pendingMountProfileIs(mount);
+  // Prefixes are mounted below the deepest one already mounted: those that stand already are
+  // mounted as the child needs its parent ("r", or "wc" for a creating child), the missing ones
+  // with the instantiating flags "fwc".
+  Qel::String const standing = hasLetter(mount.flags(), 'c') ? "wc" : "r";
+  std::vector<Qel::String> prefixes;
+  std::size_t firstUnmounted = 0;
+  Qel::Entity::Ptr dir = Qel::globalDir();
+  Qel::String prefix;
+  for (std::size_t i = 0; i + 1 < components.size(); ++i) {
+    Qel::Name const& name = components[i];
+    Qel::Entity::Ptr const next = dir ? dir->child(name) : nullptr;
+    if (!next && dir)
+      TRACE(PassiveEntityManager, kTraceDecision, "Component {} not found in {}", name,
+            dir->fullName());
+    prefix += "/" + name;
+    prefixes.push_back(prefix);
+    if (table && table->hasPathState(prefix) && table->pathState(prefix).mounted()) {
+      TRACE(PassiveEntityManager, kTraceDecision, "{} already mounted ", prefix);
+      firstUnmounted = i + 1;
+    }
+    dir = next;
+  }
+  TRACE(PassiveEntityManager, kTraceDecision, "final component name is {}", components.back());
+  pendingMountProfileIs(mount);
+  for (std::size_t i = firstUnmounted; i < prefixes.size() && initialized_; ++i) {
+    Qel::String const& p = prefixes[i];
+    if (table && table->hasPathState(p)) continue;
+    TRACE(PassiveEntityManager, kTraceDecision, "mounting prefix {}", p);
+    doPassiveMount(p, Qel::globalDir()->entity(p) ? standing : Qel::String("fwc"), kDirType);
+  }
+}
+
+void PassiveEntityManagerSm::doPopulateMountPaths() {
+  TRACE(PassiveEntityManager, kTraceEntry,
+        "PassiveEntityManagerSm::doPopulateMountPaths():  agentName: {}", agentName());
+  if (!agentProfile_) return;
+  for (auto const& [name, group] : agentProfile_->mountGroup()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "mount group {}",
+          group ? Qel::String(name) : Qel::String("<unknown>"));
+    if (!group) continue;
+    for (auto const& [rawPath, profileMount] : group->mountProfile()) {
+      Mount const mount(canonicalPath(rawPath), profileMount.type(), profileMount.flags());
+      Mount const existing = allMountPaths(mount.path());
+      if (existing.empty()) {
+        TRACE(PassiveEntityManager, kTraceDecision, "Adding path  {} to allMountPaths ",
+              mount.path());
+        allMountPathsIs(mount);
+      } else if (existing.flags() != mount.flags()) {
+        TRACE(PassiveEntityManager, kTraceDecision, "not upgrading flags for {} from {} to {}",
+              mount.path(), existing.flags(), mount.flags());
+      }
+      maybeAddParentMountProfile(mount);
+    }
+  }
+}
+
+void PassiveEntityManagerSm::maybeAddParentMountProfile(Mount const& mount) {
+  if (!hasLetter(mount.flags(), 'c')) return;
+  std::vector<Qel::Name> const components = componentsOf(mount.path());
+  Qel::Entity::Ptr dir = Qel::globalDir();
+  Qel::String deepest;
+  // The mount's own last component is what it creates: only its ancestors are walked.
+  for (std::size_t i = 0; i + 1 < components.size(); ++i) {
+    Qel::Entity::Ptr const next = dir->child(components[i]);
+    if (!next || !dynamic_cast<Qel::Dir const*>(next.ptr())) {
+      TRACE(PassiveEntityManager, kTraceDecision, "{} not found in {}", components[i],
+            dir->fullName());
+      break;
+    }
+    deepest += "/" + components[i];
+    dir = next;
+  }
+  if (deepest.empty()) return;
+  Mount const existing = allMountPaths(deepest);
+  if (existing.empty()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "Adding path  {} to allMountPaths ", deepest);
+    allMountPathsIs(Mount(deepest, kDirType, "w"));
+    return;
+  }
+  if (hasLetter(existing.flags(), 'w')) return;
+  Qel::String const upgraded = existing.flags() + "w";
+  TRACE(PassiveEntityManager, kTraceDecision, "upgrading flags for {} from {} to {}", deepest,
+        existing.flags(), upgraded);
+  allMountPathsIs(Mount(deepest, existing.type(), upgraded));
+}
+
+}  // namespace Ledra

@@ -1,0 +1,284 @@
+// Mount group scheduling: the scheduling pass (doInitiateMounts), the mount of one group, the
+// retry of pending mounts, and the engine side of conditional groups.
+//
+// A pass runs only when no outgoing mount request is unanswered and no other pass is running;
+// that gate serialises the groups: a group is taken from the ready queue only once every request
+// of the previous one has been answered.
+#include <iostream>
+
+#include "PassiveEntityManager/ConditionalMountGroupSm.h"
+#include "PassiveEntityManager/MountsInProgressAnchor.h"
+#include "PassiveEntityManager/PassiveDirMounter.h"
+#include "PassiveEntityManager/PassiveEntityManagerSm.h"
+#include "PassiveEntityManager/PassiveEntityManagerSmReactors.h"
+#include "PassiveEntityManager/PathTemplates.h"
+#include "PassiveEntityManager/TraceFacility.h"
+
+namespace Ledra {
+
+void PassiveEntityManagerSm::doInitiateMounts() {
+  TRACE(PassiveEntityManager, kTraceEntry,
+        "PassiveEntityManagerSm::doInitiateMounts():  agentName: {}", agentName());
+  if (!initialized_) return;
+  if (state_ == mountComplete) {
+    TRACE(PassiveEntityManager, kTraceDecision, "mount complete..returning");
+    return;
+  }
+  QEL_ASSERT(demuxer());
+  if (demuxer()->flowOutMountRequests() != 0 || mountsInProgress_) {
+    TRACE(PassiveEntityManager, kTraceDecision, "flowOut mount requests: {} mountsInProgress: {}",
+          demuxer()->flowOutMountRequests(), mountsInProgress_);
+    return;
+  }
+  // A handler of the pass may drop the last outside reference to this engine.
+  Ptr const keepAlive(this);
+  MountsInProgressAnchor const anchor(this);
+  if (state_ == conditionalMountGroupPending) return;
+  if (state_ != readyMountGroupPending && !queueProfileGroups()) return;
+  serveReadyGroups();
+}
+
+bool PassiveEntityManagerSm::queueProfileGroups() {
+  Qel::ConnectDesc const cd(ledraRoot_ ? Qel::String(ledraRoot_->fullName()) : Qel::String());
+  // clang-format off
+  QEL_ASSERT(demuxer()->outMount()->status( cd ) == Qel::MountTable::complete_);
+  // clang-format on
+  TRACE(PassiveEntityManager, kTraceDecision, "root mount completed");
+  for (auto const& [name, group] : agentProfile_->mountGroup()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "Adding MountGroup: {} priority: {}", name,
+          group->priority());
+    bool allTrue = true;
+    for (auto const& [condition, flag] : group->templateConditionCol()) {
+      bool const result = evaluateTemplateCondition(condition);
+      if (result) {
+        TRACE(PassiveEntityManager, kTraceDecision, "template condition evaluted to True.");
+      } else {
+        TRACE(PassiveEntityManager, kTraceDecision, "template condition evaluted to False.");
+      }
+      allTrue = allTrue && result;
+    }
+    if (!allTrue) {
+      TRACE(PassiveEntityManager, kTraceDecision,
+            "At least one template condition evaluted to False.  Skipping mount");
+      continue;
+    }
+    if (group->conditionCols() != 0)
+      TRACE(PassiveEntityManager, kTraceDecision, "Proceeding with conditional");
+    readyMountGroupEnq(group);
+  }
+  // A profile without any group asks for the root mount only.
+  if (agentProfile_->mountGroup().empty()) {
+    completionTest();
+    return false;
+  }
+  if (readyMountGroup_.empty()) {
+    QEL_ASSERT(!conditionalMountGroup_.empty() && "no mountgroups found");
+    stateIs(conditionalMountGroupPending);
+    return false;
+  }
+  stateIs(readyMountGroupPending);
+  return true;
+}
+
+void PassiveEntityManagerSm::serveReadyGroups() {
+  TRACE(PassiveEntityManager, kTraceDecision, "ready mount group pending");
+  for (auto const& [cd, stat] : demuxer()->outMount()->status()) {
+    if (stat.status() == Qel::MountTable::complete_) continue;
+    TRACE(PassiveEntityManager, kTraceDecision,
+          "readyMountGroupPending_ Exception: {}, status: {}, path: {}", stat.exceptionDesc(),
+          Qel::MountTable::Stat(stat.status()).text(), cd.text());
+    return;
+  }
+  TRACE(PassiveEntityManager, kTraceDecision, "all previous mounts completed");
+  doPendingMounts();
+  if (!initialized_) return;
+  if (!pendingMountProfile_.empty()) return retryLater();
+  if (!blockingConditionals_.empty()) return completionTest();
+  takeReadyGroups();
+  // A group may have closed the agent for an invalid profile entry.
+  if (!initialized_) return;
+  convertMounts();
+  if (!readyMountGroup_.empty()) {
+    if (!pendingMountProfile_.empty()) return retryLater();
+    return completionTest();
+  }
+  if (!pendingMountProfile_.empty()) return retryLater();
+  if (!convertableMounts_.empty()) return completionTest();
+  TRACE(PassiveEntityManager, kTraceDecision, "all ready mount groups completed");
+  if (conditionalMountGroup_.empty()) return completionTest();
+  TRACE(PassiveEntityManager, kTraceDecision, "conditional mount groups are pending");
+  stateIs(conditionalMountGroupPending);
+}
+
+void PassiveEntityManagerSm::takeReadyGroups() {
+  auto const d = demuxer();
+  while (initialized_ && d->flowOutMountRequests() == 0 && !readyMountGroup_.empty() &&
+         pendingMountProfile_.empty() && blockingConditionals_.empty()) {
+    PassiveMountGroup::PtrConst const group = readyMountGroupDeq();
+    Qel::Name const name = group->name();
+    TRACE(PassiveEntityManager, kTraceDecision, "readyMountGroupDeq: {} priority: {}", name,
+          group->priority());
+    if (group->conditionCols() == 0) {
+      handleMountProfile(group);
+      continue;
+    }
+    TRACE(PassiveEntityManager, kTraceDecision, "Creating a conditional mount group for {}",
+          group->entireCondition());
+    conditionalMountGroupIs(group);
+    auto const record = conditionalMountGroup(name);
+    if (!record || record->initialized()) continue;
+    TRACE(PassiveEntityManager, kTraceDecision, "conditional mountgroup {} done inline", name);
+    conditionalMountGroupDel(name);
+  }
+}
+
+void PassiveEntityManagerSm::convertMounts() {
+  if (convertableMounts_.empty() || !entMgr_ || !entMgr_->writeMountsGranted()) return;
+  TRACE(PassiveEntityManager, kTraceDecision, "Num mounts to convert: {}",
+        convertableMounts_.size());
+  while (initialized_ && !convertableMounts_.empty()) {
+    Mount const m = convertableMountsDeq();
+    if (agentStatus_) agentStatus_->mountReferenceDel(Qel::Name(m.path()));
+    TRACE(PassiveEntityManager, kTraceDecision, "Converting {} to w", m.path());
+    doPassiveMount(m.path(), m.flags(), m.type());
+  }
+}
+
+void PassiveEntityManagerSm::retryLater() {
+  armRetryTimer();
+  TRACE(PassiveEntityManager, kTraceDecision,
+        "{} outstanding mount groups {} pending mount profiles {} blocking conditional",
+        readyMountGroup_.size(), pendingMountProfile_.size(), blockingConditionals_.size());
+}
+
+void PassiveEntityManagerSm::armRetryTimer() {
+  if (!qelTimerWheel_ || !qelTimerWheel_->notifier()) return;
+  qelTimerWheel_->timeMinIs(qelTimerWheel_->notifier()->clock()->now());
+}
+
+void PassiveEntityManagerSm::completionTest() {
+  if (!readyMountGroup_.empty() || !conditionalMountGroup_.empty() ||
+      !pendingMountProfile_.empty() || !passiveDirMounterCol_.empty() ||
+      !convertableMounts_.empty())
+    return;
+  TRACE(PassiveEntityManager, kTraceDecision, "All mounts complete for {}", agentName());
+  stateIs(mountComplete);
+  demuxerIs(nullptr);
+  peerMountTableIs(nullptr);
+  if (qelTimerWheel_) qelTimerWheel_->timeMinIs(Qel::kNever);
+}
+
+void PassiveEntityManagerSm::handleMountProfile(PassiveMountGroup::PtrConst const& group) {
+  TRACE(PassiveEntityManager, kTraceEntry,
+        "PassiveEntityManagerSm::handleMountProfile( group ): {} prio: {}", group->name(),
+        group->priority());
+  if (!initialized_) return;
+  QEL_ASSERT(peerMountTable());
+  for (auto const& [path, mount] : group->mountProfile()) {
+    if (!initialized_) return;
+    doNestedPassiveMount(mount);
+  }
+}
+
+void PassiveEntityManagerSm::doPendingMounts() {
+  TRACE(PassiveEntityManager, kTraceEntry,
+        "PassiveEntityManagerSm::doPendingMounts():  agentName: {}", agentName());
+  QEL_ASSERT(peerMountTable());
+  TRACE(PassiveEntityManager, kTraceDecision, "doPendingMounts: pendingMountProfiles(): {}",
+        pendingMountProfile_.size());
+  // A mount that still has to wait is put back; it is retried by the next pass, not this one.
+  PendingMountProfileCol const pending = pendingMountProfile_;
+  for (auto const& [path, mount] : pending) {
+    if (!initialized_) return;
+    pendingMountProfileDel(path);
+    doNestedPassiveMount(mount);
+  }
+}
+
+bool PassiveEntityManagerSm::evaluateTemplateCondition(Qel::String const& cond) {
+  return Ledra::evaluateTemplateCondition(cond, agentStatus_);
+}
+
+// --- QelConditionalMountGroup
+
+PassiveEntityManagerSm::QelConditionalMountGroup::Ptr
+PassiveEntityManagerSm::QelConditionalMountGroup::conditionalMountGroupNew(
+    PassiveMountGroup::PtrConst const& group, PassiveEntityManagerSm* engine) {
+  return Ptr(new QelConditionalMountGroup(group, engine));
+}
+
+PassiveEntityManagerSm::QelConditionalMountGroup::QelConditionalMountGroup(
+    PassiveMountGroup::PtrConst group, PassiveEntityManagerSm* engine)
+    : group_(std::move(group)), engine_(engine) {}
+
+PassiveEntityManagerSm::QelConditionalMountGroup::~QelConditionalMountGroup() {
+  if (qelConditionRes_) qelConditionRes_->recordIs(nullptr);
+  if (sm_) sm_->passiveEntityManagerSmIs(nullptr);
+}
+
+ConditionRes::Ptr PassiveEntityManagerSm::QelConditionalMountGroup::conditionRes() const {
+  return qelConditionRes_ ? qelConditionRes_->notifier() : nullptr;
+}
+
+void PassiveEntityManagerSm::QelConditionalMountGroup::conditionResIs(ConditionRes::Ptr const& r) {
+  if (r == conditionRes()) return;
+  if (qelConditionRes_) qelConditionRes_->recordIs(nullptr);
+  qelConditionRes_ = r ? QelConditionRes::reactorNew(this, r) : nullptr;
+}
+
+void PassiveEntityManagerSm::QelConditionalMountGroup::conditionalMountGroupSmDel() {
+  if (!sm_) return;
+  Qel::Ptr<ConditionalMountGroupSm> sm = std::move(sm_);
+  sm->passiveEntityManagerSmIs(nullptr);
+}
+
+void PassiveEntityManagerSm::QelConditionalMountGroup::handleInit() {
+  TRACE(PassiveEntityManager, kTraceEntry, "QelConditionalMountGroup::handleInit(): {}", name());
+  if (initialized_ || !engine_) return;
+  Ptr const keepAlive(this);
+  initialized_ = true;
+  conditionResIs(ConditionRes::conditionResNew(name()));
+  if (group_->blockingConditional()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "ConditionalMountGroup blocking: {}",
+          group_->blockingConditional());
+    engine_->blockingConditionalsIs(group_->entireCondition(), true);
+  }
+  auto sm = conditionalMountGroupSmFactory(group_, conditionRes(), engine_, engine_->timerWheel());
+  // The conditions may have held at once: then the group is settled and keeps no state machine.
+  if (initialized_) sm_ = std::move(sm);
+}
+
+void PassiveEntityManagerSm::QelConditionalMountGroup::handleEnabled() {
+  TRACE(PassiveEntityManager, kTraceEntry, "QelConditionalMountGroup::handleEnabled(): {}", name());
+  PassiveEntityManagerSm* const engine = engine_;
+  ConditionRes::Ptr const res = conditionRes();
+  if (!engine || !res) return;
+  if (!res->enabled()) {
+    TRACE(PassiveEntityManager, kTraceDecision, "agent: {}, condition for {} failed",
+          engine->agentName(), name());
+    return;
+  }
+  Ptr const keepAlive(this);
+  PassiveEntityManagerSm::Ptr const keepEngine(engine);
+  initialized_ = false;
+  TRACE(PassiveEntityManager, kTraceDecision, "agent: {}, condition for {} succeeded",
+        engine->agentName(), name());
+  conditionalMountGroupSmDel();
+  conditionResIs(nullptr);
+  engine->handleMountProfile(group_);
+  engine->stateIs(readyMountGroupPending);
+  engine->conditionalMountGroupDel(name());
+  engine->doInitiateMounts();
+}
+
+void PassiveEntityManagerSm::QelConditionalMountGroup::hasNotificationActiveIs(bool on) {
+  if (qelConditionRes_) qelConditionRes_->hasNotificationActiveIs(on);
+  if (sm_) sm_->hasNotificationActiveIs(on);
+}
+
+void PassiveEntityManagerSm::QelConditionalMountGroup::qelDoZombieReactorsIs(bool zombie) {
+  if (qelConditionRes_) qelConditionRes_->qelDoZombieReactorsIs(zombie);
+  if (sm_) sm_->qelDoZombieReactorsIs(zombie);
+}
+
+}  // namespace Ledra

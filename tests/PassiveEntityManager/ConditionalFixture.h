@@ -1,0 +1,170 @@
+// Shared pieces of the conditional mount group tests: a run-time entity type with an attribute of
+// every builtin, an enum, a pointer, keyed collections and a value type; a fixture with a
+// simulated clock and timer wheel, a watched entity at /condTest/w, a mount group and its result
+// record, the trace of the PassiveEntityManager facility captured at every level, and a leak check.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "Orn/TimerWheel.h"
+#include "PassiveEntityManager/ConditionalMountGroupSm.h"
+#include "PassiveEntityManager/Mount.h"
+#include "Qel/Dir.h"
+#include "Qel/DynamicEntity.h"
+#include "Qel/SimulatedClock.h"
+#include "Trace/CaptureSink.h"
+#include "Trace/Clock.h"
+#include "Trace/Facilities.h"
+#include "support/LeakCheck.h"
+
+namespace ConditionalTesting {
+
+// "condTest::Watched": a_<builtin> for each builtin (a_charptr and a_constcharptr for char* and
+// const char*), then
+//   colour    condTest::Colour (red 0, green 1, blue 7)
+//   peer      pointer to an entity
+//   tags      bool keyed by string        byColour  U32 keyed by condTest::Colour
+//   byNumber  string keyed by U32         mount     Ledra::Mount (a value type: no reactor)
+inline Qel::QelType const* watchedType() {
+  static Qel::QelType const* t = [] {
+    Qel::QelType const* colour =
+        Qel::defineEnum("condTest::Colour", {{"red", 0}, {"green", 1}, {"blue", 7}});
+    std::vector<Qel::AttributeSchema> attrs;
+    for (char const* b : {"bool", "U8", "S8", "U16", "S16", "U32", "S32", "U64", "S64", "F32",
+                          "F64", "char", "long", "double", "string", "name"}) {
+      attrs.push_back({Qel::Name(std::string("a_") + b), b});
+    }
+    attrs.push_back({"a_charptr", "char*"});
+    attrs.push_back({"a_constcharptr", "const char*"});
+    attrs.push_back({"colour", colour->name()});
+    attrs.push_back({"peer", "Qel::Entity"});
+    attrs.push_back({"tags", "bool", "string"});
+    attrs.push_back({"byColour", "U32", colour->name()});
+    attrs.push_back({"byNumber", "string", "U32"});
+    attrs.push_back({"mount", Ledra::Mount::staticType()->name()});
+    return Qel::defineType("condTest::Watched", attrs);
+  }();
+  return t;
+}
+
+// An exact text as a death-test pattern.
+inline std::string literal(std::string const& text) {
+  std::string out;
+  for (char c : text) {
+    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+// Trace lines carry the time of the test's simulated clock.
+inline Qel::SimulatedClock* traceClock = nullptr;
+inline double traceSeconds() {
+  return traceClock ? traceClock->now() : 0;
+}
+
+class ConditionalTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  static constexpr char const* kPath = "/condTest/w";
+
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    Trace::Facilities::instance().levelsAre("PassiveEntityManager=9");
+    clock_ = Qel::SimulatedClock::simulatedClockNew();
+    traceClock = clock_.ptr();
+    Trace::timeSourceIs(&traceSeconds);
+    wheel_ = Orn::TimerWheel::timerWheelNew(clock_);
+    dir_ = Qel::globalDir()->dirIs("condTest");
+    watched_ = Qel::DynamicEntity::entityNew(watchedType(), "w");
+    dir_->entryIs(watched_);
+    group_ = Ledra::PassiveMountGroup::mountGroupNew("g", 10);
+    res_ = Ledra::ConditionRes::conditionResNew("g");
+  }
+  void TearDown() override {
+    sm_ = nullptr;
+    res_ = nullptr;
+    group_ = nullptr;
+    watched_ = nullptr;
+    dir_ = nullptr;
+    Qel::globalDir()->entryDel("condTest");
+    wheel_ = nullptr;
+    Trace::timeSourceIs(nullptr);
+    traceClock = nullptr;
+    clock_ = nullptr;
+    Trace::Facilities::instance().reset();
+    LeakCheckedTest::TearDown();
+  }
+
+  // Adds the condition "<constant> <op> [len( ]/condTest/w.<attr>" to the group.
+  void condition(std::string const& text) { group_->conditionColEnq(text); }
+  static std::string on(std::string const& attr) { return std::string(kPath) + "." + attr; }
+
+  // Creates and starts the state machine without an engine.
+  Ledra::ConditionalMountGroupSm::Ptr const& start() {
+    sm_ = Ledra::conditionalMountGroupSmFactory(group_, res_, nullptr, wheel_);
+    return sm_;
+  }
+
+  // Writes a plain attribute (or the element at `key` of a collection; "" deletes it) as text.
+  void set(char const* attr, Qel::String const& text, Qel::String const& key = {}) {
+    watched_->attributeIs(attr, text, key);
+  }
+  // Writes a plain attribute as a value of its own type.
+  template <class T>
+  void setValue(char const* attr, T const& v) {
+    Qel::AttributeId const aid = watched_->attributeId(attr);
+    watched_->valueIs(aid, watchedType()->attribute(aid)->type()->newValue(Qel::toValue(v)));
+  }
+
+  bool enabled() const { return res_->enabled(); }
+
+  // The messages of the PassiveEntityManager facility, addresses shown as 0x*.
+  std::vector<std::string> messages() const {
+    static std::regex const address("0x[0-9a-f]+");
+    std::vector<std::string> out;
+    for (auto const& line : capture_.lines()) {
+      if (line.facility != "PassiveEntityManager") continue;
+      out.push_back(std::regex_replace(line.message, address, "0x*"));
+    }
+    return out;
+  }
+  // How many messages of the facility are exactly `text`.
+  std::size_t countOf(std::string const& text) const {
+    std::vector<std::string> const all = messages();
+    return static_cast<std::size_t>(std::count(all.begin(), all.end(), text));
+  }
+  // The raw messages at or below `level`.
+  std::vector<std::string> messagesUpTo(int level) const {
+    std::vector<std::string> out;
+    for (auto const& line : capture_.lines()) {
+      if (line.facility == "PassiveEntityManager" && line.level <= level) {
+        out.push_back(line.message);
+      }
+    }
+    return out;
+  }
+  // The times of the lines whose message begins with `prefix`.
+  std::vector<double> timesOf(std::string const& prefix) const {
+    std::vector<double> out;
+    for (auto const& line : capture_.lines()) {
+      if (line.message.rfind(prefix, 0) == 0) out.push_back(line.seconds);
+    }
+    return out;
+  }
+
+  Trace::CaptureSink capture_;
+  Qel::SimulatedClock::Ptr clock_;
+  Orn::TimerWheel::Ptr wheel_;
+  Qel::Dir::Ptr dir_;
+  Qel::DynamicEntity::Ptr watched_;
+  Ledra::PassiveMountGroup::Ptr group_;
+  Ledra::ConditionRes::Ptr res_;
+  Ledra::ConditionalMountGroupSm::Ptr sm_;
+};
+
+}  // namespace ConditionalTesting

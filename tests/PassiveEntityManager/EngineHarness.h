@@ -1,0 +1,104 @@
+// The world an engine runs in, for tests: a simulated clock with its event loop and timer wheel,
+// the database root "/ledra/Ledra", an entity manager, one agent profile and status record, and a
+// loopback agent to connect. Everything the test made must be gone at the end (leak check).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Ledra/EntityManager.h"
+#include "Ledra/LoopbackAgent.h"
+#include "Orn/TimerWheel.h"
+#include "PassiveEntityManager/PassiveEntityManagerSm.h"
+#include "Qel/ActivityManagerConfig.h"
+#include "Qel/SimulatedClock.h"
+#include "Trace/CaptureSink.h"
+#include "Trace/Facilities.h"
+#include "support/LeakCheck.h"
+
+namespace Ledra::test {
+
+class EngineHarness : public LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    Trace::Facilities::instance().levelsAre("*=9");
+    clock = Qel::SimulatedClock::simulatedClockNew();
+    Qel::ActivityManagerConfig::instance()->clockIs(clock);
+    loop = Qel::EventLoop::eventLoopNew(clock);
+    wheel = Orn::TimerWheel::timerWheelNew(clock);
+    root = Qel::globalDir()->dirIs("ledra")->dirIs("Ledra");
+    entMgr = EntityManager::entityManagerNew("entityManager");
+    profile = PassiveAgentProfile::agentProfileNew("agentA");
+    status = PassiveAgentStatus::agentStatusNew("agentA");
+    agent = LoopbackAgent::loopbackAgentNew(loop, "agentA", "agentA");
+  }
+  void TearDown() override {
+    engine = nullptr;
+    agent = nullptr;
+    loop->runFor(0.01);  // connection teardown
+    status = nullptr;
+    profile = nullptr;
+    entMgr = nullptr;
+    root = nullptr;
+    Qel::globalDir()->entryDel("ledra");
+    wheel = nullptr;
+    loop = nullptr;
+    Qel::ActivityManagerConfig::instanceIs(nullptr);
+    clock = nullptr;
+    Trace::Facilities::instance().reset();
+    LeakCheckedTest::TearDown();
+  }
+
+  // Connects the agent and starts its engine.
+  PassiveEntityManagerSm::Ptr const& startEngine() {
+    auto const d = agent->connect();
+    engine = passiveEntityManagerSmFactory(profile, status, d, d->peer(), entMgr, wheel);
+    return engine;
+  }
+
+  // Runs the loop for `seconds` of simulated time.
+  void run(Qel::Time seconds = 0.1) { loop->runFor(seconds); }
+
+  // The requests the agent received, as "path?flags=letters type".
+  std::vector<std::string> requests() const {
+    std::vector<std::string> out;
+    for (auto const& r : agent->mountRequests())
+      out.push_back(r.path + "?flags=" + r.flags + (r.type.empty() ? "" : " " + r.type));
+    return out;
+  }
+  std::vector<std::string> requestPaths() const {
+    std::vector<std::string> out;
+    for (auto const& r : agent->mountRequests())
+      out.push_back(r.path);
+    return out;
+  }
+
+  // A directory below the database root ("a/b" -> /ledra/Ledra/a/b), created as needed.
+  Qel::Dir::Ptr dir(std::string const& relative) {
+    Qel::Dir::Ptr d = root;
+    std::size_t pos = 0;
+    while (pos <= relative.size()) {
+      std::size_t end = relative.find('/', pos);
+      if (end == std::string::npos) end = relative.size();
+      d = d->dirIs(Qel::Name(relative.substr(pos, end - pos)));
+      pos = end + 1;
+    }
+    return d;
+  }
+
+  Trace::CaptureSink capture;
+  Qel::SimulatedClock::Ptr clock;
+  Qel::EventLoop::Ptr loop;
+  Orn::TimerWheel::Ptr wheel;
+  Qel::Dir::Ptr root;
+  EntityManager::Ptr entMgr;
+  PassiveAgentProfile::Ptr profile;
+  PassiveAgentStatus::Ptr status;
+  LoopbackAgent::Ptr agent;
+  PassiveEntityManagerSm::Ptr engine;
+};
+
+}  // namespace Ledra::test

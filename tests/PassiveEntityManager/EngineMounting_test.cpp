@@ -1,0 +1,296 @@
+// Mount execution: the flags of a mount request for each combination of user flags, granted
+// writes and root flags; repeated, hybrid and conflicting mounts; the parent states that make a
+// mount wait; automatic parent mounts; the table of mount paths; the agent's template values.
+#include <gtest/gtest.h>
+
+#include "EngineHarness.h"
+
+namespace Ledra::test {
+namespace {
+
+using Qel::MountTable;
+
+struct FlagCase {
+  char const* userFlags;
+  bool granted;
+  char const* rootFlags;
+  char const* sent;
+  std::size_t converted;
+};
+
+class EngineFlagsTest : public EngineHarness, public testing::WithParamInterface<FlagCase> {};
+
+TEST_P(EngineFlagsTest, UserFlagsBecomeRequestFlags) {
+  FlagCase const& c = GetParam();
+  entMgr->writeMountsGrantedIs(c.granted);
+  profile->rootFlagsIs(c.rootFlags);
+  dir("x");
+  startEngine();
+  std::size_t const before = engine->convertableMountsCount();
+  engine->doPassiveMount("/ledra/Ledra/x", c.userFlags, "Qel::Dir");
+  EXPECT_EQ(agent->mountRequests().back().path, "/ledra/Ledra/x");
+  EXPECT_EQ(agent->mountRequests().back().flags, c.sent);
+  EXPECT_EQ(engine->convertableMountsCount() - before, c.converted);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Letters, EngineFlagsTest,
+    testing::Values(FlagCase{"w", false, "", "Cnp", 1}, FlagCase{"fw", false, "", "wnp", 0},
+                    FlagCase{"f", false, "", "wnp", 0}, FlagCase{"", false, "", "Cnp", 0},
+                    FlagCase{"", false, "N", "Cp", 0}, FlagCase{"wiS", true, "", "wiSnp", 0},
+                    FlagCase{"w", true, "N", "wp", 0}, FlagCase{"Si", false, "", "CiSnp", 0},
+                    FlagCase{"r", true, "", "Cnp", 0}, FlagCase{"wi", false, "r", "Cinp", 1}));
+
+class EngineMountingTest : public EngineHarness {
+ protected:
+  MountTable::PathState state(bool mounted, bool complete, bool mountPoint, bool synced,
+                              bool monitoring = false) {
+    MountTable::PathState s;
+    s.mountedIs(mounted).completeIs(complete).mountPointIs(mountPoint).synchronisedIs(synced);
+    s.monitoringIs(monitoring).monitoringEidIs(monitoring ? 7 : 0);
+    return s;
+  }
+  // The peer reports the root mounted and synchronised; the loop does not run, so the engine
+  // stays in its first pass (a profile without groups would complete at the root's answer).
+  void rootMounted() { agent->pathStateIs("/ledra/Ledra", state(true, true, true, true)); }
+};
+
+TEST_F(EngineMountingTest, TypeGoesOutOnlyWithTheCreateFlag) {
+  dir("a");
+  startEngine();
+  engine->doPassiveMount("/ledra/Ledra/a", "r", "Qel::Dir");
+  EXPECT_EQ(agent->mountRequests().back().type, "");
+  engine->doPassiveMount("/ledra/Ledra/b", "wc", "Ledra::Thing");
+  EXPECT_EQ(agent->mountRequests().back().type, "Ledra::Thing");
+  auto ref = status->mountReference("/ledra/Ledra/a");
+  ASSERT_TRUE(ref);
+  EXPECT_EQ(ref->entity(), dir("a"));
+  EXPECT_FALSE(ref->complete());
+}
+
+TEST_F(EngineMountingTest, UnchangedMountIsServedAndCompletesTheReference) {
+  dir("a");
+  startEngine();
+  rootMounted();
+  engine->doPassiveMount("/ledra/Ledra/a", "r", "");
+  std::size_t const sent = requests().size();
+  engine->doPassiveMount("/ledra/Ledra/a", "r", "");
+  EXPECT_EQ(requests().size(), sent);
+  EXPECT_TRUE(status->mountReference("/ledra/Ledra/a")->complete());
+  EXPECT_EQ(agent->demuxer()->pathServed("/ledra/Ledra/a"), true);
+  // A path mounted "C" counts as unchanged for a later mount without 'w'.
+  engine->doPassiveMount("/ledra/Ledra/a", "i", "");
+  EXPECT_EQ(requests().size(), sent);
+}
+
+TEST_F(EngineMountingTest, SecondConnectionMountingAMountedPathIsClosed) {
+  startEngine();
+  rootMounted();
+  // Another connection of the same agent (its records kept) mounts the root again.
+  auto other = LoopbackAgent::loopbackAgentNew(loop, "agentA2", "agentA2");
+  auto d = other->connect();
+  testing::internal::CaptureStderr();
+  auto second = passiveEntityManagerSmFactory(profile, status, d, d->peer(), entMgr, wheel);
+  std::string const err = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(capture.contains("Mount path /ledra/Ledra already mounted by agent agentA"));
+  EXPECT_NE(err.find("Processed an invalid mount profile. agentA"), std::string::npos);
+  EXPECT_FALSE(second->initialized());
+  run();
+  EXPECT_FALSE(other->connected());
+  EXPECT_TRUE(agent->connected());
+  second = nullptr;
+  other = nullptr;
+}
+
+TEST_F(EngineMountingTest, HybridAgentRemountsWithOtherFlagsAndJustSetsEntityWithSameFlags) {
+  profile->hybridMountIs(true);
+  entMgr->writeMountsGrantedIs(true);
+  dir("h");
+  startEngine();
+  rootMounted();
+  engine->doPassiveMount("/ledra/Ledra/h", "wc", "Qel::Dir");
+  engine->doPassiveMount("/ledra/Ledra/h", "wci", "Qel::Dir");
+  EXPECT_TRUE(capture.contains("Already mounted entity for /ledra/Ledra/h"));
+  EXPECT_TRUE(capture.contains("Hence remounting."));
+  EXPECT_EQ(requests().back(), "/ledra/Ledra/h?flags=winp Qel::Dir");
+  EXPECT_TRUE(status->mountReference("/ledra/Ledra/h")->complete());
+  std::size_t const sent = requests().size();
+  // Same flags, another type: nothing is sent, the entity is set.
+  engine->doPassiveMount("/ledra/Ledra/h", "wci", "Other::Type");
+  EXPECT_TRUE(capture.contains(
+      "Hybrid mount already mount entity for /ledra/Ledra/h with the same flag 0x"));
+  EXPECT_EQ(requests().size(), sent);
+  EXPECT_EQ(status->mountReference("/ledra/Ledra/h")->entity(), dir("h"));
+}
+
+TEST_F(EngineMountingTest, FailedFirstMountIsReportedAndALaterAttemptClosesTheAgent) {
+  startEngine();
+  agent->disconnect("gone");
+  run();  // the connection is closed: installing a configuration fails at once
+  // The engine still holds the closed connection's table.
+  testing::internal::CaptureStderr();
+  engine->doPassiveMount("/ledra/Ledra/f", "r", "");
+  std::string const err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("/ledra/Ledra/f Error: Hit QEL Exception: connection closed: gone agent: "
+                     "agentA"),
+            std::string::npos)
+      << err;
+  testing::internal::CaptureStderr();
+  engine->doPassiveMount("/ledra/Ledra/f", "f", "");
+  testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(capture.contains(
+      "Mount path /ledra/Ledra/fnot mounted likely due to QEL Exception by agent agentA"));
+  EXPECT_FALSE(engine->initialized());
+}
+
+struct ParentCase {
+  bool mounted, complete, mountPoint, synced, monitoring;
+  char const* trace;  // empty: the child is mounted
+};
+
+class EngineParentStateTest : public EngineMountingTest,
+                              public testing::WithParamInterface<ParentCase> {};
+
+TEST_P(EngineParentStateTest, ParentStateDecidesBetweenWaitAndMount) {
+  ParentCase const& c = GetParam();
+  dir("p/q");
+  startEngine();
+  rootMounted();
+  agent->pathStateIs("/ledra/Ledra/p",
+                     state(c.mounted, c.complete, c.mountPoint, c.synced, c.monitoring));
+  engine->doNestedPassiveMount(Mount("/ledra/Ledra/p/q", "Qel::Dir", "r"));
+  if (*c.trace == '\0') {
+    EXPECT_EQ(requestPaths().back(), "/ledra/Ledra/p/q");
+    EXPECT_FALSE(engine->pendingMountProfile("/ledra/Ledra/p/q"));
+    return;
+  }
+  EXPECT_TRUE(capture.contains(c.trace)) << c.trace;
+  EXPECT_TRUE(engine->pendingMountProfile("/ledra/Ledra/p/q"));
+  EXPECT_EQ(requestPaths().back(), "/ledra/Ledra");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    States, EngineParentStateTest,
+    testing::Values(ParentCase{true, true, true, false, false,
+                               "mount for /ledra/Ledra/p is complete but not synced"},
+                    ParentCase{true, false, false, false, false,
+                               "parent sa /ledra/Ledra/p not a mountpoint and  unsynchronized"},
+                    ParentCase{true, true, true, true, true,
+                               "parent sa /ledra/Ledra/p synced but is monitoring eid=7"},
+                    ParentCase{true, false, true, false, false,
+                               "parent sa /ledra/Ledra/p not synced yet "},
+                    ParentCase{true, true, true, true, false, ""}));
+
+TEST_F(EngineMountingTest, ParentWithoutMountIsMountedFromItsProfileFirst) {
+  dir("p/q");
+  profile->mountGroupIs("g", 1)->addProfile("/ledra/Ledra/p", "Qel::Dir", "r");
+  startEngine();
+  rootMounted();
+  engine->doNestedPassiveMount(Mount("/ledra/Ledra/p/q", "Qel::Dir", "r"));
+  EXPECT_TRUE(capture.contains("no sa for /ledra/Ledra/p auto mounting"));
+  EXPECT_TRUE(capture.contains("no sa for parent, mount profile found "));
+  EXPECT_EQ(requestPaths().back(), "/ledra/Ledra/p");
+  EXPECT_TRUE(engine->pendingMountProfile("/ledra/Ledra/p/q"));
+}
+
+TEST_F(EngineMountingTest, ParentProfileOfAnotherTypeIsAProgrammingError) {
+  dir("p");
+  profile->mountGroupIs("g", 1)->addProfile("/ledra/Ledra/p", "Ledra::Thing", "r");
+  startEngine();
+  rootMounted();
+  EXPECT_DEATH(engine->doNestedPassiveMount(Mount("/ledra/Ledra/p/q", "Qel::Dir", "r")),
+               "parentMount.type\\(\\) == \"Qel::Dir\"");
+}
+
+TEST_F(EngineMountingTest, WholePathIsMountedWithInstantiatingFlags) {
+  dir("x");
+  startEngine();
+  rootMounted();
+  engine->doNestedPassiveMount(Mount("/ledra/Ledra/x/y/z", "Ledra::Thing", "wc"));
+  EXPECT_TRUE(capture.contains("mounting the entire path with instantiating flag"));
+  EXPECT_TRUE(capture.contains("Component y not found in /ledra/Ledra/x"));
+  EXPECT_TRUE(capture.contains("final component name is z"));
+  EXPECT_TRUE(capture.contains("/ledra/Ledra already mounted "));
+  // x stands and is mounted as the creating child needs it; y does not and is instantiated.
+  EXPECT_EQ(requests(),
+            (std::vector<std::string>{"/ledra/Ledra?flags=Cnp", "/ledra/Ledra/x?flags=Cnp Qel::Dir",
+                                      "/ledra/Ledra/x/y?flags=wnp Qel::Dir"}));
+  EXPECT_TRUE(engine->pendingMountProfile("/ledra/Ledra/x/y/z"));
+}
+
+TEST_F(EngineMountingTest, MountPathsAreExpandedAndCreatingMountsGetAWritableParent) {
+  dir("cell/1");
+  profile->templateKeyIs(1, "%slot");
+  status->agentStringIs("agentA-7");
+  auto g = profile->mountGroupIs("g", 1);
+  g->addProfile("/ledra/Ledra/cell/1/%slot", "Ledra::Thing", "wc");
+  g->addProfile("/ledra/Ledra/cell/1", "Qel::Dir", "r");
+  startEngine();
+  EXPECT_EQ(engine->allMountPaths("/ledra/Ledra/cell/1/7").type(), "Ledra::Thing");
+  EXPECT_EQ(engine->allMountPaths("/ledra/Ledra/cell/1").flags(), "rw");
+  EXPECT_TRUE(capture.contains("Adding path  /ledra/Ledra/cell/1/7 to allMountPaths "));
+  EXPECT_TRUE(capture.contains("upgrading flags for /ledra/Ledra/cell/1 from r to rw"));
+  EXPECT_EQ(*status->templateCache("/ledra/Ledra/cell/1/%slot"), "/ledra/Ledra/cell/1/7");
+}
+
+TEST_F(EngineMountingTest, ExistingEntryKeepsItsFlags) {
+  dir("a");
+  profile->mountGroupIs("g1", 1)->addProfile("/ledra/Ledra/a", "Qel::Dir", "r");
+  profile->mountGroupIs("g2", 2)->addProfile("/ledra/Ledra/a", "Qel::Dir", "w");
+  startEngine();
+  EXPECT_TRUE(capture.contains("not upgrading flags for /ledra/Ledra/a from "));
+  EXPECT_EQ(engine->allMountPaths().size(), 1u);
+}
+
+// --- template values from the agent string
+
+class EngineTemplateTest : public EngineHarness {};
+
+TEST_F(EngineTemplateTest, FieldsFollowKeyPositionsAndDollarTakesTheRest) {
+  profile->templateKeyIs(2, "%rest$");
+  profile->templateKeyIs(1, "%slot");
+  profile->aliasKeyIs(" %s ", " %slot");
+  status->agentStringIs("agentA-3-x-y");
+  startEngine();
+  EXPECT_EQ(*status->templateValueDict("%slot"), "3");
+  EXPECT_EQ(*status->templateValueDict("%rest"), "x-y");
+  EXPECT_EQ(*status->templateValueDict("%s"), "3");
+  EXPECT_TRUE(capture.contains("Matching till EOL %rest"));
+  EXPECT_TRUE(capture.contains("template val %slot val - 3"));
+  EXPECT_TRUE(capture.contains("setting alias key %s to 3"));
+  EXPECT_TRUE(capture.contains("agentTmpString : agentA-3-x-y"));
+}
+
+TEST_F(EngineTemplateTest, MissingFieldIsEmptyAndNoFieldAtAllClosesTheAgent) {
+  profile->templateKeyIs(1, "%slot");
+  profile->templateKeyIs(2, "%bay");
+  status->agentStringIs("agentA-3");
+  startEngine();
+  EXPECT_EQ(*status->templateValueDict("%bay"), "");
+  EXPECT_TRUE(capture.contains("setting template key %bay to empty string"));
+  EXPECT_TRUE(engine->initialized());
+}
+
+TEST_F(EngineTemplateTest, AgentStringWithoutFieldsClosesTheAgent) {
+  profile->templateKeyIs(1, "%slot");
+  status->agentStringIs("agentA");
+  profile->mountGroupIs("g", 1)->addProfile("/ledra/Ledra/%slot", "Qel::Dir", "r");
+  testing::internal::CaptureStderr();
+  startEngine();
+  std::string const err = testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(capture.contains("No template value found for %slot"));
+  EXPECT_NE(err.find("Processed an invalid mount profile. No template value found for %slot"),
+            std::string::npos);
+  EXPECT_FALSE(engine->initialized());
+  EXPECT_TRUE(requests().empty());
+  run();
+  EXPECT_FALSE(agent->connected());
+}
+
+TEST_F(EngineTemplateTest, NoTemplateKeysIsTraced) {
+  startEngine();
+  EXPECT_TRUE(capture.contains("agent has no template keys"));
+}
+
+}  // namespace
+}  // namespace Ledra::test
