@@ -281,6 +281,18 @@ void PassiveEntityManagerRootSm::handleAgentProfile(Qel::Name const& name) {
   QEL_ASSERT(false && "mount profile being deleted");
 }
 
+void PassiveEntityManagerRootSm::handleWriteMountsGranted() {
+  TRACE(PassiveEntityManager, kTraceEntry,
+        "PassiveEntityManagerRootSm::handleWriteMountsGranted()");
+  if (!initialized_ || !entMgr_->writeMountsGranted()) return;
+  // A pass may close an agent and so change the collection: work on a copy.
+  std::vector<PassiveEntityManagerSm::Ptr> engines;
+  for (auto const& [name, engine] : passiveEntityManagerSm_)
+    engines.push_back(engine);
+  for (auto const& engine : engines)
+    engine->doInitiateMounts();
+}
+
 void PassiveEntityManagerRootSm::handleLocal() {
   TRACE(PassiveEntityManager, kTraceEntry, "PassiveEntityManagerRootSm::handleLocal()");
   if (!initialized_) return;
@@ -380,6 +392,10 @@ Qel::Ptr<PassiveEntityManagerRootSm::QelEntMgr> PassiveEntityManagerRootSm::QelE
 
 void PassiveEntityManagerRootSm::QelEntMgr::onLocal() {
   if (auto* root = live()) root->handleLocal();
+}
+
+void PassiveEntityManagerRootSm::QelEntMgr::onWriteMountsGranted() {
+  if (auto* root = live()) root->handleWriteMountsGranted();
 }
 
 Qel::Ptr<PassiveEntityManagerRootSm::QelConnectionStatusDir>

@@ -139,6 +139,9 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
   void handleInitialized();
   void handleAgentProfile(Qel::Name const& name);
   void handleLocal();
+  // Write mounts were granted: every engine runs a scheduling pass, so that mounts made "C"
+  // are converted to "w" without waiting for another event.
+  void handleWriteMountsGranted();
   // Deletes the engine and the status record of `agentName`.
   void doCleanup(Qel::Name const& agentName);
 
@@ -216,13 +219,15 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm::QelAgentProfileDir
   using RootReactor::RootReactor;
 };
 
-// A role change of the process reaches handleLocal.
+// A role change of the process reaches handleLocal; write mounts being granted reach
+// handleWriteMountsGranted.
 class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm::QelEntMgr
     : public RootReactor<EntityManager::NotifieeConst> {
  public:
   static Qel::Ptr<QelEntMgr> reactorNew(PassiveEntityManagerRootSm* root,
                                         EntityManager::PtrConst const& entMgr);
   void onLocal() override;
+  void onWriteMountsGranted() override;
 
  private:
   using RootReactor::RootReactor;

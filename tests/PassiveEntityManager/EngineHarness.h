@@ -23,6 +23,8 @@ namespace Ledra::test {
 class EngineHarness : public LeakCheckedTest {
  protected:
   void SetUp() override {
+    // The test runs under a process configuration of its own, forgotten at the end.
+    Qel::ActivityManagerConfig::instanceIs(nullptr);
     LeakCheckedTest::SetUp();
     Trace::Facilities::instance().levelsAre("*=9");
     clock = Qel::SimulatedClock::simulatedClockNew();
