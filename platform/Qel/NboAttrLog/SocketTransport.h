@@ -1,0 +1,146 @@
+// Qel::NboAttrLog::SocketTransport: the Transport of one agent connection over a connected
+// stream socket, driven by the EventLoop. It speaks the framed messages of WireMessage.h.
+//
+// Phases. A new transport watches its socket for the agent's first message. That must be a Hello:
+// it goes to the owner (Owner::onHello), which either binds the connection's Demuxer (demuxerIs)
+// or refuses the agent (closeWith). Anything else first (except a Close, which simply ends the
+// connection), or a malformed frame, closes the connection with a reason. Once bound:
+//   - sendMountRequest writes a MountRequest and, when an entity stands at the path in
+//     Qel::globalDir(), an EntityState of the same sequence number right after it (its type name,
+//     its plain attributes read through the reflection as text, a Dir's entry names). A state
+//     frame longer than the frame limit is left out (the request says no state follows).
+//   - a MountAnswer must name a request sent and not yet answered (same seqno and path). A
+//     successful answer first sets the peer table's path state from the answer's bits, then
+//     answers the demuxer (Demuxer::mountAnswered); a failed one answers with its exception text.
+//   - a Close from the agent, the end of the stream, or a read or write error: the demuxer learns
+//     of it through Demuxer::peerClosed.
+//   - a malformed, truncated or oversized frame, an answer to no request, or any message the agent
+//     must not send closes the connection through Demuxer::close with a reason that the agent is
+//     sent (when its socket still takes it). The process never aborts on what the peer sends.
+// close() (from the demuxer) sends a Close with the reason when there is one, stops reading, and
+// tears the connection down on a later loop turn: the socket is flushed once more (what it does not
+// take is dropped), unwatched and closed, and the owner hears Owner::onGone. Writes never block:
+// what the socket does not take waits in an output buffer, written as the socket becomes writable.
+// An agent that lets more than maxOutput() bytes pile up is closed ("agent does not read ...").
+//
+// Lifetimes: the transport owns its socket descriptor. The loop must outlive the connection (the
+// owner tears every connection down before the loop goes: teardownNow()). Loop tasks hold the
+// transport; the transport holds its demuxer from demuxerIs until the teardown. No callback
+// destroys an object whose handler is running. Single-threaded, on the loop's thread.
+#pragma once
+
+#include "Qel/Api.h"
+
+#include <map>
+#include <string>
+
+#include "Qel/EventLoop.h"
+#include "Qel/NboAttrLog/Demuxer.h"
+#include "Qel/NboAttrLog/Transport.h"
+#include "Qel/NboAttrLog/WireMessage.h"
+
+namespace Qel::NboAttrLog {
+
+class QEL_API SocketTransport final : public Transport {
+ public:
+  using Ptr = Qel::Ptr<SocketTransport>;
+  static constexpr std::size_t kDefaultMaxOutput = std::size_t(64) << 20;
+
+  // What the transport tells the one who accepted its socket.
+  class Owner {
+   public:
+    // The agent's hello. The owner binds a demuxer (demuxerIs) or refuses (closeWith); a hello
+    // left without either is refused with "hello not accepted".
+    virtual void onHello(SocketTransport& t, WireHello const& hello) = 0;
+    // The connection has been torn down (socket closed). `removeStatus` is the close's wish
+    // (Transport::close), true when the peer ended the connection. Called once, on a loop turn.
+    virtual void onGone(SocketTransport& t, bool removeStatus) = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  // A transport over the connected socket `fd` (it becomes non-blocking and is owned from now
+  // on), reporting to `owner` (may be null: a hello is then refused). `name` names it in reasons
+  // and texts until a demuxer is bound. Starts watching at once.
+  static Ptr socketTransportNew(EventLoop* loop, int fd, Owner* owner, String const& name = {});
+
+  int fd() const { return fd_; }
+  String const& name() const { return name_; }
+  Demuxer::Ptr const& demuxer() const { return demuxer_; }
+  // Binds the connection's demuxer (its transport must be this one). During onHello only.
+  void demuxerIs(Demuxer::Ptr const& d);
+
+  std::size_t maxFrame() const { return decoder_.maxFrame(); }
+  // The largest frame body accepted from, and sent to, the peer.
+  void maxFrameIs(std::size_t bytes);
+  std::size_t maxOutput() const { return maxOutput_; }
+  void maxOutputIs(std::size_t bytes);
+  // Bytes waiting for the socket.
+  std::size_t outputBuffered() const { return output_.size() - outputOffset_; }
+
+  // The connection is ending or has ended (either side); endReason() says why, as traced, e.g.
+  // "closed by the agent: bye", "closed by the database: no agent profile",
+  // "protocol error: unknown message kind 9", "connection lost: end of stream".
+  bool closing() const { return closing_; }
+  bool gone() const { return gone_; }
+  String const& endReason() const { return endReason_; }
+  // Requests sent and not yet answered: seqno -> path.
+  std::map<U32, String> const& unanswered() const { return unanswered_; }
+
+  // Closes the connection of a peer not (or no longer) bound to a demuxer: sends it the reason
+  // (when not empty) and tears down on a later turn. With a demuxer bound, closes through it.
+  void closeWith(String const& reason);
+  // Tears the connection down now (the owner's own teardown); the owner still hears onGone.
+  void teardownNow();
+  // The owner lets go: no callback reaches it any more.
+  void ownerGone() { owner_ = nullptr; }
+
+  // Transport.
+  void sendMountRequest(String const& uri, String const& typeName, U32 seqno) override;
+  void close(String const& reason, bool removeStatus) override;
+
+ private:
+  SocketTransport(EventLoop* loop, int fd, Owner* owner, String name);
+  ~SocketTransport() override;
+
+  void onReady(unsigned ready);
+  void readInput(bool& ended, String& readError);
+  // Handles one message; false when the connection is closing afterwards.
+  bool handle(WireMessage& m);
+  void handleAnswer(WireMountAnswer const& a);
+  // The peer broke the protocol: close with `reason`, telling the peer.
+  void protocolError(String const& reason);
+  // The peer closed (`traced`: how, e.g. "closed by the agent: bye"; `reason` is the agent's
+  // text) or the connection failed (`traced` empty: "connection lost: <reason>").
+  void lost(String const& reason, String const& traced = {});
+  void enqueue(std::string const& frame);
+  // Writes what the socket takes; false on a write error (reported on a later turn).
+  bool flush();
+  void watchFor(bool writable);
+  void teardownSchedule(bool removeStatus);
+  void teardown();
+  std::string entityStateFrame(String const& path, U32 seqno) const;
+
+  EventLoop* const loop_;
+  int fd_;
+  Owner* owner_;
+  String name_;
+  Demuxer::Ptr demuxer_;
+  WireDecoder decoder_;
+  std::string output_;
+  std::size_t outputOffset_ = 0;
+  std::size_t maxOutput_ = kDefaultMaxOutput;
+  std::map<U32, String> unanswered_;
+  bool helloSeen_ = false;
+  bool watchingWritable_ = false;
+  bool writeFailed_ = false;
+  String writeError_;
+  bool closing_ = false;
+  bool teardownPosted_ = false;
+  bool removeStatus_ = true;
+  bool gone_ = false;
+  String endReason_;
+};
+
+}  // namespace Qel::NboAttrLog

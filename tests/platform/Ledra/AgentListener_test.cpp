@@ -1,0 +1,867 @@
+// Agents over a real Unix socket: a listener on a temporary path and agents written here with the
+// frame codec, all driven by one event loop on a simulated clock. Connecting, mount requests with
+// the entity's state, answers (complete, failed, path states, out of order, pipelined), closes
+// from either side, protocol violations closing only their own connection, reconnects, the hello
+// timeout, slow agents, and the socket file's life.
+#include "Ledra/AgentListener.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Ledra/ConnMgrHelper.h"
+#include "Qel/Dir.h"
+#include "Qel/DynamicEntity.h"
+#include "Qel/Exception.h"
+#include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "Qel/NboAttrLog/WireMessage.h"
+#include "Qel/SimulatedClock.h"
+#include "support/LeakCheck.h"
+
+namespace Qel::NboAttrLog {
+// Failure messages show the messages as text.
+void PrintTo(WireMessage const& m, std::ostream* os) {
+  *os << wireText(m);
+}
+}  // namespace Qel::NboAttrLog
+
+namespace {
+
+using Ledra::AgentListener;
+using Ledra::ConnMgrHelper;
+using Ledra::PassiveConnectionStatus;
+using Qel::ConnectDesc;
+using Qel::MountFlags;
+using Qel::MountTable;
+using Qel::NboAttrLog::Demuxer;
+using Qel::NboAttrLog::WireClose;
+using Qel::NboAttrLog::WireEntityState;
+using Qel::NboAttrLog::WireHello;
+using Qel::NboAttrLog::WireMessage;
+using Qel::NboAttrLog::WireMountAnswer;
+using Qel::NboAttrLog::WireMountRequest;
+namespace Wire = Qel::NboAttrLog;
+
+// An agent process as the listener sees it: a socket speaking the codec, watched by the loop.
+class TestAgent {
+ public:
+  TestAgent(Qel::EventLoop::Ptr loop, std::string const& path) : loop_(std::move(loop)) {
+    fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    EXPECT_TRUE(connected_) << std::strerror(errno);
+    ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) | O_NONBLOCK);
+    loop_->watch(fd_, Qel::EventLoop::readable, [this](unsigned) { onReadable(); });
+  }
+  ~TestAgent() { shut(); }
+
+  void sendRaw(std::string const& bytes) {
+    ssize_t const n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    EXPECT_EQ(n, static_cast<ssize_t>(bytes.size())) << std::strerror(errno);
+  }
+  void send(WireMessage const& m) { sendRaw(Wire::wireFrame(m)); }
+  void hello(std::string const& name, std::string const& agentString = {},
+             Qel::U32 version = MountTable::kProtocolVersion) {
+    send(WireHello{version, name, agentString});
+  }
+  void answer(Qel::U32 seqno, std::string const& path, bool ok = true, std::string const& text = {},
+              Qel::U8 bits = WireMountAnswer::kDefaultPathState) {
+    send(WireMountAnswer{seqno, path, ok, text, bits, 0});
+  }
+  // Stops writing; the listener sees the end of the stream but can still send.
+  void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
+  // Stops reading from the socket (a slow agent); readAgain() resumes.
+  void stopReading() { loop_->unwatch(fd_); }
+  void readAgain() {
+    loop_->watch(fd_, Qel::EventLoop::readable, [this](unsigned) { onReadable(); });
+  }
+  void shut() {
+    if (fd_ < 0) return;
+    loop_->unwatch(fd_);
+    ::close(fd_);
+    fd_ = -1;
+  }
+
+  std::vector<WireMessage> received;
+  bool eof = false;
+  std::string decodeError;
+
+  template <class M>
+  std::vector<M> all() const {
+    std::vector<M> out;
+    for (auto const& m : received) {
+      if (auto const* p = std::get_if<M>(&m)) out.push_back(*p);
+    }
+    return out;
+  }
+  // The reason of the Close received, or "<none>".
+  std::string closeReason() const {
+    auto closes = all<WireClose>();
+    return closes.empty() ? "<none>" : closes.back().reason;
+  }
+
+ private:
+  void onReadable() {
+    char buf[65536];
+    for (;;) {
+      ssize_t const n = ::read(fd_, buf, sizeof buf);
+      if (n > 0) {
+        decoder_.feed(std::string_view(buf, static_cast<std::size_t>(n)));
+        continue;
+      }
+      if (n < 0 && errno == EAGAIN) break;
+      // End of stream, or a reset after the peer's last frame.
+      eof = true;
+      loop_->unwatch(fd_);
+      break;
+    }
+    WireMessage m;
+    for (;;) {
+      auto const r = decoder_.next(m);
+      if (r == Wire::WireDecoder::Result::none) break;
+      if (r == Wire::WireDecoder::Result::error) {
+        decodeError = decoder_.error();
+        break;
+      }
+      received.push_back(m);
+    }
+  }
+
+  Qel::EventLoop::Ptr loop_;
+  int fd_ = -1;
+  bool connected_ = false;
+  Wire::WireDecoder decoder_;
+};
+
+// The database side: watches the status directory and each record in it, logging what it sees.
+class Database : public Ledra::ConnectionStatusDir::NotifieeConst {
+ public:
+  class RecordWatch : public PassiveConnectionStatus::NotifieeConst {
+   public:
+    RecordWatch(Database* db, Qel::Name name) : db_(db), name_(std::move(name)) {}
+    void onConnected() override { db_->connected(name_, *notifier()); }
+
+   private:
+    Database* db_;
+    Qel::Name name_;
+  };
+
+  Database() { notifierIs(ConnMgrHelper::connectionStatusDir()); }
+
+  std::vector<std::string> events;
+  std::map<Qel::Name, std::unique_ptr<RecordWatch>> watches;
+  Qel::String closeWith;  // non-empty: close each connection as soon as it reports connected
+
+  void onPassiveConnectionStatus(Qel::Name const& name) override {
+    auto record = notifier()->passiveConnectionStatus(name);
+    if (!record) {
+      events.push_back("-" + name);
+      watches.erase(name);
+      return;
+    }
+    events.push_back("+" + name);
+    auto& w = watches[name];
+    w = std::make_unique<RecordWatch>(this, name);
+    w->notifierIs(record);
+  }
+
+  void connected(Qel::Name const& name, PassiveConnectionStatus const& s) {
+    events.push_back(std::string(s.connected() ? "connected " : "disconnected ") + name +
+                     (s.established() ? " established" : "") + " state " +
+                     std::to_string(s.state()) + " agent " + s.agentName() + " '" +
+                     s.agentString() + "'" + (s.whiteList() ? " whiteList" : ""));
+    if (!s.connected() || closeWith.empty()) return;
+    Qel::NboAttrLog::demuxerMgr()->demuxer(name)->close(closeWith, true, false, true);
+  }
+};
+
+// Logs a connection's changes in order: path states of its table, and its answers count.
+class OrderWatch : public MountTable::NotifieeConst {
+ public:
+  class Count : public Demuxer::NotifieeConst {
+   public:
+    explicit Count(std::vector<std::string>* log) : log_(log) {}
+    void onFlowOutMountRequests() override {
+      log_->push_back("flowOut " + std::to_string(notifier()->flowOutMountRequests()));
+    }
+    void onClosed() override {
+      log_->push_back("closed: " + notifier()->closeReason() +
+                      (recordPresent() ? " (listed)" : ""));
+    }
+
+   private:
+    bool recordPresent() const {
+      return bool(
+          ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus(notifier()->name()));
+    }
+    std::vector<std::string>* log_;
+  };
+
+  explicit OrderWatch(Demuxer::Ptr const& d) : count_(&log) {
+    notifierIs(d->peer());
+    count_.notifierIs(d);
+  }
+  void onPathState(Qel::String const& path) override {
+    log.push_back("pathState " + path + " " + notifier()->pathState(path).text());
+  }
+  void onStatus(ConnectDesc const& cd) override {
+    log.push_back("status " + notifier()->stat(cd).text());
+  }
+
+  std::vector<std::string> log;
+
+ private:
+  Count count_;
+};
+
+class AgentListenerTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  static void SetUpTestSuite() {
+    static bool defined = false;
+    if (defined) return;
+    defined = true;
+    Qel::defineEnum("WireTestColour", {{"red", 0}, {"green", 1}});
+    Qel::defineType("WireTestThing", {{"count", "U32"},
+                                      {"label", "string"},
+                                      {"on", "bool"},
+                                      {"colour", "WireTestColour"},
+                                      {"tags", "bool", "string"}});
+  }
+
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    char tmpl[] = "/tmp/ledra-listener-XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    dir = tmpl;
+    path = dir + "/agents.sock";
+    clock = Qel::SimulatedClock::simulatedClockNew();
+    loop = Qel::EventLoop::eventLoopNew(clock);
+    db = std::make_unique<Database>();
+    listener = AgentListener::agentListenerNew(loop, path);
+    tree = Qel::globalDir()->dirIs("wiretest");
+  }
+
+  void TearDown() override {
+    watch.reset();
+    agents.clear();
+    listener = nullptr;
+    db.reset();
+    Qel::globalDir()->entryDel("wiretest");
+    tree = nullptr;
+    loop = nullptr;
+    clock = nullptr;
+    EXPECT_EQ(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatuses(), 0u);
+    EXPECT_EQ(Qel::NboAttrLog::demuxerMgr()->demuxers(), 0u);
+    ::unlink(path.c_str());
+    EXPECT_EQ(::rmdir(dir.c_str()), 0) << "socket file left behind";
+    LeakCheckedTest::TearDown();
+  }
+
+  TestAgent& agent() {
+    agents.push_back(std::make_unique<TestAgent>(loop, path));
+    return *agents.back();
+  }
+  // Runs the loop until `pred` holds; false when 60 simulated seconds pass first.
+  bool run(std::function<bool()> const& pred) { return loop->runUntil(pred, clock->now() + 60.0); }
+  // A connected agent `name` whose connection the database has seen.
+  TestAgent& connected(std::string const& name, std::string const& agentString = {}) {
+    TestAgent& a = agent();
+    a.hello(name, agentString);
+    EXPECT_TRUE(run([&] { return Qel::NboAttrLog::demuxerMgr()->demuxer(name) != nullptr; }));
+    return a;
+  }
+  Demuxer::Ptr demuxer(std::string const& name) const {
+    return Qel::NboAttrLog::demuxerMgr()->demuxer(name);
+  }
+  void mount(std::string const& name, std::string const& mountPath, char const* flags = "Cnp",
+             std::string const& type = {}) {
+    demuxer(name)->peer()->confIs(
+        MountTable::Conf(mountPath, type, MountFlags::fromLetters(flags), name));
+  }
+  MountTable::Stat stat(std::string const& name, std::string const& mountPath) const {
+    return demuxer(name)->peer()->stat(ConnectDesc(mountPath));
+  }
+  bool gone(std::string const& name) const {
+    return !demuxer(name) && !ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus(name);
+  }
+
+  std::string dir;
+  std::string path;
+  Qel::SimulatedClock::Ptr clock;
+  Qel::EventLoop::Ptr loop;
+  std::unique_ptr<Database> db;
+  AgentListener::Ptr listener;
+  Qel::Dir::Ptr tree;
+  std::vector<std::unique_ptr<TestAgent>> agents;
+  std::unique_ptr<OrderWatch> watch;
+};
+
+TEST_F(AgentListenerTest, AnAgentIsAnnouncedWithEveryFieldSet) {
+  EXPECT_EQ(listener->socketPath(), path);
+  TestAgent& a = agent();
+  ASSERT_TRUE(run([&] { return listener->pendingConnections() == 1; }));
+  EXPECT_EQ(listener->connections(), 0u);
+  EXPECT_TRUE(db->events.empty());
+  a.hello("agentA", "agentA-slot-3");
+  ASSERT_TRUE(run([&] { return listener->connections() == 1; }));
+  EXPECT_EQ(listener->pendingConnections(), 0u);
+  EXPECT_EQ(db->events,
+            (std::vector<std::string>{"+agentA",
+                                      "connected agentA established state 2 agent agentA "
+                                      "'agentA-slot-3'"}));
+  Demuxer::Ptr const d = demuxer("agentA");
+  ASSERT_TRUE(d);
+  EXPECT_EQ(d->epoch(), 1u);
+  EXPECT_EQ(d->peer()->currentVersion(), 5u);
+  EXPECT_EQ(d->peer()->name(), "agentA");
+  EXPECT_FALSE(d->closed());
+  EXPECT_EQ(listener->epoch("agentA"), 1u);
+  EXPECT_EQ(listener->transport("agentA")->demuxer(), d);
+  auto const record = ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA");
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->agentName(), "agentA");
+  EXPECT_EQ(record->agentString(), "agentA-slot-3");
+  EXPECT_FALSE(record->whiteList());
+  EXPECT_TRUE(record->established());
+  EXPECT_EQ(record->state(), PassiveConnectionStatus::kStateConnected);
+  EXPECT_TRUE(record->connected());
+  // Nothing was sent to the agent: the database speaks when it mounts.
+  EXPECT_TRUE(a.received.empty());
+  EXPECT_FALSE(a.eof);
+}
+
+TEST_F(AgentListenerTest, AnOlderProtocolVersionIsReportedByThePeerTable) {
+  TestAgent& a = agent();
+  a.hello("old", "", 4);
+  ASSERT_TRUE(run([&] { return listener->connections() == 1; }));
+  EXPECT_EQ(demuxer("old")->peer()->currentVersion(), 4u);
+}
+
+TEST_F(AgentListenerTest, AMountRequestLeavesWithTheStateAndTheAnswerCompletesIt) {
+  auto sub = tree->dirIs("d");
+  sub->dirIs("x");
+  sub->dirIs("a b");
+  TestAgent& a = connected("agentA");
+  watch = std::make_unique<OrderWatch>(demuxer("agentA"));
+  mount("agentA", "/wiretest/d", "Cnp", "Qel::Dir");
+  // Sent from inside confIs: in progress and counted before anything comes back.
+  EXPECT_EQ(stat("agentA", "/wiretest/d").status(), MountTable::inProgress_);
+  EXPECT_EQ(demuxer("agentA")->flowOutMountRequests(), 1u);
+  ASSERT_TRUE(run([&] { return a.received.size() == 2; }));
+  EXPECT_EQ(a.received[0],
+            WireMessage(WireMountRequest{1, "/wiretest/d?flags=Cnp", "Qel::Dir", true}));
+  EXPECT_EQ(a.received[1],
+            WireMessage(WireEntityState{1, "/wiretest/d", "Qel::Dir", true, {}, {"a b", "x"}}));
+  EXPECT_EQ(listener->transport("agentA")->unanswered().size(), 1u);
+
+  a.answer(1, "/wiretest/d");
+  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 0; }));
+  EXPECT_EQ(stat("agentA", "/wiretest/d").status(), MountTable::complete_);
+  EXPECT_EQ(stat("agentA", "/wiretest/d").exceptionDesc(), "");
+  // The path state first, then the status, then the count.
+  EXPECT_EQ(watch->log, (std::vector<std::string>{
+                            "status inProgress_", "flowOut 1",
+                            "pathState /wiretest/d mounted complete synchronised mountPoint",
+                            "status complete_", "flowOut 0"}));
+  EXPECT_TRUE(listener->transport("agentA")->unanswered().empty());
+}
+
+TEST_F(AgentListenerTest, TheStateCarriesPlainAttributesAsText) {
+  auto thing = Qel::QelType::typeOrThrow("WireTestThing").newEntity("thing");
+  thing->attributeIs("count", Qel::String("42"));
+  thing->attributeIs("label", Qel::String("two words"));
+  thing->attributeIs("on", Qel::String("true"));
+  thing->attributeIs("colour", Qel::String("green"));
+  thing->attributeIs("tags", Qel::String("true"), Qel::String("k"));
+  tree->entryIs(thing);
+  TestAgent& a = connected("agentA");
+  mount("agentA", "/wiretest/thing", "w");
+  ASSERT_TRUE(run([&] { return a.received.size() == 2; }));
+  EXPECT_EQ(a.received[0], WireMessage(WireMountRequest{1, "/wiretest/thing?flags=w", "", true}));
+  // The collection is not part of the state; the order is the type's.
+  EXPECT_EQ(a.received[1],
+            WireMessage(WireEntityState{
+                1,
+                "/wiretest/thing",
+                "WireTestThing",
+                false,
+                {{"count", "42"}, {"label", "two words"}, {"on", "true"}, {"colour", "green"}},
+                {}}));
+}
+
+TEST_F(AgentListenerTest, NoStateFollowsWhereNothingStandsOrTheStateIsTooLarge) {
+  auto thing = Qel::QelType::typeOrThrow("WireTestThing").newEntity("big");
+  thing->attributeIs("label", Qel::String(std::string(500, 'x')));
+  tree->entryIs(thing);
+  listener->maxFrameIs(400);
+  TestAgent& a = connected("agentA");
+  mount("agentA", "/wiretest/absent");
+  mount("agentA", "/wiretest/big");
+  ASSERT_TRUE(run([&] { return a.received.size() == 2; }));
+  EXPECT_EQ(a.received[0],
+            WireMessage(WireMountRequest{1, "/wiretest/absent?flags=Cnp", "", false}));
+  EXPECT_EQ(a.received[1], WireMessage(WireMountRequest{2, "/wiretest/big?flags=Cnp", "", false}));
+  listener->maxFrameIs(Wire::WireDecoder::kDefaultMaxFrame);
+  mount("agentA", "/wiretest/big", "w");
+  ASSERT_TRUE(run([&] { return a.received.size() == 4; }));
+  EXPECT_EQ(std::get<WireEntityState>(a.received[3]).attributes[1].second, std::string(500, 'x'));
+}
+
+TEST_F(AgentListenerTest, AFailedAnswerCarriesItsTextAndSetsNoPathState) {
+  TestAgent& a = connected("agentA");
+  mount("agentA", "/wiretest/nothing");
+  ASSERT_TRUE(run([&] { return a.received.size() == 1; }));
+  // Bits on a failed answer are ignored: the mount did not happen.
+  a.answer(1, "/wiretest/nothing", false, "no such entity: /wiretest/nothing");
+  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 0; }));
+  EXPECT_EQ(stat("agentA", "/wiretest/nothing"),
+            MountTable::Stat(MountTable::failed_, "no such entity: /wiretest/nothing"));
+  EXPECT_FALSE(demuxer("agentA")->peer()->hasPathState("/wiretest/nothing"));
+}
+
+TEST_F(AgentListenerTest, PipelinedRequestsAreAnsweredOutOfOrderWithTheirOwnPathStates) {
+  TestAgent& a = connected("agentA");
+  mount("agentA", "/wiretest/p1");
+  mount("agentA", "/wiretest/p2");
+  mount("agentA", "/wiretest/p3");
+  EXPECT_EQ(demuxer("agentA")->flowOutMountRequests(), 3u);
+  ASSERT_TRUE(run([&] { return a.received.size() == 3; }));
+  for (Qel::U32 i = 0; i < 3; ++i) {
+    EXPECT_EQ(std::get<WireMountRequest>(a.received[i]).seqno, i + 1);
+  }
+  a.answer(3, "/wiretest/p3", true, {}, WireMountAnswer::kMounted);
+  a.answer(1, "/wiretest/p1");
+  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 1; }));
+  EXPECT_EQ(stat("agentA", "/wiretest/p1").status(), MountTable::complete_);
+  EXPECT_EQ(stat("agentA", "/wiretest/p2").status(), MountTable::inProgress_);
+  EXPECT_EQ(stat("agentA", "/wiretest/p3").status(), MountTable::complete_);
+  auto const table = demuxer("agentA")->peer();
+  EXPECT_EQ(table->pathState("/wiretest/p3").text(), "mounted");
+  EXPECT_EQ(table->pathState("/wiretest/p1").text(), "mounted complete synchronised mountPoint");
+  a.answer(2, "/wiretest/p2", true, {}, WireMountAnswer::kMounted | WireMountAnswer::kMonitoring);
+  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 0; }));
+  EXPECT_TRUE(table->pathState("/wiretest/p2").monitoring());
+  EXPECT_EQ(listener->connections(), 1u);
+}
+
+TEST_F(AgentListenerTest, TheAgentsCloseEndsTheConnectionOnALaterTurn) {
+  TestAgent& a = connected("agentA");
+  watch = std::make_unique<OrderWatch>(demuxer("agentA"));
+  a.send(WireClose{"bye"});
+  ASSERT_TRUE(run([&] { return gone("agentA"); }));
+  // The demuxer heard the agent's reason while the record was still listed.
+  EXPECT_EQ(watch->log, (std::vector<std::string>{"closed: bye (listed)"}));
+  EXPECT_EQ(db->events.back(), "-agentA");
+  EXPECT_EQ(listener->connections(), 0u);
+  ASSERT_TRUE(run([&] { return a.eof; }));
+  EXPECT_EQ(a.closeReason(), "<none>");
+}
+
+TEST_F(AgentListenerTest, TheEndOfTheStreamIsALostConnection) {
+  TestAgent& a = connected("agentA");
+  mount("agentA", "/wiretest/x");
+  ASSERT_TRUE(run([&] { return a.received.size() == 1; }));
+  Demuxer::Ptr const d = demuxer("agentA");
+  a.shut();
+  ASSERT_TRUE(run([&] { return gone("agentA"); }));
+  EXPECT_TRUE(d->closed());
+  EXPECT_EQ(d->closeReason(), "connection lost: end of stream");
+  // The unanswered request stays unanswered.
+  EXPECT_EQ(d->flowOutMountRequests(), 1u);
+}
+
+TEST_F(AgentListenerTest, AnAgentGoingAwayWithUnreadInputResetsTheConnection) {
+  TestAgent& a = connected("agentA");
+  mount("agentA", "/wiretest/x");
+  Demuxer::Ptr const d = demuxer("agentA");
+  a.shut();  // the request was never read
+  ASSERT_TRUE(run([&] { return gone("agentA"); }));
+  EXPECT_EQ(d->closeReason(), "connection lost: read error: Connection reset by peer");
+}
+
+TEST_F(AgentListenerTest, TheDatabasesCloseIsSentWithItsReason) {
+  TestAgent& a = connected("agentA");
+  demuxer("agentA")->close("no agent profile", true, false, true);
+  // The record stays until a later turn.
+  EXPECT_TRUE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"));
+  ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
+  EXPECT_EQ(a.all<WireClose>(), (std::vector<WireClose>{{"no agent profile"}}));
+  EXPECT_EQ(a.decodeError, "");
+}
+
+TEST_F(AgentListenerTest, ACloseThatDoesNotNotifyThePeerSendsNothing) {
+  TestAgent& a = connected("agentA");
+  demuxer("agentA")->close("internal", false, false, true);
+  ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
+  EXPECT_TRUE(a.received.empty());
+}
+
+TEST_F(AgentListenerTest, ADeferredCloseWaitsForTheOutstandingAnswer) {
+  TestAgent& a = connected("agentA");
+  mount("agentA", "/wiretest/x");
+  demuxer("agentA")->close("later", true, true, true);
+  EXPECT_TRUE(demuxer("agentA")->closing());
+  ASSERT_TRUE(run([&] { return a.received.size() == 1; }));
+  EXPECT_FALSE(a.eof);
+  a.answer(1, "/wiretest/x");
+  Demuxer::Ptr const d = demuxer("agentA");
+  ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
+  EXPECT_EQ(d->peer()->status(ConnectDesc("/wiretest/x")), MountTable::complete_);
+  EXPECT_EQ(a.closeReason(), "later");
+}
+
+TEST_F(AgentListenerTest, ACloseKeepingTheStatusLeavesTheRecordUntilTheAgentReturns) {
+  TestAgent& a = connected("agentA");
+  demuxer("agentA")->close("kept", true, false, false);
+  ASSERT_TRUE(run([&] { return a.eof && !demuxer("agentA"); }));
+  auto const record = ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA");
+  ASSERT_TRUE(record);
+  EXPECT_FALSE(record->connected());
+  EXPECT_FALSE(record->established());
+  EXPECT_EQ(record->state(), PassiveConnectionStatus::kStateClosed);
+  connected("agentA", "again");
+  auto const fresh = ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA");
+  EXPECT_NE(fresh, record);
+  EXPECT_TRUE(fresh->connected());
+  EXPECT_EQ(demuxer("agentA")->epoch(), 2u);
+}
+
+TEST_F(AgentListenerTest, AnAgentThatReconnectsIsServedWithTheNextEpoch) {
+  TestAgent& first = connected("agentA");
+  first.send(WireClose{"restart"});
+  ASSERT_TRUE(run([&] { return gone("agentA"); }));
+  TestAgent& second = connected("agentA");
+  EXPECT_EQ(demuxer("agentA")->epoch(), 2u);
+  EXPECT_EQ(listener->epoch("agentA"), 2u);
+  mount("agentA", "/wiretest/y");
+  ASSERT_TRUE(run([&] { return second.received.size() == 1; }));
+  EXPECT_EQ(std::get<WireMountRequest>(second.received[0]).seqno, 1u);
+  EXPECT_EQ(db->events, (std::vector<std::string>{
+                            "+agentA", "connected agentA established state 2 agent agentA ''",
+                            "disconnected agentA state 3 agent agentA ''", "-agentA", "+agentA",
+                            "connected agentA established state 2 agent agentA ''"}));
+}
+
+TEST_F(AgentListenerTest, AReconnectBeforeTheTeardownFinishesTheOldConnectionFirst) {
+  TestAgent& first = connected("agentA");
+  Demuxer::Ptr const old = demuxer("agentA");
+  TestAgent& second = agent();
+  // Both arrive in the same turn: the close, then the new hello.
+  first.send(WireClose{"restart"});
+  second.hello("agentA");
+  ASSERT_TRUE(run([&] { return demuxer("agentA") && demuxer("agentA") != old; }));
+  EXPECT_EQ(demuxer("agentA")->epoch(), 2u);
+  EXPECT_EQ(listener->connections(), 1u);
+  EXPECT_TRUE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA")->connected());
+}
+
+TEST_F(AgentListenerTest, ASecondLiveConnectionUnderTheSameNameIsRefused) {
+  TestAgent& first = connected("agentA");
+  TestAgent& second = agent();
+  second.hello("agentA");
+  ASSERT_TRUE(run([&] { return second.eof; }));
+  EXPECT_EQ(second.closeReason(), "agent agentA is already connected");
+  EXPECT_EQ(listener->epoch("agentA"), 1u);
+  EXPECT_EQ(listener->connections(), 1u);
+  EXPECT_FALSE(first.eof);
+  EXPECT_FALSE(demuxer("agentA")->closed());
+}
+
+TEST_F(AgentListenerTest, ClosingFromInsideOnConnectedIsSafe) {
+  db->closeWith = "no agent profile";
+  TestAgent& a = agent();
+  a.hello("agentA");
+  ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
+  EXPECT_EQ(a.closeReason(), "no agent profile");
+  EXPECT_EQ(db->events.back(), "-agentA");
+}
+
+TEST_F(AgentListenerTest, ASilentSocketIsClosedAfterTheHelloTimeout) {
+  listener->helloTimeoutIs(2.5);
+  TestAgent& a = agent();
+  ASSERT_TRUE(run([&] { return a.eof; }));
+  EXPECT_DOUBLE_EQ(clock->now(), 2.5);
+  EXPECT_EQ(a.closeReason(), "no hello within 2.5 seconds");
+  EXPECT_EQ(listener->pendingConnections(), 0u);
+  EXPECT_TRUE(db->events.empty());
+}
+
+TEST_F(AgentListenerTest, AHelloInTimeDisarmsTheTimeout) {
+  TestAgent& a = connected("agentA");
+  loop->runFor(30);
+  EXPECT_FALSE(a.eof);
+  EXPECT_EQ(listener->connections(), 1u);
+}
+
+TEST_F(AgentListenerTest, AStateTooLargeForTheSocketWaitsAndArrivesWhole) {
+  auto thing = Qel::QelType::typeOrThrow("WireTestThing").newEntity("big");
+  thing->attributeIs("label", Qel::String(std::string(100000, 'y')));
+  tree->entryIs(thing);
+  TestAgent& a = connected("agentA");
+  a.stopReading();
+  auto const t = listener->transport("agentA");
+  int requests = 0;
+  char const* const flags[] = {"w", "Cnp", "wiSp"};
+  while (t->outputBuffered() == 0 && requests < 300) {
+    mount("agentA", "/wiretest/big", flags[requests % 3]);
+    ++requests;
+  }
+  ASSERT_GT(t->outputBuffered(), 0u) << "the socket took everything";
+  // The loop keeps turning while the agent does not read.
+  loop->runFor(1);
+  EXPECT_GT(t->outputBuffered(), 0u);
+  a.readAgain();
+  ASSERT_TRUE(run([&] { return a.received.size() == 2u * requests; }));
+  EXPECT_EQ(t->outputBuffered(), 0u);
+  EXPECT_EQ(a.decodeError, "");
+  for (int i = 0; i < requests; ++i) {
+    auto const& r = std::get<WireMountRequest>(a.received[2 * i]);
+    EXPECT_EQ(r.seqno, static_cast<Qel::U32>(i + 1));
+    EXPECT_EQ(std::get<WireEntityState>(a.received[2 * i + 1]).seqno, r.seqno);
+  }
+}
+
+TEST_F(AgentListenerTest, AnAgentThatDoesNotReadIsClosed) {
+  auto thing = Qel::QelType::typeOrThrow("WireTestThing").newEntity("big");
+  thing->attributeIs("label", Qel::String(std::string(100000, 'z')));
+  tree->entryIs(thing);
+  TestAgent& a = connected("agentA");
+  a.stopReading();
+  auto const t = listener->transport("agentA");
+  t->maxOutputIs(150000);
+  char const* const flags[] = {"w", "Cnp"};
+  for (int i = 0; i < 300 && !demuxer("agentA")->closed(); ++i) {
+    mount("agentA", "/wiretest/big", flags[i % 2]);
+    loop->runOnce();
+  }
+  ASSERT_TRUE(demuxer("agentA")->closed());
+  EXPECT_EQ(demuxer("agentA")->closeReason().rfind("agent does not read its connection (", 0), 0u)
+      << demuxer("agentA")->closeReason();
+  ASSERT_TRUE(run([&] { return gone("agentA"); }));
+}
+
+// Frames that break the protocol after a good hello: each closes its own connection only, tells
+// the agent why, and the connection is torn down like any other.
+struct Violation {
+  char const* what;
+  std::function<void(TestAgent&)> send;
+  std::string reason;
+};
+
+class AgentListenerViolationTest : public AgentListenerTest,
+                                   public ::testing::WithParamInterface<Violation> {};
+
+TEST_P(AgentListenerViolationTest, ClosesOnlyThatConnection) {
+  TestAgent& bystander = connected("bystander");
+  TestAgent& a = connected("agentA");
+  listener->maxFrameIs(64);
+  mount("agentA", "/wiretest/m");
+  ASSERT_TRUE(run([&] { return a.received.size() == 1; }));
+  Demuxer::Ptr const d = demuxer("agentA");
+  GetParam().send(a);
+  ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
+  EXPECT_EQ(a.closeReason(), GetParam().reason);
+  EXPECT_TRUE(d->closed());
+  EXPECT_EQ(d->closeReason(), GetParam().reason);
+  // The other agent goes on being served.
+  EXPECT_FALSE(bystander.eof);
+  EXPECT_EQ(listener->connections(), 1u);
+  mount("bystander", "/wiretest/m");
+  ASSERT_TRUE(run([&] { return bystander.received.size() == 1; }));
+  bystander.answer(1, "/wiretest/m");
+  ASSERT_TRUE(run([&] { return demuxer("bystander")->flowOutMountRequests() == 0; }));
+}
+
+std::string u32(Qel::U32 v) {
+  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+          static_cast<char>(v)};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Frames, AgentListenerViolationTest,
+    ::testing::Values(
+        Violation{"UnknownKind", [](TestAgent& a) { a.sendRaw(u32(2) + "\x09x"); },
+                  "unknown message kind 9"},
+        Violation{"Oversized", [](TestAgent& a) { a.sendRaw(u32(65)); },
+                  "frame of 65 bytes exceeds the limit of 64 bytes"},
+        Violation{"EmptyFrame", [](TestAgent& a) { a.sendRaw(u32(0)); }, "empty frame"},
+        Violation{"BadFieldLength",
+                  [](TestAgent& a) { a.sendRaw(u32(8) + "\x05" + u32(50) + "abc"); },
+                  "malformed Close: reason of 50 bytes runs past the end of the frame (3 bytes "
+                  "left)"},
+        Violation{"Truncated",
+                  [](TestAgent& a) {
+                    a.sendRaw(Wire::wireFrame(WireClose{"bye"}).substr(0, 7));
+                    a.shutdownWrite();
+                  },
+                  "truncated frame: 3 of 8 body bytes received"},
+        Violation{"AnswerToNoRequest", [](TestAgent& a) { a.answer(7, "/wiretest/m"); },
+                  "answer to unknown request 7"},
+        Violation{"AnswerForAnotherPath", [](TestAgent& a) { a.answer(1, "/wiretest/other"); },
+                  "answer to request 1 names /wiretest/other, the request was for /wiretest/m"},
+        Violation{"SecondAnswer",
+                  [](TestAgent& a) {
+                    a.answer(1, "/wiretest/m");
+                    a.answer(1, "/wiretest/m");
+                  },
+                  "answer to unknown request 1"},
+        Violation{"RequestFromTheAgent",
+                  [](TestAgent& a) {
+                    a.send(WireMountRequest{1, "/x?flags=w", "", false});
+                  },
+                  "unexpected MountRequest from the agent"},
+        Violation{"StateFromTheAgent",
+                  [](TestAgent& a) {
+                    a.send(WireEntityState{1, "/x", "T", false, {}, {}});
+                  },
+                  "unexpected EntityState from the agent"},
+        Violation{"SecondHello", [](TestAgent& a) { a.hello("agentA"); }, "unexpected Hello"}),
+    [](::testing::TestParamInfo<Violation> const& info) { return std::string(info.param.what); });
+
+// What a socket may send instead of an acceptable hello: it is closed with the reason and the
+// database never hears of it.
+struct BadHello {
+  char const* what;
+  std::function<void(TestAgent&)> send;
+  std::string reason;
+};
+
+class AgentListenerBadHelloTest : public AgentListenerTest,
+                                  public ::testing::WithParamInterface<BadHello> {};
+
+TEST_P(AgentListenerBadHelloTest, IsRefusedBeforeAnythingIsAnnounced) {
+  TestAgent& a = agent();
+  GetParam().send(a);
+  ASSERT_TRUE(run([&] { return a.eof; }));
+  EXPECT_EQ(a.closeReason(), GetParam().reason);
+  EXPECT_TRUE(db->events.empty());
+  EXPECT_EQ(Qel::NboAttrLog::demuxerMgr()->demuxers(), 0u);
+  EXPECT_EQ(listener->epoch("agentA"), 0u);
+  ASSERT_TRUE(run([&] { return listener->pendingConnections() == 0; }));
+  // The listener goes on accepting.
+  connected("agentA");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Hellos, AgentListenerBadHelloTest,
+    ::testing::Values(
+        BadHello{"AnswerFirst", [](TestAgent& a) { a.answer(1, "/a"); },
+                 "expected a Hello, got MountAnswer"},
+        BadHello{"MalformedHello",
+                 [](TestAgent& a) { a.sendRaw(u32(3) + std::string("\x01\x00\x00", 3)); },
+                 "malformed Hello: protocolVersion runs past the end of the frame (2 bytes left, "
+                 "4 needed)"},
+        BadHello{"NoName", [](TestAgent& a) { a.hello(""); }, "hello without an agent name"},
+        BadHello{"Slash", [](TestAgent& a) { a.hello("a/b"); }, "agent name a/b contains '/'"},
+        BadHello{"VersionZero", [](TestAgent& a) { a.hello("agentA", "", 0); },
+                 "unsupported protocol version 0"},
+        BadHello{"VersionSix", [](TestAgent& a) { a.hello("agentA", "", 6); },
+                 "unsupported protocol version 6"}),
+    [](::testing::TestParamInfo<BadHello> const& info) { return std::string(info.param.what); });
+
+TEST_F(AgentListenerTest, ASocketThatClosesBeforeItsHelloJustGoes) {
+  TestAgent& a = agent();
+  a.send(WireClose{"changed my mind"});
+  ASSERT_TRUE(run([&] { return a.eof; }));
+  EXPECT_TRUE(a.received.empty());
+  EXPECT_TRUE(db->events.empty());
+  EXPECT_EQ(listener->pendingConnections(), 0u);
+}
+
+TEST_F(AgentListenerTest, DestroyingTheListenerClosesEveryConnectionAndRemovesTheSocket) {
+  TestAgent& a = connected("agentA");
+  TestAgent& b = connected("agentB");
+  TestAgent& pending = agent();
+  ASSERT_TRUE(run([&] { return listener->pendingConnections() == 1; }));
+  listener = nullptr;
+  EXPECT_TRUE(gone("agentA"));
+  EXPECT_TRUE(gone("agentB"));
+  struct stat st {};
+  EXPECT_NE(::lstat(path.c_str(), &st), 0);
+  ASSERT_TRUE(run([&] { return a.eof && b.eof && pending.eof; }));
+  EXPECT_EQ(a.closeReason(), "database shutting down");
+  EXPECT_EQ(b.closeReason(), "database shutting down");
+  EXPECT_EQ(pending.closeReason(), "database shutting down");
+}
+
+// The socket file: what the listener takes over and what it refuses.
+class AgentListenerPathTest : public AgentListenerTest {
+ protected:
+  std::string refusal(std::string const& p) {
+    try {
+      AgentListener::agentListenerNew(loop, p);
+    } catch (Qel::Exception const& e) {
+      return e.what();
+    }
+    return "<listening>";
+  }
+};
+
+TEST_F(AgentListenerPathTest, AStaleSocketFileIsReplaced) {
+  std::string const stale = dir + "/stale.sock";
+  int const fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, stale.c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ::close(fd);  // the file stays: nobody listens on it
+  {
+    auto l = AgentListener::agentListenerNew(loop, stale);
+    TestAgent client(loop, stale);
+    client.hello("viaStale");
+    ASSERT_TRUE(run([&] { return l->connections() == 1; }));
+  }
+  struct stat st {};
+  EXPECT_NE(::lstat(stale.c_str(), &st), 0) << "the listener leaves its socket file behind";
+}
+
+TEST_F(AgentListenerPathTest, PathsThatCannotBeTakenAreRefusedWithTheReason) {
+  EXPECT_EQ(refusal(path),
+            "cannot listen for agents on " + path + ": another process is listening there");
+  std::string const file = dir + "/plain";
+  std::ofstream(file) << "not a socket";
+  EXPECT_EQ(refusal(file), "cannot listen for agents on " + file + ": not a socket");
+  ::unlink(file.c_str());
+  std::string const missing = dir + "/no/such/dir.sock";
+  EXPECT_EQ(refusal(missing),
+            "cannot listen for agents on " + missing + ": No such file or directory");
+  std::string const longPath = dir + "/" + std::string(120, 'x');
+  EXPECT_EQ(refusal(longPath),
+            "cannot listen for agents on " + longPath + ": path longer than 107 bytes");
+  EXPECT_EQ(refusal(""), "cannot listen for agents on : empty path");
+  // The live listener was left alone.
+  connected("agentA");
+}
+
+TEST_F(AgentListenerTest, TheFrameLimitAppliesToLiveConnections) {
+  TestAgent& a = connected("agentA");
+  EXPECT_EQ(listener->maxFrame(), Wire::WireDecoder::kDefaultMaxFrame);
+  listener->maxFrameIs(10);
+  EXPECT_EQ(listener->transport("agentA")->maxFrame(), 10u);
+  a.send(WireClose{"a reason that is too long"});
+  ASSERT_TRUE(run([&] { return a.eof; }));
+  EXPECT_EQ(a.closeReason(), "frame of 30 bytes exceeds the limit of 10 bytes");
+}
+
+using AgentListenerDeathTest = AgentListenerTest;
+
+TEST_F(AgentListenerDeathTest, ContractViolationsAbort) {
+  EXPECT_DEATH(listener->helloTimeoutIs(0), "seconds > 0 && \"a hello timeout must be positive\"");
+  EXPECT_DEATH(listener->maxFrameIs(0), "bytes >= 1 && \"a frame limit of at least one byte\"");
+}
+
+}  // namespace
