@@ -64,7 +64,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ParseCase{"1.5 == /a.b", {"1", "5", false, "==", "/a"}},
                       // Runs of blanks and tabs separate like one blank.
                       ParseCase{"  7   <\t/a.b", {"7", "<", false, "/a", "b"}},
-                      // "len(" is a word of its own: glued to the path it is part of the path.
+                      // "len(" is a word of its own: glued to the path it stays in the path.
                       ParseCase{"3 == len(/a.col)", {"3", "==", false, "len(/a", "col)"}},
                       ParseCase{"NULL == /a.b", {"NULL", "==", false, "/a", "b"}},
                       ParseCase{"%cellId == /x/%cellPath.n",

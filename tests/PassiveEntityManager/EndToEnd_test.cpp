@@ -13,6 +13,7 @@
 #include "Ledra/LoopbackAgent.h"
 #include "PassiveEntityManager/PassiveEntityManager.h"
 #include "Qel/ActivityManagerConfig.h"
+#include "Qel/DynamicEntity.h"
 #include "Qel/SimulatedClock.h"
 #include "Trace/CaptureSink.h"
 #include "Trace/Facilities.h"
@@ -188,6 +189,48 @@ TEST_F(EndToEndTest, PrioritiesParentsRefusalsReconnectsAndTheSwitchToActive) {
   run();
   EXPECT_FALSE(profiles->agentProfile("ordered")->mountGroup("peerReady"));
   EXPECT_EQ(capture.count("All mounts complete for ordered"), 1u);
+}
+
+TEST_F(EndToEndTest, MixedProfileOfPlainConditionalBlockingAndDirectoryGroupsCompletes) {
+  static Qel::QelType const* const sensorType =
+      Qel::defineType("endToEnd::Sensor", {{"ready", "bool"}, {"level", "U32"}});
+  auto sensor = Qel::DynamicEntity::entityNew(sensorType, "sensor");
+  db->entryIs(sensor);
+  dirAt("table/a");
+  dirAt("table/b");
+  auto p = profiles->agentProfileIs("mixed");
+  p->mountGroupIs("plain", 1)->addProfile("/ledra/Ledra/early", "Qel::Dir", "r");
+  // Blocking: nothing behind it leaves the queue until the sensor is ready.
+  auto blocking = p->mountGroupIs("blocking", 2);
+  blocking->conditionColEnq("true == /ledra/Ledra/sensor.ready");
+  blocking->entireConditionIs("true == /ledra/Ledra/sensor.ready");
+  blocking->blockingConditionalIs(true);
+  blocking->addProfile("/ledra/Ledra/late1", "Qel::Dir", "r");
+  // Conditional, not blocking: waits for the level while later groups go on.
+  auto conditional = p->mountGroupIs("conditional", 3);
+  conditional->conditionColEnq("3 <= /ledra/Ledra/sensor.level");
+  conditional->entireConditionIs("3 <= /ledra/Ledra/sensor.level");
+  conditional->addProfile("/ledra/Ledra/late2", "Qel::Dir", "r");
+  p->mountGroupIs("directory", 4)->addProfile("/ledra/Ledra/table", "Qel::Dir", "rD");
+  entMgr->localIs(EntityManager::Role::active);
+  wrapper->passiveEntityManagerRootSmIs(profiles, statuses, entMgr);
+  auto agent = connect("mixed");
+  run();
+  EXPECT_EQ(sent(agent),
+            (std::vector<std::string>{"/ledra/Ledra?flags=Cnp", "/ledra/Ledra/early?flags=Cnp"}));
+  EXPECT_TRUE(engine("mixed")->blockingConditionals("true == /ledra/Ledra/sensor.ready"));
+  sensor->attributeIs("ready", Qel::String("true"));
+  run();
+  EXPECT_EQ(sent(agent)[2], "/ledra/Ledra/late1?flags=Cnp");
+  // The directory group went past the waiting conditional group.
+  EXPECT_EQ(sent(agent).back(), "/ledra/Ledra/table?flags=Cnp");
+  EXPECT_FALSE(capture.contains("All mounts complete for mixed"));
+  EXPECT_EQ(engine("mixed")->state(), PassiveEntityManagerSm::conditionalMountGroupPending);
+  sensor->attributeIs("level", Qel::String("4"));
+  run();
+  EXPECT_EQ(sent(agent).back(), "/ledra/Ledra/late2?flags=Cnp");
+  EXPECT_EQ(capture.count("All mounts complete for mixed"), 1u);
+  db->entryDel("sensor");
 }
 
 }  // namespace
