@@ -1,0 +1,51 @@
+// Ledrad::AgentEvents: turns what happens to agent connections into one readable line each, for
+// ledrad's standard output:
+//   "agent NAME connected (connection N)"     a connection of the agent is registered
+//   "agent NAME served by profile PROFILE"    the root manager made the agent's engine
+//   "agent NAME waits for group G: CONDITION" only conditional groups are left (one line each)
+//   "All mounts complete for NAME"            the engine has mounted everything
+//   "agent NAME closed: REASON"               the connection was closed (by either side)
+//   "agent NAME disconnected"                 the connection is gone
+//
+// It watches the demuxer manager (connections), each demuxer (its close), the root manager (its
+// engines) and each engine (its state) with weak notifiees, so it never keeps any of them alive.
+// Destroy it before the root manager. Single-threaded: the event loop's thread.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "PassiveEntityManager/PassiveEntityManagerRootSm.h"
+
+namespace Ledrad {
+
+class AgentEvents {
+ public:
+  using Sink = std::function<void(std::string const& line)>;
+
+  AgentEvents(Ledra::PassiveEntityManagerRootSm::Ptr const& root, Sink sink);
+  ~AgentEvents();
+  AgentEvents(AgentEvents const&) = delete;
+  AgentEvents& operator=(AgentEvents const&) = delete;
+
+ private:
+  class DemuxerMgrWatcher;
+  class DemuxerWatcher;
+  class RootWatcher;
+  class EngineWatcher;
+
+  void demuxer(Qel::Name const& name);
+  void engine(Qel::Name const& agentName);
+  void line(std::string const& text) const;
+
+  Ledra::PassiveEntityManagerRootSm* const root_;
+  Sink const sink_;
+  std::unique_ptr<DemuxerMgrWatcher> demuxerMgrWatcher_;
+  std::unique_ptr<RootWatcher> rootWatcher_;
+  std::map<Qel::Name, std::unique_ptr<DemuxerWatcher>> demuxers_;
+  std::map<Qel::Name, std::unique_ptr<EngineWatcher>> engines_;
+};
+
+}  // namespace Ledrad

@@ -1,0 +1,43 @@
+// Ledrad::ConditionText: reading the attribute condition of a conditional mount group and the
+// template condition of a mount group, as the passive entity manager will read them, so that a
+// file is refused before a condition could stop the process.
+//
+// An attribute condition reads "CONSTANT OPERATOR [len(] PATH.ATTRIBUTE": a token ends at a blank
+// or a dot and the separator is dropped, so neither the constant nor the path may hold a dot.
+// Whatever follows the attribute (such as a closing parenthesis) is not read. The operator is one
+// of == != <= >= < > in notin.
+//
+// A template condition reads "TEMPLATE OPERATOR VALUE" (blank-separated, exactly three words);
+// only == != in notin are allowed, and the value NULL stands for the empty text.
+//
+// parse() returns the parts, or an empty result with the reason in `reason`. Pure functions.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace Ledrad {
+
+struct ConditionText {
+  std::string constant;
+  std::string op;
+  bool len = false;
+  std::string path;
+  std::string attribute;
+
+  static std::optional<ConditionText> parse(std::string const& text, std::string& reason);
+  // Whether `op` is an operator text of an attribute condition.
+  static bool isOperator(std::string const& op);
+  // Whether `op` compares by order (<=, >=, <, >), as opposed to (in)equality.
+  static bool isOrdering(std::string const& op);
+};
+
+struct TemplateConditionText {
+  std::string templ;
+  std::string op;
+  std::string value;
+
+  static std::optional<TemplateConditionText> parse(std::string const& text, std::string& reason);
+};
+
+}  // namespace Ledrad

@@ -1,0 +1,96 @@
+#include "apps/ledrad/ControlCommands.h"
+
+#include <exception>
+
+#include "apps/ledrad/FileError.h"
+#include "apps/ledrad/StatusFormat.h"
+
+namespace Ledrad {
+
+namespace {
+
+std::string lines(std::vector<std::string> const& items) {
+  std::string out;
+  for (auto const& i : items)
+    out += i + "\n";
+  return out;
+}
+
+}  // namespace
+
+std::string ControlCommands::usage() {
+  return "commands:\n"
+         "  status [--json] [AGENT...]\n"
+         "  set PATH ATTRIBUTE VALUE\n"
+         "  load-profiles FILE...\n"
+         "  load-state FILE...\n";
+}
+
+void ControlCommands::event(std::string const& line) const {
+  if (events_) events_(line);
+}
+
+ControlReply ControlCommands::execute(std::vector<std::string> const& request) {
+  if (request.empty()) return {false, "empty request\n"};
+  std::string const& command = request.front();
+  std::vector<std::string> const args(request.begin() + 1, request.end());
+  try {
+    if (command == "status") return status(args);
+    if (command == "set") return set(args);
+    if (command == "load-profiles") return load(args, true);
+    if (command == "load-state") return load(args, false);
+    return {false, "unknown command '" + command + "'\n" + usage()};
+  } catch (std::exception const& e) {
+    return {false, std::string(e.what()) + "\n"};
+  }
+}
+
+ControlReply ControlCommands::status(std::vector<std::string> const& args) {
+  bool json = false;
+  std::vector<std::string> only;
+  for (auto const& a : args) {
+    if (a == "--json") {
+      json = true;
+      continue;
+    }
+    if (!a.empty() && a.front() == '-') return {false, "status: unknown option '" + a + "'\n"};
+    only.push_back(a);
+  }
+  StatusReport const report = db_.status(only);
+  for (auto const& name : only) {
+    bool found = false;
+    for (auto const& agent : report.agents)
+      found = found || agent.name == name;
+    if (!found) return {false, "status: no agent '" + name + "'\n"};
+  }
+  return {true, json ? statusJson(report) : statusTable(report)};
+}
+
+ControlReply ControlCommands::set(std::vector<std::string> const& args) {
+  if (args.size() != 3) return {false, "usage: set PATH ATTRIBUTE VALUE\n"};
+  std::string const done = db_.set(args[0], args[1], args[2]);
+  event("set " + done);
+  return {true, done + "\n"};
+}
+
+ControlReply ControlCommands::load(std::vector<std::string> const& args, bool profiles) {
+  char const* what = profiles ? "load-profiles" : "load-state";
+  if (args.empty()) return {false, std::string("usage: ") + what + " FILE...\n"};
+  std::vector<std::string> done;
+  for (auto const& file : args) {
+    try {
+      auto const summary = profiles ? db_.loadProfiles({file}) : db_.loadState({file});
+      for (auto const& line : summary) {
+        event(std::string(profiles ? "loaded profiles " : "loaded state ") + line);
+        done.push_back("loaded " + line);
+      }
+    } catch (FileError const& e) {
+      event(std::string("refused ") + e.what());
+      done.push_back(std::string("refused ") + e.what() + " (nothing of it applied)");
+      return {false, lines(done)};
+    }
+  }
+  return {true, lines(done)};
+}
+
+}  // namespace Ledrad

@@ -1,0 +1,43 @@
+// Ledrad::ControlCommands: the commands of ledrad's control socket, run against the Database.
+//
+//   status [--json] [AGENT...]        the status report as a table or as JSON (StatusFormat)
+//   set PATH ATTRIBUTE VALUE           write one attribute (ATTRIBUTE[KEY] for a collection
+//   element) load-profiles FILE...              load profile files (a refused file changes nothing)
+//   load-state FILE...                 load state files (likewise)
+//
+// execute() never throws: every failure becomes an error reply with its reason, and ledrad keeps
+// serving. File names are used as given, so the control program sends absolute paths.
+// `events` (may be empty) is told one line for each change made, so that ledrad can print it.
+// Single-threaded: the event loop's thread.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "apps/ledrad/ControlProtocol.h"
+#include "apps/ledrad/Database.h"
+
+namespace Ledrad {
+
+class ControlCommands {
+ public:
+  using Events = std::function<void(std::string const& line)>;
+
+  ControlCommands(Database& db, Events events) : db_(db), events_(std::move(events)) {}
+
+  ControlReply execute(std::vector<std::string> const& request);
+
+  static std::string usage();
+
+ private:
+  ControlReply status(std::vector<std::string> const& args);
+  ControlReply set(std::vector<std::string> const& args);
+  ControlReply load(std::vector<std::string> const& args, bool profiles);
+  void event(std::string const& line) const;
+
+  Database& db_;
+  Events events_;
+};
+
+}  // namespace Ledrad

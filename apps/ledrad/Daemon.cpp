@@ -1,0 +1,154 @@
+#include "apps/ledrad/Daemon.h"
+
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "Ledra/AgentListener.h"
+#include "Qel/EventLoop.h"
+#include "Qel/Exception.h"
+#include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "Trace/Facilities.h"
+#include "apps/ledrad/AgentEvents.h"
+#include "apps/ledrad/ControlCommands.h"
+#include "apps/ledrad/ControlServer.h"
+#include "apps/ledrad/Database.h"
+#include "apps/ledrad/FileError.h"
+
+namespace Ledrad {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void say(std::FILE* f, std::string const& line) {
+  std::fputs((line + "\n").c_str(), f);
+  std::fflush(f);
+}
+
+// The folder of a default socket path under /tmp is made private to the user.
+void makeSocketFolder(std::string const& socketPath) {
+  fs::path const dir = fs::path(socketPath).parent_path();
+  if (dir.empty()) return;
+  std::error_code ec;
+  if (fs::is_directory(dir, ec)) return;
+  fs::create_directories(dir, ec);
+  ::chmod(dir.c_str(), 0700);
+}
+
+// SIGTERM and SIGINT arrive as readable data on a descriptor the loop watches.
+class SignalWatch {
+ public:
+  SignalWatch(Qel::EventLoop::Ptr loop, std::FILE* out) : loop_(std::move(loop)) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    fd_ = ::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+    loop_->watch(fd_, Qel::EventLoop::readable, [this, out](unsigned) {
+      signalfd_siginfo info{};
+      while (::read(fd_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        say(out, std::string("ledrad: stopping on ") +
+                     (info.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM"));
+        loop_->stop();
+      }
+    });
+  }
+  ~SignalWatch() {
+    loop_->unwatch(fd_);
+    ::close(fd_);
+  }
+
+ private:
+  Qel::EventLoop::Ptr loop_;
+  int fd_ = -1;
+};
+
+}  // namespace
+
+std::vector<std::string> configFilesIn(std::string const& dir, std::string const& suffix) {
+  std::error_code ec;
+  if (!fs::is_directory(dir, ec)) throw std::runtime_error("no folder " + dir);
+  std::vector<std::string> files;
+  for (auto const& entry : fs::directory_iterator(dir, ec)) {
+    std::string const name = entry.path().filename().string();
+    if (name.size() <= suffix.size() ||
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
+      continue;
+    if (!entry.is_regular_file(ec)) continue;
+    files.push_back(entry.path().string());
+  }
+  if (ec) throw std::runtime_error("cannot read folder " + dir + ": " + ec.message());
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+int runDaemon(Options const& o, std::FILE* out, std::FILE* err) {
+  if (!o.trace.empty()) {
+    auto const result = Trace::Facilities::instance().levelsAre(o.trace);
+    for (auto const& e : result.errors)
+      say(err, "ledrad: --trace: " + e);
+    for (auto const& name : result.unknownNames)
+      say(err, "ledrad: --trace: no facility " + name);
+  }
+  if (o.profiles.empty() || o.state.empty()) {
+    say(err, "ledrad: the bundled examples were not found; give --profiles DIR and --state DIR");
+    return 1;
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+  std::unique_ptr<Database> db;
+  try {
+    db = std::make_unique<Database>(Database::Config{o.systemName, o.cell});
+    for (auto const& line : db->loadState(configFilesIn(o.state, ".state")))
+      say(out, "ledrad: loaded state " + line);
+    for (auto const& line : db->loadProfiles(configFilesIn(o.profiles, ".profile")))
+      say(out, "ledrad: loaded profiles " + line);
+  } catch (std::exception const& e) {
+    say(err, std::string("ledrad: ") + e.what());
+    say(err, "ledrad: not started");
+    return 1;
+  }
+
+  Qel::EventLoop::Ptr const loop = Qel::EventLoop::eventLoopNew();
+  auto print = [out](std::string const& line) { say(out, line); };
+  auto events = std::make_unique<AgentEvents>(db->root(), print);
+  ControlCommands commands(*db, [out](std::string const& line) { say(out, "ledrad: " + line); });
+  Ledra::AgentListener::Ptr listener;
+  std::unique_ptr<ControlServer> control;
+  try {
+    makeSocketFolder(o.socket);
+    makeSocketFolder(o.controlSocket);
+    listener = Ledra::AgentListener::agentListenerNew(loop, o.socket);
+    control = std::make_unique<ControlServer>(
+        loop, o.controlSocket,
+        [&commands](std::vector<std::string> const& request) { return commands.execute(request); });
+  } catch (std::exception const& e) {
+    say(err, std::string("ledrad: ") + e.what());
+    return 1;
+  }
+  auto signals = std::make_unique<SignalWatch>(loop, out);
+  say(out, "ledrad: ready: system " + o.systemName + ", cell " + std::to_string(o.cell) +
+               ", root /" + o.systemName + "/Ledra, agents on " + o.socket + ", control on " +
+               o.controlSocket);
+  loop->run();
+
+  control.reset();
+  listener.reset();
+  // The closed connections go away on later turns of the loop.
+  loop->runUntil([] { return Qel::NboAttrLog::demuxerMgr()->demuxers() == 0; },
+                 loop->clock()->now() + 2.0);
+  signals.reset();
+  events.reset();
+  db.reset();
+  say(out, "ledrad: stopped");
+  return 0;
+}
+
+}  // namespace Ledrad

@@ -1,0 +1,76 @@
+// Ledrad::Database: the database side of ledrad: the tree, the passive entity manager hosted in
+// it, and the operations of the control program on them.
+//
+// Construction, in this order: the process's cell number (Cell::cellIdIs) and system name
+// (ActivityManagerConfig) are set; the database root "/<system name>/Ledra" is made in the global
+// tree; the agent profile and agent status directories (held here, outside the tree, so that no
+// generic write can delete a profile) and the entity manager (active, write mounts granted) are
+// made; then the wrapper (passiveEntityManagerSmWrapperFactory) and through it the root manager,
+// which fills the reserved template values and watches the connection status directory from then
+// on. Destruction releases the root (and so every engine and status record) and removes from the
+// global tree every top-level entry that was not there before construction.
+//
+// Loading. loadState and loadProfiles take files one after another: each file is parsed and
+// checked completely (StateFile, ProfileFile) and applied only when it is wholly valid. The first
+// bad file stops the loading with a FileError; the files before it stay applied, the bad one and
+// those after it are not. Both return one summary line per file.
+//
+// set() writes one attribute of one entity of the tree through the generic view, so that its
+// watchers (a conditional mount group waiting on it) are told; errors throw std::runtime_error.
+//
+// Single-threaded: the event loop's thread. One Database per process at a time.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Ledra/EntityManager.h"
+#include "PassiveEntityManager/PassiveEntityManagerSmWrapper.h"
+#include "Qel/Dir.h"
+#include "apps/ledrad/StateFile.h"
+#include "apps/ledrad/StatusReport.h"
+
+namespace Ledrad {
+
+class Database {
+ public:
+  struct Config {
+    std::string systemName = "ledra";
+    int cell = 1;
+  };
+
+  // Throws Qel::RangeException for a cell other than 1 or 2 and std::invalid_argument for a
+  // system name that cannot be a path component.
+  explicit Database(Config const& config);
+  ~Database();
+  Database(Database const&) = delete;
+  Database& operator=(Database const&) = delete;
+
+  Qel::Dir::Ptr const& ledraRoot() const { return ledraRoot_; }
+  Ledra::PassiveAgentProfileDir::Ptr const& profileDir() const { return profileDir_; }
+  Ledra::PassiveAgentStatusDir::Ptr const& statusDir() const { return statusDir_; }
+  Ledra::EntityManager::Ptr const& entityManager() const { return entMgr_; }
+  Ledra::PassiveEntityManagerRootSm::Ptr root() const;
+
+  // The values of the reserved template keys (%sysname, %cellId, ...), for state file paths.
+  StateFile::Vars templateVars() const;
+
+  std::vector<std::string> loadState(std::vector<std::string> const& files);
+  std::vector<std::string> loadProfiles(std::vector<std::string> const& files);
+
+  // Writes `attribute` (or the element `attribute[key]` of a collection) of the entity at
+  // `path` from `value`; returns "<path> <attribute>: <old> -> <new>".
+  std::string set(std::string const& path, std::string const& attribute, std::string const& value);
+
+  StatusReport status(std::vector<std::string> const& only = {}) const;
+
+ private:
+  std::vector<Qel::Name> topLevelBefore_;
+  Qel::Dir::Ptr ledraRoot_;
+  Ledra::PassiveAgentProfileDir::Ptr profileDir_;
+  Ledra::PassiveAgentStatusDir::Ptr statusDir_;
+  Ledra::EntityManager::Ptr entMgr_;
+  Ledra::PassiveEntityManagerSmWrapper::Ptr wrapper_;
+};
+
+}  // namespace Ledrad

@@ -1,0 +1,139 @@
+#include "apps/ledrad/JsonWriter.h"
+
+#include <cstdio>
+
+#include "Qel/Assert.h"
+
+namespace Ledrad {
+
+std::string JsonWriter::quote(std::string_view text) {
+  std::string out = "\"";
+  for (char c : text) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          char buf[8];
+          std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(c));
+          out += buf;
+          break;
+        }
+        out += c;
+    }
+  }
+  out += '"';
+  return out;
+}
+
+void JsonWriter::beforeValue() {
+  if (levels_.empty()) {
+    QEL_ASSERT(out_.empty() && "a JSON document holds one value");
+    return;
+  }
+  Level& l = levels_.back();
+  if (l.object) {
+    QEL_ASSERT(keyPending_ && "a member of a JSON object needs a key");
+    keyPending_ = false;
+    return;
+  }
+  out_ += l.empty ? "\n" : ",\n";
+  l.empty = false;
+  out_.append(levels_.size() * 2, ' ');
+}
+
+void JsonWriter::raw(std::string_view text) {
+  beforeValue();
+  out_ += text;
+  if (levels_.empty()) out_ += '\n';
+}
+
+JsonWriter& JsonWriter::beginObject() {
+  beforeValue();
+  out_ += '{';
+  levels_.push_back(Level{true});
+  return *this;
+}
+
+JsonWriter& JsonWriter::beginArray() {
+  beforeValue();
+  out_ += '[';
+  levels_.push_back(Level{false});
+  return *this;
+}
+
+void JsonWriter::close(bool object, char c) {
+  QEL_ASSERT(!levels_.empty() && levels_.back().object == object && !keyPending_ &&
+             "unbalanced JSON structure");
+  bool const empty = levels_.back().empty;
+  levels_.pop_back();
+  if (!empty) {
+    out_ += '\n';
+    out_.append(levels_.size() * 2, ' ');
+  }
+  out_ += c;
+  if (levels_.empty()) out_ += '\n';
+}
+
+JsonWriter& JsonWriter::endObject() {
+  close(true, '}');
+  return *this;
+}
+
+JsonWriter& JsonWriter::endArray() {
+  close(false, ']');
+  return *this;
+}
+
+JsonWriter& JsonWriter::key(std::string_view k) {
+  QEL_ASSERT(!levels_.empty() && levels_.back().object && !keyPending_ &&
+             "a JSON key belongs in an object");
+  Level& l = levels_.back();
+  out_ += l.empty ? "\n" : ",\n";
+  l.empty = false;
+  out_.append(levels_.size() * 2, ' ');
+  out_ += quote(k);
+  out_ += ": ";
+  keyPending_ = true;
+  return *this;
+}
+
+JsonWriter& JsonWriter::value(std::string_view v) {
+  raw(quote(v));
+  return *this;
+}
+
+JsonWriter& JsonWriter::value(bool v) {
+  raw(v ? "true" : "false");
+  return *this;
+}
+
+JsonWriter& JsonWriter::value(long long v) {
+  raw(std::to_string(v));
+  return *this;
+}
+
+JsonWriter& JsonWriter::value(unsigned long long v) {
+  raw(std::to_string(v));
+  return *this;
+}
+
+JsonWriter& JsonWriter::valueNull() {
+  raw("null");
+  return *this;
+}
+
+}  // namespace Ledrad

@@ -1,0 +1,47 @@
+// Ledrad::Options: ledrad's command line, and the default places shared with ledra-ctl.
+//
+//   ledrad [--socket PATH] [--control-socket PATH] [--cell 1|2] [--sysname NAME]
+//          [--trace LEVELS] [--profiles DIR] [--state DIR] [--help]
+//
+// Every option also takes the form --option=VALUE. Defaults: the sockets ledrad.sock and
+// ledrad-control.sock in defaultRuntimeDir(); cell 1; system name "ledra"; no trace levels beyond
+// LEDRA_TRACE; the folders profiles/ and state/ of the bundled examples (examplesDir()).
+// parseOptions throws UsageError for anything it cannot use. Pure apart from reading the
+// environment and the file system for the defaults.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace Ledrad {
+
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct Options {
+  std::string socket;
+  std::string controlSocket;
+  int cell = 1;
+  std::string systemName = "ledra";
+  std::string trace;
+  std::string profiles;
+  std::string state;
+  bool help = false;
+};
+
+// `args` without the program name.
+Options parseOptions(std::vector<std::string> const& args);
+std::string usage();
+
+// $XDG_RUNTIME_DIR when it names a folder, else /tmp/ledra-<user name>.
+std::string defaultRuntimeDir();
+std::string defaultAgentSocket();
+std::string defaultControlSocket();
+// The bundled examples: the first "examples" folder holding profiles/ found going up from the
+// running executable's folder, else the source tree's; empty when neither exists.
+std::string examplesDir();
+
+}  // namespace Ledrad

@@ -1,0 +1,508 @@
+#include "apps/ledrad/StateFile.h"
+
+#include "Qel/Dir.h"
+#include "Qel/DynamicEntity.h"
+#include "Qel/Exception.h"
+#include "Qel/QelType.h"
+#include "apps/ledrad/ConfigText.h"
+#include "apps/ledrad/FileError.h"
+
+namespace Ledrad {
+
+namespace {
+
+// What the parser knows of one attribute, whether its type is staged or registered.
+struct AttrView {
+  std::string name;
+  Qel::QelAttr::Kind kind;
+  std::string type;
+  std::string keyType;
+  bool writable;
+};
+
+enum class Shape { absent, directory, other };
+
+bool signedNumber(std::string const& text, std::int64_t& out) {
+  if (text.empty()) return false;
+  std::size_t used = 0;
+  try {
+    long long const v = std::stoll(text, &used, 10);
+    if (used != text.size()) return false;
+    out = v;
+    return true;
+  } catch (std::exception const&) {
+    return false;
+  }
+}
+
+std::vector<std::string> components(std::string const& path) {
+  std::vector<std::string> out;
+  std::size_t pos = 1;
+  while (pos <= path.size()) {
+    std::size_t const slash = path.find('/', pos);
+    std::size_t const end = slash == std::string::npos ? path.size() : slash;
+    out.push_back(path.substr(pos, end - pos));
+    if (slash == std::string::npos) break;
+    pos = slash + 1;
+  }
+  return out;
+}
+
+}  // namespace
+
+// Reads one state file line by line into a StateFile.
+class StateParser {
+ public:
+  StateParser(StateFile& sf, StateFile::Vars const& vars) : sf_(sf), vars_(vars) {}
+
+  void line(ConfigLine const& l) {
+    line_ = &l;
+    std::string const& keyword = l.word(0);
+    if (keyword == "enum") return enumLine();
+    if (keyword == "type") return typeLine();
+    if (keyword == "attribute" || keyword == "collection") return attributeLine(keyword);
+    if (keyword == "dir") return dirLine();
+    if (keyword == "entity") return entityLine();
+    if (keyword == "set" || keyword == "put") return valueLine(keyword);
+    fail("unknown keyword '" + keyword + "'");
+  }
+
+  void finish() {
+    if (type_) finishType();
+    // Pointer targets may be created further down the file.
+    for (auto const& [target, line] : pointerTargets_) {
+      if (staged(target) || Qel::globalDir()->entity(target)) continue;
+      throw FileError(sf_.file_, line,
+                      "no entity at " + target + " (neither in the database nor in this file)");
+    }
+  }
+
+ private:
+  [[noreturn]] void fail(std::string const& reason) const {
+    throw FileError(sf_.file_, line_->number, reason);
+  }
+
+  void words(std::size_t n, char const* usage) const {
+    if (line_->size() != n) fail(std::string("expected: ") + usage);
+  }
+
+  // A top-level line ends the block of the type or entity before it.
+  void topLevel() {
+    if (type_) finishType();
+    entity_ = -1;
+  }
+
+  // ---- types
+
+  StagedEnum const* stagedEnum(std::string const& name) const {
+    for (auto const& e : sf_.enums_) {
+      if (e.name == name) return &e;
+    }
+    return nullptr;
+  }
+  StagedType const* stagedType(std::string const& name) const {
+    for (auto const& t : sf_.types_) {
+      if (t.name == name) return &t;
+    }
+    return nullptr;
+  }
+
+  void nameIsFree(std::string const& name) const {
+    if (stagedEnum(name) || stagedType(name)) fail("type '" + name + "' is defined twice");
+  }
+
+  void enumLine() {
+    topLevel();
+    if (line_->size() < 3) fail("expected: enum NAME ENUMERATOR[=VALUE]...");
+    StagedEnum e;
+    e.name = line_->word(1);
+    e.line = line_->number;
+    nameIsFree(e.name);
+    std::int64_t next = 0;
+    for (std::size_t i = 2; i < line_->size(); ++i) {
+      std::string word = line_->word(i);
+      std::int64_t value = next;
+      if (std::size_t eq = word.find('='); eq != std::string::npos) {
+        if (!signedNumber(word.substr(eq + 1), value)) {
+          fail("enumerator value in '" + word + "' is not a whole number");
+        }
+        word.resize(eq);
+      }
+      if (word.empty()) fail("an enumerator of " + e.name + " has no name");
+      for (auto const& [n, v] : e.enumerators) {
+        if (n == word) fail("enumerator '" + word + "' is given twice");
+      }
+      e.enumerators.emplace_back(word, value);
+      next = value + 1;
+    }
+    if (Qel::QelType const* have = Qel::QelType::type(Qel::Name(e.name))) {
+      bool same = have->isEnum() && have->enumerators().size() == e.enumerators.size();
+      for (std::size_t i = 0; same && i < e.enumerators.size(); ++i) {
+        same = have->enumerators()[i].first == e.enumerators[i].first &&
+               have->enumerators()[i].second == e.enumerators[i].second;
+      }
+      if (!same) fail("type '" + e.name + "' is already defined differently");
+      e.registered = true;
+    }
+    sf_.enums_.push_back(std::move(e));
+  }
+
+  void typeLine() {
+    topLevel();
+    words(2, "type NAME");
+    nameIsFree(line_->word(1));
+    sf_.types_.push_back(StagedType{line_->word(1), {}, false, line_->number});
+    type_ = &sf_.types_.back();
+  }
+
+  // How a type name can be used as an attribute type: builtin, enum or entity; nullopt if unknown.
+  std::optional<Qel::QelType::Kind> kindOf(std::string const& name) const {
+    if (stagedEnum(name)) return Qel::QelType::Kind::enumeration;
+    if (StagedType const* t = stagedType(name)) {
+      if (t != type_) return Qel::QelType::Kind::entity;
+      return std::nullopt;  // a type cannot refer to itself: it is not registered yet
+    }
+    if (Qel::QelType const* t = Qel::QelType::type(Qel::Name(name))) return t->kind();
+    return std::nullopt;
+  }
+
+  void attributeLine(std::string const& keyword) {
+    if (!type_) fail("'" + keyword + "' outside a type");
+    StagedAttribute a;
+    a.line = line_->number;
+    if (keyword == "attribute") {
+      words(3, "attribute NAME TYPE");
+      a.name = line_->word(1);
+      a.type = line_->word(2);
+    } else {
+      words(4, "collection NAME KEYTYPE TYPE");
+      a.name = line_->word(1);
+      a.keyType = line_->word(2);
+      a.type = line_->word(3);
+    }
+    if (a.name == "name") fail("the attribute 'name' is every entity's own");
+    if (a.type == type_->name || a.keyType == type_->name) {
+      fail("type '" + type_->name + "' cannot refer to itself");
+    }
+    for (auto const& other : type_->attributes) {
+      if (other.name == a.name) fail("attribute '" + a.name + "' is defined twice");
+    }
+    auto const kind = kindOf(a.type);
+    if (!kind) fail("unknown type '" + a.type + "'");
+    if (*kind == Qel::QelType::Kind::value) {
+      fail("type '" + a.type + "' has no text form; use a builtin, enum or entity type");
+    }
+    if (!a.keyType.empty()) {
+      auto const key = kindOf(a.keyType);
+      if (!key) fail("unknown type '" + a.keyType + "'");
+      if (*key != Qel::QelType::Kind::builtin && *key != Qel::QelType::Kind::enumeration) {
+        fail("a collection key must be a builtin or enum type, not '" + a.keyType + "'");
+      }
+    }
+    type_->attributes.push_back(std::move(a));
+  }
+
+  void finishType() {
+    StagedType& t = *type_;
+    type_ = nullptr;
+    Qel::QelType const* have = Qel::QelType::type(Qel::Name(t.name));
+    if (!have) return;
+    bool same =
+        have->kind() == Qel::QelType::Kind::entity && have->attributes() == t.attributes.size() + 1;
+    for (std::size_t i = 0; same && i < t.attributes.size(); ++i) {
+      Qel::QelAttr const* a = have->attribute(static_cast<Qel::AttributeId>(i + 1));
+      StagedAttribute const& s = t.attributes[i];
+      std::string const key = a->keyType() ? std::string(a->keyType()->name()) : std::string();
+      same = a->name() == s.name && a->type()->name() == s.type && key == s.keyType;
+    }
+    if (!same)
+      throw FileError(sf_.file_, t.line, "type '" + t.name + "' is already defined differently");
+    t.registered = true;
+  }
+
+  std::optional<std::vector<AttrView>> attributesOf(std::string const& typeName) const {
+    std::vector<AttrView> out;
+    if (StagedType const* t = stagedType(typeName)) {
+      for (auto const& a : t->attributes) {
+        auto const kind = kindOf(a.type);
+        Qel::QelAttr::Kind k = !a.keyType.empty()                   ? Qel::QelAttr::Kind::collection
+                               : kind == Qel::QelType::Kind::entity ? Qel::QelAttr::Kind::pointer
+                               : kind == Qel::QelType::Kind::enumeration
+                                   ? Qel::QelAttr::Kind::enumeration
+                                   : Qel::QelAttr::Kind::value;
+        out.push_back(AttrView{a.name, k, a.type, a.keyType, true});
+      }
+      return out;
+    }
+    Qel::QelType const* t = Qel::QelType::type(Qel::Name(typeName));
+    if (!t) return std::nullopt;
+    for (std::size_t i = 0; i < t->attributes(); ++i) {
+      Qel::QelAttr const* a = t->attribute(static_cast<Qel::AttributeId>(i));
+      out.push_back(AttrView{a->name(), a->kind(), a->type() ? std::string(a->type()->name()) : "",
+                             a->keyType() ? std::string(a->keyType()->name()) : "",
+                             !a->isConstructorAttribute() && static_cast<bool>(a->setter())});
+    }
+    return out;
+  }
+
+  // ---- paths
+
+  std::string substitute(std::string const& text) const {
+    std::string out;
+    std::size_t pos = 0;
+    while (pos < text.size()) {
+      std::size_t const pct = text.find('%', pos);
+      out += text.substr(pos, pct - pos);
+      if (pct == std::string::npos) break;
+      std::size_t end = text.find_first_of("%/-", pct + 1);
+      if (end == std::string::npos) end = text.size();
+      std::string const key = text.substr(pct, end - pct);
+      auto it = vars_.find(key);
+      if (it == vars_.end()) fail("unknown template key '" + key + "' in '" + text + "'");
+      out += it->second;
+      pos = end;
+    }
+    return out;
+  }
+
+  std::string path(std::string const& word) const {
+    std::string const p = substitute(word);
+    if (p.empty() || p.front() != '/') fail("path '" + word + "' does not begin with '/'");
+    if (p == "/") fail("path '/' is the root itself");
+    for (auto const& c : components(p)) {
+      if (c.empty()) fail("path '" + p + "' has an empty component");
+    }
+    return p;
+  }
+
+  StagedEntity const* staged(std::string const& p) const {
+    auto it = stagedByPath_.find(p);
+    return it == stagedByPath_.end() ? nullptr : &sf_.entities_[it->second];
+  }
+
+  Shape shape(std::string const& p) const {
+    if (StagedEntity const* s = staged(p)) return s->type.empty() ? Shape::directory : Shape::other;
+    Qel::Entity::Ptr const e = Qel::globalDir()->entity(p);
+    if (!e) return Shape::absent;
+    return dynamic_cast<Qel::Dir const*>(e.ptr()) ? Shape::directory : Shape::other;
+  }
+
+  // Every component above `p` must be a directory or absent (it is then created).
+  void parentsAreDirectories(std::string const& p) const {
+    std::string prefix;
+    auto const parts = components(p);
+    for (std::size_t i = 0; i + 1 < parts.size(); ++i) {
+      prefix += "/" + parts[i];
+      if (shape(prefix) == Shape::other) fail("'" + prefix + "' is not a directory");
+    }
+  }
+
+  void stage(StagedEntity entity) {
+    stagedByPath_.emplace(entity.path, sf_.entities_.size());
+    sf_.entities_.push_back(std::move(entity));
+    entity_ = static_cast<int>(sf_.entities_.size()) - 1;
+  }
+
+  void dirLine() {
+    topLevel();
+    words(2, "dir PATH");
+    std::string const p = path(line_->word(1));
+    parentsAreDirectories(p);
+    Shape const s = shape(p);
+    if (s == Shape::other) fail("'" + p + "' is not a directory");
+    if (s == Shape::directory) return;
+    stage(StagedEntity{p, {}, {}, false, line_->number});
+    entity_ = -1;
+  }
+
+  void entityLine() {
+    topLevel();
+    words(3, "entity PATH TYPE");
+    std::string const p = path(line_->word(1));
+    std::string const& typeName = line_->word(2);
+    if (StagedEntity const* s = staged(p)) {
+      fail("'" + p + "' is already defined at line " + std::to_string(s->line));
+    }
+    auto const kind = kindOf(typeName);
+    if (!kind) fail("unknown type '" + typeName + "'");
+    Qel::QelType const* registered = Qel::QelType::type(Qel::Name(typeName));
+    bool const creatable = stagedType(typeName) || (*kind == Qel::QelType::Kind::entity &&
+                                                    registered && registered->hasFactory());
+    if (!creatable) fail("type '" + typeName + "' is no entity type that can be created");
+    parentsAreDirectories(p);
+    StagedEntity entity{p, typeName, {}, false, line_->number};
+    if (Qel::Entity::Ptr const e = Qel::globalDir()->entity(p)) {
+      if (e->fwkType()->name() != typeName) {
+        fail("an entity of type " + e->fwkType()->name() + " already stands at " + p);
+      }
+      entity.exists = true;
+    }
+    stage(std::move(entity));
+  }
+
+  // ---- values
+
+  std::string valueReason(std::string const& typeName, std::string const& text) const {
+    if (StagedEnum const* e = stagedEnum(typeName)) {
+      for (auto const& [n, v] : e->enumerators) {
+        if (n == text) return {};
+      }
+      return "cannot read \"" + text + "\" as " + typeName + ": no such enumerator";
+    }
+    Qel::QelType const* t = Qel::QelType::type(Qel::Name(typeName));
+    try {
+      t->valueFromText(Qel::String(text));
+      return {};
+    } catch (Qel::Exception const& e) {
+      return e.what();
+    }
+  }
+
+  void valueLine(std::string const& keyword) {
+    if (entity_ < 0) fail("'" + keyword + "' outside an entity");
+    StagedEntity& e = sf_.entities_[static_cast<std::size_t>(entity_)];
+    if (keyword == "set") words(3, "set ATTRIBUTE VALUE");
+    if (keyword == "put") words(4, "put COLLECTION KEY VALUE");
+    StagedValue v;
+    v.line = line_->number;
+    v.attribute = line_->word(1);
+    if (keyword == "set") v.text = line_->word(2);
+    if (keyword == "put") {
+      v.key = line_->word(2);
+      v.text = line_->word(3);
+    }
+    auto const attrs = attributesOf(e.type);
+    AttrView const* a = nullptr;
+    for (auto const& candidate : *attrs) {
+      if (candidate.name == v.attribute) a = &candidate;
+    }
+    if (!a) fail("type " + e.type + " has no attribute '" + v.attribute + "'");
+    if (!a->writable) fail("the attribute '" + v.attribute + "' of " + e.type + " is read-only");
+    bool const collection = a->kind == Qel::QelAttr::Kind::collection;
+    if (collection && !v.key) fail("'" + v.attribute + "' is a collection: use put");
+    if (!collection && v.key) fail("'" + v.attribute + "' is no collection: use set");
+    if (v.key) {
+      std::string const reason = valueReason(a->keyType, *v.key);
+      if (!reason.empty()) fail("key of '" + v.attribute + "': " + reason);
+    }
+    v.pointer = a->kind == Qel::QelAttr::Kind::pointer ||
+                (collection && kindOf(a->type) == Qel::QelType::Kind::entity);
+    if (v.pointer) {
+      if (v.text != "null") {
+        v.text = path(v.text);
+        pointerTargets_.emplace_back(v.text, v.line);
+      }
+    } else {
+      std::string const reason = valueReason(a->type, v.text);
+      if (!reason.empty()) fail("value of '" + v.attribute + "': " + reason);
+    }
+    e.values.push_back(std::move(v));
+  }
+
+  StateFile& sf_;
+  StateFile::Vars const& vars_;
+  ConfigLine const* line_ = nullptr;
+  StagedType* type_ = nullptr;
+  int entity_ = -1;
+  std::map<std::string, std::size_t> stagedByPath_;
+  std::vector<std::pair<std::string, int>> pointerTargets_;
+};
+
+StateFile StateFile::parse(std::string_view text, std::string const& file, Vars const& vars) {
+  StateFile sf;
+  sf.file_ = file;
+  StateParser parser(sf, vars);
+  for (auto const& line : configLines(text, file))
+    parser.line(line);
+  parser.finish();
+  return sf;
+}
+
+StateFile StateFile::load(std::string const& file, Vars const& vars) {
+  return parse(readConfigFile(file), file, vars);
+}
+
+namespace {
+
+Qel::Dir::Ptr ensureDir(std::string const& path, unsigned& created) {
+  Qel::Dir::Ptr dir = Qel::globalDir();
+  for (auto const& c : components(path)) {
+    if (!dir->entry(Qel::Name(c))) ++created;
+    dir = dir->dirIs(Qel::Name(c));
+  }
+  return dir;
+}
+
+std::string parentOf(std::string const& path) {
+  std::size_t const slash = path.rfind('/');
+  return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
+std::string leafOf(std::string const& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+}  // namespace
+
+StateFile::Applied StateFile::applyTo() const {
+  Applied applied;
+  for (auto const& e : enums_) {
+    if (e.registered) continue;
+    std::vector<std::pair<Qel::Name, std::int64_t>> enumerators;
+    for (auto const& [n, v] : e.enumerators)
+      enumerators.emplace_back(Qel::Name(n), v);
+    Qel::defineEnum(Qel::Name(e.name), enumerators);
+    ++applied.typesDefined;
+  }
+  for (auto const& t : types_) {
+    if (t.registered) continue;
+    std::vector<Qel::AttributeSchema> schema;
+    for (auto const& a : t.attributes)
+      schema.push_back({Qel::Name(a.name), Qel::Name(a.type), Qel::Name(a.keyType)});
+    Qel::defineType(Qel::Name(t.name), schema);
+    ++applied.typesDefined;
+  }
+
+  std::map<std::string, Qel::Entity::Ptr> created;
+  for (auto const& e : entities_) {
+    if (e.exists || e.type.empty()) continue;
+    created[e.path] = Qel::QelType::type(Qel::Name(e.type))->newEntity(Qel::Name(leafOf(e.path)));
+  }
+  auto write = [&](Qel::Entity::Ptr const& entity, StagedValue const& v) {
+    Qel::QelAttr const* a = entity->qelType()->attribute(Qel::Name(v.attribute));
+    Qel::GenericIf::PtrConst key;
+    if (v.key) key = a->keyType()->valueFromText(Qel::String(*v.key));
+    Qel::GenericIf::PtrConst value;
+    if (v.pointer && v.text != "null") {
+      auto it = created.find(v.text);
+      value = it != created.end() ? it->second : Qel::globalDir()->entity(v.text);
+    } else if (!v.pointer) {
+      value = a->type()->valueFromText(Qel::String(v.text));
+    }
+    entity->attributeIs(Qel::Name(v.attribute), value, key);
+    ++applied.valuesWritten;
+  };
+  for (auto const& e : entities_) {
+    if (e.exists || e.type.empty()) continue;
+    for (auto const& v : e.values)
+      write(created[e.path], v);
+  }
+  for (auto const& e : entities_) {
+    if (e.exists) continue;
+    if (e.type.empty()) {
+      ensureDir(e.path, applied.directoriesCreated);
+      continue;
+    }
+    ensureDir(parentOf(e.path), applied.directoriesCreated)->entryIs(created[e.path]);
+    ++applied.entitiesCreated;
+  }
+  for (auto const& e : entities_) {
+    if (!e.exists) continue;
+    Qel::Entity::Ptr const entity = Qel::globalDir()->entity(e.path);
+    for (auto const& v : e.values)
+      write(entity, v);
+  }
+  return applied;
+}
+
+}  // namespace Ledrad

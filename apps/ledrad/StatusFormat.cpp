@@ -1,0 +1,233 @@
+#include "apps/ledrad/StatusFormat.h"
+
+#include <algorithm>
+#include <map>
+#include <sstream>
+
+#include "apps/ledrad/JsonWriter.h"
+
+namespace Ledrad {
+
+namespace {
+
+std::string conditionText(ConditionWait const& w) {
+  std::string out = "condition " + w.condition + " of group " + w.group;
+  if (!w.entityPresent) return out + " (entity " + w.entity + " not present)";
+  if (!w.currentValue.empty()) out += " (now " + w.currentValue + ")";
+  return out;
+}
+
+std::string groupsSummary(AgentReport const& a) {
+  std::map<std::string, unsigned> counts;
+  for (auto const& g : a.groups)
+    ++counts[g.status];
+  std::string out;
+  for (auto const& [status, n] : counts) {
+    if (!out.empty()) out += ", ";
+    out += std::to_string(n) + " " + status;
+  }
+  return out.empty() ? "-" : out;
+}
+
+std::string join(std::vector<std::string> const& items, char const* sep) {
+  std::string out;
+  for (auto const& i : items) {
+    if (!out.empty()) out += sep;
+    out += i;
+  }
+  return out;
+}
+
+void row(std::ostringstream& out, std::vector<std::string> const& cells,
+         std::vector<std::size_t> const& widths) {
+  std::string line;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    line += cells[i];
+    if (i + 1 < cells.size()) line.append(widths[i] - cells[i].size() + 2, ' ');
+  }
+  out << line << '\n';
+}
+
+void detail(std::ostringstream& out, char const* label, std::string const& value) {
+  std::string l = label;
+  l.resize(17, ' ');
+  out << "  " << l << value << '\n';
+}
+
+void details(std::ostringstream& out, AgentReport const& a) {
+  out << "\nagent " << a.name << '\n';
+  detail(out, "profile", a.profile.empty() ? "-" : a.profile);
+  detail(out, "agent string", a.agentString);
+  detail(out, "connection",
+         std::string(a.connected ? "connected" : "not connected") + ", epoch " +
+             std::to_string(a.epoch));
+  detail(out, "state", a.state + (a.engine && !a.initialized ? " (cleaned up)" : ""));
+  std::vector<std::string> values;
+  for (auto const& [k, v] : a.templateValues)
+    values.push_back(k + "=" + v);
+  detail(out, "template values", values.empty() ? "-" : join(values, " "));
+  std::vector<std::string> groups;
+  for (auto const& g : a.groups)
+    groups.push_back(g.name + " (" + std::to_string(g.priority) + ") " + g.status);
+  detail(out, "groups", groups.empty() ? "-" : join(groups, "; "));
+  if (a.mounts.empty()) detail(out, "mounted", "-");
+  for (std::size_t i = 0; i < a.mounts.size(); ++i) {
+    detail(out, i == 0 ? "mounted" : "",
+           a.mounts[i].path + (a.mounts[i].complete() ? "" : " (" + a.mounts[i].state + ")"));
+  }
+  std::vector<std::string> waits;
+  if (a.outstandingRequests > 0) {
+    waits.push_back(std::to_string(a.outstandingRequests) + " unanswered mount request(s)");
+  }
+  for (auto const& p : a.inProgress)
+    waits.push_back("answer for " + p);
+  for (auto const& f : a.failed)
+    waits.push_back("failed mount " + f.path + ": " + f.reason);
+  for (auto const& p : a.pendingMounts)
+    waits.push_back("pending mount " + p);
+  for (auto const& p : a.dirMounters)
+    waits.push_back("directory mounter " + p);
+  for (auto const& c : a.conditions) {
+    waits.push_back(conditionText(c));
+    for (auto const& r : c.remaining)
+      waits.push_back("  then " + r);
+  }
+  for (auto const& b : a.blockingConditions)
+    waits.push_back("blocking condition " + b);
+  if (waits.empty()) detail(out, "waiting for", "nothing");
+  for (std::size_t i = 0; i < waits.size(); ++i)
+    detail(out, i == 0 ? "waiting for" : "", waits[i]);
+}
+
+void conditionJson(JsonWriter& j, ConditionWait const& c) {
+  j.beginObject();
+  j.key("group").value(c.group);
+  j.key("condition").value(c.condition);
+  j.key("entity").value(c.entity);
+  j.key("attribute").value(c.attribute);
+  j.key("entityPresent").value(c.entityPresent);
+  j.key("currentValue").value(c.currentValue);
+  j.key("remaining").beginArray();
+  for (auto const& r : c.remaining)
+    j.value(r);
+  j.endArray();
+  j.endObject();
+}
+
+void stringsJson(JsonWriter& j, char const* key, std::vector<std::string> const& items) {
+  j.key(key).beginArray();
+  for (auto const& i : items)
+    j.value(i);
+  j.endArray();
+}
+
+void agentJson(JsonWriter& j, AgentReport const& a) {
+  j.beginObject();
+  j.key("name").value(a.name);
+  j.key("profile").value(a.profile);
+  j.key("agentString").value(a.agentString);
+  j.key("connected").value(a.connected);
+  j.key("epoch").value(a.epoch);
+  j.key("engine").value(a.engine);
+  j.key("state").value(a.state);
+  j.key("initialized").value(a.initialized);
+  j.key("templateValues").beginObject();
+  for (auto const& [k, v] : a.templateValues)
+    j.key(k).value(v);
+  j.endObject();
+  j.key("groups").beginArray();
+  for (auto const& g : a.groups) {
+    j.beginObject();
+    j.key("name").value(g.name);
+    j.key("priority").value(g.priority);
+    j.key("status").value(g.status);
+    j.endObject();
+  }
+  j.endArray();
+  j.key("mounts").beginArray();
+  for (auto const& m : a.mounts) {
+    j.beginObject();
+    j.key("path").value(m.path);
+    j.key("state").value(m.state);
+    j.endObject();
+  }
+  j.endArray();
+  j.key("waiting").beginObject();
+  j.key("outstandingRequests").value(a.outstandingRequests);
+  stringsJson(j, "inProgress", a.inProgress);
+  j.key("failed").beginArray();
+  for (auto const& f : a.failed) {
+    j.beginObject();
+    j.key("path").value(f.path);
+    j.key("reason").value(f.reason);
+    j.endObject();
+  }
+  j.endArray();
+  stringsJson(j, "pendingMounts", a.pendingMounts);
+  stringsJson(j, "dirMounters", a.dirMounters);
+  j.key("conditions").beginArray();
+  for (auto const& c : a.conditions)
+    conditionJson(j, c);
+  j.endArray();
+  stringsJson(j, "blockingConditions", a.blockingConditions);
+  j.endObject();
+  j.endObject();
+}
+
+}  // namespace
+
+std::string waitSummary(AgentReport const& a) {
+  if (!a.failed.empty()) return "failed mount " + a.failed.front().path;
+  if (!a.conditions.empty()) return conditionText(a.conditions.front());
+  if (a.outstandingRequests > 0) {
+    return std::to_string(a.outstandingRequests) + " unanswered mount request(s)";
+  }
+  if (!a.pendingMounts.empty()) return "pending mount " + a.pendingMounts.front();
+  if (!a.dirMounters.empty()) return "directory mounter " + a.dirMounters.front();
+  if (!a.blockingConditions.empty()) return "blocking condition " + a.blockingConditions.front();
+  return "-";
+}
+
+std::string statusTable(StatusReport const& report) {
+  std::ostringstream out;
+  out << "ledrad: system " << report.systemName << ", cell " << report.cell << ", root "
+      << report.root << ", " << report.profiles.size()
+      << " profile(s): " << (report.profiles.empty() ? "-" : join(report.profiles, " ")) << ", "
+      << report.agents.size() << " agent(s)\n";
+  if (report.agents.empty()) return out.str();
+  std::vector<std::vector<std::string>> rows;
+  rows.push_back({"AGENT", "PROFILE", "STATE", "GROUPS", "MOUNTS", "WAITING FOR"});
+  for (auto const& a : report.agents) {
+    rows.push_back({a.name, a.profile.empty() ? "-" : a.profile, a.state, groupsSummary(a),
+                    std::to_string(a.completeMounts()) + "/" + std::to_string(a.mounts.size()),
+                    waitSummary(a)});
+  }
+  std::vector<std::size_t> widths(rows.front().size(), 0);
+  for (auto const& r : rows) {
+    for (std::size_t i = 0; i < r.size(); ++i)
+      widths[i] = std::max(widths[i], r[i].size());
+  }
+  out << '\n';
+  for (auto const& r : rows)
+    row(out, r, widths);
+  for (auto const& a : report.agents)
+    details(out, a);
+  return out.str();
+}
+
+std::string statusJson(StatusReport const& report) {
+  JsonWriter j;
+  j.beginObject();
+  j.key("system").value(report.systemName);
+  j.key("cell").value(report.cell);
+  j.key("root").value(report.root);
+  stringsJson(j, "profiles", report.profiles);
+  j.key("agents").beginArray();
+  for (auto const& a : report.agents)
+    agentJson(j, a);
+  j.endArray();
+  j.endObject();
+  return j.text();
+}
+
+}  // namespace Ledrad

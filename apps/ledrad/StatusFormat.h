@@ -1,0 +1,20 @@
+// Ledrad::StatusFormat: the two renderings of a StatusReport for the control program.
+//
+// table(): a summary line, one row per agent (agent, profile, state, groups, complete mounts,
+// what it waits for), then one block per agent with every detail. json(): the same content as a
+// JSON document; its shape is described in docs/ledrad.md. Pure functions.
+#pragma once
+
+#include <string>
+
+#include "apps/ledrad/StatusReport.h"
+
+namespace Ledrad {
+
+std::string statusTable(StatusReport const& report);
+std::string statusJson(StatusReport const& report);
+
+// One line saying what the agent waits for first ("-" when nothing), as the table shows it.
+std::string waitSummary(AgentReport const& agent);
+
+}  // namespace Ledrad

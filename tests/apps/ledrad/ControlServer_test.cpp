@@ -1,0 +1,203 @@
+// The control socket on the event loop: one request line, one reply, then the connection closes;
+// partial reads, oversized and empty requests, clients that leave, and the socket file's life.
+#include "apps/ledrad/ControlServer.h"
+
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "Qel/SimulatedClock.h"
+#include "apps/ledrad/ControlClient.h"
+#include "apps/ledrad/UnixSocket.h"
+#include "support/LeakCheck.h"
+
+namespace Ledrad {
+namespace {
+
+class ControlServerTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    char tmpl[] = "/tmp/ledrad-ctl-XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    path_ = dir_ + "/ctl.sock";
+    loop_ = Qel::EventLoop::eventLoopNew(Qel::SimulatedClock::simulatedClockNew());
+  }
+  void TearDown() override {
+    server_.reset();
+    loop_ = nullptr;
+    std::filesystem::remove_all(dir_);
+    LeakCheckedTest::TearDown();
+  }
+
+  void start(ControlReply reply = {true, "done\n"}) {
+    server_ = std::make_unique<ControlServer>(loop_, path_, [this, reply](auto const& request) {
+      requests_.push_back(request);
+      return reply;
+    });
+  }
+
+  int connect() { return connectUnixSocket(path_); }
+
+  // Sends `bytes`, running the loop whenever the socket is full.
+  void send(int fd, std::string const& bytes) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+      ssize_t const n =
+          ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n > 0) sent += static_cast<std::size_t>(n);
+      if (n < 0 && errno != EAGAIN) break;
+      loop_->runOnce();
+    }
+  }
+
+  // Runs the loop until the server closes `fd`; returns what it wrote.
+  std::string reply(int fd) {
+    std::string out;
+    bool closed = false;
+    loop_->runUntil(
+        [&] {
+          char buf[4096];
+          ssize_t n;
+          while ((n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0)
+            out.append(buf, static_cast<std::size_t>(n));
+          closed = n == 0;
+          return closed;
+        },
+        loop_->clock()->now() + 1.0);
+    ::close(fd);
+    EXPECT_TRUE(closed) << "the server did not close the connection";
+    return out;
+  }
+
+  std::string dir_;
+  std::string path_;
+  Qel::EventLoop::Ptr loop_;
+  std::unique_ptr<ControlServer> server_;
+  std::vector<std::vector<std::string>> requests_;
+};
+
+TEST_F(ControlServerTest, AnswersOneRequestAndCloses) {
+  start();
+  int const fd = connect();
+  send(fd, "set\t/a b\tx\t\n");
+  EXPECT_EQ(reply(fd), "ok\ndone\n");
+  EXPECT_EQ(requests_, (std::vector<std::vector<std::string>>{{"set", "/a b", "x", ""}}));
+  EXPECT_EQ(server_->requests(), 1u);
+  EXPECT_EQ(server_->clients(), 0u);
+}
+
+TEST_F(ControlServerTest, ErrorReplyAndRequestInPieces) {
+  start({false, "no\n"});
+  int const fd = connect();
+  send(fd, "sta");
+  loop_->runOnce();
+  loop_->runOnce();
+  EXPECT_TRUE(requests_.empty());
+  send(fd, "tus\n");
+  EXPECT_EQ(reply(fd), "error\nno\n");
+  EXPECT_EQ(requests_, (std::vector<std::vector<std::string>>{{"status"}}));
+}
+
+TEST_F(ControlServerTest, EmptyAndOversizedRequestsRunNothing) {
+  start();
+  int const empty = connect();
+  send(empty, "\n");
+  EXPECT_EQ(reply(empty), "error\nempty request\n");
+  int const big = connect();
+  send(big, std::string(kMaxRequest + 10, 'x'));
+  EXPECT_EQ(reply(big), "error\nrequest longer than 65536 bytes\n");
+  EXPECT_TRUE(requests_.empty());
+}
+
+TEST_F(ControlServerTest, ClientLeavingBeforeItsLineRunsNothing) {
+  start();
+  int const fd = connect();
+  send(fd, "status");
+  ::close(fd);
+  loop_->runUntil([&] { return server_->clients() == 0 && loop_->tasks() == 0; },
+                  loop_->clock()->now() + 1.0);
+  EXPECT_EQ(server_->clients(), 0u);
+  EXPECT_TRUE(requests_.empty());
+}
+
+TEST_F(ControlServerTest, ServesSeveralClientsAtOnce) {
+  start();
+  int const a = connect();
+  int const b = connect();
+  send(b, "b\n");
+  send(a, "a\n");
+  EXPECT_EQ(reply(a), "ok\ndone\n");
+  EXPECT_EQ(reply(b), "ok\ndone\n");
+  EXPECT_EQ(requests_.size(), 2u);
+}
+
+TEST_F(ControlServerTest, SocketFileLifetime) {
+  // A socket file left by a process that is gone is replaced.
+  int const stale = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strcpy(addr.sun_path, path_.c_str());
+  ASSERT_EQ(::bind(stale, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  ::close(stale);
+  start();
+  try {
+    ControlServer second(loop_, path_, [](auto const&) { return ControlReply{}; });
+    FAIL() << "a live socket was taken over";
+  } catch (std::runtime_error const& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "cannot listen on " + path_ + ": another process listens there");
+  }
+  server_.reset();
+  struct stat st {};
+  EXPECT_NE(::stat(path_.c_str(), &st), 0) << "the socket file stays after the server";
+
+  std::ofstream(path_) << "not a socket";
+  try {
+    start();
+    FAIL() << "a regular file was replaced";
+  } catch (std::runtime_error const& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "cannot listen on " + path_ + ": a file that is not a socket is in the way");
+  }
+  EXPECT_THROW(listenUnixSocket(std::string(200, 'x')), std::runtime_error);
+}
+
+TEST(ControlClient, ReportsAnUnreachableDatabase) {
+  try {
+    controlRequest("/nonexistent/ctl.sock", {"status"}, 1000);
+    FAIL() << "reached";
+  } catch (std::runtime_error const& e) {
+    EXPECT_STREQ(e.what(), "cannot connect to /nonexistent/ctl.sock: No such file or directory");
+  }
+  EXPECT_THROW(controlRequest("/nonexistent/ctl.sock", {"set", "a\tb"}, 1000),
+               std::invalid_argument);
+}
+
+TEST(ControlProtocol, RequestAndReplyRoundTrip) {
+  EXPECT_EQ(encodeRequest({"set", "/a", "x y", ""}), "set\t/a\tx y\t\n");
+  EXPECT_EQ(decodeRequest("set\t/a\tx y\t"), (std::vector<std::string>{"set", "/a", "x y", ""}));
+  EXPECT_TRUE(decodeRequest("").empty());
+  EXPECT_THROW(encodeRequest({"a\nb"}), std::invalid_argument);
+  EXPECT_THROW(encodeRequest({}), std::invalid_argument);
+  EXPECT_THROW(encodeRequest({std::string(kMaxRequest, 'x')}), std::invalid_argument);
+  ControlReply const r = decodeReply(encodeReply({false, "why\n"}));
+  EXPECT_FALSE(r.ok);
+  EXPECT_EQ(r.text, "why\n");
+  EXPECT_TRUE(decodeReply("ok").ok);
+  EXPECT_THROW(decodeReply("maybe\n"), std::runtime_error);
+  EXPECT_THROW(decodeReply(""), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace Ledrad

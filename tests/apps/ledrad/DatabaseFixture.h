@@ -1,0 +1,80 @@
+// A Database of its own for each test, on a simulated clock, with loopback agents as peers and a
+// temporary folder for the files the test writes. Everything made is released at the end, and
+// the leak check proves it.
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "Ledra/Cell.h"
+#include "Ledra/ConnMgrHelper.h"
+#include "Ledra/LoopbackAgent.h"
+#include "PassiveEntityManager/PathTemplates.h"
+#include "Qel/ActivityManagerConfig.h"
+#include "Qel/EventLoop.h"
+#include "Qel/SimulatedClock.h"
+#include "apps/ledrad/Database.h"
+#include "support/LeakCheck.h"
+
+namespace Ledrad::test {
+
+class DatabaseFixture : public Ledra::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    Qel::ActivityManagerConfig::instanceIs(nullptr);
+    savedDict_ = Ledra::globalReservedTemplateKeyDict();
+    LeakCheckedTest::SetUp();
+    char tmpl[] = "/tmp/ledrad-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    clock = Qel::SimulatedClock::simulatedClockNew();
+    Qel::ActivityManagerConfig::instance()->clockIs(clock);
+    loop = Qel::EventLoop::eventLoopNew(clock);
+    db = std::make_unique<Database>(Database::Config{"dbTest", 2});
+  }
+
+  void TearDown() override {
+    agents.clear();
+    loop->runFor(0.01);  // connection teardown
+    db.reset();
+    Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
+    loop = nullptr;
+    Qel::ActivityManagerConfig::instanceIs(nullptr);
+    clock = nullptr;
+    Cell::cellIdIs(1);
+    Ledra::globalReservedTemplateKeyDict() = savedDict_;
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+    LeakCheckedTest::TearDown();
+  }
+
+  // Writes `text` to a file of the test's folder; returns its path.
+  std::string file(std::string const& name, std::string const& text) const {
+    std::string const path = (dir_ / name).string();
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  Ledra::LoopbackAgent::Ptr agent(char const* name) {
+    agents.push_back(Ledra::LoopbackAgent::loopbackAgentNew(loop, name, name));
+    return agents.back();
+  }
+
+  void run(Qel::Time seconds = 0.1) { loop->runFor(seconds); }
+
+  std::filesystem::path dir_;
+  Qel::SimulatedClock::Ptr clock;
+  Qel::EventLoop::Ptr loop;
+  std::unique_ptr<Database> db;
+  std::vector<Ledra::LoopbackAgent::Ptr> agents;
+
+ private:
+  Ledra::ReservedTemplateKeyDict savedDict_;
+};
+
+}  // namespace Ledrad::test

@@ -1,0 +1,147 @@
+#include "integration/ChildProcess.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace test {
+
+namespace {
+
+long long nowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(std::vector<std::string> const& argv, std::string const& stderrFile,
+                           bool mergeStderr) {
+  int fds[2];
+  if (::pipe2(fds, O_CLOEXEC) != 0)
+    throw std::runtime_error("pipe: " + std::string(std::strerror(errno)));
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+  if (mergeStderr) {
+    posix_spawn_file_actions_adddup2(&actions, fds[1], 2);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, 2, stderrFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                     0644);
+  }
+  std::vector<char*> args;
+  for (auto const& a : argv)
+    args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  int const rc = ::posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(fds[1]);
+  fd_ = fds[0];
+  if (rc != 0) {
+    ::close(fd_);
+    pid_ = -1;
+    throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(rc));
+  }
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::string ChildProcess::output() const {
+  std::string out;
+  for (auto const& l : lines_)
+    out += l + "\n";
+  return out + partial_;
+}
+
+bool ChildProcess::readSome(long long deadlineMs) {
+  if (fd_ < 0) return false;
+  long long const left = deadlineMs - nowMs();
+  if (left <= 0) return true;
+  pollfd p{fd_, POLLIN, 0};
+  int const rc = ::poll(&p, 1, static_cast<int>(left));
+  if (rc <= 0) return true;  // deadline (or EINTR): the caller checks the time
+  char buf[4096];
+  ssize_t const n = ::read(fd_, buf, sizeof buf);
+  if (n < 0 && errno == EINTR) return true;
+  if (n <= 0) {
+    ::close(fd_);
+    fd_ = -1;
+    if (!partial_.empty()) lines_.push_back(std::move(partial_));
+    partial_.clear();
+    return false;
+  }
+  partial_.append(buf, static_cast<std::size_t>(n));
+  std::size_t nl;
+  while ((nl = partial_.find('\n')) != std::string::npos) {
+    lines_.push_back(partial_.substr(0, nl));
+    partial_.erase(0, nl + 1);
+  }
+  return true;
+}
+
+std::optional<std::string> ChildProcess::waitForLine(
+    std::function<bool(std::string const&)> const& match, double seconds) {
+  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
+  while (true) {
+    for (; consumed_ < lines_.size(); ++consumed_) {
+      if (match(lines_[consumed_])) return lines_[consumed_++];
+    }
+    if (nowMs() >= deadline) return std::nullopt;
+    if (!readSome(deadline) && consumed_ == lines_.size()) return std::nullopt;
+  }
+}
+
+std::optional<std::string> ChildProcess::waitForLine(std::string const& exact, double seconds) {
+  return waitForLine([&exact](std::string const& l) { return l == exact; }, seconds);
+}
+
+bool ChildProcess::printed(std::string const& exact, double seconds) {
+  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
+  std::size_t seen = 0;
+  while (true) {
+    for (; seen < lines_.size(); ++seen) {
+      if (lines_[seen] == exact) return true;
+    }
+    if (nowMs() >= deadline) return false;
+    if (!readSome(deadline) && seen == lines_.size()) return false;
+  }
+}
+
+void ChildProcess::signal(int sig) {
+  if (pid_ > 0) ::kill(pid_, sig);
+}
+
+std::optional<int> ChildProcess::waitExit(double seconds) {
+  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
+  while (fd_ >= 0) {
+    if (nowMs() >= deadline) return std::nullopt;
+    readSome(deadline);
+  }
+  if (pid_ <= 0) return status_;
+  // The output has ended: the child is exiting.
+  int st = 0;
+  while (::waitpid(pid_, &st, 0) < 0 && errno == EINTR) {
+  }
+  pid_ = -1;
+  status_ = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+  return status_;
+}
+
+}  // namespace test

@@ -1,0 +1,58 @@
+// test::ChildProcess: a program started by a test, whose standard output the test reads line by
+// line with a deadline.
+//
+// The child's standard output goes to a pipe; its standard error is appended to a file (or, with
+// mergeStderr, to the same pipe). waitForLine reads until a line matches or the deadline passes,
+// waiting in poll() on the pipe, never sleeping; every line read is kept (lines()). waitExit
+// reads to the end of the output and returns the exit status (128 + N for a death by signal N).
+// Destroying a child that still runs kills it (SIGKILL) and reaps it. Single-threaded.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace test {
+
+class ChildProcess {
+ public:
+  ChildProcess(std::vector<std::string> const& argv, std::string const& stderrFile,
+               bool mergeStderr = false);
+  ~ChildProcess();
+  ChildProcess(ChildProcess const&) = delete;
+  ChildProcess& operator=(ChildProcess const&) = delete;
+
+  pid_t pid() const { return pid_; }
+  std::vector<std::string> const& lines() const { return lines_; }
+  // All lines read so far, one per line, for failure messages.
+  std::string output() const;
+
+  // The first line read from now on (or already read and not yet returned by a wait) for which
+  // `match` holds; nullopt when the deadline passes or the output ends first.
+  std::optional<std::string> waitForLine(std::function<bool(std::string const&)> const& match,
+                                         double seconds);
+  std::optional<std::string> waitForLine(std::string const& exact, double seconds);
+  // Whether the child prints (or has printed, at any time) the line `exact` before the deadline:
+  // for events whose order does not matter.
+  bool printed(std::string const& exact, double seconds);
+
+  void signal(int sig);
+  std::optional<int> waitExit(double seconds);
+  bool running() const { return pid_ > 0; }
+
+ private:
+  // Reads what the pipe holds within `deadlineMs` of the steady clock; false at the end of output.
+  bool readSome(long long deadlineMs);
+
+  pid_t pid_ = -1;
+  int fd_ = -1;
+  std::string partial_;
+  std::vector<std::string> lines_;
+  std::size_t consumed_ = 0;
+  int status_ = -1;
+};
+
+}  // namespace test
