@@ -8,10 +8,19 @@
 
 namespace Ledra {
 
-// The back pointer and the switches every reactor of the engine shares.
-template <class Base>
+// The back pointer, the switches and the making of every reactor of the engine. Self reacts in
+// reactOn(engine): on a change of what it watches (calling react()) and when it is bound to a new
+// non-null notifier.
+template <class Self, class Base>
 class EngineReactor : public Qel::RefCounted, public Base {
  public:
+  template <class NotifierPtr>
+  static Qel::Ptr<Self> reactorNew(PassiveEntityManagerSm* engine, NotifierPtr const& notifier) {
+    Qel::Ptr<Self> r(new Self(engine));
+    r->notifierIs(notifier);
+    return r;
+  }
+
   PassiveEntityManagerSm* passiveEntityManagerSm() const { return engine_; }
   void passiveEntityManagerSmIs(PassiveEntityManagerSm* e) { engine_ = e; }
 
@@ -19,10 +28,14 @@ class EngineReactor : public Qel::RefCounted, public Base {
   explicit EngineReactor(PassiveEntityManagerSm* engine) : engine_(engine) {}
   ~EngineReactor() override = default;
 
-  // The engine, when this reactor may call it now; null otherwise.
-  PassiveEntityManagerSm* live() const {
-    if (!engine_ || !this->notificationActive() || this->qelZombie()) return nullptr;
-    return engine_;
+  // Runs Self's reaction when the engine may be called now: it is set, and this reactor is
+  // switched on and not a zombie.
+  void react() {
+    if (!engine_ || !this->notificationActive() || this->qelZombie()) return;
+    static_cast<Self*>(this)->reactOn(*engine_);
+  }
+  void onNotifierIs() override {
+    if (this->notifier()) react();
   }
 
  private:
@@ -31,64 +44,41 @@ class EngineReactor : public Qel::RefCounted, public Base {
 
 // Keeps the profile referenced and follows the engine's switches; reacts to nothing.
 class PassiveEntityManagerSm::QelAgentProfile
-    : public EngineReactor<PassiveAgentProfile::NotifieeConst> {
+    : public EngineReactor<QelAgentProfile, PassiveAgentProfile::NotifieeConst> {
  public:
-  static Qel::Ptr<QelAgentProfile> reactorNew(PassiveEntityManagerSm* engine,
-                                              PassiveAgentProfile::PtrConst const& profile) {
-    Qel::Ptr<QelAgentProfile> r(new QelAgentProfile(engine));
-    r->notifierIs(profile);
-    return r;
-  }
+  void reactOn(PassiveEntityManagerSm&) {}
 
  private:
+  friend EngineReactor;
   using EngineReactor::EngineReactor;
 };
 
 // A change of the count of unanswered mount requests runs a scheduling pass; so does binding to
 // a demuxer.
 class PassiveEntityManagerSm::QelDemuxer
-    : public EngineReactor<Qel::NboAttrLog::Demuxer::Notifiee> {
+    : public EngineReactor<QelDemuxer, Qel::NboAttrLog::Demuxer::Notifiee> {
  public:
-  static Qel::Ptr<QelDemuxer> reactorNew(PassiveEntityManagerSm* engine,
-                                         Qel::NboAttrLog::Demuxer::Ptr const& demuxer) {
-    Qel::Ptr<QelDemuxer> r(new QelDemuxer(engine));
-    r->notifierIs(demuxer);
-    return r;
-  }
-  void onFlowOutMountRequests() override {
-    if (auto* e = live()) e->doInitiateMounts();
-  }
+  void onFlowOutMountRequests() override { react(); }
+  void reactOn(PassiveEntityManagerSm& e) { e.doInitiateMounts(); }
 
  private:
+  friend EngineReactor;
   using EngineReactor::EngineReactor;
-  void onNotifierIs() override {
-    if (!notifier()) return;
-    if (auto* e = live()) e->doInitiateMounts();
-  }
 };
 
 // A change of the peer's protocol version (or binding to a table) re-checks it.
-class PassiveEntityManagerSm::QelPeerMountTable : public EngineReactor<Qel::MountTable::Notifiee> {
+class PassiveEntityManagerSm::QelPeerMountTable
+    : public EngineReactor<QelPeerMountTable, Qel::MountTable::Notifiee> {
  public:
-  static Qel::Ptr<QelPeerMountTable> reactorNew(PassiveEntityManagerSm* engine,
-                                                Qel::MountTable::Ptr const& table) {
-    Qel::Ptr<QelPeerMountTable> r(new QelPeerMountTable(engine));
-    r->notifierIs(table);
-    return r;
-  }
-  void onCurrentVersion() override {
-    if (auto* e = live()) e->handleInputProtocolVersion();
-  }
+  void onCurrentVersion() override { react(); }
+  void reactOn(PassiveEntityManagerSm& e) { e.handleInputProtocolVersion(); }
 
  private:
+  friend EngineReactor;
   using EngineReactor::EngineReactor;
-  void onNotifierIs() override {
-    if (!notifier()) return;
-    if (auto* e = live()) e->handleInputProtocolVersion();
-  }
 };
 
-// The engine's retry timer: each wake-up (and binding to a wheel) runs a scheduling pass.
+// A timer notifiee with the zombie switch the other reactors get from their notifiee base.
 class TimerWheelReactorBase : public Orn::TimerWheel::Notifiee {
  public:
   bool qelZombie() const { return zombie_; }
@@ -98,24 +88,16 @@ class TimerWheelReactorBase : public Orn::TimerWheel::Notifiee {
   bool zombie_ = false;
 };
 
-class PassiveEntityManagerSm::QelTimerWheel : public EngineReactor<TimerWheelReactorBase> {
+// The engine's retry timer: each wake-up (and binding to a wheel) runs a scheduling pass.
+class PassiveEntityManagerSm::QelTimerWheel
+    : public EngineReactor<QelTimerWheel, TimerWheelReactorBase> {
  public:
-  static Qel::Ptr<QelTimerWheel> reactorNew(PassiveEntityManagerSm* engine,
-                                            Orn::TimerWheel::PtrConst const& wheel) {
-    Qel::Ptr<QelTimerWheel> r(new QelTimerWheel(engine));
-    r->notifierIs(wheel);
-    return r;
-  }
-  void onTime() override {
-    if (auto* e = live()) e->doInitiateMounts();
-  }
+  void onTime() override { react(); }
+  void reactOn(PassiveEntityManagerSm& e) { e.doInitiateMounts(); }
 
  private:
+  friend EngineReactor;
   using EngineReactor::EngineReactor;
-  void onNotifierIs() override {
-    if (!notifier()) return;
-    if (auto* e = live()) e->doInitiateMounts();
-  }
 };
 
 // Watches the ConditionRes of one conditional group: a change of `enabled` reaches the record.

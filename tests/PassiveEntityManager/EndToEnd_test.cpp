@@ -9,32 +9,22 @@
 #include <string>
 #include <vector>
 
+#include "EngineHarness.h"
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/LoopbackAgent.h"
 #include "PassiveEntityManager/PassiveEntityManager.h"
-#include "Qel/ActivityManagerConfig.h"
 #include "Qel/DynamicEntity.h"
-#include "Qel/SimulatedClock.h"
-#include "Trace/CaptureSink.h"
-#include "Trace/Facilities.h"
-#include "support/LeakCheck.h"
 
 namespace Ledra::test {
 namespace {
 
-class EndToEndTest : public LeakCheckedTest {
+class EndToEndTest : public SimulatedDatabaseTest {
  protected:
   void SetUp() override {
-    Qel::ActivityManagerConfig::instanceIs(nullptr);
-    LeakCheckedTest::SetUp();
-    Trace::Facilities::instance().levelsAre("*=6");
-    clock = Qel::SimulatedClock::simulatedClockNew();
-    Qel::ActivityManagerConfig::instance()->clockIs(clock);
-    loop = Qel::EventLoop::eventLoopNew(clock);
-    db = Qel::globalDir()->dirIs("ledra")->dirIs("Ledra");
+    SimulatedDatabaseTest::SetUp();
     for (char const* d : {"cell/1/shelf/1", "cell/1/shelf/2", "common", "early", "late1", "late2",
                           "skipped", "parent/child", "out"})
-      dirAt(d);
+      dir(d);
     profiles = passiveAgentProfileDirFactory("profiles");
     statuses = passiveAgentStatusDirFactory("statuses");
     entMgr = EntityManager::entityManagerNew("entityManager", EntityManager::Role::backup);
@@ -48,25 +38,9 @@ class EndToEndTest : public LeakCheckedTest {
     profiles = nullptr;
     statuses = nullptr;
     entMgr = nullptr;
-    db = nullptr;
-    Qel::globalDir()->entryDel("ledra");
-    loop = nullptr;
-    Qel::ActivityManagerConfig::instanceIs(nullptr);
-    clock = nullptr;
-    Trace::Facilities::instance().reset();
-    LeakCheckedTest::TearDown();
+    SimulatedDatabaseTest::TearDown();
   }
 
-  void dirAt(std::string const& relative) {
-    Qel::Dir::Ptr d = db;
-    std::size_t pos = 0;
-    while (pos <= relative.size()) {
-      std::size_t end = relative.find('/', pos);
-      if (end == std::string::npos) end = relative.size();
-      d = d->dirIs(Qel::Name(relative.substr(pos, end - pos)));
-      pos = end + 1;
-    }
-  }
   LoopbackAgent::Ptr connect(char const* name) {
     agents.push_back(LoopbackAgent::loopbackAgentNew(loop, name, name));
     agents.back()->connect();
@@ -81,7 +55,7 @@ class EndToEndTest : public LeakCheckedTest {
   PassiveEntityManagerSm::Ptr engine(char const* name) const {
     return wrapper->passiveEntityManagerRootSm()->passiveEntityManagerSm(name);
   }
-  void run(Qel::Time seconds = 0.2) { loop->runFor(seconds); }
+  void run(Qel::Time seconds = 0.2) { SimulatedDatabaseTest::run(seconds); }
 
   // The family profile "shelf-": every shelf agent "shelf-<cell>-<n>" mounts its own shelf
   // directory, the common directory (writable), and a group only shelf 2 may have.
@@ -96,10 +70,6 @@ class EndToEndTest : public LeakCheckedTest {
     two->templateConditionColIs("%shelf == 2", true);
   }
 
-  Trace::CaptureSink capture;
-  Qel::SimulatedClock::Ptr clock;
-  Qel::EventLoop::Ptr loop;
-  Qel::Dir::Ptr db;
   PassiveAgentProfileDir::Ptr profiles;
   PassiveAgentStatusDir::Ptr statuses;
   EntityManager::Ptr entMgr;
@@ -195,9 +165,9 @@ TEST_F(EndToEndTest, MixedProfileOfPlainConditionalBlockingAndDirectoryGroupsCom
   static Qel::QelType const* const sensorType =
       Qel::defineType("endToEnd::Sensor", {{"ready", "bool"}, {"level", "U32"}});
   auto sensor = Qel::DynamicEntity::entityNew(sensorType, "sensor");
-  db->entryIs(sensor);
-  dirAt("table/a");
-  dirAt("table/b");
+  root->entryIs(sensor);
+  dir("table/a");
+  dir("table/b");
   auto p = profiles->agentProfileIs("mixed");
   p->mountGroupIs("plain", 1)->addProfile("/ledra/Ledra/early", "Qel::Dir", "r");
   // Blocking: nothing behind it leaves the queue until the sensor is ready.
@@ -230,7 +200,7 @@ TEST_F(EndToEndTest, MixedProfileOfPlainConditionalBlockingAndDirectoryGroupsCom
   run();
   EXPECT_EQ(sent(agent).back(), "/ledra/Ledra/late2?flags=Cnp");
   EXPECT_EQ(capture.count("All mounts complete for mixed"), 1u);
-  db->entryDel("sensor");
+  root->entryDel("sensor");
 }
 
 }  // namespace

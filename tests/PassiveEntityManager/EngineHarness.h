@@ -1,6 +1,5 @@
-// The world an engine runs in, for tests: a simulated clock with its event loop and timer wheel,
-// the database root "/ledra/Ledra", an entity manager, one agent profile and status record, and a
-// loopback agent to connect. Everything the test made must be gone at the end (leak check).
+// The worlds engines run in, for tests: a database process on simulated time, and one engine's
+// world within it. Everything a test made must be gone at the end (leak check).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -20,7 +19,10 @@
 
 namespace Ledra::test {
 
-class EngineHarness : public LeakCheckedTest {
+// A database process on simulated time: its own process configuration on a simulated clock, an
+// event loop, the database root "/ledra/Ledra" and a trace capture at every level. A derived
+// fixture releases what it made in its TearDown before calling this one.
+class SimulatedDatabaseTest : public LeakCheckedTest {
  protected:
   void SetUp() override {
     // The test runs under a process configuration of its own, forgotten at the end.
@@ -30,23 +32,12 @@ class EngineHarness : public LeakCheckedTest {
     clock = Qel::SimulatedClock::simulatedClockNew();
     Qel::ActivityManagerConfig::instance()->clockIs(clock);
     loop = Qel::EventLoop::eventLoopNew(clock);
-    wheel = Orn::TimerWheel::timerWheelNew(clock);
     root = Qel::globalDir()->dirIs("ledra")->dirIs("Ledra");
-    entMgr = EntityManager::entityManagerNew("entityManager");
-    profile = PassiveAgentProfile::agentProfileNew("agentA");
-    status = PassiveAgentStatus::agentStatusNew("agentA");
-    agent = LoopbackAgent::loopbackAgentNew(loop, "agentA", "agentA");
   }
   void TearDown() override {
-    engine = nullptr;
-    agent = nullptr;
     loop->runFor(0.01);  // connection teardown
-    status = nullptr;
-    profile = nullptr;
-    entMgr = nullptr;
     root = nullptr;
     Qel::globalDir()->entryDel("ledra");
-    wheel = nullptr;
     loop = nullptr;
     Qel::ActivityManagerConfig::instanceIs(nullptr);
     clock = nullptr;
@@ -54,29 +45,8 @@ class EngineHarness : public LeakCheckedTest {
     LeakCheckedTest::TearDown();
   }
 
-  // Connects the agent and starts its engine.
-  PassiveEntityManagerSm::Ptr const& startEngine() {
-    auto const d = agent->connect();
-    engine = passiveEntityManagerSmFactory(profile, status, d, d->peer(), entMgr, wheel);
-    return engine;
-  }
-
   // Runs the loop for `seconds` of simulated time.
   void run(Qel::Time seconds = 0.1) { loop->runFor(seconds); }
-
-  // The requests the agent received, as "path?flags=letters type".
-  std::vector<std::string> requests() const {
-    std::vector<std::string> out;
-    for (auto const& r : agent->mountRequests())
-      out.push_back(r.path + "?flags=" + r.flags + (r.type.empty() ? "" : " " + r.type));
-    return out;
-  }
-  std::vector<std::string> requestPaths() const {
-    std::vector<std::string> out;
-    for (auto const& r : agent->mountRequests())
-      out.push_back(r.path);
-    return out;
-  }
 
   // A directory below the database root ("a/b" -> /ledra/Ledra/a/b), created as needed.
   Qel::Dir::Ptr dir(std::string const& relative) {
@@ -94,8 +64,54 @@ class EngineHarness : public LeakCheckedTest {
   Trace::CaptureSink capture;
   Qel::SimulatedClock::Ptr clock;
   Qel::EventLoop::Ptr loop;
-  Orn::TimerWheel::Ptr wheel;
   Qel::Dir::Ptr root;
+};
+
+// One engine's world: a timer wheel, an entity manager, one agent profile and status record, and
+// a loopback agent to connect.
+class EngineHarness : public SimulatedDatabaseTest {
+ protected:
+  void SetUp() override {
+    SimulatedDatabaseTest::SetUp();
+    wheel = Orn::TimerWheel::timerWheelNew(clock);
+    entMgr = EntityManager::entityManagerNew("entityManager");
+    profile = PassiveAgentProfile::agentProfileNew("agentA");
+    status = PassiveAgentStatus::agentStatusNew("agentA");
+    agent = LoopbackAgent::loopbackAgentNew(loop, "agentA", "agentA");
+  }
+  void TearDown() override {
+    engine = nullptr;
+    agent = nullptr;
+    loop->runFor(0.01);  // connection teardown
+    status = nullptr;
+    profile = nullptr;
+    entMgr = nullptr;
+    wheel = nullptr;
+    SimulatedDatabaseTest::TearDown();
+  }
+
+  // Connects the agent and starts its engine.
+  PassiveEntityManagerSm::Ptr const& startEngine() {
+    auto const d = agent->connect();
+    engine = passiveEntityManagerSmFactory(profile, status, d, d->peer(), entMgr, wheel);
+    return engine;
+  }
+
+  // The requests the agent received, as "path?flags=letters type".
+  std::vector<std::string> requests() const {
+    std::vector<std::string> out;
+    for (auto const& r : agent->mountRequests())
+      out.push_back(r.path + "?flags=" + r.flags + (r.type.empty() ? "" : " " + r.type));
+    return out;
+  }
+  std::vector<std::string> requestPaths() const {
+    std::vector<std::string> out;
+    for (auto const& r : agent->mountRequests())
+      out.push_back(r.path);
+    return out;
+  }
+
+  Orn::TimerWheel::Ptr wheel;
   EntityManager::Ptr entMgr;
   PassiveAgentProfile::Ptr profile;
   PassiveAgentStatus::Ptr status;
