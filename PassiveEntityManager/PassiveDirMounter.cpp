@@ -36,6 +36,9 @@ PassiveDirMounter::PassiveDirMounter(Qel::String agentName, Qel::String const& p
   entityTypeIs(entityType);
   mountFlagsIs(mountFlags);
   clockIs(clock);
+  // A directory that has just appeared is still being filled: its entries are awaited until it
+  // has been quiet for one retry period.
+  if (clock) settleDelayIs(kRetryDelay);
   // Present entries are mounted by handleExistingDirEntry, not queued a second time.
   queueExistingEntriesIs(false);
 }

@@ -1,12 +1,16 @@
 // Ledra::PassiveDirMounter: mounts a directory for an agent entry by entry (a mount profile with
-// the flag 'D'). The platform base (Ledra::DirMounter) finds and watches the directory and queues
-// the entries; this class mounts each through the engine's doNestedPassiveMount:
-//   - entries present when the directory is found: as read-only directories ("Qel::Dir", "r");
-//   - entries that appear later: with the profile's flags less 'D' and 'B'; an entry that is not a
-//     directory yet is retried after 1.0 second on the mounter's clock, nothing is dropped.
+// the flag 'D'). The engine starts one when the directory does not stand yet. The platform base
+// (Ledra::DirMounter) finds and watches the directory and queues the entries; this class mounts
+// each through the engine's doNestedPassiveMount:
+//   - entries present when the directory appears: as read-only directories ("Qel::Dir", "r");
+//   - entries that appear afterwards, and entries requested before they exist: with the profile's
+//     flags less 'D' and 'B'. An entry that is not a directory yet is retried every 1.0 second on
+//     the mounter's clock; nothing is dropped.
+// The mounter completes once nothing is queued and the directory has had no new entry for one
+// retry period (1.0 second), so a directory that is still being filled is followed to the end.
 // A blocking mounter ('B') keeps its mount in the engine's pendingMountProfile, so its group stays
-// in progress, until the directory is mounted completely; then it removes itself from the
-// engine's passiveDirMounterCol, which releases it.
+// in progress, until then; on completion it removes itself from the engine's
+// passiveDirMounterCol, which releases it.
 //
 // The engine owns the mounter (passiveDirMounterCol); managerSm is a plain back pointer that the
 // engine clears when it drops the mounter. Single-threaded.

@@ -60,13 +60,19 @@ Qel::QelType const* DirMounter::EntryMount::staticType() {
   return t;
 }
 
-DirMounter::DirMounter(Qel::Name name) : Entity(std::move(name)), reactor_(this), retry_(this) {}
+DirMounter::DirMounter(Qel::Name name)
+    : Entity(std::move(name)), reactor_(this), retry_(this), settle_(this) {}
 
 DirMounter::~DirMounter() = default;
 
 void DirMounter::timeMinIs(Qel::Time t) {
   QEL_ASSERT(retry_.notifier() && "DirMounter retry without a clock");
   retry_.timeMinIs(t);
+}
+
+void DirMounter::settleDelayIs(Qel::Time d) {
+  QEL_ASSERT(d >= 0 && "DirMounter settle delay is negative");
+  settleDelay_ = d;
 }
 
 void DirMounter::dirEntryMounterIs(Qel::Name const& name, EntryMount const& m) {
@@ -93,6 +99,7 @@ DirMounter::EntryMount DirMounter::deferredMountFront() const {
 Qel::U32 DirMounter::deferredMountEnq(EntryMount const& m) {
   Qel::U32 const index = nextIndex_;
   deferredMountIs(index, m);
+  mountRoundRequest();
   return index;
 }
 
@@ -168,6 +175,7 @@ void DirMounter::dirPathReactorDel() {
 void DirMounter::start() {
   QEL_ASSERT(!started_ && "DirMounter started twice");
   QEL_ASSERT(!mountPath_.empty() && "DirMounter without a mount path");
+  QEL_ASSERT((settleDelay_ == 0 || clock()) && "DirMounter settle delay without a clock");
   started_ = true;
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
   TRACE(LedraPlatform, 5, "DirMounter {} starts on {}", name(), mountPath_);
@@ -205,6 +213,7 @@ void DirMounter::search(Qel::Dir::PtrConst dir, std::size_t index) {
 
 void DirMounter::dirFoundIs(Qel::Dir::PtrConst const& dir) {
   dirFound_ = true;
+  quietPeriodRestart();
   dirPathReactorIs(dir, mountPath_, {});
   std::vector<std::pair<Qel::Name, Qel::Entity::Ptr>> const present(dir->entryMap().begin(),
                                                                     dir->entryMap().end());
@@ -235,10 +244,10 @@ void DirMounter::onDirEntry(Qel::Name const& name) {
     return;
   }
   if (!dir->entry(name)) return;  // a removal
-  if (!entryQueue(name)) return;
-  // While a retry is pending the new entry waits for it, behind the entry that is waiting.
-  if (retry_.timeMin() != Qel::kNever) return;
-  doMountRequests();
+  quietPeriodRestart();
+  entryQueue(name);
+  // Nothing queued (an entry seen before): the quiet period may end.
+  completeIfDone();
 }
 
 bool DirMounter::entryQueue(Qel::Name const& name) {
@@ -247,6 +256,16 @@ bool DirMounter::entryQueue(Qel::Name const& name) {
   if (deferredMountPaths(path)) return false;
   deferredMountEnq(EntryMount(path, entityType_, mountFlags_));
   return true;
+}
+
+void DirMounter::mountRoundRequest() {
+  // While a retry is pending a new request waits for it, behind the entry that is waiting.
+  if (retry_.timeMin() != Qel::kNever) return;
+  doMountRequests();
+}
+
+void DirMounter::quietPeriodRestart() {
+  if (settleDelay_ > 0) quietSince_ = clock()->now();
 }
 
 void DirMounter::doMountRequests() {
@@ -277,11 +296,19 @@ void DirMounter::doMountRequests() {
 
 void DirMounter::completeIfDone() {
   if (!dirFound_ || complete_ || inRound_ || !deferredMount_.empty()) return;
+  if (settleDelay_ > 0) {
+    Qel::Time const quietEnd = quietSince_ + settleDelay_;
+    if (clock()->now() < quietEnd) {
+      settle_.timeMinIs(quietEnd);
+      return;
+    }
+  }
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
   complete_ = true;
   Qel::Dir::PtrConst dir = reactor_.notifier();
   dirPathReactorDel();
   retry_.timeMinIs(Qel::kNever);
+  settle_.timeMinIs(Qel::kNever);
   TRACE(LedraPlatform, 5, "DirMounter {} complete on {}", name(), mountPath_);
   notify(kComplete);
   handleComplete(Qel::Entity::Ptr(const_cast<Qel::Dir*>(dir.ptr())));

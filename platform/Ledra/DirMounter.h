@@ -23,16 +23,20 @@
 //      dirEntryMounterIs(name, mount)) and calls handleMountRequest(). The derived class mounts
 //      the entry and removes it with deferredMountDeq(), or leaves it queued to retry later and
 //      arms the retry timer (timeMinIs(now + delay)); an entry left at the head ends the round.
-//   5. An entry that appears in the directory later is queued; it starts a round unless a retry
-//      is pending (then it waits for the retry, behind the entry that waits). Each entry is
-//      queued once for the life of the mounter (its name is remembered): an entry removed and
-//      added again is not queued again, and a queued entry that turns up again (a waiting entry
-//      created at last) is mounted by the next retry, not at once.
+//   5. A mount request, deferredMountEnq(), starts a round once the directory is found, unless a
+//      retry is pending (then it waits for the retry, behind the entry that waits). The base
+//      makes one for each entry that appears in the directory, and anyone may make one for an
+//      entry that is not there yet. Each entry is queued by the base once for the life of the
+//      mounter (its name is remembered): an entry removed and added again is not queued again,
+//      and a queued entry that turns up again (a waiting entry created at last) is mounted by the
+//      next retry, not at once.
 //   6. The retry timer firing starts a round.
-//   7. Done: the directory was found and no entry mount is queued (every entry that was present
-//      when the directory was found, and every one that appeared before that point, was taken
-//      off the queue). The base stops watching, disarms the timer and calls handleComplete(dir)
-//      once. Entries that appear afterwards are not mounted.
+//   7. Done: the directory was found, no entry mount is queued, and the directory has been quiet
+//      (no entry added) for settleDelay since it was found or since its last new entry. With a
+//      settle delay of 0 (the default) that is as soon as the queue is empty; otherwise the base
+//      waits on the clock for the quiet period to end, and entries that appear meanwhile are
+//      mounted and start it again. Then the base stops watching, disarms its timers and calls
+//      handleComplete(dir) once. Entries that appear afterwards are not mounted.
 // A handler may add entries to the directory (re-entrance): they are queued and handled in the
 // running round. handleComplete may drop the last reference to the mounter: the base keeps it
 // alive until its own call returns.
@@ -117,7 +121,16 @@ class QEL_API DirMounter : public Qel::Entity {
   bool queueExistingEntries() const { return queueExistingEntries_; }
   void queueExistingEntriesIs(bool v) { queueExistingEntries_ = v; }
   Qel::Clock::PtrConst const& clock() const { return retry_.notifier(); }
-  void clockIs(Qel::Clock::PtrConst const& c) { retry_.notifierIs(c); }
+  void clockIs(Qel::Clock::PtrConst const& c) {
+    retry_.notifierIs(c);
+    settle_.notifierIs(c);
+  }
+  // How long the directory must stay without new entries before the mounter completes; 0 (the
+  // default) completes as soon as nothing is queued. A positive delay needs a clock.
+  Qel::Time settleDelay() const { return settleDelay_; }
+  void settleDelayIs(Qel::Time d);
+  // When the directory's present quiet period began (found, or its last new entry).
+  Qel::Time quietSince() const { return quietSince_; }
 
   // The retry timer: a round starts when the clock reaches `t` (kNever disarms).
   void timeMinIs(Qel::Time t);
@@ -142,7 +155,7 @@ class QEL_API DirMounter : public Qel::Entity {
   std::size_t deferredMounts() const { return deferredMount_.size(); }
   // The oldest queued mount; empty when none.
   EntryMount deferredMountFront() const;
-  // Appends `m`; returns its index.
+  // Appends `m`, a mount request, and starts a round when one may run; returns its index.
   Qel::U32 deferredMountEnq(EntryMount const& m);
   // Removes and returns the oldest; empty when none.
   EntryMount deferredMountDeq();
@@ -203,6 +216,14 @@ class QEL_API DirMounter : public Qel::Entity {
    private:
     DirMounter* owner_;
   };
+  class SettleTimer : public Qel::Clock::Notifiee {
+   public:
+    explicit SettleTimer(DirMounter* owner) : owner_(owner) {}
+    void onTime() override { owner_->completeIfDone(); }
+
+   private:
+    DirMounter* owner_;
+  };
 
   template <class T>
   void store(T& field, T const& v, Qel::AttributeId aid) {
@@ -215,8 +236,11 @@ class QEL_API DirMounter : public Qel::Entity {
   void onDirEntry(Qel::Name const& name);
   // Queues the entry's mount; false when it was queued before.
   bool entryQueue(Qel::Name const& name);
+  // Runs a round for a new request, unless the directory is not found yet or a retry is pending.
+  void mountRoundRequest();
   void doMountRequests();
   void completeIfDone();
+  void quietPeriodRestart();
   void deferredMountPathRelease(Qel::String const& path);
 
   Qel::String mountPath_;
@@ -236,6 +260,8 @@ class QEL_API DirMounter : public Qel::Entity {
   Qel::String watchedPath_;
   Qel::Name awaited_;
   bool queueExistingEntries_ = true;
+  Qel::Time settleDelay_ = 0;
+  Qel::Time quietSince_ = 0;
   bool started_ = false;
   bool dirFound_ = false;
   bool complete_ = false;
@@ -243,6 +269,7 @@ class QEL_API DirMounter : public Qel::Entity {
   bool roundAgain_ = false;
   DirPathReactor reactor_;
   RetryTimer retry_;
+  SettleTimer settle_;
 };
 
 template <class N>

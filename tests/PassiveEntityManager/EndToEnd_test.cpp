@@ -166,8 +166,6 @@ TEST_F(EndToEndTest, MixedProfileOfPlainConditionalBlockingAndDirectoryGroupsCom
       Qel::defineType("endToEnd::Sensor", {{"ready", "bool"}, {"level", "U32"}});
   auto sensor = Qel::DynamicEntity::entityNew(sensorType, "sensor");
   root->entryIs(sensor);
-  dir("table/a");
-  dir("table/b");
   auto p = profiles->agentProfileIs("mixed");
   p->mountGroupIs("plain", 1)->addProfile("/ledra/Ledra/early", "Qel::Dir", "r");
   // Blocking: nothing behind it leaves the queue until the sensor is ready.
@@ -181,7 +179,8 @@ TEST_F(EndToEndTest, MixedProfileOfPlainConditionalBlockingAndDirectoryGroupsCom
   conditional->conditionColEnq("3 <= /ledra/Ledra/sensor.level");
   conditional->entireConditionIs("3 <= /ledra/Ledra/sensor.level");
   conditional->addProfile("/ledra/Ledra/late2", "Qel::Dir", "r");
-  p->mountGroupIs("directory", 4)->addProfile("/ledra/Ledra/table", "Qel::Dir", "rD");
+  // A blocking directory mount of a directory that does not exist yet.
+  p->mountGroupIs("directory", 4)->addProfile("/ledra/Ledra/table", "Qel::Dir", "rDB");
   entMgr->localIs(EntityManager::Role::active);
   wrapper->passiveEntityManagerRootSmIs(profiles, statuses, entMgr);
   auto agent = connect("mixed");
@@ -191,9 +190,22 @@ TEST_F(EndToEndTest, MixedProfileOfPlainConditionalBlockingAndDirectoryGroupsCom
   EXPECT_TRUE(engine("mixed")->blockingConditionals("true == /ledra/Ledra/sensor.ready"));
   sensor->attributeIs("ready", Qel::String("true"));
   run();
-  EXPECT_EQ(sent(agent)[2], "/ledra/Ledra/late1?flags=Cnp");
-  // The directory group went past the waiting conditional group.
-  EXPECT_EQ(sent(agent).back(), "/ledra/Ledra/table?flags=Cnp");
+  EXPECT_EQ(sent(agent).back(), "/ledra/Ledra/late1?flags=Cnp");
+  // The directory group went past the waiting conditional group, and waits for its directory.
+  EXPECT_TRUE(capture.contains("Starting passive dirMounter for /ledra/Ledra/table"));
+  run(2.0);
+  auto table = Qel::Dir::dirNew("table");
+  table->dirIs("a");
+  root->entryIs(table);
+  run(0.5);
+  table->dirIs("b");
+  run(1.5);
+  std::vector<std::string> const afterDirectory = sent(agent);
+  ASSERT_GE(afterDirectory.size(), 3u);
+  EXPECT_EQ(
+      std::vector<std::string>(afterDirectory.end() - 3, afterDirectory.end()),
+      (std::vector<std::string>{"/ledra/Ledra/table?flags=Cnp", "/ledra/Ledra/table/a?flags=Cnp",
+                                "/ledra/Ledra/table/b?flags=Cnp"}));
   EXPECT_FALSE(capture.contains("All mounts complete for mixed"));
   EXPECT_EQ(engine("mixed")->state(), PassiveEntityManagerSm::conditionalMountGroupPending);
   sensor->attributeIs("level", Qel::String("4"));

@@ -328,6 +328,102 @@ TEST_F(DirMounterTest, MounterDestroyedWhileWaitingLeavesNoTimerOrWatch) {
   clock->nowIs(2.0);
 }
 
+// With a settle delay the mounter stays until the directory has been quiet that long.
+class DirMounterSettleTest : public DirMounterTest {
+ protected:
+  TestMounter::Ptr settling(Qel::Time delay = 1.0) {
+    auto m = mounter();
+    m->settleDelayIs(delay);
+    return m;
+  }
+};
+
+TEST_F(DirMounterSettleTest, EntriesArrivingWhileQuietPeriodRunsAreMountedAtOnce) {
+  auto d = root->dirIs("d");
+  auto m = settling();
+  m->start();
+  EXPECT_EQ(m->quietSince(), 0.0);
+  clock->nowIs(0.6);
+  d->dirIs("a");
+  EXPECT_EQ(m->mountTimes, (std::vector<Qel::Time>{0.6}));
+  EXPECT_EQ(m->quietSince(), 0.6);
+  clock->nowIs(1.59);
+  EXPECT_FALSE(m->complete());
+  clock->nowIs(1.6);
+  EXPECT_EQ(m->log,
+            (std::vector<std::string>{"init", "mount /dmTest/d/a w", "complete /dmTest/d"}));
+  EXPECT_EQ(clock->timers(), 0u);
+  EXPECT_EQ(d->notifiees(), 0u);
+}
+
+TEST_F(DirMounterSettleTest, RemovalsDoNotRestartTheQuietPeriodAdditionsDo) {
+  auto d = root->dirIs("d");
+  d->dirIs("a");
+  auto m = settling();
+  m->start();
+  clock->nowIs(0.5);
+  d->entryDel("a");
+  clock->nowIs(1.0);
+  EXPECT_TRUE(m->complete());
+  auto again = settling();
+  root->entryDel("d");
+  d = root->dirIs("d");
+  d->dirIs("a");
+  again->start();
+  clock->nowIs(1.5);
+  d->entryDel("a");
+  d->dirIs("a");  // seen before: nothing queued, but the directory was not quiet
+  clock->nowIs(2.4);
+  EXPECT_FALSE(again->complete());
+  clock->nowIs(2.5);
+  EXPECT_TRUE(again->complete());
+  EXPECT_EQ(std::count(again->log.begin(), again->log.end(), "mount /dmTest/d/a w"), 1);
+}
+
+TEST_F(DirMounterSettleTest, WaitingEntryKeepsTheMounterPastTheQuietPeriod) {
+  auto d = root->dirIs("d");
+  d->entryIs(plain("x"));
+  auto m = settling(0.5);
+  m->start();
+  clock->nowIs(2.0);
+  EXPECT_FALSE(m->complete());
+  d->entryDel("x");
+  d->dirIs("x");  // at 2.0, after the retry of 2.0: mounted at 3.0
+  clock->nowIs(3.0);
+  EXPECT_EQ(m->mountTimes, (std::vector<Qel::Time>{3.0}));
+  // Quiet since 2.0 for longer than 0.5 s: complete with the mount.
+  EXPECT_TRUE(m->complete());
+}
+
+TEST_F(DirMounterSettleTest, DestroyedWhileSettlingLeavesNoTimer) {
+  root->dirIs("d");
+  auto m = settling();
+  m->start();
+  EXPECT_EQ(clock->timers(), 1u);
+  m = nullptr;
+  EXPECT_EQ(clock->timers(), 0u);
+  clock->nowIs(2.0);
+}
+
+// A mount request made by the owner, for an entry that is not there yet.
+TEST_F(DirMounterTest, RequestBeforeTheDirectoryIsFoundWaitsForIt) {
+  auto m = mounter();
+  m->start();
+  m->deferredMountEnq(EntryMount("/dmTest/d/x", "Qel::Dir", "w"));
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init"}));
+  auto d = Qel::Dir::dirNew("d");
+  root->entryIs(d);
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init", "delay /dmTest/d/x"}));
+  // Another request waits behind the retry.
+  m->deferredMountEnq(EntryMount("/dmTest/d/y", "Qel::Dir", "w"));
+  EXPECT_EQ(m->log.size(), 2u);
+  d->dirIs("y");
+  d->dirIs("x");
+  clock->nowIs(1.0);
+  EXPECT_EQ(m->log, (std::vector<std::string>{"init", "delay /dmTest/d/x", "mount /dmTest/d/x w",
+                                              "mount /dmTest/d/y w", "complete /dmTest/d"}));
+}
+
 class QueueWatch : public DirMounter::NotifieeConst {
  public:
   std::vector<std::string> events;
@@ -401,6 +497,9 @@ TEST_F(DirMounterDeathTest, ContractViolations) {
   EXPECT_DEATH(m->start(), literal("\"DirMounter started twice\""));
   auto noClock = TestMounter::make("/dmTest/d", "", nullptr);
   EXPECT_DEATH(noClock->timeMinIs(1.0), literal("\"DirMounter retry without a clock\""));
+  noClock->settleDelayIs(1.0);
+  EXPECT_DEATH(noClock->start(), literal("\"DirMounter settle delay without a clock\""));
+  EXPECT_DEATH(m->settleDelayIs(-1.0), literal("\"DirMounter settle delay is negative\""));
   auto stranger = mounter("/elsewhere/d");
   stranger->parentDirIs(root);
   EXPECT_DEATH(stranger->start(),
