@@ -89,7 +89,7 @@ PassiveEntityManagerRootSm::~PassiveEntityManagerRootSm() {
   qelDoZombieReactorsIs(true);
   passiveEntityManagerSmDelAll();
   connStatusDelAll();
-  forEachReactor([](auto& r) { r.passiveEntityManagerRootSmIs(nullptr); });
+  forEachReactor([](auto& r) { r.ownerIs(nullptr); });
   qelAgentProfileDir_ = nullptr;
   qelEntMgr_ = nullptr;
   qelConnectionStatusDir_ = nullptr;
@@ -162,7 +162,7 @@ void PassiveEntityManagerRootSm::connStatusDel(Qel::Name const& name) {
   if (it == connStatus_.end()) return;
   Qel::Ptr<QelConnStatus> const reactor = std::move(it->second);
   connStatus_.erase(it);
-  reactor->passiveEntityManagerRootSmIs(nullptr);
+  reactor->ownerIs(nullptr);
   notifyKey(kConnStatus, name);
   doCleanup(reactor->agentName().empty() ? name : reactor->agentName());
 }
@@ -371,23 +371,8 @@ void PassiveEntityManagerRootSm::qelDoZombieReactorsIs(bool zombie) {
 
 // ---- Reactors ----
 
-Qel::Ptr<PassiveEntityManagerRootSm::QelAgentProfileDir>
-PassiveEntityManagerRootSm::QelAgentProfileDir::reactorNew(
-    PassiveEntityManagerRootSm* root, PassiveAgentProfileDir::PtrConst const& dir) {
-  Qel::Ptr<QelAgentProfileDir> r(new QelAgentProfileDir(root));
-  r->notifierIs(dir);
-  return r;
-}
-
 void PassiveEntityManagerRootSm::QelAgentProfileDir::onAgentProfile(Qel::Name const& name) {
   if (auto* root = live()) root->handleAgentProfile(name);
-}
-
-Qel::Ptr<PassiveEntityManagerRootSm::QelEntMgr> PassiveEntityManagerRootSm::QelEntMgr::reactorNew(
-    PassiveEntityManagerRootSm* root, EntityManager::PtrConst const& entMgr) {
-  Qel::Ptr<QelEntMgr> r(new QelEntMgr(root));
-  r->notifierIs(entMgr);
-  return r;
 }
 
 void PassiveEntityManagerRootSm::QelEntMgr::onLocal() {
@@ -396,14 +381,6 @@ void PassiveEntityManagerRootSm::QelEntMgr::onLocal() {
 
 void PassiveEntityManagerRootSm::QelEntMgr::onWriteMountsGranted() {
   if (auto* root = live()) root->handleWriteMountsGranted();
-}
-
-Qel::Ptr<PassiveEntityManagerRootSm::QelConnectionStatusDir>
-PassiveEntityManagerRootSm::QelConnectionStatusDir::reactorNew(
-    PassiveEntityManagerRootSm* root, ConnectionStatusDir::PtrConst const& dir) {
-  Qel::Ptr<QelConnectionStatusDir> r(new QelConnectionStatusDir(root));
-  r->notifierIs(dir);
-  return r;
 }
 
 void PassiveEntityManagerRootSm::QelConnectionStatusDir::onPassiveConnectionStatus(
@@ -415,14 +392,6 @@ void PassiveEntityManagerRootSm::QelConnectionStatusDir::onPassiveConnectionStat
     return;
   }
   root->connStatusDel(name);
-}
-
-Qel::Ptr<PassiveEntityManagerRootSm::QelConnStatus>
-PassiveEntityManagerRootSm::QelConnStatus::reactorNew(
-    PassiveEntityManagerRootSm* root, PassiveConnectionStatus::PtrConst const& record) {
-  Qel::Ptr<QelConnStatus> r(new QelConnStatus(root));
-  r->notifierIs(record);
-  return r;
 }
 
 void PassiveEntityManagerRootSm::QelConnStatus::onConnected() {

@@ -42,6 +42,7 @@
 #include "Ledra/EntityManager.h"
 #include "Orn/TimerWheel.h"
 #include "PassiveEntityManager/Export.h"
+#include "PassiveEntityManager/OwnedReactor.h"
 #include "PassiveEntityManager/PassiveAgentProfileDir.h"
 #include "PassiveEntityManager/PassiveAgentStatusDir.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
@@ -185,80 +186,57 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
   PassiveEntityManagerSmCol passiveEntityManagerSm_;
 };
 
-// The back pointer and the switches that every reactor of the root shares. A reactor forwards
-// nothing while it has no root, is switched off or is a zombie.
-template <class Base>
-class RootReactor : public Qel::RefCounted, public Base {
- public:
-  PassiveEntityManagerRootSm* passiveEntityManagerRootSm() const { return root_; }
-  void passiveEntityManagerRootSmIs(PassiveEntityManagerRootSm* r) { root_ = r; }
-
- protected:
-  explicit RootReactor(PassiveEntityManagerRootSm* root) : root_(root) {}
-  ~RootReactor() override = default;
-
-  // The root, when this reactor may call it now; null otherwise.
-  PassiveEntityManagerRootSm* live() const {
-    if (!root_ || !this->notificationActive() || this->qelZombie()) return nullptr;
-    return root_;
-  }
-
- private:
-  PassiveEntityManagerRootSm* root_;
-};
-
 // A profile added, changed or removed reaches handleAgentProfile.
 class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm::QelAgentProfileDir
-    : public RootReactor<PassiveAgentProfileDir::NotifieeConst> {
+    : public OwnedReactor<QelAgentProfileDir, PassiveEntityManagerRootSm,
+                          PassiveAgentProfileDir::NotifieeConst> {
  public:
-  static Qel::Ptr<QelAgentProfileDir> reactorNew(PassiveEntityManagerRootSm* root,
-                                                 PassiveAgentProfileDir::PtrConst const& dir);
   void onAgentProfile(Qel::Name const& name) override;
 
  private:
-  using RootReactor::RootReactor;
+  friend OwnedReactor;
+  using OwnedReactor::OwnedReactor;
 };
 
 // A role change of the process reaches handleLocal; write mounts being granted reach
 // handleWriteMountsGranted.
 class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm::QelEntMgr
-    : public RootReactor<EntityManager::NotifieeConst> {
+    : public OwnedReactor<QelEntMgr, PassiveEntityManagerRootSm, EntityManager::NotifieeConst> {
  public:
-  static Qel::Ptr<QelEntMgr> reactorNew(PassiveEntityManagerRootSm* root,
-                                        EntityManager::PtrConst const& entMgr);
   void onLocal() override;
   void onWriteMountsGranted() override;
 
  private:
-  using RootReactor::RootReactor;
+  friend OwnedReactor;
+  using OwnedReactor::OwnedReactor;
 };
 
 // A record appearing in the connection status directory gets its QelConnStatus; a record leaving
 // it has its reactor removed.
 class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm::QelConnectionStatusDir
-    : public RootReactor<ConnectionStatusDir::NotifieeConst> {
+    : public OwnedReactor<QelConnectionStatusDir, PassiveEntityManagerRootSm,
+                          ConnectionStatusDir::NotifieeConst> {
  public:
-  static Qel::Ptr<QelConnectionStatusDir> reactorNew(PassiveEntityManagerRootSm* root,
-                                                     ConnectionStatusDir::PtrConst const& dir);
   void onPassiveConnectionStatus(Qel::Name const& name) override;
 
  private:
-  using RootReactor::RootReactor;
+  friend OwnedReactor;
+  using OwnedReactor::OwnedReactor;
 };
 
 // Watches one connection status record: its connected notification runs handleConnection.
 // agentName() is the agent whose engine it created ("" while none).
 class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm::QelConnStatus
-    : public RootReactor<PassiveConnectionStatus::NotifieeConst> {
+    : public OwnedReactor<QelConnStatus, PassiveEntityManagerRootSm,
+                          PassiveConnectionStatus::NotifieeConst> {
  public:
-  static Qel::Ptr<QelConnStatus> reactorNew(PassiveEntityManagerRootSm* root,
-                                            PassiveConnectionStatus::PtrConst const& record);
   void onConnected() override;
   void handleConnection();
   Qel::Name const& agentName() const { return agentName_; }
 
  private:
-  using RootReactor::RootReactor;
+  friend OwnedReactor;
+  using OwnedReactor::OwnedReactor;
   Qel::Name agentName_;
 };
 

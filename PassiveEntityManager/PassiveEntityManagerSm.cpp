@@ -63,7 +63,7 @@ void PassiveEntityManagerSm::start() {
 
 PassiveEntityManagerSm::~PassiveEntityManagerSm() {
   qelDoZombieReactorsIs(true);
-  forEachReactor([](auto& r) { r.passiveEntityManagerSmIs(nullptr); });
+  forEachReactor([](auto& r) { r.ownerIs(nullptr); });
   for (auto& [name, record] : conditionalMountGroup_)
     record->passiveEntityManagerSmIs(nullptr);
   handleDeletion();

@@ -1,45 +1,27 @@
 // The engine's nested reactors: one per watched object (its profile, its connection's demuxer and
 // peer mount table, the timer wheel), each with a plain back pointer to the engine that the engine
-// clears (passiveEntityManagerSmIs(nullptr)) before it goes away. A reactor forwards nothing while
+// clears (ownerIs(nullptr)) before it goes away. A reactor forwards nothing while
 // it has no engine, is switched off or is a zombie. Internal to the library.
 #pragma once
 
+#include "PassiveEntityManager/OwnedReactor.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
 
 namespace Ledra {
 
-// The back pointer, the switches and the making of every reactor of the engine. Self reacts in
-// reactOn(engine): on a change of what it watches (calling react()) and when it is bound to a new
-// non-null notifier.
+// Self reacts in reactOn(engine): on a change of what it watches (calling react()) and when it is
+// bound to a new non-null notifier.
 template <class Self, class Base>
-class EngineReactor : public Qel::RefCounted, public Base {
- public:
-  template <class NotifierPtr>
-  static Qel::Ptr<Self> reactorNew(PassiveEntityManagerSm* engine, NotifierPtr const& notifier) {
-    Qel::Ptr<Self> r(new Self(engine));
-    r->notifierIs(notifier);
-    return r;
-  }
-
-  PassiveEntityManagerSm* passiveEntityManagerSm() const { return engine_; }
-  void passiveEntityManagerSmIs(PassiveEntityManagerSm* e) { engine_ = e; }
-
+class EngineReactor : public OwnedReactor<Self, PassiveEntityManagerSm, Base> {
  protected:
-  explicit EngineReactor(PassiveEntityManagerSm* engine) : engine_(engine) {}
-  ~EngineReactor() override = default;
+  using OwnedReactor<Self, PassiveEntityManagerSm, Base>::OwnedReactor;
 
-  // Runs Self's reaction when the engine may be called now: it is set, and this reactor is
-  // switched on and not a zombie.
   void react() {
-    if (!engine_ || !this->notificationActive() || this->qelZombie()) return;
-    static_cast<Self*>(this)->reactOn(*engine_);
+    if (PassiveEntityManagerSm* engine = this->live()) static_cast<Self*>(this)->reactOn(*engine);
   }
   void onNotifierIs() override {
     if (this->notifier()) react();
   }
-
- private:
-  PassiveEntityManagerSm* engine_;
 };
 
 // Keeps the profile referenced and follows the engine's switches; reacts to nothing.
@@ -49,7 +31,7 @@ class PassiveEntityManagerSm::QelAgentProfile
   void reactOn(PassiveEntityManagerSm&) {}
 
  private:
-  friend EngineReactor;
+  friend OwnedReactor;
   using EngineReactor::EngineReactor;
 };
 
@@ -62,7 +44,7 @@ class PassiveEntityManagerSm::QelDemuxer
   void reactOn(PassiveEntityManagerSm& e) { e.doInitiateMounts(); }
 
  private:
-  friend EngineReactor;
+  friend OwnedReactor;
   using EngineReactor::EngineReactor;
 };
 
@@ -74,7 +56,7 @@ class PassiveEntityManagerSm::QelPeerMountTable
   void reactOn(PassiveEntityManagerSm& e) { e.handleInputProtocolVersion(); }
 
  private:
-  friend EngineReactor;
+  friend OwnedReactor;
   using EngineReactor::EngineReactor;
 };
 
@@ -96,31 +78,21 @@ class PassiveEntityManagerSm::QelTimerWheel
   void reactOn(PassiveEntityManagerSm& e) { e.doInitiateMounts(); }
 
  private:
-  friend EngineReactor;
+  friend OwnedReactor;
   using EngineReactor::EngineReactor;
 };
 
 // Watches the ConditionRes of one conditional group: a change of `enabled` reaches the record.
 class PassiveEntityManagerSm::QelConditionalMountGroup::QelConditionRes
-    : public Qel::RefCounted,
-      public ConditionRes::Notifiee {
+    : public OwnedReactor<QelConditionRes, QelConditionalMountGroup, ConditionRes::Notifiee> {
  public:
-  static Qel::Ptr<QelConditionRes> reactorNew(QelConditionalMountGroup* record,
-                                              ConditionRes::Ptr const& res) {
-    Qel::Ptr<QelConditionRes> r(new QelConditionRes(record));
-    r->notifierIs(res);
-    return r;
-  }
-  void recordIs(QelConditionalMountGroup* record) { record_ = record; }
   void onEnabled() override {
-    if (record_) record_->handleEnabled();
+    if (QelConditionalMountGroup* record = owner()) record->handleEnabled();
   }
 
  private:
-  explicit QelConditionRes(QelConditionalMountGroup* record) : record_(record) {}
-  ~QelConditionRes() override = default;
-
-  QelConditionalMountGroup* record_;
+  friend OwnedReactor;
+  using OwnedReactor::OwnedReactor;
 };
 
 }  // namespace Ledra

@@ -212,7 +212,7 @@ PassiveEntityManagerSm::QelConditionalMountGroup::QelConditionalMountGroup(
     : group_(std::move(group)), engine_(engine) {}
 
 PassiveEntityManagerSm::QelConditionalMountGroup::~QelConditionalMountGroup() {
-  if (qelConditionRes_) qelConditionRes_->recordIs(nullptr);
+  if (qelConditionRes_) qelConditionRes_->ownerIs(nullptr);
   if (sm_) sm_->passiveEntityManagerSmIs(nullptr);
 }
 
@@ -222,7 +222,7 @@ ConditionRes::Ptr PassiveEntityManagerSm::QelConditionalMountGroup::conditionRes
 
 void PassiveEntityManagerSm::QelConditionalMountGroup::conditionResIs(ConditionRes::Ptr const& r) {
   if (r == conditionRes()) return;
-  if (qelConditionRes_) qelConditionRes_->recordIs(nullptr);
+  if (qelConditionRes_) qelConditionRes_->ownerIs(nullptr);
   qelConditionRes_ = r ? QelConditionRes::reactorNew(this, r) : nullptr;
 }
 
