@@ -99,6 +99,19 @@ void details(std::ostringstream& out, AgentReport const& a) {
     detail(out, i == 0 ? "waiting for" : "", waits[i]);
 }
 
+// Writes `key` with an array of `items`, each written by `item(j, element)`.
+template <class Items, class WriteItem>
+void arrayJson(JsonWriter& j, char const* key, Items const& items, WriteItem item) {
+  j.key(key).beginArray();
+  for (auto const& i : items)
+    item(j, i);
+  j.endArray();
+}
+
+void stringsJson(JsonWriter& j, char const* key, std::vector<std::string> const& items) {
+  arrayJson(j, key, items, [](JsonWriter& w, std::string const& text) { w.value(text); });
+}
+
 void conditionJson(JsonWriter& j, ConditionWait const& c) {
   j.beginObject();
   j.key("group").value(c.group);
@@ -107,18 +120,8 @@ void conditionJson(JsonWriter& j, ConditionWait const& c) {
   j.key("attribute").value(c.attribute);
   j.key("entityPresent").value(c.entityPresent);
   j.key("currentValue").value(c.currentValue);
-  j.key("remaining").beginArray();
-  for (auto const& r : c.remaining)
-    j.value(r);
-  j.endArray();
+  stringsJson(j, "remaining", c.remaining);
   j.endObject();
-}
-
-void stringsJson(JsonWriter& j, char const* key, std::vector<std::string> const& items) {
-  j.key(key).beginArray();
-  for (auto const& i : items)
-    j.value(i);
-  j.endArray();
 }
 
 void agentJson(JsonWriter& j, AgentReport const& a) {
@@ -165,10 +168,7 @@ void agentJson(JsonWriter& j, AgentReport const& a) {
   j.endArray();
   stringsJson(j, "pendingMounts", a.pendingMounts);
   stringsJson(j, "dirMounters", a.dirMounters);
-  j.key("conditions").beginArray();
-  for (auto const& c : a.conditions)
-    conditionJson(j, c);
-  j.endArray();
+  arrayJson(j, "conditions", a.conditions, conditionJson);
   stringsJson(j, "blockingConditions", a.blockingConditions);
   j.endObject();
   j.endObject();
@@ -222,10 +222,7 @@ std::string statusJson(StatusReport const& report) {
   j.key("cell").value(report.cell);
   j.key("root").value(report.root);
   stringsJson(j, "profiles", report.profiles);
-  j.key("agents").beginArray();
-  for (auto const& a : report.agents)
-    agentJson(j, a);
-  j.endArray();
+  arrayJson(j, "agents", report.agents, agentJson);
   j.endObject();
   return j.text();
 }
