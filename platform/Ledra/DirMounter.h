@@ -208,18 +208,12 @@ class QEL_API DirMounter : public Qel::Entity {
    private:
     DirMounter* owner_;
   };
-  class RetryTimer : public Qel::Clock::Notifiee {
+  // A timer of the mounter's clock that calls `kOnTime` on the mounter.
+  template <void (DirMounter::*kOnTime)()>
+  class Timer : public Qel::Clock::Notifiee {
    public:
-    explicit RetryTimer(DirMounter* owner) : owner_(owner) {}
-    void onTime() override { owner_->doMountRequests(); }
-
-   private:
-    DirMounter* owner_;
-  };
-  class SettleTimer : public Qel::Clock::Notifiee {
-   public:
-    explicit SettleTimer(DirMounter* owner) : owner_(owner) {}
-    void onTime() override { owner_->completeIfDone(); }
+    explicit Timer(DirMounter* owner) : owner_(owner) {}
+    void onTime() override { (owner_->*kOnTime)(); }
 
    private:
     DirMounter* owner_;
@@ -268,8 +262,8 @@ class QEL_API DirMounter : public Qel::Entity {
   bool inRound_ = false;
   bool roundAgain_ = false;
   DirPathReactor reactor_;
-  RetryTimer retry_;
-  SettleTimer settle_;
+  Timer<&DirMounter::doMountRequests> retry_;
+  Timer<&DirMounter::completeIfDone> settle_;
 };
 
 template <class N>
