@@ -77,6 +77,14 @@ class CountingReactor : public Orn::ConditionalReactor<T> {
   int fired_ = 0;
 };
 
+// The reports of each reactor so far, as "1 0 2".
+template <class... R>
+std::string fired(R const&... reactors) {
+  std::string out;
+  ((out += (out.empty() ? "" : " ") + std::to_string(reactors->fired())), ...);
+  return out;
+}
+
 // An exact text as a death-test pattern.
 inline std::string literal(std::string const& text) {
   std::string out;

@@ -1,7 +1,7 @@
 // Shared pieces of the conditional mount group tests: a run-time entity type with an attribute of
-// every builtin, an enum, a pointer, keyed collections and a value type; a fixture with a
-// simulated clock and timer wheel, a watched entity at /condTest/w, a mount group and its result
-// record, the trace of the PassiveEntityManager facility captured at every level, and a leak check.
+// every builtin, an enum, a pointer, keyed collections and a value type; a fixture on simulated
+// time with a timer wheel, a watched entity at /condTest/w, a mount group and its result record,
+// and the trace lines stamped with the simulated time.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,18 +10,15 @@
 #include <string>
 #include <vector>
 
-#include "Orn/TimerWheel.h"
+#include "EngineHarness.h"
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/Mount.h"
-#include "Qel/Dir.h"
 #include "Qel/DynamicEntity.h"
-#include "Qel/SimulatedClock.h"
-#include "Trace/CaptureSink.h"
 #include "Trace/Clock.h"
-#include "Trace/Facilities.h"
-#include "support/LeakCheck.h"
 
 namespace ConditionalTesting {
+
+using Ledra::test::literal;
 
 // "condTest::Watched": a_<builtin> for each builtin (a_charptr and a_constcharptr for char* and
 // const char*), then
@@ -51,16 +48,6 @@ inline Qel::QelType const* watchedType() {
   return t;
 }
 
-// An exact text as a death-test pattern.
-inline std::string literal(std::string const& text) {
-  std::string out;
-  for (char c : text) {
-    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
-    out += c;
-  }
-  return out;
-}
-
 // The first address ("0x" and at least one hex digit) in `text` at or after `from`, or "".
 inline std::string addressIn(std::string const& text, std::size_t from = 0) {
   for (std::size_t at = text.find("0x", from); at != std::string::npos;
@@ -72,84 +59,79 @@ inline std::string addressIn(std::string const& text, std::size_t from = 0) {
   return {};
 }
 
-// `text` with every address shown as 0x*.
-inline std::string withoutAddresses(std::string text) {
-  std::size_t from = 0;
-  for (std::string a = addressIn(text); !a.empty(); a = addressIn(text, from)) {
-    std::size_t const at = text.find(a, from);
-    text.replace(at, a.size(), "0x*");
-    from = at + 3;
-  }
-  return text;
-}
-
 // Trace lines carry the time of the test's simulated clock.
 inline Qel::SimulatedClock* traceClock = nullptr;
 inline double traceSeconds() {
   return traceClock ? traceClock->now() : 0;
 }
 
-class ConditionalTest : public Ledra::test::LeakCheckedTest {
+class ConditionalTest : public Ledra::test::SimulatedDatabaseTest {
  protected:
   static constexpr char const* kPath = "/condTest/w";
 
   void SetUp() override {
-    LeakCheckedTest::SetUp();
-    Trace::Facilities::instance().levelsAre("PassiveEntityManager=9");
-    clock_ = Qel::SimulatedClock::simulatedClockNew();
-    traceClock = clock_.ptr();
+    SimulatedDatabaseTest::SetUp();
+    traceClock = clock.ptr();
     Trace::timeSourceIs(&traceSeconds);
-    wheel_ = Orn::TimerWheel::timerWheelNew(clock_);
+    wheel = Orn::TimerWheel::timerWheelNew(clock);
     dir_ = Qel::globalDir()->dirIs("condTest");
-    watched_ = Qel::DynamicEntity::entityNew(watchedType(), "w");
-    dir_->entryIs(watched_);
-    group_ = Ledra::PassiveMountGroup::mountGroupNew("g", 10);
-    res_ = Ledra::ConditionRes::conditionResNew("g");
+    watched = Qel::DynamicEntity::entityNew(watchedType(), "w");
+    dir_->entryIs(watched);
+    group = Ledra::PassiveMountGroup::mountGroupNew("g", 10);
+    res = Ledra::ConditionRes::conditionResNew("g");
   }
   void TearDown() override {
-    sm_ = nullptr;
-    res_ = nullptr;
-    group_ = nullptr;
-    watched_ = nullptr;
+    sm = nullptr;
+    res = nullptr;
+    group = nullptr;
+    watched = nullptr;
     dir_ = nullptr;
     Qel::globalDir()->entryDel("condTest");
-    wheel_ = nullptr;
+    wheel = nullptr;
     Trace::timeSourceIs(nullptr);
     traceClock = nullptr;
-    clock_ = nullptr;
-    Trace::Facilities::instance().reset();
-    LeakCheckedTest::TearDown();
+    SimulatedDatabaseTest::TearDown();
   }
 
   // Adds the condition "<constant> <op> [len( ]/condTest/w.<attr>" to the group.
-  void condition(std::string const& text) { group_->conditionColEnq(text); }
+  void condition(std::string const& text) { group->conditionColEnq(text); }
   static std::string on(std::string const& attr) { return std::string(kPath) + "." + attr; }
 
   // Creates and starts the state machine without an engine.
   Ledra::ConditionalMountGroupSm::Ptr const& start() {
-    sm_ = Ledra::conditionalMountGroupSmFactory(group_, res_, nullptr, wheel_);
-    return sm_;
+    sm = Ledra::conditionalMountGroupSmFactory(group, res, nullptr, wheel);
+    return sm;
+  }
+  // A further entity of the watched type at /condTest/<name>.
+  Qel::DynamicEntity::Ptr another(char const* name) {
+    auto e = Qel::DynamicEntity::entityNew(watchedType(), name);
+    dir_->entryIs(e);
+    return e;
   }
 
   // Writes a plain attribute (or the element at `key` of a collection; "" deletes it) as text.
   void set(char const* attr, Qel::String const& text, Qel::String const& key = {}) {
-    watched_->attributeIs(attr, text, key);
+    watched->attributeIs(attr, text, key);
   }
   // Writes a plain attribute as a value of its own type.
   template <class T>
   void setValue(char const* attr, T const& v) {
-    Qel::AttributeId const aid = watched_->attributeId(attr);
-    watched_->valueIs(aid, watchedType()->attribute(aid)->type()->newValue(Qel::toValue(v)));
+    Qel::AttributeId const aid = watched->attributeId(attr);
+    watched->valueIs(aid, watchedType()->attribute(aid)->type()->newValue(Qel::toValue(v)));
   }
 
-  bool enabled() const { return res_->enabled(); }
+  bool enabled() const { return res->enabled(); }
 
-  // The messages of the PassiveEntityManager facility, addresses shown as 0x*.
-  std::vector<std::string> messages() const {
+  // The messages of the PassiveEntityManager facility at or below `level`; with `bare`, every
+  // address shown as 0x*.
+  std::vector<std::string> messages(int level = 9, bool bare = true) const {
     std::vector<std::string> out;
-    for (auto const& line : capture_.lines()) {
-      if (line.facility != "PassiveEntityManager") continue;
-      out.push_back(withoutAddresses(line.message));
+    for (auto const& line : capture.lines()) {
+      if (line.facility != "PassiveEntityManager" || line.level > level) continue;
+      std::string text = line.message;
+      for (std::string a = addressIn(text); bare && !a.empty(); a = addressIn(text))
+        text.replace(text.find(a), a.size(), "0x*");
+      out.push_back(text);
     }
     return out;
   }
@@ -158,33 +140,21 @@ class ConditionalTest : public Ledra::test::LeakCheckedTest {
     std::vector<std::string> const all = messages();
     return static_cast<std::size_t>(std::count(all.begin(), all.end(), text));
   }
-  // The raw messages at or below `level`.
-  std::vector<std::string> messagesUpTo(int level) const {
-    std::vector<std::string> out;
-    for (auto const& line : capture_.lines()) {
-      if (line.facility == "PassiveEntityManager" && line.level <= level) {
-        out.push_back(line.message);
-      }
-    }
-    return out;
-  }
   // The times of the lines whose message begins with `prefix`.
   std::vector<double> timesOf(std::string const& prefix) const {
     std::vector<double> out;
-    for (auto const& line : capture_.lines()) {
+    for (auto const& line : capture.lines()) {
       if (line.message.rfind(prefix, 0) == 0) out.push_back(line.seconds);
     }
     return out;
   }
 
-  Trace::CaptureSink capture_;
-  Qel::SimulatedClock::Ptr clock_;
-  Orn::TimerWheel::Ptr wheel_;
+  Orn::TimerWheel::Ptr wheel;
   Qel::Dir::Ptr dir_;
-  Qel::DynamicEntity::Ptr watched_;
-  Ledra::PassiveMountGroup::Ptr group_;
-  Ledra::ConditionRes::Ptr res_;
-  Ledra::ConditionalMountGroupSm::Ptr sm_;
+  Qel::DynamicEntity::Ptr watched;
+  Ledra::PassiveMountGroup::Ptr group;
+  Ledra::ConditionRes::Ptr res;
+  Ledra::ConditionalMountGroupSm::Ptr sm;
 };
 
 }  // namespace ConditionalTesting

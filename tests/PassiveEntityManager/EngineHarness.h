@@ -1,10 +1,14 @@
 // The worlds engines run in, for tests: a database process on simulated time, and one engine's
-// world within it. Everything a test made must be gone at the end (leak check).
+// world within it. Everything a test made must be gone at the end (leak check). Beside them, the
+// small helpers the tests share for exact texts: exception texts, death-test patterns, what went
+// to standard error, and the paths an agent was asked to mount.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Ledra/EntityManager.h"
@@ -18,6 +22,44 @@
 #include "support/LeakCheck.h"
 
 namespace Ledra::test {
+
+// Runs `f`, which must throw E, and returns the exception's text.
+template <class E, class F>
+std::string errorOf(F f) {
+  try {
+    f();
+  } catch (E const& e) {
+    return e.what();
+  }
+  ADD_FAILURE() << "no exception thrown";
+  return {};
+}
+
+// An exact text as a death-test pattern.
+inline std::string literal(std::string const& text) {
+  std::string out;
+  for (char c : text) {
+    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+// The paths an agent was asked to mount, in order.
+inline std::vector<std::string> requestPathsOf(LoopbackAgent const& a) {
+  std::vector<std::string> out;
+  for (auto const& r : a.mountRequests())
+    out.push_back(r.path);
+  return out;
+}
+
+// What `f` writes to standard error.
+template <class F>
+std::string stderrOf(F&& f) {
+  testing::internal::CaptureStderr();
+  f();
+  return testing::internal::GetCapturedStderr();
+}
 
 // A database process on simulated time: its own process configuration on a simulated clock, an
 // event loop, the database root "/ledra/Ledra" and a trace capture at every level. A derived
@@ -43,6 +85,12 @@ class SimulatedDatabaseTest : public LeakCheckedTest {
     clock = nullptr;
     Trace::Facilities::instance().reset();
     LeakCheckedTest::TearDown();
+  }
+
+  // Every one of `texts` is part of some trace message.
+  void expectTraced(std::initializer_list<std::string_view> texts) const {
+    for (std::string_view t : texts)
+      EXPECT_TRUE(capture.contains(t)) << t;
   }
 
   // Runs the loop for `seconds` of simulated time.
@@ -104,12 +152,7 @@ class EngineHarness : public SimulatedDatabaseTest {
       out.push_back(r.path + "?flags=" + r.flags + (r.type.empty() ? "" : " " + r.type));
     return out;
   }
-  std::vector<std::string> requestPaths() const {
-    std::vector<std::string> out;
-    for (auto const& r : agent->mountRequests())
-      out.push_back(r.path);
-    return out;
-  }
+  std::vector<std::string> requestPaths() const { return requestPathsOf(*agent); }
 
   Orn::TimerWheel::Ptr wheel;
   EntityManager::Ptr entMgr;

@@ -29,12 +29,13 @@ TEST_F(FactoriesTest, ModelFactoriesMakeFreshEntities) {
 }
 
 TEST_F(FactoriesTest, TypesAreCreatedByName) {
-  for (char const* name :
-       {"Ledra::PassiveAgentProfile", "Ledra::PassiveAgentStatus", "Ledra::ConditionRes"}) {
+  for (char const* name : {"Ledra::PassiveAgentProfile", "Ledra::PassiveAgentStatus",
+                           "Ledra::ConditionRes", "Ledra::PassiveEntityManagerSmWrapper"}) {
     Qel::QelType const* type = &Qel::QelType::typeOrThrow(name);
     auto e = type->newEntity("byName");
     ASSERT_TRUE(e) << name;
     EXPECT_EQ(e->fwkType(), type);
+    EXPECT_EQ(e->name(), "byName");
   }
 }
 

@@ -17,66 +17,71 @@ namespace {
 
 using ConditionalTesting::literal;
 using Ledra::ConditionalMountGroupSm;
+using Strings = std::vector<std::string>;
 
-using MountGroupReactorTest = ConditionalTesting::ConditionalTest;
-
-// --- one row of the type table per attribute type
-
-// The condition "<constant> == /condTest/w.<attr>" holds once the attribute is written as `yes`
-// and not while it reads `no`; `row` is the type name the state machine traces.
-struct Row {
-  char const* attr;
-  char const* constant;
-  char const* row;
-  char const* no;
-  char const* yes;
+class MountGroupReactorTest : public ConditionalTesting::ConditionalTest {
+ protected:
+  // Starts over with a fresh group holding `text` and a result record that is not enabled.
+  void restartWith(std::string const& text) {
+    sm = nullptr;
+    capture.clear();
+    res->enabledIs(false);
+    group = Ledra::PassiveMountGroup::mountGroupNew("g", 10);
+    condition(text);
+  }
 };
 
-void PrintTo(Row const& r, std::ostream* os) {
-  *os << r.attr << " with " << r.constant;
+TEST_F(MountGroupReactorTest, TheAttributesTypeChoosesTheReactorAndReadsTheConstant) {
+  // "<constant> == <attr>" holds once the attribute is written as `yes` and not while it reads
+  // `no`; `row` is the type name traced right after the attribute's look-up.
+  struct {
+    char const* attr;
+    char const* constant;
+    char const* row;
+    char const* no;
+    char const* yes;
+  } const rows[] = {
+      {"a_bool", "true", "bool", "false", "true"},
+      {"a_F64", "-4", "F64", "4", "-4"},
+      {"a_F32", "3", "F32", "2.5", "3"},
+      {"a_U64", "9223372036854775807", "U64", "1", "9223372036854775807"},
+      {"a_S64", "-9000000000", "S64", "9000000000", "-9000000000"},
+      {"a_U32", "4000000000", "U32", "1", "4000000000"},
+      {"a_S32", "-7", "S32", "7", "-7"},
+      {"a_U16", "65535", "U16", "1", "65535"},
+      {"a_S16", "-2", "S16", "2", "-2"},
+      // U8 and S8 take the code of the first character: "1" is 49.
+      {"a_U8", "1", "U8", "1", "49"},
+      {"a_S8", "Ab", "S8", "66", "65"},
+      {"a_long", "-12", "long", "12", "-12"},
+      {"a_double", "1e3", "double", "999", "1000"},
+      {"a_char", "xyz", "char", "y", "x"},
+      {"a_string", "hello", "string", "hell", "hello"},
+      {"a_name", "node", "name", "nod", "node"},
+      // "NULL" is the empty text for the textual types.
+      {"a_string", "NULL", "string", "NULL", ""},
+      {"a_name", "NULL", "name", "x", ""},
+      {"colour", "blue", "isEnumType", "red", "blue"},
+      // Constants that are no number read as 0.
+      {"a_S32", "seven", "S32", "7", "0"},
+  };
+  for (auto const& r : rows) {
+    SCOPED_TRACE(std::string(r.attr) + " with " + r.constant);
+    restartWith(std::string(r.constant) + " == " + on(r.attr));
+    set(r.attr, r.no);
+    start();
+    EXPECT_FALSE(enabled());
+    Strings const all = messages();
+    Strings const lookup{std::string("looking up aid for attr: ") + r.attr +
+                             " /condTest/w for type: condTest::Watched",
+                         r.row};
+    EXPECT_NE(std::search(all.begin(), all.end(), lookup.begin(), lookup.end()), all.end());
+    EXPECT_EQ(countOf(r.row), 1u);
+    EXPECT_EQ(capture.count("Adding conditional reactor"), 1u);
+    set(r.attr, r.yes);
+    EXPECT_TRUE(enabled());
+  }
 }
-
-class TypeRowTest : public ConditionalTesting::ConditionalTest,
-                    public ::testing::WithParamInterface<Row> {};
-
-TEST_P(TypeRowTest, TheAttributesTypeChoosesTheReactorAndReadsTheConstant) {
-  Row const& r = GetParam();
-  set(r.attr, r.no);
-  condition(std::string(r.constant) + " == " + on(r.attr));
-  start();
-  EXPECT_FALSE(enabled());
-  EXPECT_EQ(countOf(r.row), 1u) << r.row;
-  std::vector<std::string> const all = messages();
-  auto const looked = std::find(all.begin(), all.end(),
-                                std::string("looking up aid for attr: ") + r.attr +
-                                    " /condTest/w for type: condTest::Watched");
-  ASSERT_NE(looked, all.end());
-  ASSERT_NE(looked + 1, all.end());
-  EXPECT_EQ(*(looked + 1), r.row);
-  EXPECT_EQ(capture_.count("Adding conditional reactor"), 1u);
-  set(r.attr, r.yes);
-  EXPECT_TRUE(enabled());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Builtins, TypeRowTest,
-    ::testing::Values(
-        Row{"a_bool", "true", "bool", "false", "true"}, Row{"a_F64", "-4", "F64", "4", "-4"},
-        Row{"a_F32", "3", "F32", "2.5", "3"},
-        Row{"a_U64", "9223372036854775807", "U64", "1", "9223372036854775807"},
-        Row{"a_S64", "-9000000000", "S64", "9000000000", "-9000000000"},
-        Row{"a_U32", "4000000000", "U32", "1", "4000000000"}, Row{"a_S32", "-7", "S32", "7", "-7"},
-        Row{"a_U16", "65535", "U16", "1", "65535"}, Row{"a_S16", "-2", "S16", "2", "-2"},
-        // U8 and S8 take the code of the first character: "1" is 49.
-        Row{"a_U8", "1", "U8", "1", "49"}, Row{"a_S8", "Ab", "S8", "66", "65"},
-        Row{"a_long", "-12", "long", "12", "-12"}, Row{"a_double", "1e3", "double", "999", "1000"},
-        Row{"a_char", "xyz", "char", "y", "x"}, Row{"a_string", "hello", "string", "hell", "hello"},
-        Row{"a_name", "node", "name", "nod", "node"},
-        // "NULL" is the empty text for the textual types.
-        Row{"a_string", "NULL", "string", "NULL", ""}, Row{"a_name", "NULL", "name", "x", ""},
-        Row{"colour", "blue", "isEnumType", "red", "blue"},
-        // Constants that are no number read as 0.
-        Row{"a_S32", "seven", "S32", "7", "0"}));
 
 TEST_F(MountGroupReactorTest, ACharacterConstantOfNullIsTheNulCharacter) {
   setValue("a_char", 'n');
@@ -94,9 +99,9 @@ TEST_F(MountGroupReactorTest, InAndNotinTestTheConstantAsAKey) {
   condition("k notin " + on("tags"));
   start();
   set("tags", "true", "other");
-  EXPECT_EQ(sm_->currentPendingCondition(), "k in /condTest/w.tags");
+  EXPECT_EQ(sm->currentPendingCondition(), "k in /condTest/w.tags");
   set("tags", "false", "k");
-  EXPECT_EQ(sm_->currentPendingCondition(), "k notin /condTest/w.tags");
+  EXPECT_EQ(sm->currentPendingCondition(), "k notin /condTest/w.tags");
   EXPECT_EQ(countOf("string"), 2u) << "the key type decides the row";
   set("tags", "", "k");
   EXPECT_TRUE(enabled());
@@ -107,7 +112,7 @@ TEST_F(MountGroupReactorTest, KeysOfEnumAndNumberTypes) {
   condition("green in " + on("byColour"));
   condition("12 in " + on("byNumber"));
   start();
-  EXPECT_EQ(sm_->currentPendingCondition(), "12 in /condTest/w.byNumber");
+  EXPECT_EQ(sm->currentPendingCondition(), "12 in /condTest/w.byNumber");
   EXPECT_EQ(countOf("isEnumType"), 1u);
   EXPECT_EQ(countOf("U32"), 1u);
   set("byNumber", "twelve", "12");
@@ -116,80 +121,64 @@ TEST_F(MountGroupReactorTest, KeysOfEnumAndNumberTypes) {
 
 // "len(" compares the constant with the element count under any operator; "in" and "notin" are
 // equality and inequality there.
-struct LenCase {
-  char const* condition;
-  std::vector<bool> holdsWith;  // 0, 1, 2 and 3 elements
-};
-
-void PrintTo(LenCase const& c, std::ostream* os) {
-  *os << c.condition;
-}
-
-class LenTest : public ConditionalTesting::ConditionalTest,
-                public ::testing::WithParamInterface<LenCase> {};
-
-TEST_P(LenTest, TheElementCountIsComparedAtCreation) {
-  condition(std::string(GetParam().condition) + " len( " + on("tags") + " )");
-  std::vector<bool> holds;
-  for (char const* key : {"a", "b", "c", ""}) {
-    res_->enabledIs(false);
-    start();
-    holds.push_back(enabled());
-    sm_ = nullptr;
-    if (*key) set("tags", "true", key);
+TEST_F(MountGroupReactorTest, LenComparesTheElementCountAtCreation) {
+  struct {
+    char const* op;
+    std::vector<bool> holdsWith;  // 0, 1, 2 and 3 elements
+  } const cases[] = {{"2 in", {false, false, true, false}},
+                     {"2 ==", {false, false, true, false}},
+                     {"2 notin", {true, true, false, true}},
+                     {"2 >=", {true, true, true, false}},
+                     {"1 <", {false, false, true, true}}};
+  for (auto const& c : cases) {
+    restartWith(std::string(c.op) + " len( " + on("tags") + " )");
+    std::vector<bool> holds;
+    for (char const* key : {"a", "b", "c", ""}) {
+      res->enabledIs(false);
+      start();
+      holds.push_back(enabled());
+      sm = nullptr;
+      if (*key) set("tags", "true", key);
+    }
+    for (char const* key : {"a", "b", "c"})
+      set("tags", "", key);
+    EXPECT_EQ(holds, c.holdsWith) << c.op;
+    EXPECT_EQ(countOf("len()"), 4u) << c.op;
   }
-  EXPECT_EQ(holds, GetParam().holdsWith);
-  EXPECT_EQ(countOf("len()"), 4u);
 }
-
-INSTANTIATE_TEST_SUITE_P(Counts, LenTest,
-                         ::testing::Values(LenCase{"2 in", {false, false, true, false}},
-                                           LenCase{"2 ==", {false, false, true, false}},
-                                           LenCase{"2 notin", {true, true, false, true}},
-                                           LenCase{"2 >=", {true, true, true, false}},
-                                           LenCase{"1 <", {false, false, true, true}}));
 
 // --- pointers
 
 TEST_F(MountGroupReactorTest, APointerConditionComparesWithTheEntityNamedByTheConstant) {
-  auto target = Qel::DynamicEntity::entityNew(ConditionalTesting::watchedType(), "target");
-  dir_->entryIs(target);
-  auto other = Qel::DynamicEntity::entityNew(ConditionalTesting::watchedType(), "other");
-  dir_->entryIs(other);
+  auto target = another("target");
+  another("other");
   condition("NULL == " + on("peer"));
   condition("/condTest/target == " + on("peer"));
   condition("/condTest/target != " + on("peer"));
   start();
-  EXPECT_EQ(sm_->currentPendingCondition(), "/condTest/target == /condTest/w.peer");
+  EXPECT_EQ(sm->currentPendingCondition(), "/condTest/target == /condTest/w.peer");
   EXPECT_EQ(countOf("isPtr"), 2u);
   set("peer", "/condTest/other");
   EXPECT_FALSE(enabled());
   set("peer", "/condTest/target");
-  EXPECT_EQ(sm_->currentPendingCondition(), "/condTest/target != /condTest/w.peer");
+  EXPECT_EQ(sm->currentPendingCondition(), "/condTest/target != /condTest/w.peer");
   set("peer", "");
   EXPECT_TRUE(enabled());
-}
-
-TEST_F(MountGroupReactorTest, APointerConstantKeepsItsEntityForTheReactorsLife) {
-  auto target = Qel::DynamicEntity::entityNew(ConditionalTesting::watchedType(), "target");
-  dir_->entryIs(target);
+  // The constant's entity is kept for the reactor's life.
   Qel::DynamicEntity* const raw = target.ptr();
-  condition("/condTest/target == " + on("peer"));
-  start();
   dir_->entryDel("target");
   target = nullptr;
   EXPECT_EQ(raw->refCount(), 1u) << "held by the reactor";
-  sm_ = nullptr;
 }
 
 TEST_F(MountGroupReactorTest, APointerConstantNamingNoEntityCreatesNoReactor) {
   condition("/condTest/nowhere == " + on("peer"));
   condition("NULL == " + on("peer"));
   start();
-  EXPECT_TRUE(capture_.contains("Conditional Reactor Not created"));
-  EXPECT_TRUE(sm_->currentPendingCondition().empty());
-  EXPECT_EQ(sm_->conditionalReactor(), nullptr);
-  EXPECT_EQ(sm_->conditionLocalQueues(), 1u) << "the rest of the list is left as it was";
+  EXPECT_TRUE(capture.contains("Conditional Reactor Not created"));
+  EXPECT_TRUE(sm->currentPendingCondition().empty());
+  EXPECT_EQ(sm->conditionalReactor(), nullptr);
+  EXPECT_EQ(sm->conditionLocalQueues(), 1u) << "the rest of the list is left as it was";
   EXPECT_FALSE(enabled());
 }
 
@@ -200,65 +189,44 @@ TEST_F(MountGroupReactorTest, CharacterPointerConstantsAreOwnedCharactersOrNull)
   start();
   EXPECT_EQ(countOf("charptr"), 1u);
   EXPECT_EQ(countOf("charptrconst"), 1u);
-  EXPECT_EQ(sm_->currentPendingCondition(), "NULL != /condTest/w.a_constcharptr");
+  EXPECT_EQ(sm->currentPendingCondition(), "NULL != /condTest/w.a_constcharptr");
   setValue("a_constcharptr", static_cast<char const*>(text));
   EXPECT_TRUE(enabled());
 }
 
 // --- unusable attributes and conditions
 
-// A condition and the text it fails with: an exception for an attribute without a reactor, an
-// assertion for a condition that cannot be evaluated.
-struct Unusable {
-  char const* condition;
-  char const* text;
-};
-
-void PrintTo(Unusable const& u, std::ostream* os) {
-  *os << u.condition;
-}
-
-class UnusableAttributeTest : public ConditionalTesting::ConditionalTest,
-                              public ::testing::WithParamInterface<Unusable> {};
-
-TEST_P(UnusableAttributeTest, ThrowsAndLeavesTheConditionPendingWithoutAReactor) {
-  condition(GetParam().condition);
-  EXPECT_THROW(start(), Qel::TypeException) << "the factory passes it on";
-  EXPECT_EQ(sm_, nullptr);
-  condition("1 == " + on("a_U32"));
-  sm_ = ConditionalMountGroupSm::conditionalMountGroupSmNew(group_, res_, nullptr, wheel_);
-  try {
-    sm_->handleCondition();
-    ADD_FAILURE() << "no exception";
-  } catch (Qel::TypeException const& e) {
-    EXPECT_STREQ(e.what(), GetParam().text);
+TEST_F(MountGroupReactorTest, UnusableAttributeThrowsAndLeavesTheConditionPendingWithoutAReactor) {
+  std::pair<char const*, char const*> const cases[] = {
+      {"1 == /condTest/w.nothing", "Unknown type"},
+      {"x == /condTest/w.mount", "Unknown builtin type"}};
+  for (auto const& [text, error] : cases) {
+    restartWith(text);
+    EXPECT_THROW(start(), Qel::TypeException) << "the factory passes it on";
+    EXPECT_EQ(sm, nullptr);
+    condition("1 == " + on("a_U32"));
+    sm = ConditionalMountGroupSm::conditionalMountGroupSmNew(group, res, nullptr, wheel);
+    EXPECT_EQ(Ledra::test::errorOf<Qel::TypeException>([this] { sm->handleCondition(); }), error);
+    EXPECT_EQ(sm->currentPendingCondition(), text);
+    EXPECT_EQ(sm->conditionalReactor(), nullptr);
+    EXPECT_EQ(sm->conditionLocalQueues(), 1u);
   }
-  EXPECT_EQ(sm_->currentPendingCondition(), GetParam().condition);
-  EXPECT_EQ(sm_->conditionalReactor(), nullptr);
-  EXPECT_EQ(sm_->conditionLocalQueues(), 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Attributes, UnusableAttributeTest,
-                         ::testing::Values(Unusable{"1 == /condTest/w.nothing", "Unknown type"},
-                                           Unusable{"x == /condTest/w.mount",
-                                                    "Unknown builtin type"}));
+using MountGroupReactorDeathTest = MountGroupReactorTest;
 
-using UnusableConditionDeathTest = UnusableAttributeTest;
-
-TEST_P(UnusableConditionDeathTest, EndsTheProcess) {
-  condition(GetParam().condition);
-  EXPECT_DEATH(start(), literal(GetParam().text));
+TEST_F(MountGroupReactorDeathTest, UnusableConditionEndsTheProcess) {
+  std::pair<char const*, char const*> const cases[] = {
+      {"purple == /condTest/w.colour", "Assertion failed: attribute && \"Invalid enum value\""},
+      {"1 =< /condTest/w.a_S32", "Unknown logical op"},
+      // A dot ends the constant, and "5" is no operator.
+      {"1.5 == /condTest/w.a_F64", "Unknown logical op"},
+      {"NULL < /condTest/w.peer", "Only EQ and NEQ are supported for pointer types"},
+      {"k < /condTest/w.tags", "Collection only supports EQ/NEQ logical ops or len()"}};
+  for (auto const& [text, assertion] : cases) {
+    restartWith(text);
+    EXPECT_DEATH(start(), literal(assertion)) << text;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, UnusableConditionDeathTest,
-    ::testing::Values(
-        Unusable{"purple == /condTest/w.colour",
-                 "Assertion failed: attribute && \"Invalid enum value\""},
-        Unusable{"1 =< /condTest/w.a_S32", "Unknown logical op"},
-        // A dot ends the constant, and "5" is no operator.
-        Unusable{"1.5 == /condTest/w.a_F64", "Unknown logical op"},
-        Unusable{"NULL < /condTest/w.peer", "Only EQ and NEQ are supported for pointer types"},
-        Unusable{"k < /condTest/w.tags", "Collection only supports EQ/NEQ logical ops or len()"}));
 
 }  // namespace

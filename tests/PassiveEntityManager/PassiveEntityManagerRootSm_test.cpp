@@ -1,57 +1,30 @@
 // The root state machine and its wrapper: start-up (reserved template values, the shared timer
 // wheel, the role), profiles and their connection configurations, agents connecting through
-// loopback peers on a simulated clock (served to completion, refused, white-listed, cleaned up),
-// the switch to active and its "peerReady" groups, and the exact error and assertion texts.
+// loopback peers on a simulated clock (served, refused, white-listed, cleaned up), the switch to
+// active and its "peerReady" groups, and the exact error and assertion texts.
 #include "PassiveEntityManager/PassiveEntityManagerRootSm.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
+#include "EngineHarness.h"
 #include "Ledra/Cell.h"
 #include "Ledra/ConnMgrHelper.h"
-#include "Ledra/LoopbackAgent.h"
 #include "PassiveEntityManager/ConditionRes.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmWrapper.h"
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/ActivityManagerConfig.h"
 #include "Qel/Exception.h"
-#include "Qel/GenericValue.h"
-#include "Qel/SimulatedClock.h"
-#include "Trace/CaptureSink.h"
-#include "Trace/Facilities.h"
-#include "support/LeakCheck.h"
 
-namespace Ledra {
+namespace Ledra::test {
 namespace {
 
 using Root = PassiveEntityManagerRootSm;
 using Role = EntityManager::Role;
-
-template <class E, class F>
-std::string errorOf(F f) {
-  try {
-    f();
-  } catch (E const& e) {
-    return e.what();
-  }
-  ADD_FAILURE() << "no exception thrown";
-  return {};
-}
-
-// An exact text as a death-test pattern.
-std::string literal(std::string const& text) {
-  std::string out;
-  for (char c : text) {
-    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
-    out += c;
-  }
-  return out;
-}
+using Strings = std::vector<std::string>;
 
 // How name-in-use messages show a pointer: an entity by full name and address, else the address.
 std::string shown(void const* p, Qel::Entity const* e = nullptr) {
@@ -60,31 +33,35 @@ std::string shown(void const* p, Qel::Entity const* e = nullptr) {
                 static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
   return e ? e->fullName() + "@" + buf : std::string(buf);
 }
+template <class P>
+std::string shownEntity(P const& p) {
+  return shown(p.ptr(), p.ptr());
+}
+
+std::string inUse(char const* attr, std::string const& requested, std::string const& current) {
+  return std::string(
+             "Reinstantiating the pointer interface where constructor parameter attribute ") +
+         attr + " has a different value of " + requested + " than the current value of " + current +
+         " not allowed";
+}
 
 class RootWatcher : public Root::NotifieeConst {
  public:
-  std::vector<std::string> seen;
+  Strings seen;
   void onInitialized() override { seen.push_back("initialized"); }
   void onConnStatus(Qel::Name const& n) override { seen.push_back("connStatus " + n); }
   void onPassiveEntityManagerSm(Qel::Name const& n) override { seen.push_back("engine " + n); }
 };
 
-class RootSmTest : public test::LeakCheckedTest {
+class RootSmTest : public SimulatedDatabaseTest {
  protected:
   void SetUp() override {
-    // The test runs under a process configuration of its own, on a simulated clock; it is
-    // forgotten at the end, so that no test finds one left by another.
-    Qel::ActivityManagerConfig::instanceIs(nullptr);
     savedDict_ = globalReservedTemplateKeyDict();
-    LeakCheckedTest::SetUp();
-    Trace::Facilities::instance().levelsAre("*=9");
-    clock = Qel::SimulatedClock::simulatedClockNew();
-    Qel::ActivityManagerConfig::instance()->clockIs(clock);
-    loop = Qel::EventLoop::eventLoopNew(clock);
-    database = Qel::globalDir()->dirIs("ledra")->dirIs("Ledra");
+    SimulatedDatabaseTest::SetUp();
     profiles = PassiveAgentProfileDir::agentProfileDirNew("agentProfileDir");
     statuses = PassiveAgentStatusDir::agentStatusDirNew("agentStatusDir");
-    entMgr = EntityManager::entityManagerNew("entityManager", role_);
+    entMgr = EntityManager::entityManagerNew("entityManager", Role::active);
+    Qel::globalDir()->dirIs("peerTest")->entryIs(ConditionRes::conditionResNew("flag"));
   }
   void TearDown() override {
     rootSm = nullptr;
@@ -94,46 +71,40 @@ class RootSmTest : public test::LeakCheckedTest {
     profiles = nullptr;
     statuses = nullptr;
     entMgr = nullptr;
-    database = nullptr;
-    Qel::globalDir()->entryDel("ledra");
     Qel::globalDir()->entryDel("peerTest");
-    loop = nullptr;
-    Qel::ActivityManagerConfig::instanceIs(nullptr);
-    clock = nullptr;
     Cell::cellIdIs(1);
     globalReservedTemplateKeyDict() = savedDict_;
-    Trace::Facilities::instance().reset();
-    LeakCheckedTest::TearDown();
+    SimulatedDatabaseTest::TearDown();
   }
 
   Root::Ptr const& startRoot() {
-    rootSm = Root::passiveEntityManagerRootSmNew(profiles, statuses, entMgr);
-    return rootSm;
+    return rootSm = Root::passiveEntityManagerRootSmNew(profiles, statuses, entMgr);
   }
   LoopbackAgent::Ptr agent(char const* name, char const* agentString = "") {
     agents.push_back(LoopbackAgent::loopbackAgentNew(loop, name, agentString));
     return agents.back();
   }
-  // A profile whose one group mounts the directory /ledra/Ledra/<sub>.
-  PassiveAgentProfile::Ptr profile(char const* name, char const* sub = "data") {
-    database->dirIs(sub);
+  // A profile whose one group "main" (priority 2) mounts the directory /ledra/Ledra/data.
+  PassiveAgentProfile::Ptr profile(char const* name) {
+    dir("data");
     auto p = profiles->agentProfileIs(name);
-    p->mountGroupIs("main", 2)->addProfile(Qel::String("/ledra/Ledra/") + sub, "Qel::Dir", "r");
+    p->mountGroupIs("main", 2)->addProfile("/ledra/Ledra/data", "Qel::Dir", "r");
     return p;
   }
-  void run(Qel::Time seconds = 0.1) { loop->runFor(seconds); }
-  std::vector<std::string> requestPaths(LoopbackAgent::Ptr const& a) const {
-    std::vector<std::string> out;
-    for (auto const& r : a->mountRequests())
-      out.push_back(r.path);
-    return out;
+  // A blocking conditional group waiting for a flag that never rises.
+  void blockingGroup(PassiveAgentProfile::Ptr const& p, char const* name, Qel::U32 priority = 1) {
+    char const* const condition = "true == /peerTest/flag.enabled";
+    dir("ready");
+    auto g = p->mountGroupIs(name, priority);
+    g->blockingConditionalIs(true);
+    g->entireConditionIs(condition);
+    g->conditionColEnq(condition);
+    g->addProfile("/ledra/Ledra/ready", "Qel::Dir", "r");
+  }
+  std::size_t completions(char const* name) const {
+    return capture.count(std::string("All mounts complete for ") + name);
   }
 
-  Role role_ = Role::active;
-  Trace::CaptureSink capture;
-  Qel::SimulatedClock::Ptr clock;
-  Qel::EventLoop::Ptr loop;
-  Qel::Dir::Ptr database;
   PassiveAgentProfileDir::Ptr profiles;
   PassiveAgentStatusDir::Ptr statuses;
   EntityManager::Ptr entMgr;
@@ -144,64 +115,45 @@ class RootSmTest : public test::LeakCheckedTest {
   ReservedTemplateKeyDict savedDict_;
 };
 
-// ---- Start-up ----
+// ---- Start-up
 
-struct CellCase {
-  int cell;
-  std::map<Qel::String, Qel::String> reserved;
-};
-
-class RootCellTest : public RootSmTest, public ::testing::WithParamInterface<CellCase> {};
+class RootCellTest : public RootSmTest, public ::testing::WithParamInterface<int> {};
 
 TEST_P(RootCellTest, ReservedTableNamesOwnAndPeerCellAndSystem) {
-  Cell::cellIdIs(GetParam().cell);
+  int const own = GetParam();
+  int const peer = 3 - own;
+  Cell::cellIdIs(own);
   Qel::ActivityManagerConfig::instance()->systemNameIs("sysA");
   globalReservedTemplateKeyDict()["%cellId"] = "stale";
   startRoot();
-  for (auto const& [key, value] : GetParam().reserved)
-    EXPECT_EQ(globalReservedTemplateKeyDict().at(key), value) << key;
+  EXPECT_EQ(globalReservedTemplateKeyDict(),
+            (ReservedTemplateKeyDict{{"%cellId", std::to_string(own)},
+                                     {"%cellPath", "cell/" + std::to_string(own)},
+                                     {"%peerCellId", std::to_string(peer)},
+                                     {"%peerCellPath", "cell/" + std::to_string(peer)},
+                                     {"%sysname", "sysA"}}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Cells, RootCellTest,
-                         ::testing::Values(CellCase{1,
-                                                    {{"%cellId", "1"},
-                                                     {"%cellPath", "cell/1"},
-                                                     {"%peerCellId", "2"},
-                                                     {"%peerCellPath", "cell/2"},
-                                                     {"%sysname", "sysA"}}},
-                                           CellCase{2,
-                                                    {{"%cellId", "2"},
-                                                     {"%cellPath", "cell/2"},
-                                                     {"%peerCellId", "1"},
-                                                     {"%peerCellPath", "cell/1"},
-                                                     {"%sysname", "sysA"}}}));
+INSTANTIATE_TEST_SUITE_P(Cells, RootCellTest, ::testing::Values(1, 2));
 
-TEST_F(RootSmTest, StartUpBindsTheDirectoriesAndMakesTheSharedWheel) {
+TEST_F(RootSmTest, StartUpBindsTheDirectoriesMakesTheSharedWheelAndServesWhoIsConnected) {
+  profile("agentA");
+  agent("agentA")->connect();
   startRoot();
+  EXPECT_TRUE(rootSm->passiveEntityManagerSm("agentA"));
   EXPECT_TRUE(rootSm->initialized());
   EXPECT_EQ(rootSm->connectionConfigDir(), ConnMgrHelper::connectionConfigDir());
   EXPECT_EQ(rootSm->connectionStatusDir(), ConnMgrHelper::connectionStatusDir());
-  auto const& wheel = rootSm->timerWheel();
+  Orn::TimerWheel::Ptr const wheel = rootSm->timerWheel();
   ASSERT_TRUE(wheel);
   EXPECT_EQ(wheel->clock(), clock);
   EXPECT_EQ(wheel->tick(), 0.001);
   EXPECT_EQ(wheel->ticks(), 255u);
   EXPECT_EQ(wheel->bucketSize(), 1024u);
   EXPECT_EQ(capture.count("PassiveEntityManagerRootSm is initialized on an active"), 1u);
-}
-
-TEST_F(RootSmTest, StartUpOnABackupSaysSo) {
-  entMgr->localIs(Role::backup);
-  startRoot();
-  EXPECT_EQ(capture.count("PassiveEntityManagerRootSm is initialized on a backup"), 1u);
-  EXPECT_FALSE(capture.contains("initialized on an active"));
-}
-
-TEST_F(RootSmTest, SecondHandleInitializedChangesNothing) {
-  startRoot();
+  // A second call changes nothing and notifies nobody.
   RootWatcher w;
   w.notifierIs(rootSm);
-  Orn::TimerWheel::Ptr const wheel = rootSm->timerWheel();
   globalReservedTemplateKeyDict()["%cellId"] = "changed";
   Cell::cellIdIs(2);
   rootSm->handleInitialized();
@@ -209,20 +161,29 @@ TEST_F(RootSmTest, SecondHandleInitializedChangesNothing) {
   EXPECT_EQ(globalReservedTemplateKeyDict().at("%cellId"), "changed");
   EXPECT_EQ(capture.count("is initialized on"), 1u);
   EXPECT_TRUE(w.seen.empty());
+  run();
+  EXPECT_EQ(completions("agentA"), 1u);
 }
 
-TEST_F(RootSmTest, NullConstructorArgumentsAreRefused) {
+TEST_F(RootSmTest, NullArgumentsAreRefusedWithTheirExactTexts) {
   EXPECT_EQ(errorOf<Qel::RangeException>(
                 [this] { Root::passiveEntityManagerRootSmNew(nullptr, statuses, entMgr); }),
             "null _agentProfileDir parameter to Ledra::PassiveEntityManagerRootSm not allowed");
   EXPECT_EQ(errorOf<Qel::RangeException>(
+                [this] { Root::passiveEntityManagerRootSmNew(profiles, nullptr, entMgr); }),
+            "null _agentStatusDir parameter to Ledra::PassiveEntityManagerRootSm not allowed");
+  EXPECT_EQ(errorOf<Qel::RangeException>(
                 [this] { Root::passiveEntityManagerRootSmNew(profiles, statuses, nullptr); }),
             "null _entMgr parameter to Ledra::PassiveEntityManagerRootSm not allowed");
+  startRoot();
+  EXPECT_EQ(errorOf<Qel::RangeException>([this] { rootSm->connStatusIs(nullptr); }),
+            "null _connStatus parameter to mutator for "
+            "Ledra::PassiveEntityManagerRootSm::connStatus not allowed\"");
 }
 
-// ---- Profiles ----
+// ---- Profiles
 
-TEST_F(RootSmTest, EveryProfileGetsAPassiveConnectionConfig) {
+TEST_F(RootSmTest, EveryProfileGetsAPassiveConnectionConfigAndMayNotBeDeleted) {
   profiles->agentProfileIs("early");
   startRoot();
   profiles->agentProfileIs("late-");
@@ -230,68 +191,40 @@ TEST_F(RootSmTest, EveryProfileGetsAPassiveConnectionConfig) {
   EXPECT_TRUE(configs->passiveConnectionConfig("early"));
   EXPECT_TRUE(configs->passiveConnectionConfig("late-"));
   EXPECT_EQ(configs->passiveConnectionConfigs(), 2u);
-  EXPECT_TRUE(capture.contains("adding connection config for early"));
-  EXPECT_TRUE(capture.contains("adding connection config for late-"));
-}
-
-TEST_F(RootSmTest, DeletingAProfileWhileRunningIsFatal) {
-  profiles->agentProfileIs("agentA");
-  startRoot();
-  EXPECT_DEATH(profiles->agentProfileDel("agentA"),
+  expectTraced({"adding connection config for early", "adding connection config for late-"});
+  EXPECT_DEATH(profiles->agentProfileDel("early"),
                literal("Assertion failed: false && \"mount profile being deleted\""));
 }
 
-struct PrefixCase {
-  char const* agent;
-  char const* served;  // "" for none
-};
-
-class RootPrefixTest : public RootSmTest, public ::testing::WithParamInterface<PrefixCase> {};
-
-TEST_P(RootPrefixTest, OwnNameThenShorterFamiliesEndingInHyphen) {
-  profiles->agentProfileIs("a-");
-  profiles->agentProfileIs("a-b-");
-  profiles->agentProfileIs("x-y-3");
+TEST_F(RootSmTest, ProfileIsTheOwnNameThenShorterFamiliesEndingInHyphen) {
+  for (char const* name : {"a-", "a-b-", "x-y-3"})
+    profiles->agentProfileIs(name);
   startRoot();
-  auto const p = rootSm->agentProfileFor(GetParam().agent);
-  EXPECT_EQ(p ? std::string(p->name()) : std::string(), GetParam().served);
+  std::pair<char const*, char const*> const cases[] = {
+      {"a-b-c", "a-b-"}, {"a-b-", "a-b-"},   {"a-b", "a-"}, {"a-c-d", "a-"}, {"a", ""},
+      {"b-c", ""},       {"x-y-3", "x-y-3"}, {"x-y", ""},   {"-", ""},       {"", ""}};
+  for (auto const& [agentName, served] : cases) {
+    auto const p = rootSm->agentProfileFor(agentName);
+    EXPECT_EQ(p ? std::string(p->name()) : std::string(), served) << agentName;
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Names, RootPrefixTest,
-                         ::testing::Values(PrefixCase{"a-b-c", "a-b-"}, PrefixCase{"a-b-", "a-b-"},
-                                           PrefixCase{"a-b", "a-"}, PrefixCase{"a-c-d", "a-"},
-                                           PrefixCase{"a", ""}, PrefixCase{"b-c", ""},
-                                           PrefixCase{"x-y-3", "x-y-3"}, PrefixCase{"x-y", ""},
-                                           PrefixCase{"-", ""}, PrefixCase{"", ""}));
-
-// ---- Connections ----
+// ---- Connections
 
 TEST_F(RootSmTest, AgentIsServedToCompletionAndCleanedUpWhenItLeaves) {
-  auto const p = profile("agentA");
+  profile("agentA");
   startRoot();
   RootWatcher w;
   w.notifierIs(rootSm);
   auto const a = agent("agentA", "agentA slot=3");
-  auto const d = a->connect();
-  EXPECT_TRUE(capture.contains("agent: agentA whiteList: false"));
-  EXPECT_TRUE(capture.contains("connection succeeded for agentA"));
-  auto const status = statuses->agentStatus("agentA");
-  ASSERT_TRUE(status);
-  EXPECT_EQ(status->agentString(), "agentA slot=3");
-  auto const engine = rootSm->passiveEntityManagerSm("agentA");
-  ASSERT_TRUE(engine);
-  EXPECT_EQ(engine->agentProfile(), p);
-  EXPECT_EQ(engine->agentStatus(), status);
-  EXPECT_EQ(engine->demuxer(), d);
-  EXPECT_EQ(engine->peerMountTable(), d->peer());
-  EXPECT_EQ(engine->entMgr(), entMgr);
-  EXPECT_EQ(engine->timerWheel(), rootSm->timerWheel());
-  EXPECT_EQ(w.seen, (std::vector<std::string>{"connStatus agentA", "engine agentA"}));
-
+  a->connect();
+  expectTraced({"agent: agentA whiteList: false", "connection succeeded for agentA"});
+  ASSERT_TRUE(statuses->agentStatus("agentA"));
+  EXPECT_EQ(statuses->agentStatus("agentA")->agentString(), "agentA slot=3");
+  EXPECT_EQ(w.seen, (Strings{"connStatus agentA", "engine agentA"}));
   run();
-  EXPECT_EQ(capture.count("All mounts complete for agentA"), 1u);
-  EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
-  EXPECT_EQ(requestPaths(a), (std::vector<std::string>{"/ledra/Ledra", "/ledra/Ledra/data"}));
+  EXPECT_EQ(completions("agentA"), 1u);
+  EXPECT_EQ(requestPathsOf(*a), (Strings{"/ledra/Ledra", "/ledra/Ledra/data"}));
 
   a->disconnect("bye");
   run();
@@ -299,91 +232,32 @@ TEST_F(RootSmTest, AgentIsServedToCompletionAndCleanedUpWhenItLeaves) {
   EXPECT_EQ(rootSm->connStatuses(), 0u);
   EXPECT_FALSE(statuses->agentStatus("agentA"));
   EXPECT_TRUE(
-      capture.contains("PassiveEntityManagerRootSm::doCleanup(Qel::Name name) agentName: "
-                       "agentA"));
+      capture.contains("PassiveEntityManagerRootSm::doCleanup(Qel::Name name) agentName: agentA"));
   EXPECT_EQ(w.seen.back(), "engine agentA");
 }
 
-TEST_F(RootSmTest, AgentIsServedByItsLongestFamilyProfile) {
-  profile("a-", "x");
-  auto const family = profile("a-b-", "y");
-  startRoot();
-  auto const a = agent("a-b-c");
-  a->connect();
-  auto const engine = rootSm->passiveEntityManagerSm("a-b-c");
-  ASSERT_TRUE(engine);
-  EXPECT_EQ(engine->agentProfile(), family);
-  run();
-  EXPECT_EQ(requestPaths(a), (std::vector<std::string>{"/ledra/Ledra", "/ledra/Ledra/y"}));
-  EXPECT_TRUE(capture.contains("All mounts complete for a-b-c"));
-}
-
-TEST_F(RootSmTest, AgentWithoutProfileIsClosedAndGetsNoStatus) {
+TEST_F(RootSmTest, AgentWithoutProfileIsClosedAndAWhiteListedOneIsLeftAlone) {
   profile("a-");
+  profile("w");
   startRoot();
   auto const a = agent("a");
+  auto const w = agent("w");
+  w->whiteListIs(true);
   a->connect();
-  EXPECT_TRUE(capture.contains("Closing connection for a as no agent profile could be found"));
+  w->connect();
+  expectTraced(
+      {"Closing connection for a as no agent profile could be found", "agent: w whiteList: true"});
   EXPECT_FALSE(capture.contains("connection succeeded"));
   EXPECT_EQ(a->closeReasons(), (std::vector<Qel::String>{"no agent profile"}));
-  EXPECT_EQ(statuses->agentStatuses(), 0u);
-  EXPECT_EQ(rootSm->passiveEntityManagerSms(), 0u);
   run();
   EXPECT_FALSE(a->connected());
   EXPECT_FALSE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("a"));
-  EXPECT_EQ(rootSm->connStatuses(), 0u);
   EXPECT_TRUE(a->mountRequests().empty());
-}
-
-TEST_F(RootSmTest, WhiteListedConnectionIsLeftAlone) {
-  profile("w");
-  startRoot();
-  auto const a = agent("w");
-  a->whiteListIs(true);
-  a->connect();
-  run();
-  EXPECT_TRUE(capture.contains("agent: w whiteList: true"));
+  EXPECT_TRUE(w->connected());
+  EXPECT_TRUE(w->closeReasons().empty());
+  EXPECT_EQ(rootSm->connStatuses(), 1u) << "the white-listed connection's reactor";
   EXPECT_EQ(rootSm->passiveEntityManagerSms(), 0u);
   EXPECT_EQ(statuses->agentStatuses(), 0u);
-  EXPECT_TRUE(a->connected());
-  EXPECT_TRUE(a->closeReasons().empty());
-  EXPECT_EQ(rootSm->connStatuses(), 1u);
-}
-
-TEST_F(RootSmTest, ReconnectingAgentGetsAFreshEngine) {
-  profile("agentA");
-  startRoot();
-  auto const a = agent("agentA");
-  a->connect();
-  run();
-  PassiveEntityManagerSm::Ptr const first = rootSm->passiveEntityManagerSm("agentA");
-  a->disconnect("restart");
-  run();
-  EXPECT_FALSE(rootSm->passiveEntityManagerSm("agentA"));
-  a->connect();
-  auto const second = rootSm->passiveEntityManagerSm("agentA");
-  ASSERT_TRUE(second);
-  EXPECT_NE(second, first);
-  EXPECT_EQ(second->demuxer()->epoch(), 2u);
-  run();
-  EXPECT_EQ(capture.count("All mounts complete for agentA"), 2u);
-}
-
-TEST_F(RootSmTest, ConnectionMadeBeforeTheRootIsServedAtStartUp) {
-  profile("agentA");
-  auto const a = agent("agentA");
-  a->connect();
-  startRoot();
-  EXPECT_TRUE(rootSm->passiveEntityManagerSm("agentA"));
-  run();
-  EXPECT_TRUE(capture.contains("All mounts complete for agentA"));
-}
-
-TEST_F(RootSmTest, NullStatusRecordIsRefusedWithItsExactText) {
-  startRoot();
-  EXPECT_EQ(errorOf<Qel::RangeException>([this] { rootSm->connStatusIs(nullptr); }),
-            "null _connStatus parameter to mutator for "
-            "Ledra::PassiveEntityManagerRootSm::connStatus not allowed\"");
 }
 
 TEST_F(RootSmTest, ConnectedRecordWithoutDemuxerIsFatal) {
@@ -410,179 +284,109 @@ TEST_F(RootSmTest, EngineAskedAgainWithOtherConstructorAttributesIsRefused) {
   Orn::TimerWheel::PtrConst const wheel = rootSm->timerWheel();
   EXPECT_EQ(rootSm->passiveEntityManagerSmIs(p, status, d, table, entMgr, wheel), engine);
 
-  auto const otherProfile = profiles->agentProfileIs("other");
-  auto const otherStatus = PassiveAgentStatus::agentStatusNew("agentA");
-  auto const otherDemuxer = Qel::NboAttrLog::Demuxer::demuxerNew("agentA", nullptr, nullptr);
-  auto const otherTable = Qel::MountTable::mountTableNew("agentA");
-  EntityManager::PtrConst const otherEntMgr = EntityManager::entityManagerNew("other");
-  Orn::TimerWheel::PtrConst const otherWheel = Orn::TimerWheel::timerWheelNew(clock);
-  auto message = [](char const* attr, std::string const& requested, std::string const& current) {
-    return std::string(
-               "Reinstantiating the pointer interface where constructor parameter "
-               "attribute ") +
-           attr + " has a different value of " + requested + " than the current value of " +
-           current + " not allowed";
+  auto const p2 = profiles->agentProfileIs("other");
+  auto const status2 = PassiveAgentStatus::agentStatusNew("agentA");
+  auto const d2 = Qel::NboAttrLog::Demuxer::demuxerNew("agentA", nullptr, nullptr);
+  auto const table2 = Qel::MountTable::mountTableNew("agentA");
+  EntityManager::PtrConst const entMgr2 = EntityManager::entityManagerNew("other");
+  Orn::TimerWheel::PtrConst const wheel2 = Orn::TimerWheel::timerWheelNew(clock);
+  std::pair<std::function<void()>, std::string> const cases[] = {
+      {[&] { rootSm->passiveEntityManagerSmIs(p2, status, d, table, entMgr, wheel); },
+       inUse("_agentProfile", shownEntity(p2), shownEntity(p))},
+      {[&] { rootSm->passiveEntityManagerSmIs(p, status2, d, table, entMgr, wheel); },
+       inUse("_agentStatus", shownEntity(status2), shownEntity(status))},
+      {[&] { rootSm->passiveEntityManagerSmIs(p, status, d2, table, entMgr, wheel); },
+       inUse("_demuxer", shownEntity(d2), shownEntity(d))},
+      {[&] { rootSm->passiveEntityManagerSmIs(p, status, d, table2, entMgr, wheel); },
+       inUse("_peerMountTable", shownEntity(table2), shownEntity(table))},
+      {[&] { rootSm->passiveEntityManagerSmIs(p, status, d, table, entMgr2, wheel); },
+       inUse("_entMgr", shownEntity(entMgr2), shownEntity(entMgr))},
+      {[&] { rootSm->passiveEntityManagerSmIs(p, status, d, table, entMgr, wheel2); },
+       inUse("_timerWheel", shown(wheel2.ptr()), shown(wheel.ptr()))},
   };
-  struct Case {
-    std::function<void()> call;
-    std::string text;
-  };
-  Case const cases[] = {
-      {[&] { rootSm->passiveEntityManagerSmIs(otherProfile, status, d, table, entMgr, wheel); },
-       message("_agentProfile", shown(otherProfile.ptr(), otherProfile.ptr()),
-               shown(p.ptr(), p.ptr()))},
-      {[&] { rootSm->passiveEntityManagerSmIs(p, otherStatus, d, table, entMgr, wheel); },
-       message("_agentStatus", shown(otherStatus.ptr(), otherStatus.ptr()),
-               shown(status.ptr(), status.ptr()))},
-      {[&] { rootSm->passiveEntityManagerSmIs(p, status, otherDemuxer, table, entMgr, wheel); },
-       message("_demuxer", shown(otherDemuxer.ptr(), otherDemuxer.ptr()), shown(d.ptr(), d.ptr()))},
-      {[&] { rootSm->passiveEntityManagerSmIs(p, status, d, otherTable, entMgr, wheel); },
-       message("_peerMountTable", shown(otherTable.ptr(), otherTable.ptr()),
-               shown(table.ptr(), table.ptr()))},
-      {[&] { rootSm->passiveEntityManagerSmIs(p, status, d, table, otherEntMgr, wheel); },
-       message("_entMgr", shown(otherEntMgr.ptr(), otherEntMgr.ptr()),
-               shown(entMgr.ptr(), entMgr.ptr()))},
-      {[&] { rootSm->passiveEntityManagerSmIs(p, status, d, table, entMgr, otherWheel); },
-       message("_timerWheel", shown(otherWheel.ptr()), shown(wheel.ptr()))},
-  };
-  for (Case const& c : cases)
-    EXPECT_EQ(errorOf<Qel::NameInUseException>(c.call), c.text);
+  for (auto const& [call, text] : cases)
+    EXPECT_EQ(errorOf<Qel::NameInUseException>(call), text);
   EXPECT_EQ(rootSm->passiveEntityManagerSm("agentA"), engine);
   EXPECT_EQ(rootSm->passiveEntityManagerSms(), 1u);
 }
 
-struct SwitchCase {
-  char const* name;
-  std::function<void(Root&, bool)> off;
-};
-
-class RootSwitchTest : public RootSmTest, public ::testing::WithParamInterface<SwitchCase> {};
+class RootSwitchTest : public RootSmTest, public ::testing::WithParamInterface<bool> {};
 
 TEST_P(RootSwitchTest, SilencedRootServesNobodyUntilSwitchedBack) {
+  bool const zombie = GetParam();
+  auto const off = [&](bool o) {
+    zombie ? rootSm->qelDoZombieReactorsIs(o) : rootSm->hasNotificationActiveIs(!o);
+  };
   profile("agentA");
   profile("agentB");
   startRoot();
-  GetParam().off(*rootSm, true);
+  off(true);
   agent("agentA")->connect();
   EXPECT_EQ(rootSm->connStatuses(), 0u);
   EXPECT_EQ(rootSm->passiveEntityManagerSms(), 0u);
-  GetParam().off(*rootSm, false);
+  off(false);
   agent("agentB")->connect();
   EXPECT_TRUE(rootSm->passiveEntityManagerSm("agentB"));
   EXPECT_FALSE(rootSm->passiveEntityManagerSm("agentA"));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Switches, RootSwitchTest,
-    ::testing::Values(
-        SwitchCase{"NotificationOff", [](Root& r, bool off) { r.hasNotificationActiveIs(!off); }},
-        SwitchCase{"Zombie", [](Root& r, bool off) { r.qelDoZombieReactorsIs(off); }}),
-    [](auto const& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Switches, RootSwitchTest, ::testing::Bool(), [](auto const& info) {
+  return info.param ? "Zombie" : "NotificationOff";
+});
 
-TEST_F(RootSmTest, DestroyingTheRootDeletesEnginesReactorsAndStatusRecords) {
-  profile("agentA");
-  profile("agentB");
-  startRoot();
-  auto const a = agent("agentA");
-  auto const b = agent("agentB");
-  a->connect();
-  b->connect();
-  EXPECT_EQ(statuses->agentStatuses(), 2u);
-  EXPECT_EQ(a->connectionStatus()->notifiees(), 1u);
-  rootSm = nullptr;
-  EXPECT_EQ(statuses->agentStatuses(), 0u);
-  EXPECT_EQ(a->connectionStatus()->notifiees(), 0u);
-  EXPECT_EQ(ConnMgrHelper::connectionStatusDir()->notifiees(), 0u);
-  EXPECT_TRUE(a->connected());
-}
+// ---- The switch to active
 
-TEST_F(RootSmTest, GenericViewNamesTheAttributes) {
-  profile("agentA");
-  startRoot();
-  agent("agentA")->connect();
-  EXPECT_EQ(rootSm->attributeName(Root::kConnStatus), "connStatus");
-  EXPECT_EQ(rootSm->attributeName(Root::kPassiveEntityManagerSm), "passiveEntityManagerSm");
-  EXPECT_EQ(rootSm->attributeName(99), "unknown");
-  EXPECT_TRUE(rootSm->attribute(Root::kInitialized)->valueAs<bool>());
-  EXPECT_EQ(rootSm->colLength(Root::kPassiveEntityManagerSm)->valueAs<Qel::U32>(), 1u);
-  EXPECT_EQ(rootSm->attribute(Root::kEntMgr).ptr(), entMgr.ptr());
-}
-
-// ---- The switch to active ----
-
-class RootLocalTest : public RootSmTest {
- protected:
-  static constexpr char const* kCondition = "true == /peerTest/flag.enabled";
-
-  void SetUp() override {
-    role_ = Role::backup;
-    RootSmTest::SetUp();
-    Qel::globalDir()->dirIs("peerTest")->entryIs(ConditionRes::conditionResNew("flag"));
-  }
-  // A blocking conditional group waiting for a flag that never rises.
-  void blockingGroup(PassiveAgentProfile::Ptr const& p, char const* name, Qel::U32 priority = 1) {
-    database->dirIs("ready");
-    auto g = p->mountGroupIs(name, priority);
-    g->blockingConditionalIs(true);
-    g->entireConditionIs(kCondition);
-    g->conditionColEnq(kCondition);
-    g->addProfile("/ledra/Ledra/ready", "Qel::Dir", "r");
-  }
-};
-
-TEST_F(RootLocalTest, BecomingActiveRemovesPeerReadyGroupsFromEveryProfile) {
-  auto const p1 = profile("p1");
-  blockingGroup(p1, "peerReady");
-  auto const p2 = profile("p2");
-  startRoot();
-  entMgr->localIs(Role::active);
-  EXPECT_TRUE(capture.contains("an active supervisor"));
-  EXPECT_FALSE(p1->mountGroup("peerReady"));
-  EXPECT_TRUE(p1->mountGroup("main"));
-  EXPECT_EQ(p2->mountGroups(), 1u);
-
-  blockingGroup(p1, "peerReady");
-  entMgr->localIs(Role::backup);
-  EXPECT_TRUE(capture.contains("a backup supervisor"));
-  EXPECT_TRUE(p1->mountGroup("peerReady"));
-}
-
-class RootPeerReadyTest : public RootLocalTest, public ::testing::WithParamInterface<bool> {};
-
-TEST_P(RootPeerReadyTest, EngineHeldByPeerReadyProceedsOnceActive) {
-  bool const laterGroup = GetParam();
-  auto const p = laterGroup ? profile("agentA") : profiles->agentProfileIs("agentA");
+TEST_F(RootSmTest, EngineHeldByPeerReadyProceedsOnceActive) {
+  auto const p = profile("agentA");
   blockingGroup(p, "peerReady");
+  auto const other = profiles->agentProfileIs("other");
+  blockingGroup(other, "peerReady");
+  blockingGroup(profile("agentB"), "gate");  // blocking, but no "peerReady"
+  entMgr->localIs(Role::backup);
   startRoot();
+  EXPECT_EQ(capture.count("PassiveEntityManagerRootSm is initialized on a backup"), 1u);
   auto const a = agent("agentA");
   a->connect();
+  agent("agentB")->connect();
   run();
   auto const engine = rootSm->passiveEntityManagerSm("agentA");
   ASSERT_TRUE(engine);
   EXPECT_TRUE(engine->conditionalMountGroup("peerReady"));
   EXPECT_FALSE(engine->blockingConditionals().empty());
-  EXPECT_EQ(engine->state(), laterGroup ? PassiveEntityManagerSm::readyMountGroupPending
-                                        : PassiveEntityManagerSm::conditionalMountGroupPending);
-  EXPECT_EQ(requestPaths(a), (std::vector<std::string>{"/ledra/Ledra"}));
+  EXPECT_EQ(engine->state(), PassiveEntityManagerSm::readyMountGroupPending);
+  EXPECT_EQ(requestPathsOf(*a), Strings{"/ledra/Ledra"});
 
   entMgr->localIs(Role::active);
-  EXPECT_TRUE(capture.contains("Found blocking Conditionals for: agentA"));
-  EXPECT_TRUE(capture.contains("Found peerReady in conditionalMountGroup. Deleting."));
-  EXPECT_TRUE(capture.contains("Finished SA conversion for agentA"));
+  expectTraced({"an active supervisor", "Found blocking Conditionals for: agentA",
+                "Found peerReady in conditionalMountGroup. Deleting.",
+                "Finished SA conversion for agentA"});
   EXPECT_TRUE(engine->blockingConditionals().empty());
   EXPECT_FALSE(engine->conditionalMountGroup("peerReady"));
+  EXPECT_FALSE(p->mountGroup("peerReady"));
+  EXPECT_FALSE(other->mountGroup("peerReady"));
+  EXPECT_TRUE(p->mountGroup("main"));
   run();
-  EXPECT_EQ(capture.count("All mounts complete for agentA"), 1u);
-  std::vector<std::string> expected{"/ledra/Ledra"};
-  if (laterGroup) expected.push_back("/ledra/Ledra/data");
-  EXPECT_EQ(requestPaths(a), expected);
+  EXPECT_EQ(completions("agentA"), 1u);
+  EXPECT_EQ(requestPathsOf(*a), (Strings{"/ledra/Ledra", "/ledra/Ledra/data"}));
+  // Other blocking groups keep holding.
+  auto const held = rootSm->passiveEntityManagerSm("agentB");
+  EXPECT_TRUE(capture.contains("Found blocking Conditionals for: agentB"));
+  EXPECT_EQ(capture.count("Deleting."), 1u);
+  EXPECT_EQ(held->blockingConditionals().size(), 1u);
+  EXPECT_TRUE(held->conditionalMountGroup("gate"));
+  EXPECT_EQ(completions("agentB"), 0u);
+
+  // Back to backup: nothing is removed.
+  blockingGroup(other, "peerReady");
+  entMgr->localIs(Role::backup);
+  EXPECT_TRUE(capture.contains("a backup supervisor"));
+  EXPECT_TRUE(other->mountGroup("peerReady"));
 }
 
-INSTANTIATE_TEST_SUITE_P(WithAndWithoutALaterGroup, RootPeerReadyTest, ::testing::Bool());
-
-TEST_F(RootLocalTest, QueuedPeerReadyGroupIsDroppedBeforeItIsReached) {
+TEST_F(RootSmTest, QueuedPeerReadyGroupIsDroppedBeforeItIsReached) {
   auto const p = profile("agentA");  // "main", priority 2
   blockingGroup(p, "peerReady", 5);
+  entMgr->localIs(Role::backup);
   startRoot();
   auto const a = agent("agentA");
   a->holdAnswersIs(true);
@@ -590,7 +394,7 @@ TEST_F(RootLocalTest, QueuedPeerReadyGroupIsDroppedBeforeItIsReached) {
   ASSERT_TRUE(a->answerRelease("/ledra/Ledra"));
   run();
   auto const engine = rootSm->passiveEntityManagerSm("agentA");
-  EXPECT_EQ(requestPaths(a).back(), "/ledra/Ledra/data");
+  EXPECT_EQ(requestPathsOf(*a).back(), "/ledra/Ledra/data");
   EXPECT_EQ(engine->readyMountGroups(), 1u);
 
   entMgr->localIs(Role::active);
@@ -599,86 +403,52 @@ TEST_F(RootLocalTest, QueuedPeerReadyGroupIsDroppedBeforeItIsReached) {
   a->holdAnswersIs(false);
   a->answersRelease();
   run();
-  EXPECT_EQ(capture.count("All mounts complete for agentA"), 1u);
+  EXPECT_EQ(completions("agentA"), 1u);
   EXPECT_FALSE(capture.contains("Creating a conditional mount group"));
-  EXPECT_EQ(requestPaths(a), (std::vector<std::string>{"/ledra/Ledra", "/ledra/Ledra/data"}));
+  EXPECT_EQ(requestPathsOf(*a), (Strings{"/ledra/Ledra", "/ledra/Ledra/data"}));
 }
 
-TEST_F(RootLocalTest, OtherBlockingGroupsKeepHolding) {
-  auto const p = profile("agentA");
-  blockingGroup(p, "gate");
-  startRoot();
-  agent("agentA")->connect();
-  run();
-  auto const engine = rootSm->passiveEntityManagerSm("agentA");
-  entMgr->localIs(Role::active);
-  EXPECT_TRUE(capture.contains("Found blocking Conditionals for: agentA"));
-  EXPECT_FALSE(capture.contains("Deleting."));
-  EXPECT_EQ(engine->blockingConditionals().size(), 1u);
-  EXPECT_TRUE(engine->conditionalMountGroup("gate"));
-  run();
-  EXPECT_FALSE(capture.contains("All mounts complete"));
-}
+// ---- The wrapper
 
-// ---- The wrapper ----
-
-class WrapperTest : public RootSmTest {};
-
-TEST_F(WrapperTest, HoldsOneRootBuiltFromItsThreeArguments) {
+TEST_F(RootSmTest, WrapperHoldsOneRootBuiltFromItsThreeArguments) {
+  profile("agentA");
   auto const wrapper = passiveEntityManagerSmWrapperFactory("pem");
-  EXPECT_EQ(wrapper->name(), "pem");
   EXPECT_FALSE(wrapper->passiveEntityManagerRootSm());
-  int notified = 0;
   struct Watch : PassiveEntityManagerSmWrapper::NotifieeConst {
-    int* n;
-    void onPassiveEntityManagerRootSm() override { ++*n; }
+    int n = 0;
+    void onPassiveEntityManagerRootSm() override { ++n; }
   } watch;
-  watch.n = &notified;
   watch.notifierIs(wrapper);
 
-  auto const r = wrapper->passiveEntityManagerRootSmIs(profiles, statuses, entMgr);
+  auto r = wrapper->passiveEntityManagerRootSmIs(profiles, statuses, entMgr);
   ASSERT_TRUE(r);
   EXPECT_TRUE(r->initialized());
   EXPECT_EQ(r->agentProfileDir(), profiles);
   EXPECT_EQ(r->fullName(), "pem/passiveEntityManagerRootSm");
   EXPECT_EQ(wrapper->entity("passiveEntityManagerRootSm"), r);
   EXPECT_EQ(wrapper->passiveEntityManagerRootSmIs(profiles, statuses, entMgr), r);
-  EXPECT_EQ(notified, 1);
-
+  EXPECT_EQ(watch.n, 1);
   auto const otherDir = PassiveAgentProfileDir::agentProfileDirNew("otherDir");
   EXPECT_EQ(errorOf<Qel::NameInUseException>(
                 [&] { wrapper->passiveEntityManagerRootSmIs(otherDir, statuses, entMgr); }),
-            "Reinstantiating the pointer interface where constructor parameter attribute "
-            "_agentProfileDir has a different value of " +
-                shown(otherDir.ptr(), otherDir.ptr()) + " than the current value of " +
-                shown(profiles.ptr(), profiles.ptr()) + " not allowed");
+            inUse("_agentProfileDir", shownEntity(otherDir), shownEntity(profiles)));
   EXPECT_EQ(wrapper->passiveEntityManagerRootSm(), r);
 
+  auto const a = agent("agentA");
+  a->connect();
+  EXPECT_EQ(statuses->agentStatuses(), 1u);
+  EXPECT_EQ(a->connectionStatus()->notifiees(), 1u);
   wrapper->passiveEntityManagerRootSmDel();
   EXPECT_FALSE(wrapper->passiveEntityManagerRootSm());
   EXPECT_EQ(r->parent(), nullptr);
-  EXPECT_EQ(notified, 2);
-}
-
-TEST_F(WrapperTest, ReleasingTheRootLetsGoOfItsAgents) {
-  profile("agentA");
-  auto const wrapper = passiveEntityManagerSmWrapperFactory("pem");
-  wrapper->passiveEntityManagerRootSmIs(profiles, statuses, entMgr);
-  agent("agentA")->connect();
-  EXPECT_EQ(statuses->agentStatuses(), 1u);
-  wrapper->passiveEntityManagerRootSmDel();
+  EXPECT_EQ(watch.n, 2);
+  // The root, once gone, has let go of its engines, reactors and status records.
+  r = nullptr;
   EXPECT_EQ(statuses->agentStatuses(), 0u);
-}
-
-TEST_F(WrapperTest, TypeIsCreatableByName) {
-  auto const type = Qel::QelType::type("Ledra::PassiveEntityManagerSmWrapper");
-  ASSERT_TRUE(type);
-  auto const e = type->newEntity("byName");
-  ASSERT_TRUE(dynamic_cast<PassiveEntityManagerSmWrapper*>(e.ptr()));
-  EXPECT_EQ(e->name(), "byName");
-  EXPECT_EQ(e->attributeName(PassiveEntityManagerSmWrapper::kPassiveEntityManagerRootSm),
-            "passiveEntityManagerRootSm");
+  EXPECT_EQ(a->connectionStatus()->notifiees(), 0u);
+  EXPECT_EQ(ConnMgrHelper::connectionStatusDir()->notifiees(), 0u);
+  EXPECT_TRUE(a->connected());
 }
 
 }  // namespace
-}  // namespace Ledra
+}  // namespace Ledra::test

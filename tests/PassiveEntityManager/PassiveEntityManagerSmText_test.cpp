@@ -9,123 +9,91 @@
 #include <string>
 #include <vector>
 
+#include "EngineHarness.h"
 #include "Qel/Exception.h"
 
-namespace Ledra {
+namespace Ledra::test {
 namespace {
 
 using State = PassiveEntityManagerSm::State;
 using Index = PassiveEntityManagerSm::ReadyMountGroupCompoundIndex;
+using Cases = std::vector<std::pair<std::string, std::string>>;
 
-// Runs `f`, which must throw E, and returns the exception's text.
-template <class E, class F>
-std::string errorOf(F f) {
+// What reading the whole of `text` as a T gives: the value's text form, or the error's kind and
+// text.
+template <class T>
+std::string read(std::string const& text) {
   try {
-    f();
-  } catch (E const& e) {
-    return e.what();
-  }
-  ADD_FAILURE() << "no exception thrown";
-  return {};
-}
-
-std::string canonical(Qel::U32 index0, Qel::U32 index1) {
-  return "Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** {'index0': " +
-         std::to_string(index0) + ", 'index1': " + std::to_string(index1) + "})";
-}
-
-// ---- State ----
-
-struct NamedState {
-  State state;
-  char const* name;
-};
-
-class StateTextTest : public ::testing::TestWithParam<NamedState> {};
-
-TEST_P(StateTextTest, NameQuotedFormStreamAndBothInstancesAgree) {
-  auto const [state, name] = GetParam();
-  EXPECT_EQ(stringValue(state), name);
-  EXPECT_EQ(valueToStrep(state), std::string("'") + name + "'");
-  std::ostringstream os;
-  os << state;
-  EXPECT_EQ(os.str(), name);
-  EXPECT_EQ(StateInstance(static_cast<unsigned>(state)), state);
-  EXPECT_EQ(StateInstance(Qel::String8(name)), state);
-}
-
-TEST_P(StateTextTest, ReadsBackFromEveryTokenForm) {
-  auto const [state, name] = GetParam();
-  EXPECT_EQ(strepToValue<State>(valueToStrep(state)), state);
-  EXPECT_EQ(strepToValue<State>(name), state);
-  EXPECT_EQ(strepToValue<State>(std::string("\"") + name + "\""), state);
-  EXPECT_EQ(strepToValue<State>(std::string(" \t\n'") + name + "'  \r\n"), state);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    AllStates, StateTextTest,
-    ::testing::Values(NamedState{PassiveEntityManagerSm::init, "init"},
-                      NamedState{PassiveEntityManagerSm::readyMountGroupPending,
-                                 "readyMountGroupPending"},
-                      NamedState{PassiveEntityManagerSm::conditionalMountGroupPending,
-                                 "conditionalMountGroupPending"},
-                      NamedState{PassiveEntityManagerSm::mountComplete, "mountComplete"}),
-    [](auto const& info) { return std::string(info.param.name); });
-
-TEST(StateText, UnnamedValuesPrintTheirNumber) {
-  EXPECT_EQ(stringValue(static_cast<State>(7)), "PassiveEntityManagerSm::State(7)");
-  EXPECT_EQ(stringValue(static_cast<State>(4)), "PassiveEntityManagerSm::State(4)");
-  EXPECT_EQ(stringValue(static_cast<State>(-1)), "PassiveEntityManagerSm::State(-1)");
-  EXPECT_EQ(valueToStrep(static_cast<State>(7)), "'PassiveEntityManagerSm::State(7)'");
-  std::ostringstream os;
-  os << static_cast<State>(12);
-  EXPECT_EQ(os.str(), "PassiveEntityManagerSm::State(12)");
-}
-
-class StateNumberOutOfRange : public ::testing::TestWithParam<unsigned> {};
-
-TEST_P(StateNumberOutOfRange, IsARangeErrorNamingTheEnum) {
-  EXPECT_EQ(errorOf<Qel::RangeException>([] { StateInstance(GetParam()); }),
-            "PassiveEntityManagerSm::State");
-}
-
-INSTANTIATE_TEST_SUITE_P(Numbers, StateNumberOutOfRange,
-                         ::testing::Values(4u, 7u, std::numeric_limits<unsigned>::max()));
-
-class StateNameUnknown : public ::testing::TestWithParam<char const*> {};
-
-TEST_P(StateNameUnknown, IsARangeErrorNamingState) {
-  EXPECT_EQ(errorOf<Qel::RangeException>([] { StateInstance(Qel::String8(GetParam())); }), "State");
-}
-
-INSTANTIATE_TEST_SUITE_P(Names, StateNameUnknown,
-                         ::testing::Values("", "Init", "INIT", "init ", " init", "mount",
-                                           "mountCompleted", "3"));
-
-TEST(StateText, LeftOverTextIsJunkAtTheColumnOfItsFirstCharacter) {
-  EXPECT_EQ(errorOf<Qel::ParseException>([] { strepToValue<State>("'init' x"); }),
-            "junk at column 7 deserializing 'init' x");
-  EXPECT_EQ(errorOf<Qel::ParseException>([] { strepToValue<State>("init,"); }),
-            "junk at column 4 deserializing init,");
-  EXPECT_EQ(errorOf<Qel::ParseException>([] { strepToValue<State>("  'init''init'"); }),
-            "junk at column 8 deserializing   'init''init'");
-}
-
-TEST(StateText, EmptyOrUnterminatedTextEndsPrematurely) {
-  for (char const* text : {"", "   ", "'init", "\"mountComplete", "'init\\'"}) {
-    EXPECT_EQ(errorOf<Qel::ParseException>([text] { strepToValue<State>(text); }),
-              "premature end of value type State")
-        << text;
+    return valueToStrep(strepToValue<T>(text));
+  } catch (Qel::RangeException const& e) {
+    return std::string("range: ") + e.what();
+  } catch (Qel::ParseException const& e) {
+    return std::string("parse: ") + e.what();
   }
 }
 
-TEST(StateText, AWordCutShortByADelimiterIsAnUnknownName) {
-  EXPECT_EQ(errorOf<Qel::RangeException>([] { strepToValue<State>("(init)"); }), "State");
+template <class T>
+std::string streamed(T const& value) {
+  std::ostringstream os;
+  os << value;
+  return os.str();
 }
 
-TEST(StateText, BackslashTakesTheNextCharacterAsItIs) {
-  EXPECT_EQ(strepToValue<State>("'in\\it'"), PassiveEntityManagerSm::init);
-  EXPECT_EQ(errorOf<Qel::RangeException>([] { strepToValue<State>("'init\\n'"); }), "State");
+// ---- State
+
+TEST(StateText, EveryStateHasItsNameInEveryFormAndBothInstancesAgree) {
+  char const* const names[] = {"init", "readyMountGroupPending", "conditionalMountGroupPending",
+                               "mountComplete"};
+  for (unsigned n = 0; n < 4; ++n) {
+    State const state = static_cast<State>(n);
+    std::string const name = names[n];
+    EXPECT_EQ(stringValue(state), name);
+    EXPECT_EQ(valueToStrep(state), "'" + name + "'");
+    EXPECT_EQ(streamed(state), name);
+    EXPECT_EQ(StateInstance(n), state);
+    EXPECT_EQ(StateInstance(Qel::String8(name)), state);
+    EXPECT_EQ(read<State>(valueToStrep(state)), valueToStrep(state));
+  }
+  // Values without a name print their number.
+  for (int n : {4, 7, 12, -1}) {
+    std::string const text = "PassiveEntityManagerSm::State(" + std::to_string(n) + ")";
+    EXPECT_EQ(stringValue(static_cast<State>(n)), text);
+    EXPECT_EQ(valueToStrep(static_cast<State>(n)), "'" + text + "'");
+    EXPECT_EQ(streamed(static_cast<State>(n)), text);
+  }
+}
+
+TEST(StateText, UnknownNumbersAndNamesAreRangeErrors) {
+  for (unsigned n : {4u, 7u, std::numeric_limits<unsigned>::max()})
+    EXPECT_EQ(errorOf<Qel::RangeException>([n] { StateInstance(n); }),
+              "PassiveEntityManagerSm::State")
+        << n;
+  for (char const* name : {"", "Init", "INIT", "init ", " init", "mount", "mountCompleted", "3"})
+    EXPECT_EQ(errorOf<Qel::RangeException>([name] { StateInstance(Qel::String8(name)); }), "State")
+        << name;
+}
+
+TEST(StateText, ReadingFollowsTheTokenRulesAndNamesEveryError) {
+  Cases const cases = {
+      {"readyMountGroupPending", "'readyMountGroupPending'"},
+      {"\"conditionalMountGroupPending\"", "'conditionalMountGroupPending'"},
+      {" \t\n'mountComplete'  \r\n", "'mountComplete'"},
+      // A backslash takes the next character as it is.
+      {"'in\\it'", "'init'"},
+      {"'init\\n'", "range: State"},
+      // A bare word is cut short by a delimiter.
+      {"(init)", "range: State"},
+      {"'init' x", "parse: junk at column 7 deserializing 'init' x"},
+      {"init,", "parse: junk at column 4 deserializing init,"},
+      {"  'init''init'", "parse: junk at column 8 deserializing   'init''init'"},
+      {"", "parse: premature end of value type State"},
+      {"   ", "parse: premature end of value type State"},
+      {"'init", "parse: premature end of value type State"},
+      {"\"mountComplete", "parse: premature end of value type State"},
+      {"'init\\'", "parse: premature end of value type State"},
+  };
+  for (auto const& [text, result] : cases)
+    EXPECT_EQ(read<State>(text), result) << text;
 }
 
 TEST(StateText, SequenceReadingStopsRightAfterTheValue) {
@@ -139,134 +107,80 @@ TEST(StateText, SequenceReadingStopsRightAfterTheValue) {
   EXPECT_EQ(std::string(it, end), ")");
 }
 
-// ---- ReadyMountGroupCompoundIndex ----
+// ---- ReadyMountGroupCompoundIndex
 
-TEST(IndexText, CanonicalFormAndStream) {
+constexpr char kHead[] = "Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** ";
+
+std::string canonical(Qel::U32 index0, Qel::U32 index1) {
+  return kHead +
+         ("{'index0': " + std::to_string(index0) + ", 'index1': " + std::to_string(index1) + "})");
+}
+
+TEST(IndexText, CanonicalFormStreamAndRoundTrips) {
   EXPECT_EQ(valueToStrep(Index(5, 12)),
             "Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** "
             "{'index0': 5, 'index1': 12})");
-  std::ostringstream os;
-  os << Index(0, 4294967295u);
-  EXPECT_EQ(os.str(), canonical(0, 4294967295u));
-}
-
-class IndexRoundTrip : public ::testing::TestWithParam<Index> {};
-
-TEST_P(IndexRoundTrip, ReadsBackEqual) {
-  Index const index = GetParam();
-  EXPECT_EQ(strepToValue<Index>(valueToStrep(index)), index);
-  std::string const text = valueToStrep(index);
-  char const* it = text.data();
-  EXPECT_EQ(Index(it, text.data() + text.size()), index);
-  EXPECT_EQ(it, text.data() + text.size());
-}
-
-INSTANTIATE_TEST_SUITE_P(Values, IndexRoundTrip,
-                         ::testing::Values(Index(5, 12), Index(0, 0), Index(1, 0), Index(99, 7),
-                                           Index(4294967295u, 4294967295u)));
-
-TEST(IndexText, BlanksBeforeEveryTokenAndEitherQuoteAreAccepted) {
-  EXPECT_EQ(strepToValue<Index>(
-                " \n Value ( \"Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex\" , * "
-                "* { \"index1\" : 3 ,\t'index0' :\n 9 } ) \n"),
-            Index(9, 3));
-}
-
-TEST(IndexText, AFieldLeftOutIsZeroAndARepeatedOneKeepsItsLastValue) {
-  char const* const head =
-      "Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** ";
-  EXPECT_EQ(strepToValue<Index>(std::string(head) + "{})"), Index(0, 0));
-  EXPECT_EQ(strepToValue<Index>(std::string(head) + "{'index1': 4})"), Index(0, 4));
-  EXPECT_EQ(strepToValue<Index>(std::string(head) + "{'index0': 4, 'index0': 6})"), Index(6, 0));
-}
-
-TEST(IndexText, EveryTruncationAfterTheLeadingWordEndsPrematurely) {
-  std::string const text = canonical(5, 12);
-  for (std::size_t n = 5; n < text.size(); ++n) {
-    std::string const cut = text.substr(0, n);
-    EXPECT_EQ(errorOf<Qel::ParseException>([&cut] { strepToValue<Index>(cut); }),
-              "premature end of value type ReadyMountGroupCompoundIndex")
-        << cut;
+  EXPECT_EQ(streamed(Index(0, 4294967295u)), canonical(0, 4294967295u));
+  for (Index const index :
+       {Index(5, 12), Index(0, 0), Index(1, 0), Index(99, 7), Index(4294967295u, 4294967295u)}) {
+    std::string const text = valueToStrep(index);
+    EXPECT_EQ(strepToValue<Index>(text), index) << text;
+    char const* it = text.data();
+    EXPECT_EQ(Index(it, text.data() + text.size()), index);
+    EXPECT_EQ(it, text.data() + text.size());
   }
-  EXPECT_EQ(errorOf<Qel::ParseException>([] { strepToValue<Index>(" "); }),
-            "premature end of value type ReadyMountGroupCompoundIndex");
 }
 
-TEST(IndexText, AnUnknownKeyIsNamed) {
-  std::string const text =
-      "Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** {'index0': 1, "
-      "'priority': 2})";
-  EXPECT_EQ(errorOf<Qel::ParseException>([&text] { strepToValue<Index>(text); }),
-            "ReadyMountGroupCompoundIndex has no such attribute: priority");
-  EXPECT_EQ(errorOf<Qel::ParseException>([] {
-              strepToValue<Index>(
-                  "Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** {'': "
-                  "2})");
-            }),
-            "ReadyMountGroupCompoundIndex has no such attribute: ");
-}
-
-struct Malformed {
-  char const* text;
-  char const* error;
-};
-
-class IndexMalformed : public ::testing::TestWithParam<Malformed> {};
-
-TEST_P(IndexMalformed, NamesWhatWasExpectedAndWhere) {
-  EXPECT_EQ(errorOf<Qel::ParseException>([] { strepToValue<Index>(GetParam().text); }),
-            GetParam().error);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, IndexMalformed,
-    ::testing::Values(
-        Malformed{"Val('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** {})",
-                  "expected Value at column 0 in value type ReadyMountGroupCompoundIndex"},
-        Malformed{"Value['Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** {})",
-                  "expected '(' at column 5 in value type ReadyMountGroupCompoundIndex"},
-        Malformed{"Value('Ledra::ReadyMountGroupCompoundIndex', ** {})",
-                  "expected 'Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex' at "
-                  "column 6 in value type ReadyMountGroupCompoundIndex"},
-        Malformed{"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex' ** {})",
-                  "expected ',' at column 68 in value type ReadyMountGroupCompoundIndex"},
-        Malformed{"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', * {})",
-                  "expected '*' at column 71 in value type ReadyMountGroupCompoundIndex"},
-        Malformed{"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** "
-                  "{'index0' 5})",
-                  "expected ':' at column 82 in value type ReadyMountGroupCompoundIndex"},
-        Malformed{"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** "
-                  "{'index0': -5})",
-                  "expected a number at column 83 in value type ReadyMountGroupCompoundIndex"},
-        Malformed{"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** "
-                  "{'index0': 5 'index1': 6})",
-                  "expected ',' at column 85 in value type ReadyMountGroupCompoundIndex"},
-        Malformed{"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** "
-                  "{'index0': 5}]",
-                  "expected ')' at column 85 in value type ReadyMountGroupCompoundIndex"}));
-
-TEST(IndexText, NumbersBeyondThirtyTwoBitsAreRefused) {
-  EXPECT_EQ(errorOf<Qel::ParseException>([] {
-              strepToValue<Index>(
-                  "Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** "
-                  "{'index0': 4294967296})");
-            }),
-            "cannot read \"4294967296\" as U32 for ReadyMountGroupCompoundIndex::index0: out of "
-            "range");
-  EXPECT_EQ(errorOf<Qel::ParseException>([] {
-              strepToValue<Index>(
-                  "Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** "
-                  "{'index1': 123456789012345678901234567890})");
-            }),
-            "cannot read \"123456789012345678901234567890\" as U32 for "
-            "ReadyMountGroupCompoundIndex::index1: out of range");
-}
-
-TEST(IndexText, LeftOverTextIsJunk) {
-  std::string const text = canonical(5, 12) + "  x";
-  EXPECT_EQ(errorOf<Qel::ParseException>([&text] { strepToValue<Index>(text); }),
-            "junk at column " + std::to_string(text.size() - 1) + " deserializing " + text);
-  EXPECT_EQ(strepToValue<Index>(canonical(5, 12) + " \n"), Index(5, 12));
+TEST(IndexText, ReadingAcceptsBlanksQuotesAndMissingFieldsAndNamesEveryError) {
+  std::string const head = kHead;
+  std::string const junk = canonical(5, 12) + "  x";
+  auto const expected = [](char const* what, int column) {
+    return "parse: expected " + std::string(what) + " at column " + std::to_string(column) +
+           " in value type ReadyMountGroupCompoundIndex";
+  };
+  Cases const cases = {
+      {" \n Value ( \"Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex\" , * * { "
+       "\"index1\" : 3 ,\t'index0' :\n 9 } ) \n",
+       canonical(9, 3)},
+      // A field left out is zero; a repeated one keeps its last value.
+      {head + "{})", canonical(0, 0)},
+      {head + "{'index1': 4})", canonical(0, 4)},
+      {head + "{'index0': 4, 'index0': 6})", canonical(6, 0)},
+      {head + "{'index0': 1, 'priority': 2})",
+       "parse: ReadyMountGroupCompoundIndex has no such attribute: priority"},
+      {head + "{'': 2})", "parse: ReadyMountGroupCompoundIndex has no such attribute: "},
+      {"Val('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** {})",
+       expected("Value", 0)},
+      {"Value['Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', ** {})",
+       expected("'('", 5)},
+      {"Value('Ledra::ReadyMountGroupCompoundIndex', ** {})",
+       expected("'Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex'", 6)},
+      {"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex' ** {})",
+       expected("','", 68)},
+      {"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex', * {})",
+       expected("'*'", 71)},
+      {head + "{'index0' 5})", expected("':'", 82)},
+      {head + "{'index0': -5})", expected("a number", 83)},
+      {head + "{'index0': 5 'index1': 6})", expected("','", 85)},
+      {head + "{'index0': 5}]", expected("')'", 85)},
+      {head + "{'index0': 4294967296})",
+       "parse: cannot read \"4294967296\" as U32 for ReadyMountGroupCompoundIndex::index0: out of "
+       "range"},
+      {head + "{'index1': 123456789012345678901234567890})",
+       "parse: cannot read \"123456789012345678901234567890\" as U32 for "
+       "ReadyMountGroupCompoundIndex::index1: out of range"},
+      {junk, "parse: junk at column " + std::to_string(junk.size() - 1) + " deserializing " + junk},
+      {canonical(5, 12) + " \n", canonical(5, 12)},
+      {" ", "parse: premature end of value type ReadyMountGroupCompoundIndex"},
+  };
+  for (auto const& [text, result] : cases)
+    EXPECT_EQ(read<Index>(text), result) << text;
+  // Every truncation after the leading word ends prematurely.
+  std::string const text = canonical(5, 12);
+  for (std::size_t n = 5; n < text.size(); ++n)
+    EXPECT_EQ(read<Index>(text.substr(0, n)),
+              "parse: premature end of value type ReadyMountGroupCompoundIndex")
+        << n;
 }
 
 TEST(IndexText, ComparisonsOrderByIndex0ThenIndex1) {
@@ -276,15 +190,12 @@ TEST(IndexText, ComparisonsOrderByIndex0ThenIndex1) {
     for (std::size_t j = 0; j < ordered.size(); ++j) {
       Index const& a = ordered[i];
       Index const& b = ordered[j];
-      EXPECT_EQ(a == b, i == j) << i << " " << j;
-      EXPECT_EQ(a != b, i != j) << i << " " << j;
-      EXPECT_EQ(a < b, i < j) << i << " " << j;
-      EXPECT_EQ(a <= b, i <= j) << i << " " << j;
-      EXPECT_EQ(a > b, i > j) << i << " " << j;
-      EXPECT_EQ(a >= b, i >= j) << i << " " << j;
+      EXPECT_EQ((std::vector<bool>{a == b, a != b, a<b, a <= b, a> b, a >= b}),
+                (std::vector<bool>{i == j, i != j, i<j, i <= j, i> j, i >= j}))
+          << i << " " << j;
     }
   }
 }
 
 }  // namespace
-}  // namespace Ledra
+}  // namespace Ledra::test

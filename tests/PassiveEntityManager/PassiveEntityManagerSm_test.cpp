@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "EngineHarness.h"
+#include "PassiveEntityManager/ConditionRes.h"
 #include "PassiveEntityManager/MountsInProgressAnchor.h"
 #include "Qel/Exception.h"
 
@@ -13,70 +14,69 @@ namespace Ledra::test {
 namespace {
 
 using Qel::MountTable;
-using State = PassiveEntityManagerSm::State;
+using Strings = std::vector<std::string>;
 
-class EngineLifecycleTest : public EngineHarness {};
+class EngineTest : public EngineHarness {
+ protected:
+  // A group mounting the directory /ledra/Ledra/<path>.
+  PassiveMountGroup::Ptr group(char const* name, Qel::U32 priority, char const* path,
+                               char const* flags = "r") {
+    dir(path);
+    auto g = profile->mountGroupIs(name, priority);
+    g->addProfile(Qel::String("/ledra/Ledra/") + path, "Qel::Dir", flags);
+    return g;
+  }
+};
 
-TEST_F(EngineLifecycleTest, RootMountLeavesFromInsideTheFactory) {
+TEST_F(EngineTest, RootMountLeavesFromInsideTheFactory) {
   startEngine();
   // Recorded before any loop turn: the request left while the factory ran.
-  EXPECT_EQ(requests(), (std::vector<std::string>{"/ledra/Ledra?flags=Cnp"}));
+  EXPECT_EQ(requests(), Strings{"/ledra/Ledra?flags=Cnp"});
   EXPECT_TRUE(engine->initialized());
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::init);
   EXPECT_EQ(engine->ledraRoot(), root);
-  EXPECT_TRUE(engine->notificationActive());
-  EXPECT_TRUE(capture.contains("initiating loading mount profiles"));
+  expectTraced({"initiating loading mount profiles", "agent has no template keys"});
+  EXPECT_FALSE(agent->demuxer()->lowMountPrio());
+  EXPECT_EQ(agent->demuxer()->lowMountPrioSets(), 0u);
 }
 
-TEST_F(EngineLifecycleTest, OlderProtocolVersionWaitsForVersionFive) {
+TEST_F(EngineTest, OlderProtocolVersionWaitsForVersionFive) {
   agent->currentVersionIs(4);
   startEngine();
   EXPECT_TRUE(requests().empty());
   EXPECT_TRUE(capture.contains("peer mount table is talking older version"));
   agent->currentVersionIs(5);
-  EXPECT_EQ(requests(), (std::vector<std::string>{"/ledra/Ledra?flags=Cnp"}));
+  EXPECT_EQ(requests(), Strings{"/ledra/Ledra?flags=Cnp"});
 }
 
-TEST_F(EngineLifecycleTest, RootFlagsWithNGiveTheSuffixP) {
+TEST_F(EngineTest, RootFlagsWithNGiveTheSuffixP) {
   profile->rootFlagsIs("wN");
   entMgr->writeMountsGrantedIs(true);
   startEngine();
-  EXPECT_EQ(requests(), (std::vector<std::string>{"/ledra/Ledra?flags=wp"}));
+  EXPECT_EQ(requests(), Strings{"/ledra/Ledra?flags=wp"});
 }
 
-TEST_F(EngineLifecycleTest, LowMountPrioIsSetOnceWhenTheProfileAsks) {
+TEST_F(EngineTest, HandleInitializedTwiceDoesTheWorkOnceAndSetsLowMountPrioOnce) {
   profile->lowMountPrioIs(true);
-  startEngine();
-  engine->handleInitialized();
-  EXPECT_TRUE(agent->demuxer()->lowMountPrio());
-  EXPECT_EQ(agent->demuxer()->lowMountPrioSets(), 1u);
-  EXPECT_TRUE(capture.contains(" setting low prio for agentName: agentA"));
-}
-
-TEST_F(EngineLifecycleTest, LowMountPrioFalseLeavesTheDemuxerAlone) {
-  startEngine();
-  EXPECT_FALSE(agent->demuxer()->lowMountPrio());
-  EXPECT_EQ(agent->demuxer()->lowMountPrioSets(), 0u);
-}
-
-TEST_F(EngineLifecycleTest, HandleInitializedTwiceDoesTheWorkOnce) {
   startEngine();
   std::size_t const populated = capture.count("doPopulateMountPaths()");
   engine->handleInitialized();
   EXPECT_EQ(requests().size(), 1u);
   EXPECT_EQ(capture.count("doPopulateMountPaths()"), populated);
+  EXPECT_TRUE(agent->demuxer()->lowMountPrio());
+  EXPECT_EQ(agent->demuxer()->lowMountPrioSets(), 1u);
+  EXPECT_TRUE(capture.contains(" setting low prio for agentName: agentA"));
 }
 
-TEST_F(EngineLifecycleTest, MissingDatabaseRootLeavesLedraRootNull) {
+TEST_F(EngineTest, MissingDatabaseRootLeavesLedraRootNullAndSendsNothing) {
   Qel::ActivityManagerConfig::instance()->systemNameIs("elsewhere");
   startEngine();
   Qel::ActivityManagerConfig::instance()->systemNameIs("ledra");
   EXPECT_FALSE(engine->ledraRoot());
-  // The root mount has no directory to name: the mount is refused, nothing is sent.
   EXPECT_TRUE(requests().empty());
 }
 
-TEST_F(EngineLifecycleTest, CleanupKeepsTemplatesPathsBlockingAndState) {
+TEST_F(EngineTest, CleanupKeepsTemplatesPathsBlockingAndState) {
   dir("a");
   profile->templateKeyIs(1, "%slot");
   profile->mountGroupIs("g", 1)->addProfile("/ledra/Ledra/%slot", "Qel::Dir", "r");
@@ -93,12 +93,11 @@ TEST_F(EngineLifecycleTest, CleanupKeepsTemplatesPathsBlockingAndState) {
   EXPECT_FALSE(engine->allMountPaths("/ledra/Ledra/a").empty());
   EXPECT_TRUE(engine->blockingConditionals("1 == /x.y"));
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::readyMountGroupPending);
-  // Nothing reacts any more.
-  run();
+  run();  // nothing reacts any more
   EXPECT_EQ(requests().size(), 1u);
 }
 
-TEST_F(EngineLifecycleTest, DestructionCleansUpOnceAfterTheReactorsWentQuiet) {
+TEST_F(EngineTest, DestructionCleansUpOnceAfterTheReactorsWentQuiet) {
   agent->holdAnswersIs(true);
   startEngine();
   engine = nullptr;
@@ -111,13 +110,12 @@ TEST_F(EngineLifecycleTest, DestructionCleansUpOnceAfterTheReactorsWentQuiet) {
   EXPECT_FALSE(capture.contains("doInitiateMounts"));
 }
 
-TEST_F(EngineLifecycleTest, HandleCloseClosesTheConnectionWithTheReason) {
+TEST_F(EngineTest, HandleCloseClosesTheConnectionWithTheReason) {
   startEngine();
-  testing::internal::CaptureStderr();
-  engine->handleClose("bad entry");
-  std::string const err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(err.rfind("Processed an invalid mount profile. bad entry\n", 0), 0u) << err;
-  EXPECT_GT(err.size(), std::string("Processed an invalid mount profile. bad entry\n").size());
+  std::string const err = stderrOf([&] { engine->handleClose("bad entry"); });
+  std::string const line = "Processed an invalid mount profile. bad entry\n";
+  EXPECT_EQ(err.rfind(line, 0), 0u) << err;
+  EXPECT_GT(err.size(), line.size()) << "followed by a backtrace";
   EXPECT_FALSE(engine->initialized());
   run();
   EXPECT_EQ(agent->closeReasons(),
@@ -125,24 +123,12 @@ TEST_F(EngineLifecycleTest, HandleCloseClosesTheConnectionWithTheReason) {
   EXPECT_FALSE(agent->connected());
 }
 
-TEST_F(EngineLifecycleTest, GenericViewReadsAttributesAndRefusesConstWrites) {
+TEST_F(EngineTest, ConstViewRefusesWritesAndAnchorClearsMountsInProgressOnEveryWayOut) {
   startEngine();
-  Qel::GenericIf::PtrConst const view(engine.ptr());
-  EXPECT_EQ(view->attributeName(PassiveEntityManagerSm::kState), "state");
-  EXPECT_EQ(view->attributeName(999), "unknown");
-  EXPECT_TRUE(view->attribute(PassiveEntityManagerSm::kInitialized)->valueAs<bool>());
-  try {
-    view->attributeIs("deletion", Qel::String("true"));
-    FAIL() << "a const instance was written";
-  } catch (Qel::ConstInstanceException const& e) {
-    EXPECT_STREQ(e.what(), "attempting to modify a const instance");
-  }
-  engine->attributeIs("deletion", Qel::String("true"));
-  EXPECT_TRUE(engine->deletion());
-}
-
-TEST_F(EngineLifecycleTest, AnchorClearsMountsInProgressOnEveryWayOut) {
-  startEngine();
+  EXPECT_EQ(errorOf<Qel::ConstInstanceException>([&] {
+              Qel::GenericIf::PtrConst(engine.ptr())->attributeIs("deletion", Qel::String("true"));
+            }),
+            "attempting to modify a const instance");
   try {
     MountsInProgressAnchor const anchor(engine.ptr());
     EXPECT_TRUE(engine->mountsInProgress());
@@ -157,16 +143,7 @@ TEST_F(EngineLifecycleTest, AnchorClearsMountsInProgressOnEveryWayOut) {
 
 // --- scheduling
 
-class EngineSchedulingTest : public EngineHarness {
- protected:
-  void group(char const* name, Qel::U32 priority, char const* path, char const* flags = "r") {
-    dir(path);
-    profile->mountGroupIs(name, priority)
-        ->addProfile(Qel::String("/ledra/Ledra/") + path, "Qel::Dir", flags);
-  }
-};
-
-TEST_F(EngineSchedulingTest, ReadyQueueOrdersByPriorityThenArrival) {
+TEST_F(EngineTest, ReadyQueueOrdersByPriorityThenArrival) {
   startEngine();
   auto g5a = PassiveMountGroup::mountGroupNew("g5a", 5);
   auto g1 = PassiveMountGroup::mountGroupNew("g1", 1);
@@ -181,34 +158,31 @@ TEST_F(EngineSchedulingTest, ReadyQueueOrdersByPriorityThenArrival) {
   EXPECT_EQ(engine->readyMountGroupDeq(), g5a);
   EXPECT_EQ(engine->readyMountGroupDeq(), g5b);
   EXPECT_FALSE(engine->readyMountGroupDeq());
+  EXPECT_DEATH(engine->readyMountGroupIs(4, PassiveMountGroup::mountGroupNew("g", 3)),
+               "rv->priority\\(\\) == prio");
 }
 
-TEST_F(EngineSchedulingTest, ExplicitPriorityMustBeTheGroupsOwn) {
-  startEngine();
-  auto g = PassiveMountGroup::mountGroupNew("g", 3);
-  EXPECT_DEATH(engine->readyMountGroupIs(4, g), "rv->priority\\(\\) == prio");
-}
-
-TEST_F(EngineSchedulingTest, GroupsAreMountedOnePerAnsweredBatchByPriority) {
+TEST_F(EngineTest, GroupsAreMountedOnePerAnsweredBatchByPriority) {
   group("g5a", 5, "a5");
   group("g1", 1, "b1");
   group("g5b", 5, "c5");
   // Equal priorities leave the queue in the order the profile gave them.
-  std::vector<std::string> fives;
+  Strings fives;
   for (auto const& [name, g] : profile->mountGroup())
     if (g->priority() == 5) fives.push_back(name == "g5a" ? "/ledra/Ledra/a5" : "/ledra/Ledra/c5");
   agent->holdAnswersIs(true);
   startEngine();
-  ASSERT_TRUE(agent->answerRelease("/ledra/Ledra"));
-  run();
-  EXPECT_EQ(requestPaths(), (std::vector<std::string>{"/ledra/Ledra", "/ledra/Ledra/b1"}));
-  ASSERT_TRUE(agent->answerRelease("/ledra/Ledra/b1"));
-  run();
-  EXPECT_EQ(requestPaths().back(), fives[0]);
-  EXPECT_EQ(requestPaths().size(), 3u);
-  ASSERT_TRUE(agent->answerRelease(fives[0]));
-  run();
-  EXPECT_EQ(requestPaths().back(), fives[1]);
+  capture.clear();
+  engine->doInitiateMounts();  // the root mount is unanswered: only the count is traced
+  EXPECT_TRUE(capture.contains("flowOut mount requests: 1 mountsInProgress: false"));
+  EXPECT_EQ(engine->state(), PassiveEntityManagerSm::init);
+  EXPECT_EQ(engine->readyMountGroups(), 0u);
+  Strings expected{"/ledra/Ledra", "/ledra/Ledra/b1", fives[0], fives[1]};
+  for (std::size_t i = 1; i < expected.size(); ++i) {
+    ASSERT_TRUE(agent->answerRelease(expected[i - 1]));
+    run();
+    EXPECT_EQ(requestPaths(), Strings(expected.begin(), expected.begin() + i + 1));
+  }
   ASSERT_TRUE(agent->answerRelease(fives[1]));
   run();
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
@@ -221,42 +195,44 @@ TEST_F(EngineSchedulingTest, GroupsAreMountedOnePerAnsweredBatchByPriority) {
   EXPECT_EQ(requestPaths().size(), 4u);
 }
 
-TEST_F(EngineSchedulingTest, OutstandingRequestsOnlyTraceTheCount) {
-  group("g", 1, "a");
-  agent->holdAnswersIs(true);
-  startEngine();
-  capture.clear();
-  engine->doInitiateMounts();
-  EXPECT_TRUE(capture.contains("flowOut mount requests: 1 mountsInProgress: false"));
-  EXPECT_EQ(engine->state(), PassiveEntityManagerSm::init);
-  EXPECT_EQ(engine->readyMountGroups(), 0u);
-}
-
-TEST_F(EngineSchedulingTest, FalseTemplateConditionSkipsTheGroupForGood) {
+TEST_F(EngineTest, FalseTemplateConditionSkipsTheGroupForGood) {
   profile->templateKeyIs(1, "%slot");
   status->agentStringIs("agentA-3");
-  group("never", 1, "n");
-  profile->mountGroup("never")->templateConditionColIs("%slot == 4", true);
-  group("always", 2, "y");
-  profile->mountGroup("always")->templateConditionColIs("%slot != 4", true);
+  group("never", 1, "n")->templateConditionColIs("%slot == 4", true);
+  group("always", 2, "y")->templateConditionColIs("%slot != 4", true);
   startEngine();
   run();
-  EXPECT_TRUE(capture.contains("template condition evaluted to False."));
-  EXPECT_TRUE(capture.contains("template condition evaluted to True."));
+  expectTraced({"template condition evaluted to False.", "template condition evaluted to True."});
   EXPECT_EQ(capture.count("At least one template condition evaluted to False.  Skipping mount"),
             1u);
-  EXPECT_EQ(requestPaths(), (std::vector<std::string>{"/ledra/Ledra", "/ledra/Ledra/y"}));
+  EXPECT_EQ(requestPaths(), (Strings{"/ledra/Ledra", "/ledra/Ledra/y"}));
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
 }
 
-TEST_F(EngineSchedulingTest, ProfileWhoseOnlyGroupIsSkippedStopsTheProcess) {
-  group("never", 1, "n");
-  profile->mountGroup("never")->templateConditionColIs("%slot == 4", true);
+TEST_F(EngineTest, ConditionalGroupTrueAtCreationIsMountedInTheSamePass) {
+  auto const flag = ConditionRes::conditionResNew("flag");
+  flag->enabledIs(true);
+  root->entryIs(flag);
+  auto const g = group("cond", 1, "c");
+  g->conditionColEnq("true == /ledra/Ledra/flag.enabled");
+  g->entireConditionIs("true == /ledra/Ledra/flag.enabled");
+  group("later", 2, "d");
+  agent->holdAnswersIs(true);
+  startEngine();
+  ASSERT_TRUE(agent->answerRelease("/ledra/Ledra"));
+  run();
+  EXPECT_TRUE(capture.contains("conditional mountgroup cond done inline"));
+  EXPECT_EQ(requestPaths(), (Strings{"/ledra/Ledra", "/ledra/Ledra/c"}));
+  EXPECT_FALSE(engine->conditionalMountGroup("cond"));
+}
+
+TEST_F(EngineTest, ProfileWhoseOnlyGroupIsSkippedStopsTheProcess) {
+  group("never", 1, "n")->templateConditionColIs("%slot == 4", true);
   startEngine();
   EXPECT_DEATH(run(), "no mountgroups found");
 }
 
-TEST_F(EngineSchedulingTest, MountWaitingForItsParentHoldsLaterGroupsAndRetriesEachTick) {
+TEST_F(EngineTest, MountWaitingForItsParentHoldsLaterGroupsAndRetriesEachTick) {
   group("parent", 1, "p");
   group("child", 2, "p/q");
   group("later", 3, "r");
@@ -265,43 +241,38 @@ TEST_F(EngineSchedulingTest, MountWaitingForItsParentHoldsLaterGroupsAndRetriesE
   agent->pathStateOnAnswerIs("/ledra/Ledra/p", notSynced);
   startEngine();
   run();
-  EXPECT_EQ(requestPaths(), (std::vector<std::string>{"/ledra/Ledra", "/ledra/Ledra/p"}));
+  EXPECT_EQ(requestPaths(), (Strings{"/ledra/Ledra", "/ledra/Ledra/p"}));
   EXPECT_TRUE(engine->pendingMountProfile("/ledra/Ledra/p/q"));
   EXPECT_TRUE(capture.contains("mount for /ledra/Ledra/p is complete but not synced"));
-  EXPECT_TRUE(
-      capture.contains("1 outstanding mount groups 1 pending mount profiles 0 blocking "
-                       "conditional"));
+  EXPECT_TRUE(capture.contains(
+      "1 outstanding mount groups 1 pending mount profiles 0 blocking conditional"));
   // Polled once per tick, still waiting.
   std::size_t const polls = capture.count("doPendingMounts: pendingMountProfiles(): 1");
   run(0.01);
   EXPECT_GE(capture.count("doPendingMounts: pendingMountProfiles(): 1"), polls + 5);
-  MountTable::PathState synced = notSynced;
-  synced.synchronisedIs(true);
-  agent->pathStateIs("/ledra/Ledra/p", synced);
+  agent->pathStateIs("/ledra/Ledra/p", MountTable::PathState(notSynced).synchronisedIs(true));
   run();
-  EXPECT_EQ(requestPaths(), (std::vector<std::string>{"/ledra/Ledra", "/ledra/Ledra/p",
-                                                      "/ledra/Ledra/p/q", "/ledra/Ledra/r"}));
+  EXPECT_EQ(requestPaths(),
+            (Strings{"/ledra/Ledra", "/ledra/Ledra/p", "/ledra/Ledra/p/q", "/ledra/Ledra/r"}));
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
 }
 
-TEST_F(EngineSchedulingTest, WriteMountsAreConvertedOnceWritingIsGranted) {
+TEST_F(EngineTest, WriteMountsAreConvertedOnceWritingIsGranted) {
   group("g", 1, "w", "w");
   startEngine();
   run();
-  EXPECT_EQ(requests(),
-            (std::vector<std::string>{"/ledra/Ledra?flags=Cnp", "/ledra/Ledra/w?flags=Cnp"}));
+  EXPECT_EQ(requests(), (Strings{"/ledra/Ledra?flags=Cnp", "/ledra/Ledra/w?flags=Cnp"}));
   EXPECT_EQ(engine->convertableMountsCount(), 1u);
   EXPECT_NE(engine->state(), PassiveEntityManagerSm::mountComplete);
   entMgr->writeMountsGrantedIs(true);
   engine->doInitiateMounts();
-  EXPECT_TRUE(capture.contains("Num mounts to convert: 1"));
-  EXPECT_TRUE(capture.contains("Converting /ledra/Ledra/w to w"));
+  expectTraced({"Num mounts to convert: 1", "Converting /ledra/Ledra/w to w"});
   run();
   EXPECT_EQ(requests().back(), "/ledra/Ledra/w?flags=wnp");
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
 }
 
-TEST_F(EngineSchedulingTest, UnansweredOrFailedMountBlocksTheSchedule) {
+TEST_F(EngineTest, FailedMountBlocksTheSchedule) {
   group("a", 1, "a");
   group("b", 2, "b");
   agent->mountFailureIs("/ledra/Ledra/a", "no such type");
@@ -309,18 +280,18 @@ TEST_F(EngineSchedulingTest, UnansweredOrFailedMountBlocksTheSchedule) {
   run();
   EXPECT_TRUE(capture.contains(
       "readyMountGroupPending_ Exception: no such type, status: failed_, path: /ledra/Ledra/a"));
-  EXPECT_EQ(requestPaths(), (std::vector<std::string>{"/ledra/Ledra", "/ledra/Ledra/a"}));
+  EXPECT_EQ(requestPaths(), (Strings{"/ledra/Ledra", "/ledra/Ledra/a"}));
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::readyMountGroupPending);
 }
 
-TEST_F(EngineSchedulingTest, InvalidProfileEntryStopsTheGroupAndLaterPasses) {
+TEST_F(EngineTest, InvalidProfileEntryStopsTheGroupAndLaterPasses) {
   group("a", 1, "a");
   // The same path mounted before by another connection of this agent: a conflict.
   status->mountReferenceIs("/ledra/Ledra/a")->entityIs(dir("a"));
-  testing::internal::CaptureStderr();
-  startEngine();
-  run();
-  std::string const err = testing::internal::GetCapturedStderr();
+  std::string const err = stderrOf([&] {
+    startEngine();
+    run();
+  });
   EXPECT_TRUE(capture.contains("Mount path /ledra/Ledra/a already mounted by agent agentA"));
   EXPECT_NE(err.find("Processed an invalid mount profile. agentA"), std::string::npos);
   EXPECT_FALSE(engine->initialized());

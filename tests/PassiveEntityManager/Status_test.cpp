@@ -1,4 +1,4 @@
-// Agent status records and mount references.
+// Agent status records, mount references and condition results.
 #include <gtest/gtest.h>
 
 #include "PassiveEntityManager/ConditionRes.h"
@@ -9,29 +9,45 @@
 namespace Ledra {
 namespace {
 
+class StatusWatcher : public PassiveAgentStatus::NotifieeConst {
+ public:
+  std::vector<std::string> seen;
+  void onTemplateValueDict(Qel::String const& k) override { seen.push_back("dict " + k); }
+  void onMountReference(Qel::Name const& p) override { seen.push_back("ref " + p); }
+};
+
 class StatusTest : public test::LeakCheckedTest {
  protected:
   void SetUp() override {
     LeakCheckedTest::SetUp();
-    dir_ = PassiveAgentStatusDir::agentStatusDirNew("status");
+    dir = PassiveAgentStatusDir::agentStatusDirNew("status");
   }
   void TearDown() override {
-    dir_.reset();
+    dir = nullptr;
     Qel::globalDir()->entryDel("statustest");
     LeakCheckedTest::TearDown();
   }
-  PassiveAgentStatusDir::Ptr dir_;
+  PassiveAgentStatusDir::Ptr dir;
 };
 
-TEST_F(StatusTest, RecreatedRecordStartsEmpty) {
-  auto s = dir_->agentStatusIs("agent");
+TEST_F(StatusTest, ChangesNotifyWithTheirKeysAndARecreatedRecordStartsEmpty) {
+  auto s = dir->agentStatusIs("agent");
+  {
+    StatusWatcher w;
+    w.notifierIs(s);
+    s->templateValueDictIs("%a", "1");
+    s->templateValueDictIs("%a", "1");
+    s->mountReferenceIs("/p");
+    s->mountReferenceIs("/p");
+    s->mountReferenceDel("/p");
+    EXPECT_EQ(w.seen, (std::vector<std::string>{"dict %a", "ref /p", "ref /p"}));
+  }
   s->agentStringIs("agent-1-2");
-  s->templateValueDictIs("%a", "1");
   s->templateCacheIs("/x/%a", "/x/1");
   s->mountReferenceIs("/x/1")->completeIs(true);
-  EXPECT_EQ(dir_->agentStatusIs("agent"), s);
-  dir_->agentStatusDel("agent");
-  auto fresh = dir_->agentStatusIs("agent");
+  EXPECT_EQ(dir->agentStatusIs("agent"), s);
+  dir->agentStatusDel("agent");
+  auto fresh = dir->agentStatusIs("agent");
   EXPECT_NE(fresh, s);
   EXPECT_EQ(fresh->agentString(), "");
   EXPECT_TRUE(fresh->templateValueDict().empty());
@@ -40,19 +56,20 @@ TEST_F(StatusTest, RecreatedRecordStartsEmpty) {
 }
 
 TEST_F(StatusTest, CompletionFollowsTheMountedEntity) {
-  auto ref = dir_->agentStatusIs("agent")->mountReferenceIs("/statustest/a");
-  EXPECT_EQ(ref->completion(), PassiveMountReference::Completion::incomplete);
+  using Completion = PassiveMountReference::Completion;
+  auto ref = dir->agentStatusIs("agent")->mountReferenceIs("/statustest/a");
+  EXPECT_EQ(ref->completion(), Completion::incomplete);
   auto top = Qel::globalDir()->dirIs("statustest");
   auto a = top->dirIs("a");
   ref->entityIs(a);
-  EXPECT_EQ(ref->completion(), PassiveMountReference::Completion::incomplete);
+  EXPECT_EQ(ref->completion(), Completion::incomplete);
   ref->completeIs(true);
-  EXPECT_EQ(ref->completion(), PassiveMountReference::Completion::complete);
+  EXPECT_EQ(ref->completion(), Completion::complete);
   top->entryDel("a");  // cut off from the tree
-  EXPECT_EQ(ref->completion(), PassiveMountReference::Completion::orphaned);
+  EXPECT_EQ(ref->completion(), Completion::orphaned);
   Qel::globalDir()->entryDel("statustest");
   top->entryIs(a);  // back under a directory that is itself cut off
-  EXPECT_EQ(ref->completion(), PassiveMountReference::Completion::orphaned);
+  EXPECT_EQ(ref->completion(), Completion::orphaned);
 }
 
 class EnabledWatcher : public ConditionRes::NotifieeConst {
@@ -68,26 +85,6 @@ TEST_F(StatusTest, EnabledTwiceNotifiesOnce) {
   res->enabledIs(true);
   res->enabledIs(true);
   EXPECT_EQ(w.calls, 1);
-}
-
-class StatusWatcher : public PassiveAgentStatus::NotifieeConst {
- public:
-  std::vector<std::string> seen;
-  void onTemplateValueDict(Qel::String const& k) override { seen.push_back("dict " + k); }
-  void onMountReference(Qel::Name const& p) override { seen.push_back("ref " + p); }
-};
-
-TEST_F(StatusTest, ChangesNotifyWithTheirKeys) {
-  auto s = dir_->agentStatusIs("agent");
-  StatusWatcher w;
-  w.notifierIs(s);
-  s->templateValueDictIs("%a", "1");
-  s->templateValueDictIs("%a", "1");
-  s->mountReferenceIs("/p");
-  s->mountReferenceIs("/p");
-  s->mountReferenceDel("/p");
-  EXPECT_EQ(w.seen, (std::vector<std::string>{"dict %a", "ref /p", "ref /p"}));
-  EXPECT_EQ(dir_->entity("agent")->name(), "agent");
 }
 
 }  // namespace

@@ -32,9 +32,10 @@ using Qel::ConnectDesc;
 using Qel::MountFlags;
 using Qel::MountTable;
 namespace Wire = Qel::NboAttrLog;
+using Strings = std::vector<std::string>;
 
-std::vector<std::string> lines(std::ostringstream const& out) {
-  std::vector<std::string> v;
+Strings lines(std::ostringstream const& out) {
+  Strings v;
   std::istringstream in(out.str());
   for (std::string l; std::getline(in, l);)
     v.push_back(l);
@@ -107,91 +108,68 @@ class AgentSessionTest : public Ledra::test::LeakCheckedTest {
   std::unique_ptr<AgentSession> session;
 };
 
-TEST_F(AgentSessionTest, ConnectsUnderItsNameAndAgentString) {
+TEST_F(AgentSessionTest, ConnectsMountsAnswersAndStops) {
   start("a", [](AgentOptions& o) {
     o.agentString = "a-7-x";
     o.version = 4;
   });
-  EXPECT_EQ(lines(out), (std::vector<std::string>{"connected as a"}));
   auto const record = Ledra::ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("a");
   ASSERT_TRUE(record);
   EXPECT_EQ(record->agentString(), "a-7-x");
   EXPECT_EQ(demuxer()->peer()->currentVersion(), 4u);
-  EXPECT_FALSE(session->ended());
-}
-
-TEST_F(AgentSessionTest, MountsAreReportedAppliedAndAnswered) {
-  start("a");
   mount("/agenttest/d", "Cnp", "Qel::Dir");
   mount("/agenttest/missing/leaf", "w");
+  mount("/agenttest/B");
   ASSERT_TRUE(run([&] { return answered(); }));
-  EXPECT_EQ(lines(out), (std::vector<std::string>{
-                            "connected as a", "mount 1 /agenttest/d flags=Cnp type=Qel::Dir",
-                            "mount 2 /agenttest/missing/leaf flags=w type="}));
   EXPECT_EQ(stat("/agenttest/d").status(), MountTable::complete_);
   EXPECT_EQ(demuxer()->peer()->pathState("/agenttest/d").text(),
             "mounted complete synchronised mountPoint");
-  EXPECT_EQ(session->tree().held(),
-            (std::vector<std::string>{"/agenttest/d", "/agenttest/missing/leaf"}));
   auto const* d = session->tree().node("/agenttest/d");
   ASSERT_TRUE(d);
   EXPECT_EQ(d->typeName, "Qel::Dir");
   EXPECT_EQ(d->entries, (std::set<std::string>{"inner"}));
-}
-
-TEST_F(AgentSessionTest, AFailedPathIsAnsweredWithItsTextAndNotHeld) {
-  start("a", [](AgentOptions& o) { o.failures["/agenttest/d"] = "no such entity: /agenttest/d"; });
-  mount("/agenttest/d");
-  ASSERT_TRUE(run([&] { return answered(); }));
-  EXPECT_EQ(stat("/agenttest/d"),
-            MountTable::Stat(MountTable::failed_, "no such entity: /agenttest/d"));
-  EXPECT_TRUE(session->tree().held().empty());
-}
-
-TEST_F(AgentSessionTest, AHeldPathIsNeverAnswered) {
-  start("a", [](AgentOptions& o) { o.holds.insert("/agenttest/d"); });
-  mount("/agenttest/d");
-  mount("/agenttest/other");
-  ASSERT_TRUE(run([&] { return demuxer()->flowOutMountRequests() == 1; }));
-  loop->runFor(5);
-  EXPECT_EQ(stat("/agenttest/d").status(), MountTable::inProgress_);
-  EXPECT_EQ(stat("/agenttest/other").status(), MountTable::complete_);
-  EXPECT_EQ(session->unanswered(), (std::map<Qel::U32, std::string>{{1, "/agenttest/d"}}));
-}
-
-TEST_F(AgentSessionTest, StoppingPrintsTheHeldPathsSortedAndTellsTheDatabase) {
-  start("a");
-  mount("/agenttest/z");
-  mount("/agenttest/d");
-  mount("/agenttest/B");
-  ASSERT_TRUE(run([&] { return answered(); }));
-  Wire::Demuxer::Ptr const d = demuxer();
+  // Stopping prints the held paths sorted and tells the database, once.
+  Wire::Demuxer::Ptr const demuxer = this->demuxer();
   session->stop();
   EXPECT_TRUE(session->ended());
   EXPECT_EQ(session->exitStatus(), 0);
-  auto const l = lines(out);
-  EXPECT_EQ(std::vector<std::string>(l.begin() + 4, l.end()),
-            (std::vector<std::string>{"holds:", "/agenttest/B", "/agenttest/d", "/agenttest/z"}));
-  ASSERT_TRUE(run([&] { return !demuxer(); }));
-  EXPECT_EQ(d->closeReason(), "agent stopped");
-  session->stop();  // once only
-  EXPECT_EQ(lines(out).size(), l.size());
+  EXPECT_EQ(lines(out), (Strings{"connected as a", "mount 1 /agenttest/d flags=Cnp type=Qel::Dir",
+                                 "mount 2 /agenttest/missing/leaf flags=w type=",
+                                 "mount 3 /agenttest/B flags=Cnp type=", "holds:", "/agenttest/B",
+                                 "/agenttest/d", "/agenttest/missing/leaf"}));
+  ASSERT_TRUE(run([&] { return !this->demuxer(); }));
+  EXPECT_EQ(demuxer->closeReason(), "agent stopped");
+  session->stop();
+  EXPECT_EQ(lines(out).size(), 8u);
 }
 
-TEST_F(AgentSessionTest, TheDatabasesCloseEndsTheSessionWithStatusZero) {
-  start("a");
-  demuxer()->close("no agent profile", true, false, true);
-  ASSERT_TRUE(run([&] { return session->ended(); }));
-  EXPECT_EQ(session->exitStatus(), 0);
-  EXPECT_EQ(lines(out).back(), "closed: no agent profile");
+TEST_F(AgentSessionTest, AFailedPathIsAnsweredWithItsTextAHeldPathNever) {
+  start("a", [](AgentOptions& o) {
+    o.failures["/agenttest/d"] = "no such entity: /agenttest/d";
+    o.holds.insert("/agenttest/h");
+  });
+  mount("/agenttest/d");
+  mount("/agenttest/h");
+  mount("/agenttest/other");
+  ASSERT_TRUE(run([&] { return demuxer()->flowOutMountRequests() == 1; }));
+  loop->runFor(5);
+  EXPECT_EQ(stat("/agenttest/d"),
+            MountTable::Stat(MountTable::failed_, "no such entity: /agenttest/d"));
+  EXPECT_EQ(stat("/agenttest/h").status(), MountTable::inProgress_);
+  EXPECT_EQ(stat("/agenttest/other").status(), MountTable::complete_);
+  EXPECT_EQ(session->unanswered(), (std::map<Qel::U32, std::string>{{2, "/agenttest/h"}}));
+  EXPECT_EQ(session->tree().held(), Strings{"/agenttest/other"});
 }
 
-TEST_F(AgentSessionTest, ADroppedConnectionIsLostWithStatusOne) {
-  start("a");
-  demuxer()->close("", false, false, true);
-  ASSERT_TRUE(run([&] { return session->ended(); }));
-  EXPECT_EQ(session->exitStatus(), 1);
-  EXPECT_EQ(lines(out).back(), "lost connection");
+TEST_F(AgentSessionTest, TheDatabasesCloseEndsWithStatusZeroADroppedConnectionWithOne) {
+  for (bool const byDatabase : {true, false}) {
+    start("a");
+    demuxer()->close(byDatabase ? "no agent profile" : "", byDatabase, false, true);
+    ASSERT_TRUE(run([&] { return session->ended(); }));
+    EXPECT_EQ(session->exitStatus(), byDatabase ? 0 : 1);
+    EXPECT_EQ(lines(out).back(), byDatabase ? "closed: no agent profile" : "lost connection");
+    ASSERT_TRUE(run([&] { return !demuxer(); }));
+  }
 }
 
 TEST_F(AgentSessionTest, ARequestWhoseUriDoesNotParseIsFailedWithTheReason) {
@@ -203,7 +181,7 @@ TEST_F(AgentSessionTest, ARequestWhoseUriDoesNotParseIsFailedWithTheReason) {
   ASSERT_TRUE(run([&] { return lines(out).size() == 3; }));
   EXPECT_EQ(lines(out).back(), "mount 2 /agenttest/q flags=w type=");
   EXPECT_FALSE(session->ended());
-  EXPECT_EQ(session->tree().held(), (std::vector<std::string>{"/agenttest/d"}));
+  EXPECT_EQ(session->tree().held(), (Strings{"/agenttest/d"}));
 }
 
 // A database written by hand on a socket pair, for what the real one never sends.
@@ -251,38 +229,49 @@ class AgentSessionProtocolTest : public ::testing::Test {
   std::vector<Wire::WireMessage> got;
 };
 
-TEST_F(AgentSessionProtocolTest, TheHelloIsTheFirstThingSent) {
-  auto const m = received();
-  ASSERT_EQ(m.size(), 1u);
-  EXPECT_EQ(m[0], Wire::WireMessage(Wire::WireHello{5, "a", "a"}));
+// Bytes from the database, and the reason the agent closes with (status 1).
+struct ProtocolError {
+  char const* name;  // the test's name
+  std::string bytes;
+  std::string reason;
+};
+
+void PrintTo(ProtocolError const& e, std::ostream* os) {
+  *os << e.name;
 }
 
-TEST_F(AgentSessionProtocolTest, AMalformedFrameIsAProtocolErrorWithStatusOne) {
-  send(std::string("\0\0\0\x02\x09x", 6));
+class AgentSessionProtocolErrorTest : public AgentSessionProtocolTest,
+                                      public ::testing::WithParamInterface<ProtocolError> {};
+
+TEST_P(AgentSessionProtocolErrorTest, EndsTheSessionWithTheReason) {
+  send(GetParam().bytes);
   runToEnd();
   EXPECT_EQ(session->exitStatus(), 1);
-  EXPECT_EQ(lines(out).back(), "protocol error: unknown message kind 9");
-  auto const m = received();
-  EXPECT_EQ(m.back(), Wire::WireMessage(Wire::WireClose{"unknown message kind 9"}));
+  EXPECT_EQ(lines(out).back(), "protocol error: " + GetParam().reason);
+  EXPECT_EQ(received().back(), Wire::WireMessage(Wire::WireClose{GetParam().reason}));
 }
 
-TEST_F(AgentSessionProtocolTest, AnAnnouncedStateMustFollowItsRequest) {
-  send(Wire::wireFrame(Wire::WireMountRequest{1, "/a?flags=w", "", true}) +
-       Wire::wireFrame(Wire::WireEntityState{2, "/b", "T", false, {}, {}}));
-  runToEnd();
-  EXPECT_EQ(lines(out).back(),
-            "protocol error: expected the state of request 1, got EntityState 2 "
-            "/b type T 0 attributes");
-  EXPECT_EQ(session->exitStatus(), 1);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Messages, AgentSessionProtocolErrorTest,
+    ::testing::Values(
+        ProtocolError{"MalformedFrame", std::string("\0\0\0\x02\x09x", 6),
+                      "unknown message kind 9"},
+        ProtocolError{"StateOfAnotherRequest",
+                      Wire::wireFrame(Wire::WireMountRequest{1, "/a?flags=w", "", true}) +
+                          Wire::wireFrame(Wire::WireEntityState{2, "/b", "T", false, {}, {}}),
+                      "expected the state of request 1, got EntityState 2 /b type T 0 attributes"},
+        ProtocolError{"HelloFromTheDatabase", Wire::wireFrame(Wire::WireHello{5, "db", ""}),
+                      "unexpected Hello from the database"}),
+    [](testing::TestParamInfo<ProtocolError> const& info) { return std::string(info.param.name); });
 
-TEST_F(AgentSessionProtocolTest, TheAnswerWaitsForTheAnnouncedStateWhateverTheSplit) {
+TEST_F(AgentSessionProtocolTest, TheHelloComesFirstTheAnswerWaitsForTheAnnouncedState) {
   std::string const bytes =
       Wire::wireFrame(Wire::WireMountRequest{1, "/a?flags=w", "", true}) +
       Wire::wireFrame(Wire::WireEntityState{1, "/a", "T", false, {{"k", "v"}}, {}});
   send(bytes.substr(0, bytes.size() - 1));
   loop->runFor(1);
-  EXPECT_EQ(received().size(), 1u) << "answered before the state arrived";
+  EXPECT_EQ(received(), (std::vector<Wire::WireMessage>{Wire::WireHello{5, "a", "a"}}))
+      << "the hello comes first, and no answer before the state arrived";
   send(bytes.substr(bytes.size() - 1));
   ASSERT_TRUE(loop->runUntil([&] { return received().size() == 2; }, clock->now() + 60));
   EXPECT_EQ(got[1], Wire::WireMessage(Wire::WireMountAnswer{
@@ -301,15 +290,8 @@ TEST_F(AgentSessionProtocolTest, AnUnreadableUriIsAnsweredAsAFailure) {
   EXPECT_EQ(second.path, "/y");
   EXPECT_FALSE(second.ok);
   EXPECT_FALSE(second.exceptionText.empty());
-  EXPECT_EQ(lines(out), (std::vector<std::string>{
-                            "connected as a",
-                            "mount 4 http://host/x flags= type=", "mount 5 /y flags=Q type="}));
-}
-
-TEST_F(AgentSessionProtocolTest, AMessageOnlyAnAgentSendsIsAProtocolError) {
-  send(Wire::wireFrame(Wire::WireHello{5, "db", ""}));
-  runToEnd();
-  EXPECT_EQ(lines(out).back(), "protocol error: unexpected Hello from the database");
+  EXPECT_EQ(lines(out), (Strings{"connected as a", "mount 4 http://host/x flags= type=",
+                                 "mount 5 /y flags=Q type="}));
 }
 
 }  // namespace

@@ -8,11 +8,11 @@ namespace {
 
 using LedraAgent::LocalTree;
 using Qel::NboAttrLog::WireEntityState;
+using Strings = std::vector<std::string>;
 
 TEST(LocalTreeTest, PathsAreNormalised) {
-  EXPECT_EQ(LocalTree::normalised(""), "/");
-  EXPECT_EQ(LocalTree::normalised("/"), "/");
-  EXPECT_EQ(LocalTree::normalised("//"), "/");
+  for (char const* root : {"", "/", "//"})
+    EXPECT_EQ(LocalTree::normalised(root), "/") << root;
   EXPECT_EQ(LocalTree::normalised("/a//b/"), "/a/b");
   EXPECT_EQ(LocalTree::normalised("a/b"), "/a/b");
 }
@@ -21,11 +21,11 @@ TEST(LocalTreeTest, AMountMakesItsAncestorsWithoutHoldingThem) {
   LocalTree t;
   t.mount("/a/b/c", "T", nullptr);
   EXPECT_EQ(t.nodes(), 4u);
-  EXPECT_EQ(t.held(), (std::vector<std::string>{"/a/b/c"}));
+  EXPECT_EQ(t.held(), Strings{"/a/b/c"});
   ASSERT_TRUE(t.node("/a/b"));
   EXPECT_FALSE(t.node("/a/b")->held);
-  EXPECT_EQ(t.node("/")->entries, (std::set<std::string>{"a"}));
-  EXPECT_EQ(t.node("/a/b")->entries, (std::set<std::string>{"c"}));
+  EXPECT_EQ(t.node("/")->entries, std::set<std::string>{"a"});
+  EXPECT_EQ(t.node("/a/b")->entries, std::set<std::string>{"c"});
   EXPECT_EQ(t.node("/a/b/c")->typeName, "T");
   EXPECT_EQ(t.node("/a/b/c")->mounts, 1u);
   EXPECT_EQ(t.node("/x"), nullptr);
@@ -51,7 +51,7 @@ TEST(LocalTreeTest, HeldPathsAreListedInByteOrderOnce) {
   LocalTree t;
   for (char const* p : {"/b", "/a/z", "/a", "/B", "/a/z/", "/"})
     t.mount(p, "", nullptr);
-  EXPECT_EQ(t.held(), (std::vector<std::string>{"/", "/B", "/a", "/a/z", "/b"}));
+  EXPECT_EQ(t.held(), (Strings{"/", "/B", "/a", "/a/z", "/b"}));
   EXPECT_EQ(t.node("/a/z")->mounts, 2u);
 }
 

@@ -9,6 +9,8 @@
 namespace Ledrad {
 namespace {
 
+using Strings = std::vector<std::string>;
+
 // The demo state under type names of the caller's own (types live as long as the process).
 std::string state(std::string const& ns) {
   return "enum " + ns + "::Power off on\ntype " + ns + "::Box\n  attribute power " + ns +
@@ -17,16 +19,38 @@ std::string state(std::string const& ns) {
          ns + "::Box\n  set power off\n";
 }
 
-class DatabaseTest : public test::DatabaseFixture {};
+class DatabaseTest : public test::DatabaseFixture {
+ protected:
+  // A control command's reply, "error: " before the text of a refusal.
+  std::string run(Strings const& request) {
+    ControlCommands commands(*db, [this](std::string const& l) { events.push_back(l); });
+    ControlReply const reply = commands.execute(request);
+    return (reply.ok ? "" : "error: ") + reply.text;
+  }
+  using DatabaseFixture::run;
+  Strings events;
 
-TEST_F(DatabaseTest, BuildsTheTreeAndTheRootManager) {
+  // "accepted", or the text of what `f` throws.
+  template <class F>
+  static std::string outcome(F&& f) {
+    try {
+      f();
+      return "accepted";
+    } catch (std::exception const& e) {
+      return e.what();
+    }
+  }
+};
+
+TEST_F(DatabaseTest, BuildsTheTreeAndTheRootManagerAndRemovesWhatItAdded) {
   EXPECT_EQ(db->ledraRoot()->fullName(), "/dbTest/Ledra");
   EXPECT_EQ(Cell::cellId(), 2);
   EXPECT_EQ(Qel::ActivityManagerConfig::instance()->systemName(), "dbTest");
-  auto const vars = db->templateVars();
-  EXPECT_EQ(vars.at("%sysname"), "dbTest");
-  EXPECT_EQ(vars.at("%cellId"), "2");
-  EXPECT_EQ(vars.at("%peerCellPath"), "cell/1");
+  EXPECT_EQ(db->templateVars(), (std::map<std::string, std::string>{{"%sysname", "dbTest"},
+                                                                    {"%cellId", "2"},
+                                                                    {"%cellPath", "cell/2"},
+                                                                    {"%peerCellId", "1"},
+                                                                    {"%peerCellPath", "cell/1"}}));
   EXPECT_TRUE(db->entityManager()->active());
   EXPECT_TRUE(db->entityManager()->writeMountsGranted());
   ASSERT_TRUE(db->root());
@@ -34,13 +58,7 @@ TEST_F(DatabaseTest, BuildsTheTreeAndTheRootManager) {
   EXPECT_EQ(db->root()->agentProfileDir(), db->profileDir());
   // The profile directory is not in the tree, where a generic write could delete a profile.
   EXPECT_EQ(db->profileDir()->parent(), nullptr);
-}
-
-TEST_F(DatabaseTest, RefusesASystemNameThatCannotNameADirectory) {
   EXPECT_THROW(Database(Database::Config{"a/b", 1}), std::invalid_argument);
-}
-
-TEST_F(DatabaseTest, DestructionRemovesWhatItAddedToTheTree) {
   db->loadState({file("top.state", "dir /elsewhere/x\n")});
   EXPECT_TRUE(Qel::globalDir()->entry("elsewhere"));
   db.reset();
@@ -55,43 +73,25 @@ TEST_F(DatabaseTest, LoadsFilesOneByOneAndStopsAtTheFirstRefusal) {
                         "profile a\n rootFlags N\n group g 1\n  mount /dbTest/Ledra Qel::Dir\n"
                         "profile b\n group g 1\n  mount /dbTest/Ledra Qel::Dir x\n");
   auto const never = file("c.profile", "profile c\n group g 1\n  mount /dbTest/Ledra Qel::Dir\n");
-  try {
-    db->loadProfiles({good, bad, never});
-    FAIL() << "accepted";
-  } catch (FileError const& e) {
-    EXPECT_EQ(e.what(), bad + ":7: unknown flag letter 'x' in 'x' (letters: w f c i S D B)");
-  }
+  EXPECT_EQ(outcome([&] {
+              db->loadProfiles({good, bad, never});
+            }),
+            bad + ":7: unknown flag letter 'x' in 'x' (letters: w f c i S D B)");
   ASSERT_TRUE(db->profileDir()->agentProfile("a"));
   EXPECT_EQ(db->profileDir()->agentProfile("a")->rootFlags(), "");
   EXPECT_FALSE(db->profileDir()->agentProfile("b"));
   EXPECT_FALSE(db->profileDir()->agentProfile("c"));
   EXPECT_EQ(db->loadProfiles({good, never}),
-            (std::vector<std::string>{good + ": 1 profile (0 new, 0 changed, 1 unchanged)",
-                                      never + ": 1 profile (1 new, 0 changed, 0 unchanged)"}));
-}
-
-TEST_F(DatabaseTest, LoadsStateWithTemplatePaths) {
-  auto const path = file("s.state", state("DbLoadTest"));
-  EXPECT_EQ(db->loadState({path}),
-            (std::vector<std::string>{path + ": 2 types defined, 0 directories and 1 entity "
-                                             "created, 1 value written"}));
-  EXPECT_TRUE(Qel::globalDir()->entity("/dbTest/Ledra/box"));
-  // Loading it again defines nothing new and creates nothing.
-  EXPECT_EQ(db->loadState({path}),
-            (std::vector<std::string>{path + ": 0 types defined, 0 directories and 0 entities "
-                                             "created, 1 value written"}));
+            (Strings{good + ": 1 profile (0 new, 0 changed, 1 unchanged)",
+                     never + ": 1 profile (1 new, 0 changed, 0 unchanged)"}));
 }
 
 TEST_F(DatabaseTest, ProfileConditionsAreCheckedAgainstTheLoadedState) {
   db->loadState({file("s.state", state("DbCondTest"))});
   auto const bad =
       file("c.profile", "profile a\n group g 1\n  condition dim == /%sysname/Ledra/box.power\n");
-  try {
-    db->loadProfiles({bad});
-    FAIL() << "accepted";
-  } catch (FileError const& e) {
-    EXPECT_EQ(e.what(), bad + ":3: condition: 'dim' is not an enumerator of DbCondTest::Power");
-  }
+  EXPECT_EQ(outcome([&] { db->loadProfiles({bad}); }),
+            bad + ":3: condition: 'dim' is not an enumerator of DbCondTest::Power");
   EXPECT_FALSE(db->profileDir()->agentProfile("a"));
 }
 
@@ -100,13 +100,8 @@ TEST_F(DatabaseTest, SetWritesThroughTheGenericView) {
   EXPECT_EQ(db->set("/dbTest/Ledra/box", "power", "on"), "/dbTest/Ledra/box power: off -> on");
   EXPECT_EQ(db->set("/dbTest/Ledra/box", "tags[x]", "true"),
             "/dbTest/Ledra/box tags[x]: (none) -> true");
-  auto refusal = [&](char const* path, char const* attribute, char const* value) {
-    try {
-      db->set(path, attribute, value);
-      return std::string("accepted");
-    } catch (std::runtime_error const& e) {
-      return std::string(e.what());
-    }
+  auto const refusal = [&](char const* path, char const* attribute, char const* value) {
+    return outcome([&] { db->set(path, attribute, value); });
   };
   EXPECT_EQ(refusal("/dbTest/Ledra/none", "power", "on"), "no entity at /dbTest/Ledra/none");
   EXPECT_EQ(refusal("/dbTest/Ledra/box", "volume", "1"),
@@ -120,63 +115,41 @@ TEST_F(DatabaseTest, SetWritesThroughTheGenericView) {
             "/dbTest/Ledra/box name: attribute name of DbSetTest::Box is read-only");
 }
 
-class CommandsTest : public test::DatabaseFixture {
- protected:
-  ControlReply run(std::vector<std::string> const& request) {
-    ControlCommands commands(*db, [this](std::string const& l) { events.push_back(l); });
-    return commands.execute(request);
-  }
-  std::vector<std::string> events;
-};
-
-TEST_F(CommandsTest, UnknownAndMalformedCommandsAreRefused) {
-  auto const unknown = run({"frob"});
-  EXPECT_FALSE(unknown.ok);
-  EXPECT_EQ(unknown.text, "unknown command 'frob'\n" + ControlCommands::usage());
-  EXPECT_EQ(run({"set", "/a", "b"}).text, "usage: set PATH ATTRIBUTE VALUE\n");
-  EXPECT_EQ(run({"load-state"}).text, "usage: load-state FILE...\n");
-  EXPECT_EQ(run({"status", "--yaml"}).text, "status: unknown option '--yaml'\n");
-  EXPECT_EQ(run({"status", "nobody"}).text, "status: no agent 'nobody'\n");
-  EXPECT_EQ(run({"set", "/nowhere", "a", "b"}).text, "no entity at /nowhere\n");
+TEST_F(DatabaseTest, CommandUnknownAndMalformedCommandsAreRefused) {
+  EXPECT_EQ(run({"frob"}), "error: unknown command 'frob'\n" + ControlCommands::usage());
+  EXPECT_EQ(run({"set", "/a", "b"}), "error: usage: set PATH ATTRIBUTE VALUE\n");
+  EXPECT_EQ(run({"load-state"}), "error: usage: load-state FILE...\n");
+  EXPECT_EQ(run({"status", "--yaml"}), "error: status: unknown option '--yaml'\n");
+  EXPECT_EQ(run({"status", "nobody"}), "error: status: no agent 'nobody'\n");
+  EXPECT_EQ(run({"set", "/nowhere", "a", "b"}), "error: no entity at /nowhere\n");
   EXPECT_TRUE(events.empty());
 }
 
-TEST_F(CommandsTest, LoadsAndSetsAndTellsTheEvents) {
+TEST_F(DatabaseTest, CommandLoadsAndSetsAndTellsTheEvents) {
   auto const state = file("s.state", Ledrad::state("CmdTest"));
   auto const bad = file("bad.state", "type X\n  attribute y nothing\n");
-  auto const loaded = run({"load-state", state});
-  EXPECT_TRUE(loaded.ok);
-  EXPECT_EQ(loaded.text, "loaded " + state +
-                             ": 2 types defined, 0 directories and 1 entity created, 1 value "
-                             "written\n");
-  auto const refused = run({"load-state", state, bad});
-  EXPECT_FALSE(refused.ok);
-  EXPECT_EQ(refused.text, "loaded " + state +
-                              ": 0 types defined, 0 directories and 0 entities created, 1 value "
-                              "written\nrefused " +
-                              bad + ":2: unknown type 'nothing' (nothing of it applied)\n");
-  auto const set = run({"set", "/dbTest/Ledra/box", "level", "7"});
-  EXPECT_TRUE(set.ok);
-  EXPECT_EQ(set.text, "/dbTest/Ledra/box level: 0 -> 7\n");
-  EXPECT_EQ(events, (std::vector<std::string>{
-                        "loaded state " + state +
-                            ": 2 types defined, 0 directories and 1 entity created, 1 value "
-                            "written",
-                        "loaded state " + state +
-                            ": 0 types defined, 0 directories and 0 entities created, 1 value "
-                            "written",
-                        "refused " + bad + ":2: unknown type 'nothing'",
-                        "set /dbTest/Ledra/box level: 0 -> 7"}));
+  std::string const first = state +
+                            ": 2 types defined, 0 directories and 1 entity created, 1 "
+                            "value written";
+  std::string const again = state +
+                            ": 0 types defined, 0 directories and 0 entities created, 1 "
+                            "value written";
+  EXPECT_EQ(run({"load-state", state}), "loaded " + first + "\n");
+  EXPECT_EQ(run({"load-state", state, bad}), "error: loaded " + again + "\nrefused " + bad +
+                                                 ":2: unknown type 'nothing' (nothing of it "
+                                                 "applied)\n");
+  EXPECT_EQ(run({"set", "/dbTest/Ledra/box", "level", "7"}), "/dbTest/Ledra/box level: 0 -> 7\n");
+  EXPECT_EQ(events, (Strings{"loaded state " + first, "loaded state " + again,
+                             "refused " + bad + ":2: unknown type 'nothing'",
+                             "set /dbTest/Ledra/box level: 0 -> 7"}));
 }
 
-TEST_F(CommandsTest, StatusOfNoAgentIsTheSummaryLine) {
-  file("p.profile", "profile a\n group g 1\n  mount /dbTest/Ledra Qel::Dir\n");
-  run({"load-profiles", (dir_ / "p.profile").string()});
-  auto const status = run({"status"});
-  EXPECT_TRUE(status.ok);
-  EXPECT_EQ(status.text,
+TEST_F(DatabaseTest, CommandStatusOfNoAgentIsTheSummaryLine) {
+  run({"load-profiles",
+       file("p.profile", "profile a\n group g 1\n  mount /dbTest/Ledra Qel::Dir\n")});
+  EXPECT_EQ(run({"status"}),
             "ledrad: system dbTest, cell 2, root /dbTest/Ledra, 1 profile(s): a, 0 agent(s)\n");
-  EXPECT_EQ(run({"status", "--json"}).text, R"({
+  EXPECT_EQ(run({"status", "--json"}), R"({
   "system": "dbTest",
   "cell": 2,
   "root": "/dbTest/Ledra",

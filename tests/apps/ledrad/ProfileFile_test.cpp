@@ -12,6 +12,8 @@
 namespace Ledrad {
 namespace {
 
+using Strings = std::vector<std::string>;
+
 constexpr char const* kFull = R"(# every field of the format
 profile fan-
   rootFlags N
@@ -40,152 +42,98 @@ profile other
     mount /a Qel::Dir fwciSDB
 )";
 
-TEST(ProfileFileParse, ReadsEveryField) {
-  ProfileFile const pf = ProfileFile::parse(kFull, "full.profile");
-  ASSERT_EQ(pf.profiles().size(), 2u);
-  StagedProfile const& p = pf.profiles()[0];
-  EXPECT_EQ(p.name, "fan-");
-  EXPECT_EQ(p.line, 2);
-  EXPECT_EQ(p.rootFlags, "N");
-  EXPECT_TRUE(p.noDefaultMountGroup);
-  EXPECT_TRUE(p.hybridMount);
-  EXPECT_TRUE(p.lowMountPrio);
-  EXPECT_EQ(p.templateKeys, (std::map<unsigned, std::string>{{1, "%slot"}, {2, "%rest$"}}));
-  EXPECT_EQ(p.aliasKeys, (std::map<std::string, std::string>{{"%s", "%slot"}}));
-  ASSERT_EQ(p.groups.size(), 2u);
-  StagedGroup const& base = p.groups[0];
-  EXPECT_EQ(base.name, "base");
-  EXPECT_EQ(base.priority, 10u);
-  EXPECT_FALSE(base.blocking);
-  EXPECT_TRUE(base.conditions.empty());
-  EXPECT_EQ(base.entireCondition, "");
-  ASSERT_EQ(base.mounts.size(), 2u);
-  EXPECT_EQ(base.mounts[0].path, "/%sysname/Ledra/hw");
-  EXPECT_EQ(base.mounts[0].type, "Qel::Dir");
-  EXPECT_EQ(base.mounts[0].flags, "");
-  EXPECT_EQ(base.mounts[1].flags, "wi");
-  EXPECT_EQ(base.mounts[1].line, 13);
-  StagedGroup const& late = p.groups[1];
-  EXPECT_TRUE(late.blocking);
-  EXPECT_EQ(late.conditions,
-            (std::vector<std::string>{"on == /%sysname/Ledra/hw/chassis.power",
-                                      "2 <= len( /%sysname/Ledra/hw/chassis.ready )"}));
-  EXPECT_EQ(late.conditionLines, (std::vector<int>{16, 17}));
-  // Without an entireCondition line the conditions joined make the group's whole condition.
-  EXPECT_EQ(
-      late.entireCondition,
-      "on == /%sysname/Ledra/hw/chassis.power && 2 <= len( /%sysname/Ledra/hw/chassis.ready )");
-  EXPECT_EQ(late.templateConditions,
-            (std::map<std::string, bool>{{"%slot != NULL", true}, {"%slot notin 9", true}}));
-  EXPECT_EQ(late.mounts[0].flags, "wc");
-  StagedGroup const& only = pf.profiles()[1].groups[0];
-  EXPECT_EQ(only.priority, 99u);
-  EXPECT_EQ(only.entireCondition, "everything");
-  EXPECT_EQ(only.mounts[0].flags, "fwciSDB");
-}
-
-TEST(ProfileFileParse, EmptyRootFlagsAndCrLfLines) {
-  ProfileFile const pf =
-      ProfileFile::parse("profile a\r\n  rootFlags\r\n  group g 1\r\n  mount /a Qel::Dir\r\n", "f");
-  EXPECT_EQ(pf.profiles()[0].rootFlags, "");
-  EXPECT_EQ(pf.profiles()[0].groups[0].mounts[0].type, "Qel::Dir");
+// The file's text, or the FileError it raises.
+template <class F>
+std::string outcome(F&& f) {
+  try {
+    f();
+    return "accepted";
+  } catch (FileError const& e) {
+    return e.what();
+  }
 }
 
 struct Refusal {
   char const* text;
-  char const* error;
+  int line;
+  char const* reason;
 };
 
 class ProfileFileRefusal : public ::testing::TestWithParam<Refusal> {};
 
 TEST_P(ProfileFileRefusal, NamesFileLineAndReason) {
-  try {
-    ProfileFile::parse(GetParam().text, "bad.profile");
-    FAIL() << "accepted";
-  } catch (FileError const& e) {
-    EXPECT_STREQ(e.what(), GetParam().error);
-  }
+  EXPECT_EQ(outcome([this] { ProfileFile::parse(GetParam().text, "bad.profile"); }),
+            "bad.profile:" + std::to_string(GetParam().line) + ": " + GetParam().reason);
 }
 
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Lines, ProfileFileRefusal, ::testing::Values(
-  Refusal{"profile a\n  grup g 1\n", "bad.profile:2: unknown keyword 'grup'"},
-  Refusal{"group g 1\n", "bad.profile:1: 'group' outside a profile"},
-  Refusal{"mount /a Qel::Dir\n", "bad.profile:1: 'mount' outside a group"},
-  Refusal{"rootFlags N\n", "bad.profile:1: 'rootFlags' outside a profile"},
-  Refusal{"profile\n", "bad.profile:1: expected: profile NAME"},
-  Refusal{"profile a b\n", "bad.profile:1: expected: profile NAME"},
-  Refusal{"profile a/b\n", "bad.profile:1: profile name 'a/b' may not hold '/'"},
-  Refusal{"profile a\n group g 1\n  mount /a T\nprofile a\n",
-          "bad.profile:4: profile 'a' is defined twice (first at line 1)"},
-  Refusal{"profile a\n", "bad.profile:1: profile 'a' has no mount group"},
-  Refusal{"profile a\nprofile b\n group g 1\n", "bad.profile:1: profile 'a' has no mount group"},
-  Refusal{"profile a\n group g 0\n", "bad.profile:2: priority must be a whole number from 1 to 99, not '0'"},
-  Refusal{"profile a\n group g 100\n", "bad.profile:2: priority must be a whole number from 1 to 99, not '100'"},
-  Refusal{"profile a\n group g x\n", "bad.profile:2: priority must be a whole number from 1 to 99, not 'x'"},
-  Refusal{"profile a\n group g\n", "bad.profile:2: expected: group NAME PRIORITY"},
-  Refusal{"profile a\n group g 1\n group g 2\n",
-          "bad.profile:3: group 'g' is defined twice in profile 'a' (first at line 2)"},
-  Refusal{"profile a\n group g 1\n rootFlags N\n",
-          "bad.profile:3: profile setting 'rootFlags' must come before the first group of profile 'a'"},
-  Refusal{"profile a\n rootFlags N\n rootFlags N\n", "bad.profile:3: rootFlags is set twice in profile 'a'"},
-  Refusal{"profile a\n rootFlags x\n", "bad.profile:2: unknown root flag letter 'x' in 'x' (letters: w f c i S N)"},
-  Refusal{"profile a\n hybridMount yes\n", "bad.profile:2: 'yes' is not a boolean (true or false)"},
-  Refusal{"profile a\n lowMountPrio\n", "bad.profile:2: expected: lowMountPrio true|false"},
-  Refusal{"profile a\n templateKey x %k\n", "bad.profile:2: template key position must be a whole number, not 'x'"},
-  Refusal{"profile a\n templateKey 1 k\n", "bad.profile:2: template key 'k' must begin with '%' and name a key"},
-  Refusal{"profile a\n templateKey 1 %\n", "bad.profile:2: template key '%' must begin with '%' and name a key"},
-  Refusal{"profile a\n templateKey 1 %a-b\n", "bad.profile:2: template key '%a-b' may not hold '/', '-' or a second '%'"},
-  Refusal{"profile a\n templateKey 1 %k\n templateKey 1 %j\n", "bad.profile:3: template key position 1 is used twice"},
-  Refusal{"profile a\n templateKey 1 %k\n templateKey 2 %k$\n", "bad.profile:3: template key '%k' is given twice"},
-  Refusal{"profile a\n aliasKey s %k\n", "bad.profile:2: alias 's' must begin with '%' and name a key"},
-  Refusal{"profile a\n aliasKey %s k\n", "bad.profile:2: alias target 'k' must begin with '%' and name a key"},
-  Refusal{"profile a\n aliasKey %s %k\n aliasKey %s %j\n", "bad.profile:3: alias '%s' is given twice"},
-  Refusal{"profile a\n group g 1\n  blocking maybe\n", "bad.profile:3: 'maybe' is not a boolean (true or false)"},
-  Refusal{"profile a\n group g 1\n  blocking true\n  blocking false\n", "bad.profile:4: blocking is set twice in group 'g'"},
-  Refusal{"profile a\n group g 1\n  mount a Qel::Dir\n", "bad.profile:3: mount path 'a' does not begin with '/'"},
-  Refusal{"profile a\n group g 1\n  mount /a/ Qel::Dir\n", "bad.profile:3: mount path '/a/' ends with '/'"},
-  Refusal{"profile a\n group g 1\n  mount /a\n", "bad.profile:3: expected: mount PATH TYPE [FLAGS]"},
-  Refusal{"profile a\n group g 1\n  mount /a T w x\n", "bad.profile:3: expected: mount PATH TYPE [FLAGS]"},
-  Refusal{"profile a\n group g 1\n  mount /a \"\"\n", "bad.profile:3: mount type is empty"},
-  Refusal{"profile a\n group g 1\n  mount /a T wr\n", "bad.profile:3: unknown flag letter 'r' in 'wr' (letters: w f c i S D B)"},
-  Refusal{"profile a\n group g 1\n  mount /a T\n  mount /a T w\n",
-          "bad.profile:4: mount path '/a' is listed twice in group 'g' (first at line 3)"},
-  Refusal{"profile a\n group g 1\n  mount /a T\n group h 2\n  mount /a/b T\n",
-          "bad.profile:3: mount '/a' of type 'T' holds the mount '/a/b' (line 5); a parent mount must be of type Qel::Dir"},
-  Refusal{"profile a\n group g 1\n  condition 1 =~ /a.b\n",
-          "bad.profile:3: condition: unknown operator '=~' (one of == != <= >= < > in notin)"},
-  Refusal{"profile a\n group g 1\n  condition 1.5 == /a.b\n",
-          "bad.profile:3: condition: the constant '1.5' holds a dot, which ends a token"},
-  Refusal{"profile a\n group g 1\n  condition 1 == /a\n",
-          "bad.profile:3: condition: condition '1 == /a' is incomplete (expected CONSTANT OPERATOR [len(] PATH.ATTRIBUTE)"},
-  Refusal{"profile a\n group g 1\n  condition 1 == len( /a\n",
-          "bad.profile:3: condition: condition '1 == len( /a' is incomplete (expected CONSTANT OPERATOR [len(] PATH.ATTRIBUTE)"},
-  Refusal{"profile a\n group g 1\n  condition 1 == a.b\n",
-          "bad.profile:3: condition: the entity path 'a' does not begin with '/'"},
-  Refusal{"profile a\n group g 1\n  condition\n",
-          "bad.profile:3: expected: condition CONSTANT OPERATOR [len(] PATH.ATTRIBUTE"},
-  Refusal{"profile a\n group g 1\n  templateCondition %a < 1\n",
-          "bad.profile:3: template condition operator '<' is not one of == != in notin"},
-  Refusal{"profile a\n group g 1\n  templateCondition %a ==\n",
-          "bad.profile:3: template condition '%a ==' needs exactly TEMPLATE OPERATOR VALUE"},
-  Refusal{"profile a\n group g 1\n  templateCondition %a == 1\n  templateCondition %a == 1\n",
-          "bad.profile:4: template condition '%a == 1' is given twice"},
-  Refusal{"profile a\n group g 1\n  entireCondition x\n  entireCondition y\n",
-          "bad.profile:4: entireCondition is set twice in group 'g'"},
-  Refusal{"profile \"a\n", "bad.profile:1: unterminated quoted text"},
-  Refusal{"profile \"a\"b\n", "bad.profile:1: text after a closing quote"},
-  Refusal{"profile \"a\\qb\"\n", "bad.profile:1: unknown escape \\q in quoted text"}));
+  Refusal{"profile a\n  grup g 1\n", 2, "unknown keyword 'grup'"},
+  Refusal{"group g 1\n", 1, "'group' outside a profile"},
+  Refusal{"mount /a Qel::Dir\n", 1, "'mount' outside a group"},
+  Refusal{"rootFlags N\n", 1, "'rootFlags' outside a profile"},
+  Refusal{"profile\n", 1, "expected: profile NAME"},
+  Refusal{"profile a b\n", 1, "expected: profile NAME"},
+  Refusal{"profile a/b\n", 1, "profile name 'a/b' may not hold '/'"},
+  Refusal{"profile a\n group g 1\n  mount /a T\nprofile a\n", 4, "profile 'a' is defined twice (first at line 1)"},
+  Refusal{"profile a\n", 1, "profile 'a' has no mount group"},
+  Refusal{"profile a\nprofile b\n group g 1\n", 1, "profile 'a' has no mount group"},
+  Refusal{"profile a\n group g 0\n", 2, "priority must be a whole number from 1 to 99, not '0'"},
+  Refusal{"profile a\n group g 100\n", 2, "priority must be a whole number from 1 to 99, not '100'"},
+  Refusal{"profile a\n group g x\n", 2, "priority must be a whole number from 1 to 99, not 'x'"},
+  Refusal{"profile a\n group g\n", 2, "expected: group NAME PRIORITY"},
+  Refusal{"profile a\n group g 1\n group g 2\n", 3, "group 'g' is defined twice in profile 'a' (first at line 2)"},
+  Refusal{"profile a\n group g 1\n rootFlags N\n", 3, "profile setting 'rootFlags' must come before the first group of profile 'a'"},
+  Refusal{"profile a\n rootFlags N\n rootFlags N\n", 3, "rootFlags is set twice in profile 'a'"},
+  Refusal{"profile a\n rootFlags x\n", 2, "unknown root flag letter 'x' in 'x' (letters: w f c i S N)"},
+  Refusal{"profile a\n hybridMount yes\n", 2, "'yes' is not a boolean (true or false)"},
+  Refusal{"profile a\n lowMountPrio\n", 2, "expected: lowMountPrio true|false"},
+  Refusal{"profile a\n templateKey x %k\n", 2, "template key position must be a whole number, not 'x'"},
+  Refusal{"profile a\n templateKey 1 k\n", 2, "template key 'k' must begin with '%' and name a key"},
+  Refusal{"profile a\n templateKey 1 %\n", 2, "template key '%' must begin with '%' and name a key"},
+  Refusal{"profile a\n templateKey 1 %a-b\n", 2, "template key '%a-b' may not hold '/', '-' or a second '%'"},
+  Refusal{"profile a\n templateKey 1 %k\n templateKey 1 %j\n", 3, "template key position 1 is used twice"},
+  Refusal{"profile a\n templateKey 1 %k\n templateKey 2 %k$\n", 3, "template key '%k' is given twice"},
+  Refusal{"profile a\n aliasKey s %k\n", 2, "alias 's' must begin with '%' and name a key"},
+  Refusal{"profile a\n aliasKey %s k\n", 2, "alias target 'k' must begin with '%' and name a key"},
+  Refusal{"profile a\n aliasKey %s %k\n aliasKey %s %j\n", 3, "alias '%s' is given twice"},
+  Refusal{"profile a\n group g 1\n  blocking maybe\n", 3, "'maybe' is not a boolean (true or false)"},
+  Refusal{"profile a\n group g 1\n  blocking true\n  blocking false\n", 4, "blocking is set twice in group 'g'"},
+  Refusal{"profile a\n group g 1\n  mount a Qel::Dir\n", 3, "mount path 'a' does not begin with '/'"},
+  Refusal{"profile a\n group g 1\n  mount /a/ Qel::Dir\n", 3, "mount path '/a/' ends with '/'"},
+  Refusal{"profile a\n group g 1\n  mount /a\n", 3, "expected: mount PATH TYPE [FLAGS]"},
+  Refusal{"profile a\n group g 1\n  mount /a T w x\n", 3, "expected: mount PATH TYPE [FLAGS]"},
+  Refusal{"profile a\n group g 1\n  mount /a \"\"\n", 3, "mount type is empty"},
+  Refusal{"profile a\n group g 1\n  mount /a T wr\n", 3, "unknown flag letter 'r' in 'wr' (letters: w f c i S D B)"},
+  Refusal{"profile a\n group g 1\n  mount /a T\n  mount /a T w\n", 4, "mount path '/a' is listed twice in group 'g' (first at line 3)"},
+  Refusal{"profile a\n group g 1\n  mount /a T\n group h 2\n  mount /a/b T\n", 3,
+          "mount '/a' of type 'T' holds the mount '/a/b' (line 5); a parent mount must be of type Qel::Dir"},
+  Refusal{"profile a\n group g 1\n  condition 1 =~ /a.b\n", 3, "condition: unknown operator '=~' (one of == != <= >= < > in notin)"},
+  Refusal{"profile a\n group g 1\n  condition\n", 3, "expected: condition CONSTANT OPERATOR [len(] PATH.ATTRIBUTE"},
+  Refusal{"profile a\n group g 1\n  templateCondition %a < 1\n", 3, "template condition operator '<' is not one of == != in notin"},
+  Refusal{"profile a\n group g 1\n  templateCondition %a ==\n", 3, "template condition '%a ==' needs exactly TEMPLATE OPERATOR VALUE"},
+  Refusal{"profile a\n group g 1\n  templateCondition %a == 1\n  templateCondition %a == 1\n", 4, "template condition '%a == 1' is given twice"},
+  Refusal{"profile a\n group g 1\n  entireCondition x\n  entireCondition y\n", 4, "entireCondition is set twice in group 'g'"},
+  Refusal{"profile \"a\n", 1, "unterminated quoted text"},
+  Refusal{"profile \"a\"b\n", 1, "text after a closing quote"},
+  Refusal{"profile \"a\\qb\"\n", 1, "unknown escape \\q in quoted text"}));
 // clang-format on
 
 TEST(ProfileFileLoad, UnreadableFileIsRefusedWithoutLine) {
-  try {
-    ProfileFile::load("/nonexistent/x.profile");
-    FAIL() << "accepted";
-  } catch (FileError const& e) {
-    EXPECT_EQ(e.line(), 0);
-    EXPECT_STREQ(e.what(), "/nonexistent/x.profile: cannot read: No such file or directory");
-  }
+  EXPECT_EQ(outcome([] { ProfileFile::load("/nonexistent/x.profile"); }),
+            "/nonexistent/x.profile: cannot read: No such file or directory");
+}
+
+// "priority [blocking] {entire condition} [condition]... | mount path type flags...".
+std::string describe(Ledra::PassiveMountGroup::Ptr const& g) {
+  if (!g) return "no group";
+  std::string out = std::to_string(g->priority()) + (g->blockingConditional() ? " blocking" : "") +
+                    " {" + g->entireCondition() + "}";
+  for (Qel::U32 i = 0; i < g->conditionCols(); ++i)
+    out += " [" + *g->conditionCol(i) + "]";
+  for (auto const& [path, mount] : g->mountProfile())
+    out += " | " + mount.path() + " " + mount.type() + " " + mount.flags();
+  return out;
 }
 
 // A run-time type whose attributes exercise every check of the conditions against the tree.
@@ -200,111 +148,100 @@ Qel::QelType const* gadgetType() {
   return t;
 }
 
-class ProfileFileConditions : public Ledra::test::LeakCheckedTest {
+// A gadget at /profileFileTest/gadget for the conditions, and an empty profile directory.
+class ProfileFileTest : public Ledra::test::LeakCheckedTest {
  protected:
   void SetUp() override {
     LeakCheckedTest::SetUp();
-    auto gadget = gadgetType()->newEntity("gadget");
-    Qel::globalDir()->dirIs("profileFileTest")->entryIs(gadget);
+    Qel::globalDir()->dirIs("profileFileTest")->entryIs(gadgetType()->newEntity("gadget"));
+    dir_ = Ledra::PassiveAgentProfileDir::agentProfileDirNew("profiles");
   }
   void TearDown() override {
+    dir_.reset();
     Qel::globalDir()->entryDel("profileFileTest");
     LeakCheckedTest::TearDown();
   }
   static std::string check(std::string const& condition) {
     std::string const text =
         "profile a\n group g 1\n  condition " + condition + "\n  mount /a Qel::Dir\n";
-    try {
-      ProfileFile::parse(text, "c.profile").checkConditions();
-      return "accepted";
-    } catch (FileError const& e) {
-      return e.what();
-    }
-  }
-};
-
-TEST_F(ProfileFileConditions, AcceptsWhatTheEngineCanWatch) {
-  EXPECT_EQ(check("on == /profileFileTest/gadget.power"), "accepted");
-  EXPECT_EQ(check("5 < /profileFileTest/gadget.count"), "accepted");
-  EXPECT_EQ(check("x in /profileFileTest/gadget.ready"), "accepted");
-  EXPECT_EQ(check("2 <= len( /profileFileTest/gadget.ready )"), "accepted");
-  EXPECT_EQ(check("0 == /profileFileTest/gadget.peer"), "accepted");
-  // An entity that is not there yet is waited for at run time.
-  EXPECT_EQ(check("1 == /profileFileTest/absent.count"), "accepted");
-}
-
-TEST_F(ProfileFileConditions, RefusesWhatWouldStopTheProcess) {
-  EXPECT_EQ(check("1 == /profileFileTest/gadget.nothing"),
-            "c.profile:3: condition: the ProfileFileTest::Gadget at /profileFileTest/gadget has no "
-            "attribute 'nothing'");
-  EXPECT_EQ(check("maybe == /profileFileTest/gadget.power"),
-            "c.profile:3: condition: 'maybe' is not an enumerator of ProfileFileTest::Power");
-  EXPECT_EQ(check("0 < /profileFileTest/gadget.peer"),
-            "c.profile:3: condition: the pointer attribute 'peer' compares only with == and !=");
-  EXPECT_EQ(check("x < /profileFileTest/gadget.ready"),
-            "c.profile:3: condition: the collection 'ready' compares only with == != in notin or "
-            "len(");
-  EXPECT_EQ(check("1 == len( /profileFileTest/gadget.count )"),
-            "c.profile:3: condition: len( needs a collection, and 'count' is none");
-}
-
-TEST_F(ProfileFileConditions, ReservedTemplateKeysAreResolvedOthersSkipped) {
-  auto& reserved = Ledra::globalReservedTemplateKeyDict();
-  auto const saved = reserved;
-  reserved["%sysname"] = "profileFileTest";
-  EXPECT_EQ(check("1 == /%sysname/gadget.nothing"),
-            "c.profile:3: condition: the ProfileFileTest::Gadget at /profileFileTest/gadget has no "
-            "attribute 'nothing'");
-  // An agent's own key is known only when the agent connects.
-  EXPECT_EQ(check("1 == /profileFileTest/%slot.nothing"), "accepted");
-  reserved = saved;
-}
-
-class ProfileFileApply : public Ledra::test::LeakCheckedTest {
- protected:
-  void SetUp() override {
-    LeakCheckedTest::SetUp();
-    dir_ = Ledra::PassiveAgentProfileDir::agentProfileDirNew("profiles");
-  }
-  void TearDown() override {
-    dir_.reset();
-    LeakCheckedTest::TearDown();
+    return outcome([&] { ProfileFile::parse(text, "c.profile").checkConditions(); });
   }
   Ledra::PassiveAgentProfileDir::Ptr dir_;
 };
 
-TEST_F(ProfileFileApply, CreatesProfilesWithEveryField) {
-  auto const applied = ProfileFile::parse(kFull, "full.profile").applyTo(*dir_);
-  EXPECT_EQ(applied.profilesCreated, 2u);
+TEST_F(ProfileFileTest, AcceptsWhatTheEngineCanWatchRefusesWhatWouldStopTheProcess) {
+  auto& reserved = Ledra::globalReservedTemplateKeyDict();
+  auto const saved = reserved;
+  reserved["%sysname"] = "profileFileTest";
+  std::string const refused = "c.profile:3: condition: ";
+  std::string const noAttribute =
+      refused + "the ProfileFileTest::Gadget at /profileFileTest/gadget has no attribute 'nothing'";
+  // clang-format off
+  std::pair<char const*, std::string> const cases[] = {
+      {"on == /profileFileTest/gadget.power", "accepted"},
+      {"5 < /profileFileTest/gadget.count", "accepted"},
+      {"x in /profileFileTest/gadget.ready", "accepted"},
+      {"2 <= len( /profileFileTest/gadget.ready )", "accepted"},
+      {"0 == /profileFileTest/gadget.peer", "accepted"},
+      {"1 == /profileFileTest/absent.count", "accepted"},  // waited for at run time
+      {"1 == /profileFileTest/%slot.nothing", "accepted"},  // known when the agent connects
+      {"1 == /profileFileTest/gadget.nothing", noAttribute},
+      {"1 == /%sysname/gadget.nothing", noAttribute},  // reserved keys are resolved
+      {"maybe == /profileFileTest/gadget.power", refused + "'maybe' is not an enumerator of ProfileFileTest::Power"},
+      {"0 < /profileFileTest/gadget.peer", refused + "the pointer attribute 'peer' compares only with == and !="},
+      {"x < /profileFileTest/gadget.ready", refused + "the collection 'ready' compares only with == != in notin or len("},
+      {"1 == len( /profileFileTest/gadget.count )", refused + "len( needs a collection, and 'count' is none"}};
+  // clang-format on
+  for (auto const& [condition, expected] : cases)
+    EXPECT_EQ(check(condition), expected) << condition;
+  reserved = saved;
+}
+
+TEST_F(ProfileFileTest, ReadsAndAppliesEveryField) {
+  ProfileFile const pf = ProfileFile::parse(kFull, "full.profile");
+  StagedProfile const& staged = pf.profiles()[0];
+  EXPECT_EQ(staged.line, 2);
+  EXPECT_EQ(staged.groups[0].mounts[1].line, 13);
+  EXPECT_EQ(staged.groups[1].conditionLines, (std::vector<int>{16, 17}));
+  EXPECT_EQ(pf.applyTo(*dir_).profilesCreated, 2u);
   auto p = dir_->agentProfile("fan-");
   ASSERT_TRUE(p);
   EXPECT_EQ(p->rootFlags(), "N");
-  EXPECT_TRUE(p->noDefaultMountGroup());
-  EXPECT_TRUE(p->hybridMount());
-  EXPECT_TRUE(p->lowMountPrio());
-  EXPECT_EQ(*p->templateKey(2), "%rest$");
+  EXPECT_TRUE(p->noDefaultMountGroup() && p->hybridMount() && p->lowMountPrio());
+  EXPECT_EQ(*p->templateKey(1) + " " + *p->templateKey(2), "%slot %rest$");
   EXPECT_EQ(*p->aliasKey("%s"), "%slot");
-  auto late = p->mountGroup("late");
-  ASSERT_TRUE(late);
-  EXPECT_EQ(late->priority(), 20u);
-  EXPECT_TRUE(late->blockingConditional());
-  ASSERT_EQ(late->conditionCols(), 2u);
-  EXPECT_EQ(*late->conditionCol(0), "on == /%sysname/Ledra/hw/chassis.power");
+  EXPECT_EQ(p->mountGroups(), 2u);
+  EXPECT_EQ(describe(p->mountGroup("base")),
+            "10 {} | /%sysname/Ledra/hw Qel::Dir  | /%sysname/Ledra/hw/fan/%slot Demo::Fan wi");
+  // Without an entireCondition line the conditions joined make the group's whole condition.
+  EXPECT_EQ(describe(p->mountGroup("late")),
+            "20 blocking {on == /%sysname/Ledra/hw/chassis.power && 2 <= len( "
+            "/%sysname/Ledra/hw/chassis.ready )} [on == /%sysname/Ledra/hw/chassis.power] [2 <= "
+            "len( /%sysname/Ledra/hw/chassis.ready )] | /%sysname/Ledra/status/%slot "
+            "Demo::Status wc");
+  auto const late = p->mountGroup("late");
+  EXPECT_EQ(late->templateConditionCol("%slot != NULL"), std::optional<bool>(true));
   EXPECT_EQ(late->templateConditionCol("%slot notin 9"), std::optional<bool>(true));
-  ASSERT_NE(late->mountProfile("/%sysname/Ledra/status/%slot"), nullptr);
-  EXPECT_EQ(*late->mountProfile("/%sysname/Ledra/status/%slot"),
-            Ledra::Mount("/%sysname/Ledra/status/%slot", "Demo::Status", "wc"));
-  EXPECT_EQ(dir_->agentProfile("other")->mountGroup("only")->entireCondition(), "everything");
+  EXPECT_EQ(describe(dir_->agentProfile("other")->mountGroup("only")),
+            "99 {everything} [1 == /x.y] | /a Qel::Dir fwciSDB");
+  EXPECT_FALSE(dir_->agentProfile("other")->noDefaultMountGroup());
+}
+
+TEST(ProfileFileParse, EmptyRootFlagsAndCrLfLines) {
+  ProfileFile const pf =
+      ProfileFile::parse("profile a\r\n  rootFlags\r\n  group g 1\r\n  mount /a Qel::Dir\r\n", "f");
+  EXPECT_EQ(pf.profiles()[0].rootFlags, "");
+  EXPECT_EQ(pf.profiles()[0].groups[0].mounts[0].type, "Qel::Dir");
 }
 
 class GroupCounter : public Ledra::PassiveAgentProfile::NotifieeConst {
  public:
-  std::vector<std::string> seen;
+  Strings seen;
   void onMountGroup(Qel::Name const& name) override { seen.push_back(name); }
   void onRootFlags() override { seen.push_back("rootFlags"); }
 };
 
-TEST_F(ProfileFileApply, SameFileAgainChangesNothing) {
+TEST_F(ProfileFileTest, SameFileAgainChangesNothing) {
   ProfileFile const pf = ProfileFile::parse(kFull, "full.profile");
   pf.applyTo(*dir_);
   auto p = dir_->agentProfile("fan-");
@@ -318,7 +255,8 @@ TEST_F(ProfileFileApply, SameFileAgainChangesNothing) {
   EXPECT_EQ(p->mountGroup("base"), base);
 }
 
-TEST_F(ProfileFileApply, ChangedGroupIsReplacedOthersKeptStaleRemoved) {
+TEST_F(ProfileFileTest, ChangedGroupIsReplacedOthersKeptStaleRemovedOtherProfilesLeftAlone) {
+  ProfileFile::parse("profile b\n group g 1\n  mount /b Qel::Dir\n", "zero").applyTo(*dir_);
   ProfileFile::parse(
       "profile a\n rootFlags N\n group keep 1\n  mount /k Qel::Dir\n"
       " group change 2\n  mount /c Qel::Dir\n group drop 3\n  mount /d Qel::Dir\n",
@@ -336,21 +274,13 @@ TEST_F(ProfileFileApply, ChangedGroupIsReplacedOthersKeptStaleRemoved) {
                            .applyTo(*dir_);
   EXPECT_EQ(applied.profilesUpdated, 1u);
   EXPECT_EQ(p->mountGroup("keep"), keep);
-  ASSERT_TRUE(p->mountGroup("change"));
   EXPECT_NE(p->mountGroup("change"), change);
-  EXPECT_EQ(p->mountGroup("change")->priority(), 5u);
+  EXPECT_EQ(describe(p->mountGroup("change")), "5 {} | /c Qel::Dir w");
   // The engine holding the old group still reads it as it was.
-  EXPECT_EQ(change->priority(), 2u);
-  EXPECT_EQ(change->mountProfile("/c")->flags(), "");
-  EXPECT_FALSE(p->mountGroup("drop"));
+  EXPECT_EQ(describe(change), "2 {} | /c Qel::Dir ");
+  EXPECT_EQ(describe(p->mountGroup("drop")), "no group");
   EXPECT_EQ(p->rootFlags(), "");
-  EXPECT_EQ(counter.seen, (std::vector<std::string>{"rootFlags", "drop", "change", "change"}));
-}
-
-TEST_F(ProfileFileApply, ProfilesNotInTheFileAreLeftAlone) {
-  ProfileFile::parse("profile a\n group g 1\n  mount /a Qel::Dir\n", "one").applyTo(*dir_);
-  ProfileFile::parse("profile b\n group g 1\n  mount /b Qel::Dir\n", "two").applyTo(*dir_);
-  EXPECT_TRUE(dir_->agentProfile("a"));
+  EXPECT_EQ(counter.seen, (Strings{"rootFlags", "drop", "change", "change"}));
   EXPECT_TRUE(dir_->agentProfile("b"));
 }
 

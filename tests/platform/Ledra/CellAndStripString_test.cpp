@@ -7,56 +7,35 @@
 
 namespace {
 
-class CellTest : public ::testing::Test {
- protected:
-  void SetUp() override { saved_ = Cell::cellId(); }
-  void TearDown() override { Cell::cellIdIs(saved_); }
-
- private:
-  int saved_ = 1;
-};
-
-TEST_F(CellTest, DefaultsToOneAndTakesTwo) {
-  Cell::cellIdIs(1);
-  EXPECT_EQ(Cell::cellId(), 1);
-  Cell::cellIdIs(2);
-  EXPECT_EQ(Cell::cellId(), 2);
-}
-
-TEST_F(CellTest, OnlyTwoCellsExist) {
-  Cell::cellIdIs(2);
-  for (int bad : {0, 3, -1}) {
+TEST(CellTest, OnlyCellsOneAndTwoExistAndARefusalKeepsThePresentOne) {
+  int const saved = Cell::cellId();
+  for (int const cell : {1, 2}) {
+    Cell::cellIdIs(cell);
+    EXPECT_EQ(Cell::cellId(), cell);
+  }
+  for (int const bad : {0, 3, -1}) {
     try {
       Cell::cellIdIs(bad);
-      FAIL() << "accepted " << bad;
+      ADD_FAILURE() << "accepted " << bad;
     } catch (Qel::RangeException const& e) {
       EXPECT_STREQ(e.what(), "Cell::cellId < 1 or > 2 not allowed");
     }
   }
   EXPECT_EQ(Cell::cellId(), 2);
+  Cell::cellIdIs(saved);
 }
 
-struct StripCase {
-  char const* text;
-  char const* chars;
-  char const* result;
-};
-
-class StripStringTest : public ::testing::TestWithParam<StripCase> {};
-
-TEST_P(StripStringTest, RemovesEveryOccurrence) {
-  StripCase const c = GetParam();
-  EXPECT_EQ(Ledra::stripString(c.text, c.chars), c.result);
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, StripStringTest,
-                         ::testing::Values(StripCase{"wDB", "DB", "w"},
-                                           StripCase{"DwBiD", "DB", "wi"},
-                                           StripCase{"BD", "DB", ""}, StripCase{"", "DB", ""},
-                                           StripCase{"wi", "", "wi"},
-                                           StripCase{"a-b-c", "-", "abc"}));
-
-TEST(StripStringDefaultTest, DefaultsToBlanksAndTabs) {
+TEST(StripStringTest, RemovesEveryOccurrenceOfTheGivenCharacters) {
+  struct Case {
+    char const* text;
+    char const* chars;
+    char const* result;
+  };
+  for (Case const c : {Case{"wDB", "DB", "w"}, Case{"DwBiD", "DB", "wi"}, Case{"BD", "DB", ""},
+                       Case{"", "DB", ""}, Case{"wi", "", "wi"}, Case{"a-b-c", "-", "abc"}}) {
+    EXPECT_EQ(Ledra::stripString(c.text, c.chars), c.result) << c.text << " less " << c.chars;
+  }
+  // By default blanks and tabs, nothing else.
   EXPECT_EQ(Ledra::stripString(" a\tb  c \t"), "abc");
   EXPECT_EQ(Ledra::stripString("a\nb"), "a\nb");
 }

@@ -26,31 +26,23 @@ class Watch : public EntityManager::NotifieeConst {
 
 using EntityManagerTest = Ledra::test::LeakCheckedTest;
 
-TEST_F(EntityManagerTest, RoleSwitchNotifiesLocalOnce) {
+TEST_F(EntityManagerTest, EachChangeOfRoleOrGrantNotifiesOnce) {
   auto em = EntityManager::entityManagerNew("entMgr", Role::backup);
   Watch w;
   w.notifierIs(em);
   EXPECT_FALSE(em->active());
+  EXPECT_FALSE(em->writeMountsGranted());
   em->localIs(Role::backup);
-  EXPECT_EQ(w.locals, 0);
   em->localIs(Role::active);
   em->localIs(Role::active);
   EXPECT_EQ(w.locals, 1);
   EXPECT_TRUE(w.activeAtLocal);
-  EXPECT_EQ(em->role(), Role::active);
-}
-
-TEST_F(EntityManagerTest, WriteMountsAreNotGrantedUntilSaid) {
-  auto em = EntityManager::entityManagerNew("entMgr");
-  EXPECT_TRUE(em->active());
-  EXPECT_FALSE(em->writeMountsGranted());
-  Watch w;
-  w.notifierIs(em);
   em->writeMountsGrantedIs(true);
   em->writeMountsGrantedIs(true);
   em->writeMountsGrantedIs(false);
   EXPECT_EQ(w.grants, 2);
-  EXPECT_EQ(w.locals, 0);
+  EXPECT_EQ(w.locals, 1);
+  EXPECT_TRUE(EntityManager::entityManagerNew("other")->active());
 }
 
 TEST_F(EntityManagerTest, RoleIsAnEnumInTheGenericView) {

@@ -5,13 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <vector>
 
-#include "Ledra/ConnMgrHelper.h"
 #include "Qel/Exception.h"
-#include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/SimulatedClock.h"
+#include "platform/Ledra/DatabaseWatch.h"
 #include "support/LeakCheck.h"
 
 namespace {
@@ -20,63 +18,9 @@ using Ledra::ConnMgrHelper;
 using Ledra::LoopbackAgent;
 using Ledra::PassiveConnectionStatus;
 using Qel::ConnectDesc;
-using Qel::MountFlags;
 using Qel::MountTable;
 using PathState = MountTable::PathState;
-
-// The database side as it appears to a connection: watches the status directory, binds a record
-// watcher to each record that appears (noting what it saw when the record reported connected),
-// holds the connection's demuxer and table while the record exists and drops them when it
-// leaves, and can close connections from inside onConnected.
-class Database : public Ledra::ConnectionStatusDir::NotifieeConst {
- public:
-  struct Held;
-  class RecordWatch : public PassiveConnectionStatus::NotifieeConst {
-   public:
-    RecordWatch(Database* db, Qel::Name name) : db_(db), name_(std::move(name)) {}
-    void onConnected() override { db_->connected(name_, *notifier()); }
-
-   private:
-    Database* db_;
-    Qel::Name name_;
-  };
-  struct Held {
-    std::unique_ptr<RecordWatch> watch;
-    Qel::NboAttrLog::Demuxer::Ptr demuxer;
-    MountTable::Ptr table;
-  };
-
-  Database() { notifierIs(ConnMgrHelper::connectionStatusDir()); }
-
-  std::vector<std::string> events;
-  std::map<Qel::Name, Held> held;
-  Qel::String closeWith;  // non-empty: close every connection that reports connected
-
-  void onPassiveConnectionStatus(Qel::Name const& name) override {
-    auto record = notifier()->passiveConnectionStatus(name);
-    if (!record) {
-      events.push_back("-" + name);
-      held.erase(name);  // may release the last reference to the demuxer and its table
-      return;
-    }
-    events.push_back("+" + name);
-    Held& h = held[name];
-    h.watch = std::make_unique<RecordWatch>(this, name);
-    h.watch->notifierIs(record);
-  }
-
-  void connected(Qel::Name const& name, PassiveConnectionStatus const& s) {
-    events.push_back(std::string(s.connected() ? "connected " : "disconnected ") + name +
-                     (s.established() ? " established" : "") + " state " +
-                     std::to_string(s.state()) + " agent " + s.agentName() + " '" +
-                     s.agentString() + "'" + (s.whiteList() ? " whiteList" : ""));
-    if (!s.connected()) return;
-    Held& h = held[name];
-    h.demuxer = Qel::NboAttrLog::demuxerMgr()->demuxer(name);
-    h.table = h.demuxer ? h.demuxer->peer() : nullptr;
-    if (!closeWith.empty()) h.demuxer->close(closeWith, true, false, true);
-  }
-};
+using Reasons = std::vector<Qel::String>;
 
 class LoopbackAgentTest : public Ledra::test::LeakCheckedTest {
  protected:
@@ -84,7 +28,8 @@ class LoopbackAgentTest : public Ledra::test::LeakCheckedTest {
     LeakCheckedTest::SetUp();
     clock = Qel::SimulatedClock::simulatedClockNew();
     loop = Qel::EventLoop::eventLoopNew(clock);
-    db = std::make_unique<Database>();
+    db = std::make_unique<Ledra::test::DatabaseWatch>();
+    db->holdDemuxers = true;
     agent = LoopbackAgent::loopbackAgentNew(loop, "agentA", "agentA slot=3");
   }
   void TearDown() override {
@@ -97,18 +42,25 @@ class LoopbackAgentTest : public Ledra::test::LeakCheckedTest {
     LeakCheckedTest::TearDown();
   }
 
-  void mount(char const* path, char const* flags, char const* type = "") {
+  void mount(char const* path, char const* flags = "Cnp", char const* type = "") {
     agent->peerMountTable()->confIs(
-        MountTable::Conf(path, type, MountFlags::fromLetters(flags), agent->connectionName()));
+        MountTable::Conf(path, type, Qel::MountFlags::fromLetters(flags), agent->connectionName()));
   }
   MountTable::Status status(char const* path) const {
     return agent->peerMountTable()->status(ConnectDesc(path));
   }
   Qel::U32 outstanding() const { return agent->demuxer()->flowOutMountRequests(); }
+  // What the database lists under the agent's name.
+  static PassiveConnectionStatus::Ptr record() {
+    return ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA");
+  }
+  static Qel::NboAttrLog::Demuxer::Ptr listed() {
+    return Qel::NboAttrLog::demuxerMgr()->demuxer("agentA");
+  }
 
   Qel::SimulatedClock::Ptr clock;
   Qel::EventLoop::Ptr loop;
-  std::unique_ptr<Database> db;
+  std::unique_ptr<Ledra::test::DatabaseWatch> db;
   LoopbackAgent::Ptr agent;
 };
 
@@ -116,7 +68,7 @@ TEST_F(LoopbackAgentTest, ConnectAnnouncesTheConnectionWithEveryFieldSet) {
   auto demuxer = agent->connect();
   ASSERT_TRUE(demuxer);
   EXPECT_TRUE(agent->connected());
-  EXPECT_EQ(Qel::NboAttrLog::demuxerMgr()->demuxer("agentA"), demuxer);
+  EXPECT_EQ(listed(), demuxer);
   EXPECT_EQ(demuxer->peer(), agent->peerMountTable());
   EXPECT_EQ(demuxer->peer()->currentVersion(), 5u);
   EXPECT_EQ(demuxer->epoch(), 1u);
@@ -124,27 +76,32 @@ TEST_F(LoopbackAgentTest, ConnectAnnouncesTheConnectionWithEveryFieldSet) {
             (std::vector<std::string>{"+agentA",
                                       "connected agentA established state 2 agent agentA "
                                       "'agentA slot=3'"}));
-  EXPECT_EQ(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"),
-            agent->connectionStatus());
+  EXPECT_EQ(record(), agent->connectionStatus());
   // Connecting again while connected hands out the same connection.
   EXPECT_EQ(agent->connect(), demuxer);
   EXPECT_EQ(agent->epoch(), 1u);
+  demuxer->pathServedIs("/a", true);
+  EXPECT_EQ(agent->servedPaths(), (std::vector<std::pair<Qel::String, bool>>{{"/a", true}}));
 }
 
-TEST_F(LoopbackAgentTest, WhiteListAndVersionAreAnnounced) {
+TEST_F(LoopbackAgentTest, ConnectionNameWhiteListAndVersionAreAnnounced) {
+  agent->connectionNameIs("agentA.conn");
   agent->whiteListIs(true);
   agent->currentVersionIs(4);
   agent->connect();
-  EXPECT_EQ(db->events.back(),
-            "connected agentA established state 2 agent agentA 'agentA slot=3' whiteList");
+  EXPECT_TRUE(Qel::NboAttrLog::demuxerMgr()->demuxer("agentA.conn"));
+  EXPECT_EQ(db->events, (std::vector<std::string>{"+agentA.conn",
+                                                  "connected agentA.conn established state 2 "
+                                                  "agent agentA 'agentA slot=3' whiteList"}));
   EXPECT_EQ(agent->peerMountTable()->currentVersion(), 4u);
+  // While connected, a new version reaches the table at once.
   agent->currentVersionIs(5);
   EXPECT_EQ(agent->peerMountTable()->currentVersion(), 5u);
 }
 
 TEST_F(LoopbackAgentTest, RequestIsRecordedAndAnsweredOnTheNextTurn) {
   agent->connect();
-  mount("/ledra/Ledra", "Cnp");
+  mount("/ledra/Ledra");
   mount("/ledra/Ledra/sys", "wiSp", "Qel::Dir");
   EXPECT_EQ(agent->mountRequests(), (std::vector<LoopbackAgent::MountRequest>{
                                         {"/ledra/Ledra", "Cnp", "", 1, 1},
@@ -164,11 +121,10 @@ TEST_F(LoopbackAgentTest, RequestIsRecordedAndAnsweredOnTheNextTurn) {
 class AnswerTurnsTest : public LoopbackAgentTest, public ::testing::WithParamInterface<unsigned> {};
 
 TEST_P(AnswerTurnsTest, AnswerComesAfterExactlyTheChosenTurns) {
-  unsigned const turns = GetParam();
-  agent->answerTurnsIs(turns);
+  agent->answerTurnsIs(GetParam());
   agent->connect();
-  mount("/a", "Cnp");
-  for (unsigned i = 1; i < turns; ++i) {
+  mount("/a");
+  for (unsigned i = 1; i < GetParam(); ++i) {
     loop->runOnce();
     EXPECT_EQ(status("/a"), MountTable::inProgress_) << "after turn " << i;
   }
@@ -176,31 +132,31 @@ TEST_P(AnswerTurnsTest, AnswerComesAfterExactlyTheChosenTurns) {
   EXPECT_EQ(status("/a"), MountTable::complete_);
 }
 
-INSTANTIATE_TEST_SUITE_P(Turns, AnswerTurnsTest, ::testing::Values(1u, 2u, 5u));
+INSTANTIATE_TEST_SUITE_P(Turns, AnswerTurnsTest, ::testing::Values(1u, 2u, 5u),
+                         [](auto const& info) { return "Turns" + std::to_string(info.param); });
 
 TEST_F(LoopbackAgentTest, DelayedAnswerComesAtTheDelayOnTheSimulatedClock) {
   agent->answerDelayIs(2.5);
   agent->connect();
-  mount("/a", "Cnp");
+  mount("/a");
   loop->runFor(2.4);
   EXPECT_EQ(status("/a"), MountTable::inProgress_);
-  Qel::Time answeredAt = -1;
+  Qel::Time seenAt = -1;
   EXPECT_TRUE(loop->runUntil(
       [&] {
-        if (status("/a") != MountTable::complete_) return false;
-        answeredAt = clock->now();
-        return true;
+        seenAt = clock->now();
+        return status("/a") == MountTable::complete_;
       },
       10));
-  EXPECT_DOUBLE_EQ(answeredAt, 2.5);
+  EXPECT_DOUBLE_EQ(seenAt, 2.5);
 }
 
 TEST_F(LoopbackAgentTest, HeldAnswersAreReleasedOutOfOrder) {
   agent->holdAnswersIs(true);
   agent->connect();
-  mount("/a", "Cnp");
-  mount("/b", "Cnp");
-  mount("/c", "Cnp");
+  mount("/a");
+  mount("/b");
+  mount("/c");
   loop->runFor(10);
   EXPECT_EQ(agent->heldAnswers(), (std::vector<Qel::String>{"/a", "/b", "/c"}));
   EXPECT_EQ(agent->answersScheduled(), 0u);
@@ -218,16 +174,15 @@ TEST_F(LoopbackAgentTest, FailedMountCarriesItsExceptionTextAndGetsNoPathState) 
   agent->mountFailureIs("/a", "Unknown type: No::Such");
   agent->connect();
   mount("/a", "wnp", "No::Such");
-  mount("/b", "Cnp");
+  mount("/b");
   loop->runOnce();
-  EXPECT_EQ(status("/a"), MountTable::failed_);
-  EXPECT_EQ(agent->peerMountTable()->stat(ConnectDesc("/a")).exceptionDesc(),
-            "Unknown type: No::Such");
+  EXPECT_EQ(agent->peerMountTable()->stat(ConnectDesc("/a")),
+            MountTable::Stat(MountTable::failed_, "Unknown type: No::Such"));
   EXPECT_FALSE(agent->peerMountTable()->hasPathState("/a"));
   EXPECT_EQ(status("/b"), MountTable::complete_);
   // The failure is decided when the answer is given: clearing it lets the next mount succeed.
   agent->mountFailureIs("/a", "");
-  mount("/a", "Cnp");
+  mount("/a");
   loop->runOnce();
   EXPECT_EQ(status("/a"), MountTable::complete_);
 }
@@ -238,6 +193,13 @@ class CountWatch : public Qel::NboAttrLog::Demuxer::NotifieeConst {
   std::vector<PathState> seen;
   void onFlowOutMountRequests() override { seen.push_back(notifier()->peer()->pathState("/a")); }
 };
+
+PathState state(bool mounted, bool complete, bool synced, bool mountPoint, bool monitoring = false,
+                Qel::U64 eid = 0) {
+  PathState s;
+  s.mountedIs(mounted).completeIs(complete).synchronisedIs(synced).mountPointIs(mountPoint);
+  return s.monitoringIs(monitoring).monitoringEidIs(eid);
+}
 
 struct HeldState {
   char const* name;
@@ -253,20 +215,11 @@ TEST_P(PathStateOnAnswerTest, AnswerSetsTheChosenStateBeforeTheCountFalls) {
   agent->connect();
   CountWatch watch;
   watch.notifierIs(agent->demuxer());
-  mount("/a", "Cnp");
+  mount("/a");
   loop->runOnce();
-  ASSERT_EQ(watch.seen.size(), 2u);
-  EXPECT_EQ(watch.seen[0], PathState());
-  EXPECT_EQ(watch.seen[1], wanted);
+  EXPECT_EQ(watch.seen, (std::vector<PathState>{PathState(), wanted}));
   EXPECT_EQ(agent->peerMountTable()->pathState("/a"), wanted);
   EXPECT_EQ(status("/a"), MountTable::complete_);
-}
-
-PathState state(bool mounted, bool complete, bool synced, bool mountPoint, bool monitoring = false,
-                Qel::U64 eid = 0) {
-  PathState s;
-  s.mountedIs(mounted).completeIs(complete).synchronisedIs(synced).mountPointIs(mountPoint);
-  return s.monitoringIs(monitoring).monitoringEidIs(eid);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -281,7 +234,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(LoopbackAgentTest, HeldPathIsSynchronisedLater) {
   agent->pathStateOnAnswerIs("/a", state(true, true, false, true));
   agent->connect();
-  mount("/a", "Cnp");
+  mount("/a");
   loop->runOnce();
   EXPECT_FALSE(agent->peerMountTable()->pathState("/a").synchronised());
   agent->pathStateIs("/a", state(true, true, true, true));
@@ -290,72 +243,58 @@ TEST_F(LoopbackAgentTest, HeldPathIsSynchronisedLater) {
   EXPECT_TRUE(agent->pathStateOnAnswer("/a").synchronised());
 }
 
-TEST_F(LoopbackAgentTest, DatabaseCloseTakesEffectOnALaterTurn) {
-  agent->connect();
-  auto record = agent->connectionStatus();
-  agent->demuxer()->close("invalid mount profile", true, false, true);
-  EXPECT_EQ(agent->closeReasons(), (std::vector<Qel::String>{"invalid mount profile"}));
+// The database closes; the connection goes on a later turn, its answers with it, and the agent
+// may connect again.
+TEST_F(LoopbackAgentTest, DatabaseCloseTakesEffectOnALaterTurnThenTheAgentMayReconnect) {
+  auto const first = agent->connect();
+  auto const r = record();
+  auto const table = agent->peerMountTable();
+  mount("/a");
+  first->close("invalid mount profile", true, false, true);
+  EXPECT_EQ(agent->closeReasons(), Reasons{"invalid mount profile"});
   EXPECT_FALSE(agent->connected());
   // Still there in this turn: nothing is destroyed under the closing handler.
-  EXPECT_TRUE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"));
-  EXPECT_TRUE(Qel::NboAttrLog::demuxerMgr()->demuxer("agentA"));
-  EXPECT_TRUE(record->connected());
+  EXPECT_TRUE(record());
+  EXPECT_TRUE(listed());
+  EXPECT_TRUE(r->connected());
   loop->runOnce();
-  EXPECT_FALSE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"));
-  EXPECT_FALSE(Qel::NboAttrLog::demuxerMgr()->demuxer("agentA"));
-  EXPECT_FALSE(record->connected());
-  EXPECT_FALSE(record->established());
-  EXPECT_EQ(record->state(), PassiveConnectionStatus::kStateClosed);
+  EXPECT_FALSE(record());
+  EXPECT_FALSE(listed());
+  EXPECT_FALSE(r->connected());
+  EXPECT_FALSE(r->established());
+  EXPECT_EQ(r->state(), PassiveConnectionStatus::kStateClosed);
   EXPECT_FALSE(agent->demuxer());
   EXPECT_EQ(db->events.back(), "-agentA");
-}
-
-TEST_F(LoopbackAgentTest, CloseWithoutNotifyingThePeerGivesNoReason) {
-  agent->connect();
-  agent->demuxer()->close("internal", false, false, true);
-  EXPECT_EQ(agent->closeReasons(), (std::vector<Qel::String>{""}));
-  loop->runOnce();
-}
-
-TEST_F(LoopbackAgentTest, ClosedConnectionGivesNoMoreAnswers) {
-  agent->connect();
-  mount("/a", "Cnp");
-  auto table = agent->peerMountTable();
-  agent->demuxer()->close("bye", true, false, true);
   loop->runFor(1);
   EXPECT_EQ(table->status(ConnectDesc("/a")), MountTable::inProgress_);
   EXPECT_FALSE(table->hasPathState("/a"));
-}
 
-TEST_F(LoopbackAgentTest, ReconnectAfterCloseAnnouncesANewRecord) {
-  agent->connect();
-  auto first = agent->demuxer();
-  agent->demuxer()->close("no agent profile", true, false, true);
-  loop->runOnce();
   db->events.clear();
-  auto second = agent->connect();
+  auto const second = agent->connect();
   EXPECT_NE(second, first);
   EXPECT_EQ(second->epoch(), 2u);
   EXPECT_EQ(db->events.front(), "+agentA");
-  mount("/a", "Cnp");
+  mount("/b");
   EXPECT_EQ(agent->mountRequests().back().epoch, 2u);
   EXPECT_TRUE(first->closed());
 }
 
+// A close that neither tells the peer nor removes the record, as the database's own teardown.
 TEST_F(LoopbackAgentTest, CloseKeepingTheStatusLeavesTheRecordUntilReconnect) {
   agent->connect();
-  agent->demuxer()->close("kept", true, false, false);
+  agent->demuxer()->close("kept", false, false, false);
+  EXPECT_EQ(agent->closeReasons(), Reasons{""});
   loop->runOnce();
-  auto stale = ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA");
+  auto const stale = record();
   ASSERT_TRUE(stale);
   EXPECT_FALSE(stale->connected());
   EXPECT_EQ(stale->state(), PassiveConnectionStatus::kStateClosed);
-  EXPECT_FALSE(Qel::NboAttrLog::demuxerMgr()->demuxer("agentA"));
+  EXPECT_FALSE(listed());
   db->events.clear();
   agent->connect();
   EXPECT_EQ(db->events[0], "-agentA");
   EXPECT_EQ(db->events[1], "+agentA");
-  EXPECT_NE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"), stale);
+  EXPECT_NE(record(), stale);
 }
 
 TEST_F(LoopbackAgentTest, ReconnectBeforeTheTeardownFinishesItFirst) {
@@ -370,7 +309,7 @@ TEST_F(LoopbackAgentTest, ReconnectBeforeTheTeardownFinishesItFirst) {
   // The old connection's posted teardown does nothing to the new one.
   loop->runOnce();
   EXPECT_TRUE(agent->connected());
-  EXPECT_TRUE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"));
+  EXPECT_TRUE(record());
 }
 
 TEST_F(LoopbackAgentTest, AgentDisconnectClosesAtOnceAndLeavesOnALaterTurn) {
@@ -380,9 +319,9 @@ TEST_F(LoopbackAgentTest, AgentDisconnectClosesAtOnceAndLeavesOnALaterTurn) {
   EXPECT_TRUE(demuxer->closed());
   EXPECT_EQ(demuxer->closeReason(), "agent restarting");
   EXPECT_TRUE(agent->closeReasons().empty());
-  EXPECT_TRUE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"));
+  EXPECT_TRUE(record());
   loop->runOnce();
-  EXPECT_FALSE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"));
+  EXPECT_FALSE(record());
   EXPECT_FALSE(agent->connected());
 }
 
@@ -390,7 +329,7 @@ TEST_F(LoopbackAgentTest, DatabaseClosingFromInsideOnConnectedIsSafe) {
   db->closeWith = "no agent profile";
   auto demuxer = agent->connect();
   EXPECT_TRUE(demuxer->closed());
-  EXPECT_EQ(agent->closeReasons(), (std::vector<Qel::String>{"no agent profile"}));
+  EXPECT_EQ(agent->closeReasons(), Reasons{"no agent profile"});
   demuxer = nullptr;
   // The database drops its references from inside the departure notification.
   loop->runOnce();
@@ -398,36 +337,22 @@ TEST_F(LoopbackAgentTest, DatabaseClosingFromInsideOnConnectedIsSafe) {
   EXPECT_EQ(db->events.back(), "-agentA");
 }
 
-TEST_F(LoopbackAgentTest, ConnectionNameMayDifferFromTheAgentName) {
-  agent->connectionNameIs("agentA.conn");
-  agent->connect();
-  EXPECT_TRUE(Qel::NboAttrLog::demuxerMgr()->demuxer("agentA.conn"));
-  EXPECT_EQ(agent->connectionStatus()->agentName(), "agentA");
-  EXPECT_EQ(db->events.front(), "+agentA.conn");
-}
-
 TEST_F(LoopbackAgentTest, SecondAgentUnderALiveNameIsRefusedAndLeavesNothing) {
   agent->connect();
   auto other = LoopbackAgent::loopbackAgentNew(loop, "agentA");
   EXPECT_THROW(other->connect(), Qel::NameInUseException);
   EXPECT_FALSE(other->connected());
-  EXPECT_EQ(Qel::NboAttrLog::demuxerMgr()->demuxer("agentA"), agent->demuxer());
+  EXPECT_EQ(listed(), agent->demuxer());
 }
 
 TEST_F(LoopbackAgentTest, DestroyingTheAgentTearsItsConnectionDownAtOnce) {
   agent->connect();
-  mount("/a", "Cnp");
+  mount("/a");
   agent = nullptr;
-  EXPECT_FALSE(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus("agentA"));
-  EXPECT_FALSE(Qel::NboAttrLog::demuxerMgr()->demuxer("agentA"));
+  EXPECT_FALSE(record());
+  EXPECT_FALSE(listed());
   // The posted answer finds the connection gone.
   loop->runOnce();
-}
-
-TEST_F(LoopbackAgentTest, ServedPathsReachTheAgent) {
-  agent->connect();
-  agent->demuxer()->pathServedIs("/a", true);
-  EXPECT_EQ(agent->servedPaths(), (std::vector<std::pair<Qel::String, bool>>{{"/a", true}}));
 }
 
 }  // namespace

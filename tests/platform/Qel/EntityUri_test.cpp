@@ -3,11 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <unordered_set>
 
 #include "Qel/ConnectDesc.h"
 #include "Qel/Exception.h"
+#include "platform/Qel/ExactText.h"
 
 namespace {
 
@@ -42,31 +42,20 @@ INSTANTIATE_TEST_SUITE_P(
                       UriCase{"/a?x=1?y", "/a", "x=1?y", "/a?x=1?y"},
                       UriCase{"relative/path", "relative/path", "", "relative/path"}));
 
-TEST(EntityUriTest, OtherSchemesAreRefusedWithTheText) {
+TEST(EntityUriTest, OtherSchemesAndEmptyPathsAreRefused) {
   for (char const* text : {"http://host/a", "file:/a/b", "Entity:/a", "x-y.z:/q"}) {
-    try {
-      EntityUri u{Qel::String(text)};
-      FAIL() << "accepted " << text;
-    } catch (Qel::ParseException const& e) {
-      EXPECT_EQ(std::string(e.what()), std::string("not an entity URI: ") + text);
-    }
+    EXPECT_THROW_TEXT(EntityUri{Qel::String(text)}, Qel::ParseException,
+                      std::string("not an entity URI: ") + text);
   }
-}
-
-TEST(EntityUriTest, EmptyPathIsRefused) {
-  EXPECT_THROW(EntityUri(Qel::String("?flags=w")), Qel::ParseException);
-  EXPECT_THROW(EntityUri(Qel::String("entity:")), Qel::ParseException);
-  EXPECT_THROW(EntityUri(Qel::String("")), Qel::ParseException);
+  for (char const* text : {"?flags=w", "entity:", ""})
+    EXPECT_THROW(EntityUri{Qel::String(text)}, Qel::ParseException) << text;
   EXPECT_THROW(EntityUri("", "flags=w"), Qel::ParseException);
 }
 
-TEST(EntityUriTest, FlagsComeFromTheQuery) {
+TEST(EntityUriTest, FlagsComeFromTheQueryAndPartsPrintCanonically) {
   EXPECT_EQ(EntityUri(Qel::String("/a?flags=wiSnp")).flags().text(), "wiSnp");
   EXPECT_EQ(EntityUri(Qel::String("/a")).flags().value(), 0u);
   EXPECT_THROW(EntityUri(Qel::String("/a?flags=Q")).flags(), Qel::ParseException);
-}
-
-TEST(EntityUriTest, BuiltFromPartsPrintsCanonically) {
   EXPECT_EQ(EntityUri("/a/b", "flags=Cp").text(), "/a/b?flags=Cp");
   EXPECT_EQ(EntityUri("/a/b", "flags=Cp"), EntityUri(Qel::String("entity:/a/b?flags=Cp")));
 }
@@ -75,13 +64,8 @@ TEST(ConnectDescTest, OrderedHashedAndPrintedByPath) {
   Qel::ConnectDesc const a("/a"), b("/a/b"), c("/b");
   EXPECT_LT(a, b);
   EXPECT_LT(b, c);
-  EXPECT_EQ(a, Qel::ConnectDesc("/a"));
-  EXPECT_EQ(b.path(), "/a/b");
   EXPECT_EQ(b.text(), "/a/b");
-  std::map<Qel::ConnectDesc, int> ordered{{c, 3}, {a, 1}, {b, 2}};
-  EXPECT_EQ(ordered.begin()->first, a);
-  std::unordered_set<Qel::ConnectDesc> set{a, b, Qel::ConnectDesc("/a")};
-  EXPECT_EQ(set.size(), 2u);
+  EXPECT_EQ(std::unordered_set<Qel::ConnectDesc>({a, b, Qel::ConnectDesc("/a")}).size(), 2u);
   EXPECT_EQ(Qel::ValueTraits<Qel::ConnectDesc>::box(b)->text(), "/a/b");
 }
 

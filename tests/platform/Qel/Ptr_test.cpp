@@ -25,31 +25,19 @@ class DerivedProbe : public Probe {
   using Probe::Probe;
 };
 
-TEST(PtrTest, LastReferenceDestroysExactlyOnce) {
+TEST(PtrTest, CopiesCountMovesDoNotAndTheLastReferenceDestroysOnce) {
   int destroyed = 0;
   long const live = Qel::RefCounted::liveInstances();
-  {
-    Qel::Ptr<Probe> a(new Probe(&destroyed));
-    EXPECT_EQ(a->refCount(), 1u);
-    Qel::Ptr<Probe> b = a;
-    EXPECT_EQ(a->refCount(), 2u);
-    Qel::Ptr<Probe const> view = b;
-    EXPECT_EQ(a->refCount(), 3u);
-    EXPECT_EQ(Qel::RefCounted::liveInstances(), live + 1);
-    a.reset();
-    b.reset();
-    EXPECT_EQ(destroyed, 0);
-  }
-  EXPECT_EQ(destroyed, 1);
-  EXPECT_EQ(Qel::RefCounted::liveInstances(), live);
-}
-
-TEST(PtrTest, MoveTransfersWithoutCounting) {
-  int destroyed = 0;
   Qel::Ptr<DerivedProbe> d(new DerivedProbe(&destroyed));
+  {
+    Qel::Ptr<Probe> copy = d;
+    Qel::Ptr<Probe const> view = copy;
+    EXPECT_EQ(d->refCount(), 3u);
+    EXPECT_EQ(Qel::RefCounted::liveInstances(), live + 1);
+  }
+  EXPECT_EQ(d->refCount(), 1u);
   Qel::Ptr<Probe> base(std::move(d));
-  EXPECT_FALSE(d);
-  EXPECT_EQ(base->refCount(), 1u);
+  EXPECT_FALSE(d);  // NOLINT(bugprone-use-after-move)
   Qel::Ptr<Probe> other;
   other = std::move(base);
   EXPECT_EQ(other->refCount(), 1u);
@@ -57,15 +45,13 @@ TEST(PtrTest, MoveTransfersWithoutCounting) {
   EXPECT_EQ(destroyed, 0);
   other = nullptr;
   EXPECT_EQ(destroyed, 1);
-}
+  EXPECT_EQ(Qel::RefCounted::liveInstances(), live);
 
-TEST(PtrTest, ReferencesTakenInTheDestructorDoNotDestroyAgain) {
-  int destroyed = 0;
-  {
-    Qel::Ptr<Probe> p(new Probe(&destroyed));
-    p->selfReferenceInDestructor = true;
-  }
-  EXPECT_EQ(destroyed, 1);
+  // References taken and dropped inside the destructor do not destroy again.
+  Qel::Ptr<Probe> p(new Probe(&destroyed));
+  p->selfReferenceInDestructor = true;
+  p.reset();
+  EXPECT_EQ(destroyed, 2);
 }
 
 TEST(PtrTest, CastsAndComparisons) {
@@ -74,9 +60,10 @@ TEST(PtrTest, CastsAndComparisons) {
   Qel::Ptr<DerivedProbe> d = Qel::ptrCast<DerivedProbe>(p);
   ASSERT_TRUE(d);
   EXPECT_TRUE(p == d);
+  EXPECT_FALSE(Qel::ptrCast<DerivedProbe>(Qel::Ptr<Probe>(new Probe(&destroyed))));
+  EXPECT_EQ(destroyed, 1);
   Qel::Ptr<Probe const> view = p;
-  Qel::Ptr<Probe> writable = Qel::ptrConstCast<Probe>(view);
-  EXPECT_TRUE(writable == p);
+  EXPECT_TRUE(Qel::ptrConstCast<Probe>(view) == p);
   EXPECT_FALSE(Qel::Ptr<Probe>() == p);
   EXPECT_TRUE(Qel::Ptr<Probe>() == nullptr);
 }

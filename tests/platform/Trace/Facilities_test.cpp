@@ -1,6 +1,7 @@
 // Facility levels: switching traces on and off through the API and LEDRA_TRACE.
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TraceTestSupport.h"
@@ -19,29 +20,25 @@ Trace::Facility& otherFacility() {
 }
 
 // One trace at every level 1..9, so the captured messages show which levels are on.
-void traceAtEveryLevel() {
-  TRACE(TraceTest, 1, "level {}", 1);
-  TRACE(TraceTest, 2, "level {}", 2);
-  TRACE(TraceTest, 3, "level {}", 3);
-  TRACE(TraceTest, 4, "level {}", 4);
-  TRACE(TraceTest, 5, "level {}", 5);
-  TRACE(TraceTest, 6, "level {}", 6);
-  TRACE(TraceTest, 7, "level {}", 7);
-  TRACE(TraceTest, 8, "level {}", 8);
-  TRACE(TraceTest, 9, "level {}", 9);
+template <int L>
+void traceAt() {
+  TRACE(TraceTest, L, "level {}", L);
+}
+template <int... L>
+void traceAtLevels(std::integer_sequence<int, L...>) {
+  (traceAt<L + 1>(), ...);
 }
 
 class TraceFacilityLevelTest : public TraceFixture, public testing::WithParamInterface<int> {};
 
 TEST_P(TraceFacilityLevelTest, WritesExactlyTheTracesAtOrBelowTheFacilityLevel) {
-  int const level = GetParam();
-  testFacility().levelIs(level);
-  traceAtEveryLevel();
+  testFacility().levelIs(GetParam());
+  traceAtLevels(std::make_integer_sequence<int, 9>());
   std::vector<std::string> expected;
-  for (int l = 1; l <= level; ++l)
+  for (int l = 1; l <= GetParam(); ++l)
     expected.push_back("level " + std::to_string(l));
   EXPECT_EQ(capture_.messages(), expected);
-  EXPECT_EQ(TraceTesting::messagesOf(ring()), expected);
+  EXPECT_EQ(ringMessages(), expected);
   for (std::size_t i = 0; i < capture_.lines().size(); ++i) {
     EXPECT_EQ(capture_.lines()[i].level, static_cast<int>(i) + 1);
     EXPECT_EQ(capture_.lines()[i].facility, "TraceTest");
@@ -50,106 +47,62 @@ TEST_P(TraceFacilityLevelTest, WritesExactlyTheTracesAtOrBelowTheFacilityLevel) 
 
 INSTANTIATE_TEST_SUITE_P(Levels, TraceFacilityLevelTest, testing::Range(0, 10));
 
-class TraceLevelSettingTest : public TraceFixture {};
-
-TEST_F(TraceLevelSettingTest, NamedEntriesSetOnlyTheirFacilities) {
-  otherFacility().levelIs(4);
-  Trace::LevelSettingResult const result = Facilities::instance().levelsAre("TraceTest=3");
-  EXPECT_TRUE(result.errors.empty());
-  EXPECT_TRUE(result.unknownNames.empty());
-  EXPECT_EQ(testFacility().level(), 3);
-  EXPECT_EQ(otherFacility().level(), 4);
-  Facilities::instance().levelsAre("TraceTest=8,TraceOther=0");
-  EXPECT_EQ(testFacility().level(), 8);
-  EXPECT_EQ(otherFacility().level(), 0);
-}
-
-TEST_F(TraceLevelSettingTest, WildcardAndLaterEntriesWin) {
-  Facilities::instance().levelsAre("*=9");
-  EXPECT_EQ(testFacility().level(), 9);
-  EXPECT_EQ(otherFacility().level(), 9);
-  Facilities::instance().levelsAre("*=7,TraceTest=0");
-  EXPECT_EQ(testFacility().level(), 0);
-  EXPECT_EQ(otherFacility().level(), 7);
-  Facilities::instance().levelsAre("TraceTest=2,*=5");
-  EXPECT_EQ(testFacility().level(), 5);
-  EXPECT_EQ(otherFacility().level(), 5);
-}
-
-TEST_F(TraceLevelSettingTest, BlanksAndEmptyEntriesAreIgnored) {
-  Trace::LevelSettingResult const result =
-      Facilities::instance().levelsAre(" TraceTest = 4 ,, \tTraceOther=06 ,");
-  EXPECT_TRUE(result.errors.empty());
-  EXPECT_EQ(testFacility().level(), 4);
-  EXPECT_EQ(otherFacility().level(), 6);
-  EXPECT_TRUE(Facilities::instance().levelsAre("").errors.empty());
-  EXPECT_EQ(testFacility().level(), 4);
-}
-
-class TraceMalformedEntryTest : public TraceFixture,
-                                public testing::WithParamInterface<char const*> {};
-
-TEST_P(TraceMalformedEntryTest, IsSkippedWithAnErrorWhileTheOtherEntriesApply) {
-  std::string const entry = GetParam();
-  Trace::LevelSettingResult const result =
-      Facilities::instance().levelsAre("TraceOther=2," + entry + ",TraceTest=5");
-  ASSERT_EQ(result.errors.size(), 1u);
-  EXPECT_EQ(result.errors[0], "ignoring \"" + entry + "\" (expected <facility>=<level 0..9>)");
-  EXPECT_TRUE(result.unknownNames.empty());
-  EXPECT_EQ(otherFacility().level(), 2);
-  EXPECT_EQ(testFacility().level(), 5);
-}
-
-INSTANTIATE_TEST_SUITE_P(Entries, TraceMalformedEntryTest,
-                         testing::Values("TraceTest", "TraceTest=10", "TraceTest=-1", "TraceTest=x",
-                                         "TraceTest=3x", "TraceTest=+3", "=3",
-                                         "TraceTest=", "TraceTest=3=4", "*", "TraceTest=2 5"));
-
-TEST_F(TraceLevelSettingTest, UnknownNamesAreListedOncePerCall) {
-  Trace::LevelSettingResult const result =
-      Facilities::instance().levelsAre("NoSuchFacility=3,TraceTest=1,NoSuchFacility=4,Other=2");
-  EXPECT_EQ(result.unknownNames, (std::vector<std::string>{"NoSuchFacility", "Other"}));
-  EXPECT_EQ(testFacility().level(), 1);
-}
-
-TEST_F(TraceLevelSettingTest, SettingsAreRememberedForFacilitiesThatRegisterLater) {
-  Facilities::instance().levelsAre("Late=5,*=2,Later=7");
-  Trace::Facility late("Late");
-  Trace::Facility later("Later");
-  EXPECT_EQ(late.level(), 2);  // the wildcard came after "Late=5"
-  EXPECT_EQ(later.level(), 7);
-  EXPECT_EQ(Facilities::instance().find("Later"), &later);
-}
-
-TEST_F(TraceLevelSettingTest, ResetSwitchesEverythingOffAndForgetsSettings) {
-  Facilities::instance().levelsAre("*=6");
-  Facilities::instance().reset();
-  EXPECT_EQ(testFacility().level(), 0);
-  EXPECT_EQ(otherFacility().level(), 0);
-  Trace::Facility late("Late");
-  EXPECT_EQ(late.level(), 0);
-}
-
-TEST_F(TraceLevelSettingTest, ADestroyedFacilityLeavesTheRegistry) {
-  std::size_t const before = Facilities::instance().all().size();
-  {
-    Trace::Facility temporary("Temporary");
-    EXPECT_EQ(Facilities::instance().find("Temporary"), &temporary);
-    EXPECT_EQ(Facilities::instance().all().size(), before + 1);
+class TraceLevelSettingTest : public TraceFixture {
+ protected:
+  // Applies settings from TraceTest=1 and TraceOther=4; returns both levels, then " | " before
+  // each error and " ? " before each unknown name.
+  static std::string apply(std::string const& settings) {
+    testFacility().levelIs(1);
+    otherFacility().levelIs(4);
+    Trace::LevelSettingResult const result = Facilities::instance().levelsAre(settings);
+    std::string out =
+        std::to_string(testFacility().level()) + " " + std::to_string(otherFacility().level());
+    for (std::string const& error : result.errors)
+      out += " | " + error;
+    for (std::string const& name : result.unknownNames)
+      out += " ? " + name;
+    return out;
   }
-  EXPECT_EQ(Facilities::instance().find("Temporary"), nullptr);
-  EXPECT_EQ(Facilities::instance().all().size(), before);
-  EXPECT_EQ(Facilities::instance().levelsAre("Temporary=3").unknownNames,
-            std::vector<std::string>{"Temporary"});
+};
+
+TEST_F(TraceLevelSettingTest, EntriesApplyInOrderMalformedOnesAreSkippedUnknownNamesListed) {
+  EXPECT_EQ(apply("TraceTest=3"), "3 4");
+  EXPECT_EQ(apply("TraceTest=8,TraceOther=0"), "8 0");
+  EXPECT_EQ(apply("*=9"), "9 9");
+  EXPECT_EQ(apply("*=7,TraceTest=0"), "0 7");
+  EXPECT_EQ(apply("TraceTest=2,*=5"), "5 5");
+  EXPECT_EQ(apply(" TraceTest = 4 ,, \tTraceOther=06 ,"), "4 6");
+  EXPECT_EQ(apply(""), "1 4");
+  EXPECT_EQ(apply("NoSuchFacility=3,TraceTest=2,NoSuchFacility=4,Other=2"),
+            "2 4 ? NoSuchFacility ? Other");
+  for (std::string const entry :
+       {"TraceTest", "TraceTest=10", "TraceTest=-1", "TraceTest=x", "TraceTest=3x", "TraceTest=+3",
+        "=3", "TraceTest=", "TraceTest=3=4", "*", "TraceTest=2 5"}) {
+    EXPECT_EQ(apply("TraceOther=2," + entry + ",TraceTest=5"),
+              "5 2 | ignoring \"" + entry + "\" (expected <facility>=<level 0..9>)");
+  }
 }
 
-TEST_F(TraceLevelSettingTest, FacilitiesSharingANameAreSetTogether) {
-  Trace::Facility first("Twin");
-  Trace::Facility second("Twin");
-  Facilities::instance().levelsAre("Twin=3");
-  EXPECT_EQ(first.level(), 3);
-  EXPECT_EQ(second.level(), 3);
-  EXPECT_EQ(Facilities::instance().find("Twin"), &first);
+TEST_F(TraceLevelSettingTest, LaterFacilitiesTakeRememberedSettingsTwinsAreSetTogether) {
+  std::size_t const before = Facilities::instance().all().size();
+  Facilities::instance().levelsAre("Late=5,*=2,Twin=7");
+  {
+    Trace::Facility late("Late");
+    Trace::Facility first("Twin");
+    Trace::Facility second("Twin");
+    EXPECT_EQ(late.level(), 2);  // the wildcard came after "Late=5"
+    EXPECT_EQ(first.level(), 7);
+    EXPECT_EQ(Facilities::instance().all().size(), before + 3);
+    Facilities::instance().levelsAre("Twin=3");
+    EXPECT_EQ(std::pair(first.level(), second.level()), std::pair(3, 3));
+    EXPECT_EQ(Facilities::instance().find("Twin"), &first);
+  }
+  EXPECT_EQ(Facilities::instance().find("Twin"), nullptr);
+  EXPECT_EQ(Facilities::instance().all().size(), before);
+  EXPECT_EQ(apply("Twin=3"), "1 4 ? Twin");
+  Facilities::instance().reset();  // switches everything off and forgets the settings
+  EXPECT_EQ(std::pair(testFacility().level(), otherFacility().level()), std::pair(0, 0));
+  EXPECT_EQ(Trace::Facility("Late").level(), 0);
 }
 
 class TraceEnvironmentTest : public TraceFixture {
@@ -162,29 +115,25 @@ TEST_F(TraceEnvironmentTest, ReadAppliesTheVariableAndReportsUnknownNamesOnlyOnc
   static int run = 0;
   std::string const unknown = "EnvOnlyName" + std::to_string(++run);
   ::setenv("LEDRA_TRACE", ("TraceTest=6," + unknown + "=1,Broken,TraceOther=3").c_str(), 1);
+  std::string const broken =
+      "LEDRA_TRACE: ignoring \"Broken\" (expected <facility>=<level 0..9>)\n";
   MemoryFile first;
   Facilities::instance().readEnvironment(first.file());
   EXPECT_EQ(testFacility().level(), 6);
   EXPECT_EQ(otherFacility().level(), 3);
-  EXPECT_EQ(first.text(),
-            "LEDRA_TRACE: ignoring \"Broken\" (expected <facility>=<level 0..9>)\n"
-            "LEDRA_TRACE: unknown trace facility \"" +
-                unknown + "\"\n");
-
+  EXPECT_EQ(first.text(), broken + "LEDRA_TRACE: unknown trace facility \"" + unknown + "\"\n");
   testFacility().levelIs(0);
   MemoryFile second;
   Facilities::instance().readEnvironment(second.file());
   EXPECT_EQ(testFacility().level(), 6);
-  EXPECT_EQ(second.text(), "LEDRA_TRACE: ignoring \"Broken\" (expected <facility>=<level 0..9>)\n");
-}
-
-TEST_F(TraceEnvironmentTest, AnUnsetVariableChangesNothing) {
+  EXPECT_EQ(second.text(), broken);
+  // An unset variable changes nothing.
   ::unsetenv("LEDRA_TRACE");
   testFacility().levelIs(4);
-  MemoryFile report;
-  Facilities::instance().readEnvironment(report.file());
+  MemoryFile third;
+  Facilities::instance().readEnvironment(third.file());
   EXPECT_EQ(testFacility().level(), 4);
-  EXPECT_EQ(report.text(), "");
+  EXPECT_EQ(third.text(), "");
 }
 
 // The start-up read happens while the process initialises, so these tests run in a fresh process
@@ -233,16 +182,11 @@ TEST_F(TraceStartupEnvironmentDeathTest, TheFirstTextLineReportsStartupProblems)
               "[0-9.]+ TraceTest/6 first line 1\n");
 }
 
-class TraceFacilityDeathTest : public TraceFixture {};
-
-TEST_F(TraceFacilityDeathTest, LevelsOutsideZeroToNineAreContractViolations) {
+TEST(TraceFacilityDeathTest, LevelsOutOfRangeAndNamelessFacilitiesAreContractViolations) {
   EXPECT_DEATH(testFacility().levelIs(10),
                "Assertion failed: level >= 0 && level <= kMaxLevel && \"trace level out of range "
                "0\\.\\.9\"");
   EXPECT_DEATH(testFacility().levelIs(-1), "trace level out of range 0\\.\\.9");
-}
-
-TEST_F(TraceFacilityDeathTest, AFacilityNeedsAName) {
   EXPECT_DEATH(Trace::Facility(""),
                "Assertion failed: !name_.empty\\(\\) && \"trace facility without a name\"");
 }

@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -31,12 +33,11 @@ class MemoryFile {
  public:
   MemoryFile() : file_(open_memstream(&data_, &size_)) {}
   ~MemoryFile() {
-    if (file_ != nullptr) std::fclose(file_);
+    std::fclose(file_);
     std::free(data_);
   }
   MemoryFile(MemoryFile const&) = delete;
   MemoryFile& operator=(MemoryFile const&) = delete;
-
   std::FILE* file() { return file_; }
   std::string text() {
     std::fflush(file_);
@@ -50,32 +51,19 @@ class MemoryFile {
 };
 
 // A path under the test temporary folder, removed again on destruction.
-class TempPath {
- public:
+struct TempPath {
   explicit TempPath(std::string const& name)
-      : path_(testing::TempDir() + "trace_test_" + std::to_string(::getpid()) + "_" + name) {
-    std::remove(path_.c_str());
+      : path(testing::TempDir() + "trace_test_" + std::to_string(::getpid()) + "_" + name) {
+    std::remove(path.c_str());
   }
-  ~TempPath() { std::remove(path_.c_str()); }
-  TempPath(TempPath const&) = delete;
-  TempPath& operator=(TempPath const&) = delete;
-
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
+  ~TempPath() { std::remove(path.c_str()); }
+  std::string const path;
 };
 
 inline std::string readFile(std::string const& path) {
-  std::string text;
-  std::FILE* const file = std::fopen(path.c_str(), "rb");
-  if (file == nullptr) return text;
-  char block[4096];
-  std::size_t got = 0;
-  while ((got = std::fread(block, 1, sizeof block, file)) > 0)
-    text.append(block, got);
-  std::fclose(file);
-  return text;
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
 }
 
 inline std::vector<std::string> messagesOf(std::vector<Trace::Line> const& lines) {
@@ -102,6 +90,7 @@ class TraceFixture : public testing::Test {
   }
 
   static std::vector<Trace::Line> ring() { return Trace::Ringlog::global().decode(); }
+  static std::vector<std::string> ringMessages() { return messagesOf(ring()); }
 
   Trace::CaptureSink capture_;
 };

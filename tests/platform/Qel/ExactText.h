@@ -1,0 +1,28 @@
+// Checks of exact texts shared by the Qel tests: the message of an expected exception, and a text
+// to be found literally in a death test's output.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+
+// Like EXPECT_THROW, and the exception's what() must be exactly `text`.
+#define EXPECT_THROW_TEXT(statement, Exception, text)                 \
+  do {                                                                \
+    try {                                                             \
+      statement;                                                      \
+      ADD_FAILURE() << "no " #Exception " from: " #statement;         \
+    } catch (Exception const& qelTestError) {                         \
+      EXPECT_EQ(std::string(qelTestError.what()), std::string(text)); \
+    }                                                                 \
+  } while (false)
+
+namespace Qel::test {
+
+// A regular expression that matches `text` literally, for EXPECT_DEATH.
+inline std::string literal(std::string const& text) {
+  return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
+}
+
+}  // namespace Qel::test
