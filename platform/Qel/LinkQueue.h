@@ -142,6 +142,8 @@ class LinkQueue {
 
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
+  // The positions held in storage, entries and holes: never more than 2 * size().
+  std::size_t storedSlots() const { return slots_.size(); }
 
   LinkQueueMetadata metadata() const { return {head_, next_}; }
   void metadataIs(LinkQueueMetadata m) {

@@ -155,9 +155,14 @@ TEST_F(EventLoopTest, RunReturnsOnStopOrWhenNothingIsLeft) {
   loop->run();
   EXPECT_EQ(clock->now(), 4.5);
   EXPECT_EQ(log, (Strings{"tick@1", "tick@2", "tick@3", "tick@4"}));
+  // A stop ends one run only.
+  stopper.timeMinIs(6.5);
+  loop->run();
+  EXPECT_EQ(clock->now(), 6.5);
+  EXPECT_EQ(log.back(), "tick@6");
   periodic.timeMinIs(kNever);
   loop->run();  // idle: returns at once
-  EXPECT_EQ(clock->now(), 4.5);
+  EXPECT_EQ(clock->now(), 6.5);
 }
 
 TEST_F(EventLoopTest, ALoopDroppedByItsOwnTaskLivesToTheEndOfTheTurn) {

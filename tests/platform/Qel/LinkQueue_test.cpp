@@ -105,9 +105,15 @@ TEST_F(LinkQueueTest, EraseLeavesHolesWithoutRenumberingOrReusingIndices) {
   EXPECT_TRUE(q.erase(0));  // the head moves past the hole
   EXPECT_EQ(show(q), "[2] 3..6: 3=3 5=5");
   EXPECT_EQ(*q.front(), 3);
+  // A hole left behind by the tail goes with it.
+  q.enqueue(6);
+  q.enqueue(7);
+  EXPECT_TRUE(q.erase(6));
+  EXPECT_TRUE(q.erase(7));
+  EXPECT_EQ(q.storedSlots(), 2u);
   q.erase(5);
   EXPECT_TRUE(q.erase(3));
-  EXPECT_EQ(show(q), "[0] 6..6:");
+  EXPECT_EQ(show(q), "[0] 8..8:");
   EXPECT_EQ(q.begin(), q.end());
 }
 
@@ -228,8 +234,10 @@ TEST_F(LinkQueueLifetimeTest, CompactionOfManyHolesKeepsLookupsAndMovesWithoutCo
   for (int i = 0; i < 20; ++i)
     q.enqueue(Counted(i));
   // Erase every interior entry: the holes outnumber the entries and get compacted.
-  for (U32 i = 1; i < 19; ++i)
+  for (U32 i = 1; i < 19; ++i) {
     EXPECT_TRUE(q.erase(i)) << i;
+    EXPECT_LE(q.storedSlots(), 2 * q.size()) << i;
+  }
   EXPECT_EQ(Counted::live, 2);
   EXPECT_EQ(q.at(19)->v, 19);
   EXPECT_EQ(q.at(10), nullptr);
