@@ -13,6 +13,7 @@
 #include "Qel/DynamicEntity.h"
 #include "Trace/CaptureSink.h"
 #include "Trace/Facilities.h"
+#include "support/ExactText.h"
 #include "support/LeakCheck.h"
 
 namespace OrnTesting {
@@ -85,15 +86,7 @@ std::string fired(R const&... reactors) {
   return out;
 }
 
-// An exact text as a death-test pattern.
-inline std::string literal(std::string const& text) {
-  std::string out;
-  for (char c : text) {
-    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
-    out += c;
-  }
-  return out;
-}
+using Ledra::test::literal;
 
 inline std::string tagged(std::string const& message) {
   return "Orn/GenericConditionalReactor: " + message;

@@ -1,7 +1,7 @@
 // The worlds engines run in, for tests: a database process on simulated time, and one engine's
 // world within it. Everything a test made must be gone at the end (leak check). Beside them, the
-// small helpers the tests share for exact texts: exception texts, death-test patterns, what went
-// to standard error, and the paths an agent was asked to mount.
+// small helpers the tests share: what went to standard error, and the paths an agent was asked to
+// mount (exact exception texts and death-test patterns come from support/ExactText.h).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,31 +19,10 @@
 #include "Qel/SimulatedClock.h"
 #include "Trace/CaptureSink.h"
 #include "Trace/Facilities.h"
+#include "support/ExactText.h"
 #include "support/LeakCheck.h"
 
 namespace Ledra::test {
-
-// Runs `f`, which must throw E, and returns the exception's text.
-template <class E, class F>
-std::string errorOf(F f) {
-  try {
-    f();
-  } catch (E const& e) {
-    return e.what();
-  }
-  ADD_FAILURE() << "no exception thrown";
-  return {};
-}
-
-// An exact text as a death-test pattern.
-inline std::string literal(std::string const& text) {
-  std::string out;
-  for (char c : text) {
-    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
-    out += c;
-  }
-  return out;
-}
 
 // The paths an agent was asked to mount, in order.
 inline std::vector<std::string> requestPathsOf(LoopbackAgent const& a) {

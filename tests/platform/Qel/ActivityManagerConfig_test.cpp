@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Qel/ExactText.h"
+#include "support/ExactText.h"
 #include "support/LeakCheck.h"
 
 #include "Qel/Exception.h"

@@ -7,7 +7,7 @@
 
 #include "Qel/ConnectDesc.h"
 #include "Qel/Exception.h"
-#include "platform/Qel/ExactText.h"
+#include "support/ExactText.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <sys/socket.h>
 #include <unistd.h>
-#include "platform/Qel/ExactText.h"
+#include "support/ExactText.h"
 #include "support/LeakCheck.h"
 
 #include <array>

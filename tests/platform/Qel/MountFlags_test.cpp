@@ -6,7 +6,7 @@
 
 #include "Qel/Exception.h"
 #include "Qel/GenericValue.h"
-#include "platform/Qel/ExactText.h"
+#include "support/ExactText.h"
 
 namespace {
 

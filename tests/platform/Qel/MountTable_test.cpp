@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Qel/Exception.h"
-#include "platform/Qel/ExactText.h"
+#include "support/ExactText.h"
 #include "support/LeakCheck.h"
 
 namespace {
@@ -147,8 +147,8 @@ using MountTableDeathTest = MountTableTest;
 
 TEST_F(MountTableDeathTest, ConfWithoutPathIsAContractViolation) {
   EXPECT_DEATH(table->confIs(MountTable::Conf()),
-               Qel::test::literal("Assertion failed: !c.path().empty() && \"mount configuration "
-                                  "without a path\""));
+               Ledra::test::literal("Assertion failed: !c.path().empty() && \"mount configuration "
+                                    "without a path\""));
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 
 #include "Qel/Exception.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
-#include "platform/Qel/ExactText.h"
+#include "support/ExactText.h"
 #include "support/LeakCheck.h"
 
 namespace {
@@ -279,7 +279,7 @@ using DemuxerDeathTest = DemuxerTest;
 
 TEST_F(DemuxerDeathTest, ATableServesOneConnection) {
   EXPECT_DEATH(Demuxer::demuxerNew("again", demuxer->peer(), nullptr),
-               Qel::test::literal("\"mount table already bound to a connection\""));
+               Ledra::test::literal("\"mount table already bound to a connection\""));
 }
 
 }  // namespace

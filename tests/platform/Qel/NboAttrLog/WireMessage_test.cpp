@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Qel/ExactText.h"
+#include "support/ExactText.h"
 
 namespace Qel::NboAttrLog {
 // Failure messages show the messages as text.
@@ -293,10 +293,10 @@ TEST(WireDecoderTest, ALongStreamKeepsItsBufferSmall) {
 
 TEST(WireDecoderDeathTest, AFrameLimitOfZeroIsAContractViolation) {
   EXPECT_DEATH(WireDecoder(0),
-               Qel::test::literal("maxFrame >= 1 && \"a frame limit of at least one byte\""));
+               Ledra::test::literal("maxFrame >= 1 && \"a frame limit of at least one byte\""));
   WireDecoder d;
   EXPECT_DEATH(d.maxFrameIs(0),
-               Qel::test::literal("bytes >= 1 && \"a frame limit of at least one byte\""));
+               Ledra::test::literal("bytes >= 1 && \"a frame limit of at least one byte\""));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Checks of exact texts shared by the Qel tests: the message of an expected exception, and a text
-// to be found literally in a death test's output.
+// Checks of exact texts shared by the tests: the message of an expected exception, and a text to
+// be found literally in a death test's output.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,11 +18,23 @@
     }                                                                 \
   } while (false)
 
-namespace Qel::test {
+namespace Ledra::test {
 
 // A regular expression that matches `text` literally, for EXPECT_DEATH.
 inline std::string literal(std::string const& text) {
   return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
 }
 
-}  // namespace Qel::test
+// Runs `f`, which must throw E, and returns the exception's text.
+template <class E, class F>
+std::string errorOf(F f) {
+  try {
+    f();
+  } catch (E const& e) {
+    return e.what();
+  }
+  ADD_FAILURE() << "no exception thrown";
+  return {};
+}
+
+}  // namespace Ledra::test
