@@ -1,6 +1,8 @@
 #include "Trace/TextSink.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <string_view>
 
 #include "Trace/Line.h"
 
@@ -13,6 +15,16 @@ constinit StderrSink gStderrSink;
 namespace detail {
 constinit TextSink* gTextSink = &gStderrSink;
 }  // namespace detail
+
+namespace {
+// LEDRA_TRACE_TEXT=off starts the process without text output: traces still go to the ring. The
+// library is loaded before anything that traces, so this runs before the first trace.
+[[maybe_unused]] bool const gTextFromEnvironment = [] {
+  char const* const value = std::getenv(kTextEnvironmentVariable);
+  if (value != nullptr && std::string_view(value) == "off") detail::gTextSink = nullptr;
+  return true;
+}();
+}  // namespace
 
 StderrSink& StderrSink::instance() {
   return gStderrSink;

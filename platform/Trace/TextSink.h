@@ -2,8 +2,10 @@
 //
 // One text sink is installed at a time; by default the standard error sink, which writes
 // "<seconds> <facility>/<level> <message>" lines to stderr. textSinkIs(nullptr) switches text
-// output off, leaving the ring records only. Sinks are not owned: whoever installs one keeps it
-// alive while it is installed (CaptureSink and FileSink take care of this themselves).
+// output off, leaving the ring records only; so does the environment variable LEDRA_TRACE_TEXT=off
+// at start-up (a run at high trace levels without megabytes of text). Sinks are not owned: whoever
+// installs one keeps it alive while it is installed (CaptureSink and FileSink take care of this
+// themselves).
 //
 // Threading: one thread.
 #pragma once
@@ -11,6 +13,8 @@
 #include <string_view>
 
 namespace Trace {
+
+inline constexpr char const* kTextEnvironmentVariable = "LEDRA_TRACE_TEXT";
 
 class TextSink {
  public:

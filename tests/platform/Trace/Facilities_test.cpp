@@ -1,5 +1,6 @@
 // Facility levels: switching traces on and off through the API and LEDRA_TRACE.
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -143,11 +144,18 @@ class TraceStartupEnvironmentDeathTest : public testing::Test {
   TraceStartupEnvironmentDeathTest() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     ::setenv("LEDRA_TRACE", "TraceTest=6,StartupUnknown=2,=1,TraceOther=3", 1);
+    if (char const* text = std::getenv("LEDRA_TRACE_TEXT")) savedText_ = text;
+    ::unsetenv("LEDRA_TRACE_TEXT");
   }
   ~TraceStartupEnvironmentDeathTest() override {
     ::unsetenv("LEDRA_TRACE");
+    if (savedText_) ::setenv("LEDRA_TRACE_TEXT", savedText_->c_str(), 1);
+    if (!savedText_) ::unsetenv("LEDRA_TRACE_TEXT");
     GTEST_FLAG_SET(death_test_style, "fast");
   }
+
+ private:
+  std::optional<std::string> savedText_;
 };
 
 // Exits with 0 when the levels came from the variable and the problems are reported exactly once.
@@ -180,6 +188,19 @@ TEST_F(TraceStartupEnvironmentDeathTest, TheFirstTextLineReportsStartupProblems)
   EXPECT_EXIT(writeFirstLine(), testing::ExitedWithCode(0),
               "LEDRA_TRACE: unknown trace facility \"StartupUnknown\"\n"
               "[0-9.]+ TraceTest/6 first line 1\n");
+}
+
+// With LEDRA_TRACE_TEXT=off the process starts without a text sink: the trace reaches the ring,
+// only the start-up report reaches the standard error stream.
+void writeFirstRecord() {
+  TRACE(TraceTest, 6, "first line {}", 1);
+  std::exit(Trace::textSink() == nullptr && Trace::Ringlog::global().records() == 1 ? 0 : 1);
+}
+
+TEST_F(TraceStartupEnvironmentDeathTest, TextOffLeavesTheRingOnly) {
+  ::setenv("LEDRA_TRACE_TEXT", "off", 1);
+  EXPECT_EXIT(writeFirstRecord(), testing::ExitedWithCode(0),
+              "unknown trace facility \"StartupUnknown\"\n$");
 }
 
 TEST(TraceFacilityDeathTest, LevelsOutOfRangeAndNamelessFacilitiesAreContractViolations) {
