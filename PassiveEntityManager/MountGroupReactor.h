@@ -41,13 +41,17 @@ class PointerConstant {
   explicit PointerConstant(std::optional<Qel::String> chars) : chars_(std::move(chars)) {}
   explicit PointerConstant(Qel::Entity::PtrConst entity) : entity_(std::move(entity)) {}
 
+  // The kept constant as a T. Only the pointer reactors ask; the body still compiles for every T
+  // because some compilers instantiate the constrained pointer constructor below for every T of
+  // an explicit instantiation.
   template <class T>
   T pointer() {
-    static_assert(std::is_pointer_v<T>, "only pointer constants are kept");
     if constexpr (std::is_same_v<T, Qel::Entity const*>) {
       return entity_.ptr();
-    } else {
+    } else if constexpr (std::is_pointer_v<T>) {
       return chars_ ? chars_->data() : nullptr;
+    } else {
+      return T{};
     }
   }
 

@@ -9,6 +9,13 @@ target_compile_options(ledra_options INTERFACE -fno-semantic-interposition)
 if(LEDRA_WERROR)
   target_compile_options(ledra_options INTERFACE -Werror)
 endif()
+if(LEDRA_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "LEDRA_FUZZ needs clang (-DCMAKE_CXX_COMPILER=clang++)")
+  endif()
+  # Coverage feedback for libFuzzer in every library; the harnesses link libFuzzer itself.
+  target_compile_options(ledra_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 if(LEDRA_SANITIZE)
   target_compile_options(ledra_options INTERFACE
     -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -41,7 +41,8 @@ TEST(PtrTest, CopiesCountMovesDoNotAndTheLastReferenceDestroysOnce) {
   Qel::Ptr<Probe> other;
   other = std::move(base);
   EXPECT_EQ(other->refCount(), 1u);
-  other = other;  // self-assignment keeps the object
+  Qel::Ptr<Probe>& alias = other;
+  other = alias;  // self-assignment keeps the object
   EXPECT_EQ(destroyed, 0);
   other = nullptr;
   EXPECT_EQ(destroyed, 1);
