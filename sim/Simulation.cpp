@@ -25,10 +25,12 @@ std::string lines(std::string const& title, std::vector<std::string> const& v) {
 
 }  // namespace
 
-Result runSeed(std::uint64_t seed, unsigned steps, Avoid avoid, bool traced, History& history) {
+Result runSeed(std::uint64_t seed, unsigned steps, Avoid avoid, bool traced, History& history,
+               std::string const& levels) {
   Result r;
   history.clear();
   Trace::Facilities::instance().reset();
+  if (!levels.empty()) Trace::Facilities::instance().levelsAre(levels);
   Qel::globalDir();  // the process-wide root exists before counting starts
   long const liveBefore = Qel::RefCounted::liveInstances();
   FatalContext& fc = fatalContext();

@@ -39,6 +39,8 @@ struct FatalContext {
 };
 FatalContext& fatalContext();
 
-Result runSeed(std::uint64_t seed, unsigned steps, Avoid avoid, bool traced, History& history);
+// `levels`, when not empty, are trace levels set at the start (for looking into a failure).
+Result runSeed(std::uint64_t seed, unsigned steps, Avoid avoid, bool traced, History& history,
+               std::string const& levels = {});
 
 }  // namespace Sim

@@ -91,6 +91,7 @@ class World {
   void makeTrue(ConditionSpec const& c);
   std::string agentChange(AgentState& a, Event const& e);
   void becomeActive(Ledra::EntityManager::Role role);
+  bool waitsOnReplacedEntity(Ledra::PassiveEntityManagerSm const& engine) const;
 
   Generator& generator_;
   Avoid const avoid_;

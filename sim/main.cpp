@@ -1,7 +1,7 @@
 // ledra-sim: the deterministic simulation of the passive entity manager.
 //
 //   ledra-sim [--seed S] [--seeds K] [--steps N] [--avoid LIST] [--keep-going] [--single]
-//             [--verbose]
+//             [--verbose] [--history LINES] [--trace LEVELS]
 //
 // Runs seeds S .. S+K-1, each for N steps, twice: untraced and with random trace level changes
 // (into the ring only), and compares what every agent was sent. --single skips the second run.
@@ -36,13 +36,15 @@ struct Options {
   bool keepGoing = false;
   bool single = false;
   bool verbose = false;
+  std::size_t history = Sim::History::kCapacity;
+  std::string trace;
 };
 
 [[noreturn]] void usage(char const* why) {
   std::fprintf(stderr,
                "ledra-sim: %s\nusage: ledra-sim [--seed S] [--seeds K] [--steps N] "
                "[--avoid shared-create,in-place-edit,all-skipped,root-refusal,old-protocol|known] "
-               "[--keep-going] [--single] [--verbose]\n",
+               "[--keep-going] [--single] [--verbose] [--history LINES] [--trace LEVELS]\n",
                why);
   std::exit(2);
 }
@@ -85,6 +87,12 @@ Options parse(int argc, char** argv) {
           usage("unknown fault class");
         }
       }
+    } else if (a == "--history") {
+      o.history = static_cast<std::size_t>(number(value()));
+      if (o.history == 0) usage("--history must be at least 1");
+    } else if (a == "--trace") {
+      o.trace = value();
+      o.single = true;
     } else if (a == "--keep-going") {
       o.keepGoing = true;
     } else if (a == "--single") {
@@ -157,7 +165,7 @@ bool sameLogs(Sim::Result const& a, Sim::Result const& b, std::string& diff) {
 // Runs one seed (both runs); prints the failure and returns false when it fails.
 bool runOne(std::uint64_t seed, Options const& o, Sim::History& history) {
   clearCaptured();
-  Sim::Result const untraced = Sim::runSeed(seed, o.steps, o.avoid, false, history);
+  Sim::Result const untraced = Sim::runSeed(seed, o.steps, o.avoid, false, history, o.trace);
   std::string failure = untraced.failure;
   char const* run = "untraced";
   if (untraced.ok && !o.single) {
@@ -191,14 +199,14 @@ int main(int argc, char** argv) {
       ::dup2(gCaptured, STDERR_FILENO);
     }
   }
-  Trace::textSinkIs(nullptr);
+  if (o.trace.empty()) Trace::textSinkIs(nullptr);
   ::signal(SIGABRT, onFatalSignal);
   ::signal(SIGSEGV, onFatalSignal);
   ::signal(SIGBUS, onFatalSignal);
   ::signal(SIGFPE, onFatalSignal);
 
   auto const start = std::chrono::steady_clock::now();
-  static Sim::History history;
+  static Sim::History history(o.history);
   std::vector<std::uint64_t> failed;
   for (std::uint64_t seed = o.seed; seed < o.seed + o.seeds; ++seed) {
     if (!o.keepGoing) {
