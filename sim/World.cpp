@@ -264,6 +264,10 @@ void World::becomeActive(Ledra::EntityManager::Role role) {
   if (!activated) return;
   for (auto& [name, spec] : specs_)
     std::erase_if(spec.groups, [](GroupSpec const& g) { return g.name == "peerReady"; });
+  if (!avoid_.allSkipped) return;
+  auto const specs = specs_;
+  for (auto const& [name, spec] : specs)
+    applyProfile(spec);
 }
 
 std::string World::agentChange(AgentState& a, Event const& e) {
@@ -428,6 +432,17 @@ void World::applyProfile(ProfileSpec const& given) {
   // One group per name, as in a profile file.
   std::set<std::string> names;
   std::erase_if(spec.groups, [&](GroupSpec const& g) { return !names.insert(g.name).second; });
+  bool const plain = std::any_of(spec.groups.begin(), spec.groups.end(), [](GroupSpec const& g) {
+    return g.templateConditions.empty() && g.name != "peerReady";
+  });
+  if (avoid_.allSkipped && !plain) {
+    // A group that is never skipped and never removed by the switch to active.
+    GroupSpec base;
+    base.name = "base";
+    base.mounts.push_back({std::string(kRoot) + "/d0", "Qel::Dir", "r"});
+    spec.groups.push_back(base);
+    names.insert(base.name);
+  }
   auto const before = specs_.find(spec.name);
   auto p = profiles_->agentProfileIs(Qel::Name(spec.name));
   p->rootFlagsIs(spec.rootFlags);
