@@ -1,0 +1,330 @@
+#include "sim/Generator.h"
+
+#include <array>
+#include <set>
+#include <utility>
+
+namespace Sim {
+
+namespace {
+
+// The kinds of event and how often each is drawn.
+struct Weighted {
+  Kind kind;
+  unsigned weight;
+};
+constexpr std::array kKinds{
+    Weighted{Kind::connect, 10},        Weighted{Kind::disconnect, 4},
+    Weighted{Kind::releaseAnswers, 8},  Weighted{Kind::holdAnswers, 3},
+    Weighted{Kind::answerDelay, 3},     Weighted{Kind::failMount, 2},
+    Weighted{Kind::unsyncPath, 2},      Weighted{Kind::createDir, 6},
+    Weighted{Kind::deleteDir, 3},       Weighted{Kind::createSensor, 3},
+    Weighted{Kind::deleteSensor, 1},    Weighted{Kind::writeAttribute, 10},
+    Weighted{Kind::reloadProfile, 2},   Weighted{Kind::addGroup, 2},
+    Weighted{Kind::removeGroup, 2},     Weighted{Kind::editGroup, 1},
+    Weighted{Kind::grantWrites, 3},     Weighted{Kind::switchRole, 2},
+    Weighted{Kind::protocolVersion, 1}, Weighted{Kind::traceLevels, 3},
+    Weighted{Kind::idle, 10},
+};
+constexpr unsigned totalWeight() {
+  unsigned t = 0;
+  for (auto const& k : kKinds)
+    t += k.weight;
+  return t;
+}
+
+// Simulated seconds run after an event, and how often each is drawn. Most steps are short, so
+// that events land inside mounts, directory mounts and condition retries.
+constexpr std::array<std::pair<double, unsigned>, 7> kRunTimes{
+    {{0.0, 20}, {0.001, 20}, {0.004, 15}, {0.02, 20}, {0.1, 12}, {0.6, 8}, {2.5, 5}}};
+
+std::vector<std::string> const kPlainPaths{
+    "d0",    "d1",       "d2",     "d3",       "d0/s0",       "d1/s1",   "d2/s2",
+    "d3/s0", "d1/s0/e1", "cell/1", "cell/1/x", "d2/s1/e0/n0", "d0/s2/e1"};
+std::vector<std::string> const kTemplatedPaths{
+    "d%unit", "d%unit/s%slot", "d%u/s1", "cell/%cellId", "cell/%peerCellId/x", "d%unit/s0/e%slot"};
+std::vector<std::string> const kDirMountPaths{"d0", "d1", "d2/s1", "d3", "d%unit", "d%u/s2"};
+std::vector<std::string> const kTemplateConditions{"%unit == 1",    "%unit != 2",   "%slot == NULL",
+                                                   "%slot != NULL", "%cellId == 1", "%u == 3"};
+
+}  // namespace
+
+char const* kindName(Kind k) {
+  switch (k) {
+    case Kind::connect:
+      return "connect";
+    case Kind::disconnect:
+      return "disconnect";
+    case Kind::releaseAnswers:
+      return "releaseAnswers";
+    case Kind::holdAnswers:
+      return "holdAnswers";
+    case Kind::answerDelay:
+      return "answerDelay";
+    case Kind::failMount:
+      return "failMount";
+    case Kind::unsyncPath:
+      return "unsyncPath";
+    case Kind::createDir:
+      return "createDir";
+    case Kind::deleteDir:
+      return "deleteDir";
+    case Kind::createSensor:
+      return "createSensor";
+    case Kind::deleteSensor:
+      return "deleteSensor";
+    case Kind::writeAttribute:
+      return "writeAttribute";
+    case Kind::reloadProfile:
+      return "reloadProfile";
+    case Kind::addGroup:
+      return "addGroup";
+    case Kind::removeGroup:
+      return "removeGroup";
+    case Kind::editGroup:
+      return "editGroup";
+    case Kind::grantWrites:
+      return "grantWrites";
+    case Kind::switchRole:
+      return "switchRole";
+    case Kind::protocolVersion:
+      return "protocolVersion";
+    case Kind::traceLevels:
+      return "traceLevels";
+    case Kind::idle:
+      return "idle";
+  }
+  return "?";
+}
+
+std::string Generator::describe(Event const& e) {
+  return std::string(kindName(e.kind)) + " (agent " + agentNames()[e.agent] + ", profile " +
+         profileNames()[e.profile] + ", " + std::to_string(e.index) + ", " +
+         std::to_string(e.value) + ", then " + std::to_string(e.dt) + " s)";
+}
+
+std::vector<std::string> const& Generator::agentNames() {
+  // Family members, a member of a more specific family, an exact profile, an agent without any
+  // profile and one whose name has no "-" for the family rule to cut.
+  static std::vector<std::string> const names{"fan-1",   "fan-2", "fan-1-2", "psu-0",
+                                              "psu-3-1", "ctl",   "ghost",   "fan"};
+  return names;
+}
+
+std::vector<std::string> const& Generator::profileNames() {
+  static std::vector<std::string> const names{"fan-", "fan-1-", "psu-", "ctl"};
+  return names;
+}
+
+std::vector<std::string> const& Generator::directories() {
+  static std::vector<std::string> const dirs = [] {
+    std::vector<std::string> d{"cell", "cell/1", "cell/1/x", "cell/2", "cell/2/x"};
+    for (int i = 0; i < 4; ++i) {
+      std::string const top = "d" + std::to_string(i);
+      d.push_back(top);
+      for (int j = 0; j < 3; ++j) {
+        std::string const mid = top + "/s" + std::to_string(j);
+        d.push_back(mid);
+        for (int k = 0; k < 2; ++k)
+          d.push_back(mid + "/e" + std::to_string(k));
+      }
+    }
+    return d;
+  }();
+  return dirs;
+}
+
+Generator::Generator(std::uint64_t seed, Avoid avoid) : rng_(seed), avoid_(avoid) {}
+
+unsigned Generator::below(unsigned n) {
+  return static_cast<unsigned>(rng_() % n);
+}
+
+double Generator::runTime() {
+  unsigned total = 0;
+  for (auto const& [t, w] : kRunTimes)
+    total += w;
+  unsigned r = below(total);
+  for (auto const& [t, w] : kRunTimes) {
+    if (r < w) return t;
+    r -= w;
+  }
+  return 0;
+}
+
+Event Generator::next() {
+  Event e;
+  unsigned r = below(totalWeight());
+  for (auto const& k : kKinds) {
+    if (r < k.weight) {
+      e.kind = k.kind;
+      break;
+    }
+    r -= k.weight;
+  }
+  e.agent = below(static_cast<unsigned>(agentNames().size()));
+  e.profile = below(static_cast<unsigned>(profileNames().size()));
+  e.index = below(1000);
+  e.value = below(1000);
+  switch (e.kind) {
+    case Kind::reloadProfile:
+      e.newProfile = profile(profileNames()[e.profile]);
+      break;
+    case Kind::addGroup:
+      e.newGroup = group("g" + std::to_string(groupSerial_++), true);
+      break;
+    case Kind::editGroup:
+      e.newCondition = condition();
+      break;
+    case Kind::traceLevels:
+      e.traceLevels = traceLevelText();
+      break;
+    default:
+      break;
+  }
+  e.dt = runTime();
+  return e;
+}
+
+ProfileSpec Generator::profile(std::string const& name) {
+  ProfileSpec p;
+  p.name = name;
+  p.rootFlags = chance(20) ? "N" : "";
+  p.hybrid = chance(25);
+  p.lowPrio = chance(20);
+  if (chance(70)) {
+    p.templateKeys[1] = "%unit";
+    if (chance(60)) p.templateKeys[2] = "%slot";
+  }
+  if (chance(30)) p.aliases["%u"] = chance(80) ? "%unit" : " %unit ";
+  unsigned const groups = 1 + below(4);
+  for (unsigned i = 0; i < groups; ++i) {
+    // With allSkipped avoided, the first group never carries a template condition.
+    p.groups.push_back(group("g" + std::to_string(groupSerial_++), !(avoid_.allSkipped && i == 0)));
+  }
+  if (avoid_.sharedCreate) {
+    std::set<std::string> creating;
+    for (auto& g : p.groups) {
+      for (auto& m : g.mounts) {
+        if (m.flags.find('c') == std::string::npos) continue;
+        if (!creating.insert(m.path).second) m.flags.erase(m.flags.find('c'), 1);
+      }
+    }
+  }
+  return p;
+}
+
+GroupSpec Generator::group(std::string const& name, bool withTemplateConditions) {
+  GroupSpec g;
+  g.name = chance(5) ? "peerReady" : name;
+  g.priority = 1 + below(chance(20) ? 99 : 6);
+  unsigned const mounts = 1 + below(3);
+  for (unsigned i = 0; i < mounts; ++i)
+    g.mounts.push_back(mount());
+  if (chance(30)) {
+    unsigned const n = 1 + below(2);
+    for (unsigned i = 0; i < n; ++i)
+      g.conditions.push_back(condition());
+    g.blocking = chance(40);
+  }
+  if (g.name == "peerReady" && g.conditions.empty()) {
+    // The group that waits for the process to be active: its condition never holds by itself.
+    g.conditions.push_back({0, "label", "==", "never", false});
+    g.blocking = true;
+  }
+  if (withTemplateConditions && chance(20))
+    g.templateConditions.push_back(pick(kTemplateConditions));
+  if (avoid_.sharedCreate) {
+    for (auto& m : g.mounts) {
+      auto const c = m.flags.find('c');
+      if (c != std::string::npos) m.flags.erase(c, 1);
+    }
+  }
+  return g;
+}
+
+MountSpec Generator::mount() {
+  MountSpec m;
+  m.type = "Qel::Dir";
+  bool const directory = chance(15);
+  std::string rel;
+  if (directory) {
+    rel = pick(kDirMountPaths);
+  } else {
+    rel = chance(35) ? pick(kTemplatedPaths) : pick(kPlainPaths);
+  }
+  m.path = std::string(kRoot) + "/" + rel;
+  if (chance(30)) m.flags += 'w';
+  if (chance(8)) m.flags += 'f';
+  if (chance(20)) m.flags += 'c';
+  if (chance(8)) m.flags += 'i';
+  if (chance(8)) m.flags += 'S';
+  if (directory) {
+    m.flags += 'D';
+    if (chance(50)) m.flags += 'B';
+  }
+  if (m.flags.empty() && chance(50)) m.flags = "r";
+  return m;
+}
+
+ConditionSpec Generator::condition() {
+  ConditionSpec c;
+  c.sensor = static_cast<int>(below(kSensors));
+  static std::vector<std::string> const ops{"==", "!=", "<", "<=", ">", ">="};
+  switch (below(6)) {
+    case 0:
+      c.attribute = "ready";
+      c.op = chance(70) ? "==" : "!=";
+      c.constant = c.op == "==" ? "true" : "false";
+      break;
+    case 1:
+      c.attribute = "level";
+      c.op = pick(ops);
+      c.constant = std::to_string(c.op == ">" ? 1 + below(4) : below(5));
+      break;
+    case 2:
+      c.attribute = "mode";
+      c.op = chance(70) ? "==" : "!=";
+      c.constant = chance(50) ? "on" : "off";
+      break;
+    case 3:
+      c.attribute = "label";
+      c.op = chance(70) ? "==" : "!=";
+      c.constant = chance(50) ? "up" : "NULL";
+      break;
+    case 4:
+      c.attribute = "tags";
+      c.op = chance(60) ? "in" : "notin";
+      c.constant = chance(50) ? "hot" : "cold";
+      break;
+    default:
+      c.attribute = "tags";
+      c.len = true;
+      c.op = pick(ops);
+      c.constant = std::to_string(c.op == ">" ? 1 + below(3) : below(3));
+      break;
+  }
+  return c;
+}
+
+std::string Generator::traceLevelText() {
+  static std::vector<std::string> const facilities{"PassiveEntityManager", "Orn", "LedraPlatform",
+                                                   "*"};
+  std::string text;
+  unsigned const n = 1 + below(3);
+  for (unsigned i = 0; i < n; ++i) {
+    if (!text.empty()) text += ",";
+    text += pick(facilities) + "=" + std::to_string(chance(40) ? 9 : below(10));
+  }
+  return text;
+}
+
+std::string ConditionSpec::sensorPath() const {
+  return std::string(kRoot) + "/sensors/s" + std::to_string(sensor);
+}
+
+std::string ConditionSpec::text() const {
+  return constant + " " + op + " " + (len ? "len( " : "") + sensorPath() + "." + attribute;
+}
+
+}  // namespace Sim

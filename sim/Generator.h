@@ -1,0 +1,109 @@
+// Sim::Generator: every random choice of one simulated run, drawn from one seeded generator.
+//
+// next() draws one Event: its kind from the weighted table of kinds, then its parameters. The
+// numbers drawn depend only on the seed and on how many events were drawn before, never on what
+// the library did with them: the world interprets an event against its present state (a
+// "disconnect" of an agent that is not connected does nothing). So two runs of one seed see the
+// same events whatever happens in between, which is what lets a seed replay exactly and lets a
+// traced run be compared with an untraced one.
+//
+// Switches (Avoid) keep the generator away from fault classes that are known and being fixed,
+// so that a regression run can stay green meanwhile; by default everything is exercised.
+//
+// Single-threaded.
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "sim/Specs.h"
+
+namespace Sim {
+
+// Fault classes the generator can be told to stay away from.
+struct Avoid {
+  bool sharedCreate = false;  // one path with 'c' in several groups of a profile
+  bool inPlaceEdit = false;   // conditions added to a group an engine may hold
+  bool allSkipped = false;    // profiles whose every group may be skipped by template conditions
+  bool rootRefusal = false;   // failed answers to the root mount
+  bool oldProtocol = false;   // agents speaking a protocol version other than 5
+};
+
+enum class Kind {
+  connect,
+  disconnect,
+  releaseAnswers,
+  holdAnswers,
+  answerDelay,
+  failMount,
+  unsyncPath,
+  createDir,
+  deleteDir,
+  createSensor,
+  deleteSensor,
+  writeAttribute,
+  reloadProfile,
+  addGroup,
+  removeGroup,
+  editGroup,
+  grantWrites,
+  switchRole,
+  protocolVersion,
+  traceLevels,
+  idle,
+};
+
+char const* kindName(Kind k);
+
+struct Event {
+  Kind kind = Kind::idle;
+  unsigned agent = 0;          // index into the agent table
+  unsigned profile = 0;        // index into the profile table
+  unsigned index = 0;          // a path, sensor, group, ... chosen by the kind
+  unsigned value = 0;          // a value chosen by the kind
+  ProfileSpec newProfile;      // reloadProfile
+  GroupSpec newGroup;          // addGroup
+  ConditionSpec newCondition;  // editGroup
+  std::string traceLevels;     // traceLevels
+  double dt = 0;               // simulated time run after the event
+};
+
+class Generator {
+ public:
+  Generator(std::uint64_t seed, Avoid avoid);
+
+  Event next();
+  // The event as drawn, before the world interprets it.
+  static std::string describe(Event const& e);
+  // A number below n, for the world's initial state.
+  unsigned number(unsigned n) { return below(n); }
+  ProfileSpec profile(std::string const& name);
+
+  // The fixed tables the events index into.
+  static std::vector<std::string> const& agentNames();
+  static std::vector<std::string> const& profileNames();
+  // Directories below the root that may exist ("d0", "d0/s1", ...).
+  static std::vector<std::string> const& directories();
+  static constexpr unsigned kSensors = 3;
+
+ private:
+  unsigned below(unsigned n);
+  bool chance(unsigned percent) { return below(100) < percent; }
+  template <class T>
+  T const& pick(std::vector<T> const& v) {
+    return v[below(static_cast<unsigned>(v.size()))];
+  }
+  GroupSpec group(std::string const& name, bool withTemplateConditions);
+  MountSpec mount();
+  ConditionSpec condition();
+  std::string traceLevelText();
+  double runTime();
+
+  std::mt19937_64 rng_;
+  Avoid avoid_;
+  unsigned groupSerial_ = 0;
+};
+
+}  // namespace Sim

@@ -1,0 +1,224 @@
+#include "sim/Observer.h"
+
+#include <algorithm>
+
+#include "Qel/MountTable.h"
+#include "Qel/NboAttrLog/Demuxer.h"
+#include "sim/Specs.h"
+
+namespace Sim {
+
+using Qel::NotifieeBase;
+
+// New connections appear in the demuxer manager before their status record, so before the
+// database sends them anything.
+class Observer::DemuxerMgrWatch : public Qel::NboAttrLog::DemuxerMgr::NotifieeConst {
+ public:
+  explicit DemuxerMgrWatch(Observer& o)
+      : Qel::NboAttrLog::DemuxerMgr::NotifieeConst(NotifieeBase::Reference::weak), o_(o) {}
+  void onDemuxer(Qel::Name const& name) override { o_.connectionSeen(name); }
+
+ private:
+  Observer& o_;
+};
+
+// One connection's peer mount table: configurations installed are requests, statuses set by the
+// peer's answers are answers.
+class Observer::TableWatch : public Qel::MountTable::NotifieeConst {
+ public:
+  TableWatch(Observer& o, std::string agent, unsigned epoch)
+      : Qel::MountTable::NotifieeConst(NotifieeBase::Reference::weak),
+        o_(o),
+        agent_(std::move(agent)),
+        epoch_(epoch) {}
+
+  void onConf(Qel::String const& path) override {
+    auto const table = notifier();
+    if (!table) return;
+    Qel::MountTable::Conf const conf = table->conf(path);
+    if (conf.empty()) return;
+    auto const* d = table->connection();
+    unsigned const unanswered = d ? d->flowOutMountRequests() : 0;
+    std::string const label = o_.entitlement_(agent_, path);
+    o_.note(who() + " request " + path + "?flags=" + conf.flags().text() +
+                (conf.type().empty() ? "" : " type " + conf.type()) + " [" +
+                (label.empty() ? "NOT ENTITLED" : label) +
+                "] unanswered before: " + std::to_string(unanswered),
+            true);
+    if (label.empty()) o_.violation("entitlement: " + who() + " was sent " + path);
+    if (path == kRoot) return;
+    std::string const parent = path.substr(0, path.rfind('/'));
+    if (table->conf(parent).empty()) {
+      o_.violation("parent: " + who() + " was sent " + path + " before its parent " + parent);
+    }
+  }
+
+  void onStatus(Qel::ConnectDesc const& cd) override {
+    auto const table = notifier();
+    if (!table) return;
+    Qel::MountTable::Stat const s = table->stat(cd);
+    if (s.status() == Qel::MountTable::complete_) {
+      o_.note(who() + " answer " + cd.path() + " complete", true);
+      return;
+    }
+    if (s.status() != Qel::MountTable::failed_) return;
+    o_.note(who() + " answer " + cd.path() + " failed: " + s.exceptionDesc(), true);
+    o_.connections_[{agent_, epoch_}].failed = true;
+  }
+
+  std::string who() const { return agent_ + "#" + std::to_string(epoch_); }
+
+ private:
+  Observer& o_;
+  std::string const agent_;
+  unsigned const epoch_;
+};
+
+// The root manager's engines, as it creates them.
+class Observer::RootWatch : public Ledra::PassiveEntityManagerRootSm::NotifieeConst {
+ public:
+  explicit RootWatch(Observer& o)
+      : Ledra::PassiveEntityManagerRootSm::NotifieeConst(NotifieeBase::Reference::weak), o_(o) {}
+  void onPassiveEntityManagerSm(Qel::Name const& agent) override { o_.engineSeen(agent); }
+
+ private:
+  Observer& o_;
+};
+
+// One engine's ready queue: the group that leaves its head is started.
+class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeConst {
+ public:
+  using Key = std::pair<Qel::U32, Qel::U64>;
+
+  EngineWatch(Observer& o, std::string agent)
+      : Ledra::PassiveEntityManagerSm::NotifieeConst(NotifieeBase::Reference::weak),
+        o_(o),
+        agent_(std::move(agent)) {}
+
+  void onReadyMountGroup() override {
+    auto const engine = notifier();
+    if (!engine) return;
+    std::vector<Key> now;
+    std::vector<std::string> names;
+    for (auto const& entry : engine->readyMountGroup()) {
+      now.emplace_back(entry.key.index0, entry.key.index1);
+      names.push_back(entry.value ? std::string(entry.value->name()) : "?");
+    }
+    // A group taken inside a scheduling pass of a live engine; the queue is also emptied by a
+    // cleanup (the agent gone or closed), which starts nothing.
+    auto const d = engine->demuxer();
+    bool const live = engine->mountsInProgress() && engine->initialized() &&
+                      !(d && (d->closed() || d->closing()));
+    bool const dequeued = live && !queue_.empty() && now.size() + 1 == queue_.size() &&
+                          std::equal(now.begin(), now.end(), queue_.begin() + 1);
+    if (dequeued && !o_.dropping_) started(*engine, queue_.front(), names_.front());
+    queue_ = std::move(now);
+    names_ = std::move(names);
+  }
+
+  void onState() override {
+    auto const engine = notifier();
+    if (!engine) return;
+    o_.note(agent_ + " engine state " + std::to_string(engine->state()), false);
+  }
+
+ private:
+  void started(Ledra::PassiveEntityManagerSm const& engine, Key const& key,
+               std::string const& name) {
+    o_.note(agent_ + " group " + name + " (priority " + std::to_string(key.first) + ") started",
+            true);
+    if (key.first < lastPriority_) {
+      o_.violation("order: " + agent_ + " started group " + name + " of priority " +
+                   std::to_string(key.first) + " after one of priority " +
+                   std::to_string(lastPriority_));
+    }
+    lastPriority_ = key.first;
+    auto const d = engine.demuxer();
+    if (!d) {
+      o_.violation("gate: " + agent_ + " started group " + name + " without a connection");
+      return;
+    }
+    if (d->flowOutMountRequests() != 0) {
+      o_.violation("gate: " + agent_ + " started group " + name + " with " +
+                   std::to_string(d->flowOutMountRequests()) + " requests unanswered");
+    }
+    for (auto const& [cd, stat] : d->outMount()->status()) {
+      if (stat.status() == Qel::MountTable::complete_) continue;
+      o_.violation("gate: " + agent_ + " started group " + name + " while " + cd.path() +
+                   " is not complete");
+    }
+    if (engine.pendingMountProfiles() != 0) {
+      o_.violation("gate: " + agent_ + " started group " + name + " with mounts pending");
+    }
+  }
+
+  Observer& o_;
+  std::string const agent_;
+  std::vector<Key> queue_;
+  std::vector<std::string> names_;
+  Qel::U32 lastPriority_ = 0;
+};
+
+Observer::Observer(History& history, Entitlement entitlement)
+    : history_(history), entitlement_(std::move(entitlement)) {
+  demuxerMgrWatch_ = std::make_unique<DemuxerMgrWatch>(*this);
+  demuxerMgrWatch_->notifierIs(Qel::NboAttrLog::demuxerMgr());
+}
+
+Observer::~Observer() = default;
+
+void Observer::rootIs(Ledra::PassiveEntityManagerRootSm::Ptr const& root) {
+  if (!root) {
+    rootWatch_.reset();
+    return;
+  }
+  rootWatch_ = std::make_unique<RootWatch>(*this);
+  rootWatch_->notifierIs(root);
+}
+
+void Observer::connectionSeen(Qel::Name const& name) {
+  auto const d = Qel::NboAttrLog::demuxerMgr()->demuxer(name);
+  if (!d) return;
+  for (auto const& t : tables_) {
+    if (t->notifier().ptr() == d->peer().ptr()) return;
+  }
+  std::string const agent(name);
+  connections_[{agent, d->epoch()}] = Connection{agent, d->epoch(), false};
+  tables_.push_back(std::make_unique<TableWatch>(*this, agent, d->epoch()));
+  tables_.back()->notifierIs(d->peer());
+}
+
+void Observer::engineSeen(Qel::Name const& agent) {
+  if (!rootWatch_) return;
+  auto const root = rootWatch_->notifier();
+  if (!root) return;
+  auto const engine = root->passiveEntityManagerSm(agent);
+  if (!engine) return;
+  for (auto const& e : engines_) {
+    if (e->notifier().ptr() == engine.ptr()) return;
+  }
+  engines_.push_back(std::make_unique<EngineWatch>(*this, std::string(agent)));
+  engines_.back()->notifierIs(engine);
+}
+
+bool Observer::failedAnswer(std::string const& agent, unsigned epoch) const {
+  auto it = connections_.find({agent, epoch});
+  return it != connections_.end() && it->second.failed;
+}
+
+void Observer::prune() {
+  std::erase_if(tables_, [](auto const& t) { return !t->notifier(); });
+  std::erase_if(engines_, [](auto const& e) { return !e->notifier(); });
+}
+
+void Observer::violation(std::string text) {
+  history_.add(step_, time_, "VIOLATION " + text);
+  violations_.push_back("step " + std::to_string(step_) + ": " + std::move(text));
+}
+
+void Observer::note(std::string text, bool logged) {
+  if (logged) log_.push_back(std::to_string(step_) + " " + text);
+  history_.add(step_, time_, std::move(text));
+}
+
+}  // namespace Sim

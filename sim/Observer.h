@@ -1,0 +1,103 @@
+// Sim::Observer: watches, from outside, what the library does to each agent connection, and
+// checks the invariants that must hold at every moment.
+//
+// It registers weak notifiees only (it never keeps a library object alive):
+//   - on the process's demuxer manager, to find every new connection before its first request;
+//   - on each connection's peer mount table: a configuration installed is a mount request (the
+//     count of unanswered requests still reads its value from before the request), a status
+//     turning complete or failed is an answer;
+//   - on the root manager, to find every engine it creates;
+//   - on each engine's ready queue: a group leaving the head of the queue is a group being
+//     started.
+// What it sees goes into the run's History and, as trace-independent lines, into log(), which two
+// runs of one seed must produce identically.
+//
+// Invariants checked as things happen (each failure is a line in violations()):
+//   - gate: a group leaves the ready queue only when the connection has no unanswered request,
+//     every earlier request completed, and no mount is pending;
+//   - order: the groups of one engine leave the ready queue in ascending priority;
+//   - parent: a path is requested only after its parent path was requested on that connection;
+//   - entitlement: every requested path is one the agent's profile entitles it to (see World).
+//
+// Single-threaded: everything runs inside the library's notifications on the event loop.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Ledra/LoopbackAgent.h"
+#include "PassiveEntityManager/PassiveEntityManagerRootSm.h"
+#include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "sim/History.h"
+
+namespace Sim {
+
+class Observer {
+ public:
+  // The group a requested path belongs to for `agent` ("g3", "parent of g3", "entry of g3"), or
+  // "" when the agent is not entitled to it.
+  using Entitlement = std::function<std::string(std::string const& agent, std::string const& path)>;
+
+  Observer(History& history, Entitlement entitlement);
+  ~Observer();
+  Observer(Observer const&) = delete;
+  Observer& operator=(Observer const&) = delete;
+
+  void stepIs(unsigned step, double time) {
+    step_ = step;
+    time_ = time;
+  }
+  // Watches the engines of `root` (null: none).
+  void rootIs(Ledra::PassiveEntityManagerRootSm::Ptr const& root);
+  // While set, groups leaving ready queues are dropped by the root, not started.
+  void droppingIs(bool v) { dropping_ = v; }
+
+  // Per connection (agent name and epoch): whether any answer was a failure.
+  bool failedAnswer(std::string const& agent, unsigned epoch) const;
+
+  std::vector<std::string> const& violations() const { return violations_; }
+  std::vector<std::string> const& log() const { return log_; }
+
+  // Forgets the watches of objects that have died.
+  void prune();
+
+ private:
+  class DemuxerMgrWatch;
+  class TableWatch;
+  class RootWatch;
+  class EngineWatch;
+  friend class DemuxerMgrWatch;
+  friend class TableWatch;
+  friend class RootWatch;
+  friend class EngineWatch;
+
+  struct Connection {
+    std::string agent;
+    unsigned epoch = 0;
+    bool failed = false;
+  };
+
+  void connectionSeen(Qel::Name const& name);
+  void engineSeen(Qel::Name const& agent);
+  void violation(std::string text);
+  void note(std::string text, bool logged);
+
+  History& history_;
+  Entitlement entitlement_;
+  unsigned step_ = 0;
+  double time_ = 0;
+  bool dropping_ = false;
+  std::unique_ptr<DemuxerMgrWatch> demuxerMgrWatch_;
+  std::unique_ptr<RootWatch> rootWatch_;
+  std::vector<std::unique_ptr<TableWatch>> tables_;
+  std::vector<std::unique_ptr<EngineWatch>> engines_;
+  std::map<std::pair<std::string, unsigned>, Connection> connections_;
+  std::vector<std::string> violations_;
+  std::vector<std::string> log_;
+};
+
+}  // namespace Sim

@@ -1,0 +1,56 @@
+// What the simulation asks of the library, as plain data: agent profiles with their mount
+// groups, attribute conditions and template conditions. The generator draws them; the world
+// turns them into library objects (profiles, groups) and knows from them which paths each agent
+// is entitled to and how to make each condition true.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Sim {
+
+// The database root every path of the simulation lives under.
+inline constexpr char const* kRoot = "/ledra/Ledra";
+
+struct MountSpec {
+  std::string path;  // may hold template keys
+  std::string type;
+  std::string flags;
+  bool operator==(MountSpec const&) const = default;
+};
+
+// "<constant> <op> [len( ]<sensor path>.<attribute>", constant on the left.
+struct ConditionSpec {
+  int sensor = 0;
+  std::string attribute;
+  std::string op;
+  std::string constant;
+  bool len = false;
+
+  std::string sensorPath() const;
+  std::string text() const;
+  bool operator==(ConditionSpec const&) const = default;
+};
+
+struct GroupSpec {
+  std::string name;
+  unsigned priority = 1;
+  bool blocking = false;
+  std::vector<ConditionSpec> conditions;
+  std::vector<std::string> templateConditions;
+  std::vector<MountSpec> mounts;
+  bool operator==(GroupSpec const&) const = default;
+};
+
+struct ProfileSpec {
+  std::string name;
+  std::string rootFlags;
+  bool hybrid = false;
+  bool lowPrio = false;
+  std::map<unsigned, std::string> templateKeys;
+  std::map<std::string, std::string> aliases;
+  std::vector<GroupSpec> groups;
+};
+
+}  // namespace Sim

@@ -1,0 +1,114 @@
+// Sim::World: one simulated database process: the tree under /ledra/Ledra (directories and
+// sensor entities), the agent profiles, the entity manager, the root manager, the loopback
+// agents and the simulated clock that drives them, all of it the real library and platform.
+//
+// apply(event) carries out one generated event against the present state and says what it did
+// (an event that does not fit, such as disconnecting an agent that is not connected, does
+// nothing). Profiles are changed the way the reference database process reloads them: a profile
+// is never deleted; a group whose content changes is replaced by a new group object, so that an
+// engine still holding the old one is undisturbed (editGroup, which adds a condition to a group
+// in place, is the one exception, and can be avoided).
+//
+// The world also knows, independently of the library, which paths each agent is entitled to
+// (entitlement()), and how to bring every agent to the end of its work (settle()): answers
+// released, failures lifted, every directory a directory mount waits for created, every
+// condition made true, writes granted and the process active.
+//
+// Construction takes the process configuration, clock, event loop and global tree entries for
+// itself; destruction gives them all back. One World at a time. Single-threaded.
+#pragma once
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Ledra/EntityManager.h"
+#include "Ledra/LoopbackAgent.h"
+#include "PassiveEntityManager/PassiveEntityManager.h"
+#include "Qel/DynamicEntity.h"
+#include "Qel/EventLoop.h"
+#include "Qel/SimulatedClock.h"
+#include "sim/Generator.h"
+#include "sim/History.h"
+#include "sim/Observer.h"
+
+namespace Sim {
+
+class World {
+ public:
+  World(Generator& generator, Avoid avoid, bool traced, History& history);
+  ~World();
+  World(World const&) = delete;
+  World& operator=(World const&) = delete;
+
+  std::string apply(Event const& e);
+  void run(double seconds);
+  // Brings every connected agent to the end of its work (see the header comment).
+  void settle();
+  // Agents still connected, with a profile, never answered with a failure and not closed, that
+  // did not reach mountComplete; one line each.
+  std::vector<std::string> unfinishedAgents() const;
+  // Disconnects every agent and lets the connections go; then what is left of the agents'
+  // engines, status records and retry timers, one line each.
+  std::vector<std::string> leftoversAfterDisconnect();
+  // Releases the root manager and everything else the world holds; then the clock's armed timers.
+  std::size_t release();
+
+  Observer& observer() { return *observer_; }
+  double now() const { return clock_->now(); }
+  // What each agent was sent, "agent#epoch path?flags=letters type", for comparing runs.
+  std::vector<std::string> requestsSent() const;
+
+ private:
+  struct AgentState {
+    Ledra::LoopbackAgent::Ptr agent;
+    std::string profile;  // the profile that served the present connection ("" when none)
+    std::set<std::string> entitled;         // canonical mount paths of that profile, every version
+    std::set<std::string> directoryMounts;  // those mounted entry by entry
+    std::map<std::string, std::string> groupOf;  // canonical path -> group names
+    std::map<std::string, std::string> values;   // template key -> value, fixed at connect
+    std::set<std::string> failing;
+    std::set<std::string> unsynced;
+  };
+
+  std::string connect(AgentState& a, Event const& e);
+  std::string profileFor(std::string const& agent) const;
+  void entitle(AgentState& a);
+  void entitleAll();
+  // `path` with the agent's template values substituted, computed here, not by the library.
+  std::string canonical(AgentState const& a, std::string const& path) const;
+  std::string entitlement(std::string const& agent, std::string const& path) const;
+  void applyProfile(ProfileSpec const& spec);
+  void fillGroup(Ledra::PassiveMountGroup& g, GroupSpec const& s);
+  void makeDir(std::string const& relative);
+  std::string removeDir(std::string const& relative);
+  Qel::DynamicEntity::Ptr sensor(unsigned i) const;
+  std::string createSensor(unsigned i);
+  std::string write(unsigned sensor, unsigned what, unsigned value);
+  void makeTrue(ConditionSpec const& c);
+  std::string agentChange(AgentState& a, Event const& e);
+  void becomeActive(Ledra::EntityManager::Role role);
+  bool waitsOnReplacedEntity(Ledra::PassiveEntityManagerSm const& engine) const;
+
+  Generator& generator_;
+  Avoid const avoid_;
+  bool const traced_;
+  History& history_;
+  Qel::SimulatedClock::Ptr clock_;
+  Qel::EventLoop::Ptr loop_;
+  Qel::Dir::Ptr root_;
+  Qel::Dir::Ptr sensors_;
+  Ledra::PassiveAgentProfileDir::Ptr profiles_;
+  Ledra::PassiveAgentStatusDir::Ptr statuses_;
+  Ledra::EntityManager::Ptr entMgr_;
+  Ledra::PassiveEntityManagerSmWrapper::Ptr wrapper_;
+  std::map<std::string, ProfileSpec> specs_;
+  std::map<std::string, ConditionSpec> conditions_;  // every condition ever given, by its text
+  std::vector<AgentState> agents_;
+  std::unique_ptr<Observer> observer_;
+};
+
+}  // namespace Sim
