@@ -385,7 +385,9 @@ bool applyProfile(Ledra::PassiveAgentProfile& p, StagedProfile const& s) {
   }
 
   std::vector<Qel::Name> stale;
-  for (auto const& [name, g] : p.mountGroup()) {
+  for (auto const& entry : p.mountGroup()) {
+    // A named variable rather than a structured binding: clang 14 cannot capture the latter.
+    Qel::Name const& name = entry.first;
     bool const wanted = std::any_of(s.groups.begin(), s.groups.end(),
                                     [&](StagedGroup const& gs) { return gs.name == name; });
     if (!wanted) stale.push_back(name);
