@@ -62,7 +62,7 @@ struct Refusal {
 class ProfileFileRefusal : public ::testing::TestWithParam<Refusal> {};
 
 TEST_P(ProfileFileRefusal, NamesFileLineAndReason) {
-  EXPECT_EQ(outcome([this] { ProfileFile::parse(GetParam().text, "bad.profile"); }),
+  EXPECT_EQ(outcome([] { ProfileFile::parse(GetParam().text, "bad.profile"); }),
             "bad.profile:" + std::to_string(GetParam().line) + ": " + GetParam().reason);
 }
 
