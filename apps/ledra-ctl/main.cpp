@@ -74,8 +74,11 @@ int main(int argc, char** argv) {
   if (words.empty()) return bad("no command given");
   std::string const& command = words.front();
   if (command == "load-profiles" || command == "load-state") {
-    for (std::size_t w = 1; w < words.size(); ++w)
-      words[w] = std::filesystem::absolute(words[w]).lexically_normal().string();
+    // An empty name is sent as it is, for ledrad to refuse.
+    for (std::size_t w = 1; w < words.size(); ++w) {
+      if (!words[w].empty())
+        words[w] = std::filesystem::absolute(words[w]).lexically_normal().string();
+    }
   }
   try {
     Ledrad::ControlReply const reply =

@@ -15,6 +15,26 @@ bool isBlank(char c) {
   return c == ' ' || c == '\t';
 }
 
+bool isIdentifierStart(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+
+bool isIdentifier(std::string_view s) {
+  if (s.empty() || !isIdentifierStart(s.front())) return false;
+  for (char c : s) {
+    if (!isIdentifierStart(c) && !(c >= '0' && c <= '9')) return false;
+  }
+  return true;
+}
+
+std::string emptyName(char const* what) {
+  return std::string(what) + " must not be empty";
+}
+
+std::string quoted(std::string const& name, char const* what) {
+  return std::string(what) + " '" + name + "'";
+}
+
 // Reads the quoted word that starts at line[i] (the opening quote); returns the offset after the
 // closing quote.
 std::size_t quotedWord(std::string const& line, std::size_t i, std::string& out,
@@ -124,6 +144,37 @@ bool parseBool(std::string const& word, bool& out) {
     return true;
   }
   return false;
+}
+
+std::string wordNameProblem(std::string const& name, char const* what) {
+  if (name.empty()) return emptyName(what);
+  for (char c : name) {
+    auto const u = static_cast<unsigned char>(c);
+    if (u <= ' ' || u == 0x7f)
+      return quoted(name, what) + " may not hold blanks or control characters";
+  }
+  return {};
+}
+
+std::string identifierProblem(std::string const& name, char const* what) {
+  if (name.empty()) return emptyName(what);
+  if (isIdentifier(name)) return {};
+  return quoted(name, what) + " must be a letter or '_' followed by letters, digits or '_'";
+}
+
+std::string typeNameProblem(std::string const& name, char const* what) {
+  if (name.empty()) return emptyName(what);
+  std::string_view rest(name);
+  while (true) {
+    std::size_t const sep = rest.find("::");
+    if (!isIdentifier(rest.substr(0, sep))) {
+      return quoted(name, what) +
+             " must be identifiers (a letter or '_' followed by letters, digits or '_') joined "
+             "by '::'";
+    }
+    if (sep == std::string_view::npos) return {};
+    rest.remove_prefix(sep + 2);
+  }
 }
 
 }  // namespace Ledrad

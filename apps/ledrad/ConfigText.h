@@ -45,4 +45,14 @@ std::string readConfigFile(std::string const& file);
 // Parses a boolean word: "true" or "false"; anything else is an error reason.
 bool parseBool(std::string const& word, bool& out);
 
+// The naming rules of both formats. Each returns the reason a name is refused, naming it as
+// `what` ("profile name", ...), or an empty text for a good name. No name may be empty.
+//
+// A word name (profiles, groups) holds no blank and no control character.
+std::string wordNameProblem(std::string const& name, char const* what);
+// An identifier (enumerators, attributes) is a letter or '_' followed by letters, digits or '_'.
+std::string identifierProblem(std::string const& name, char const* what);
+// A type name (enum and entity types) is identifiers joined by "::", as in Demo::Chassis.
+std::string typeNameProblem(std::string const& name, char const* what);
+
 }  // namespace Ledrad

@@ -7,11 +7,14 @@ namespace Ledrad {
 std::string encodeRequest(std::vector<std::string> const& words) {
   if (words.empty()) throw std::invalid_argument("empty request");
   std::string line;
-  for (auto const& w : words) {
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    std::string const& w = words[i];
     if (w.find_first_of("\t\n") != std::string::npos) {
       throw std::invalid_argument("argument '" + w + "' holds a tab or a newline");
     }
-    if (!line.empty()) line += '\t';
+    // Every word after the first gets its tab, so that empty words, leading ones included,
+    // arrive as given.
+    if (i > 0) line += '\t';
     line += w;
   }
   line += '\n';

@@ -2,9 +2,11 @@
 //
 // One exchange per connection. The client sends one request line: the command and its arguments
 // separated by tab characters, ended by a newline (an argument can therefore hold blanks but no
-// tab or newline). The server answers with a reply and closes the connection: a first line
-// "ok" or "error", then the reply's text (a status table, JSON, or a message). A request line
-// longer than kMaxRequest bytes is refused.
+// tab or newline). Every word arrives as given, empty ones included: n words are joined by n-1
+// tabs (only a request of one empty word reads as the empty line, which is no request). The
+// server answers with a reply and closes the connection: a first line "ok" or "error", then the
+// reply's text (a status table, JSON, or a message). A request line longer than kMaxRequest bytes
+// is refused.
 //
 // Pure functions; encodeRequest throws std::invalid_argument for an argument that cannot be sent
 // and decodeReply std::runtime_error for a reply that is not one.

@@ -32,7 +32,37 @@ std::string attributeText(Qel::Entity const& e, Qel::AttributeId aid,
   }
 }
 
+// The entity a pointer attribute is to hold, read as a state file reads it: "null" for none, else
+// the absolute path of an entity of the attribute's type. Sets `reason` when there is none such.
+Qel::Entity::Ptr pointee(Qel::QelAttr const& a, std::string const& text, std::string& reason) {
+  if (text == "null") return nullptr;
+  if (text.empty() || text.front() != '/') {
+    reason = "a pointer takes the path of an entity or null, not '" + text + "'";
+    return nullptr;
+  }
+  Qel::Entity::Ptr target = Qel::globalDir()->entity(Qel::String(text));
+  if (!target) {
+    reason = "no entity at " + text;
+    return nullptr;
+  }
+  std::string const type = target->fwkType()->name();
+  if (a.type() && !pointerTypeAccepts(a.type()->name(), type)) {
+    reason = "the entity at " + text + " is a " + type + ", not a " + a.type()->name();
+    return nullptr;
+  }
+  return target;
+}
+
 }  // namespace
+
+// The groups one engine was served, with a weak watch on the engine: the watch loses its notifier
+// when the engine dies, so a later engine of the same agent (even at the same address) is never
+// taken for it. The watch is switched off: it only tells whether the engine lives.
+struct Database::Served {
+  Served() { engine.hasNotificationActiveIs(false); }
+  Qel::GenericIf::NotifieeConst engine{Qel::NotifieeBase::Reference::weak};
+  ServedGroups groups;
+};
 
 Database::Database(Config const& config) {
   if (config.systemName.empty() || config.systemName.find('/') != std::string::npos) {
@@ -54,6 +84,7 @@ Database::Database(Config const& config) {
 
 Database::~Database() {
   wrapper_->passiveEntityManagerRootSmDel();
+  served_.clear();
   wrapper_.reset();
   std::vector<Qel::Name> added;
   for (auto const& [name, e] : Qel::globalDir()->entryMap()) {
@@ -94,6 +125,7 @@ std::vector<std::string> Database::loadProfiles(std::vector<std::string> const& 
   for (auto const& file : files) {
     ProfileFile const pf = ProfileFile::load(file);
     pf.checkConditions();
+    keepServedGroups();
     ProfileFile::Applied const a = pf.applyTo(*profileDir_);
     lines.push_back(file + ": " + plural(static_cast<unsigned>(pf.profiles().size()), "profile") +
                     " (" + std::to_string(a.profilesCreated) + " new, " +
@@ -123,20 +155,54 @@ std::string Database::set(std::string const& path, std::string const& attribute,
     throw std::runtime_error(keyed ? "'" + name + "' is no collection"
                                    : "'" + name + "' is a collection: write " + name + "[KEY]");
   }
+  auto refuse = [&](std::string const& reason) {
+    return std::runtime_error(path + " " + attribute + ": " + reason);
+  };
   try {
     Qel::GenericIf::PtrConst key;
     if (keyed) key = a->keyType()->valueFromText(Qel::String(keyText));
     std::string const before = attributeText(*e, a->id(), key);
-    e->attributeIs(Qel::Name(name), Qel::String(value), Qel::String(keyText));
+    if (a->kind() == Qel::QelAttr::Kind::pointer || a->elementsArePointers()) {
+      std::string reason;
+      Qel::Entity::Ptr const target = pointee(*a, value, reason);
+      if (!reason.empty()) throw refuse(reason);
+      e->attributeIs(Qel::Name(name), Qel::GenericIf::PtrConst(target.ptr()), key);
+    } else {
+      e->attributeIs(Qel::Name(name), Qel::String(value), Qel::String(keyText));
+    }
     return path + " " + attribute + ": " + before + " -> " + attributeText(*e, a->id(), key);
   } catch (Qel::Exception const& x) {
-    throw std::runtime_error(path + " " + attribute + ": " + x.what());
+    throw refuse(x.what());
   }
+}
+
+void Database::keepServedGroups() {
+  std::erase_if(served_, [](auto const& s) { return !s.second->engine.notifier(); });
+  auto const r = root();
+  if (!r) return;
+  for (auto const& [name, engine] : r->passiveEntityManagerSm()) {
+    // An engine still in init takes its groups from the profile as it will be.
+    if (!engine || engine->state() == Ledra::PassiveEntityManagerSm::init) continue;
+    if (!engine->agentProfile() || servedGroups(*engine)) continue;
+    auto served = std::make_unique<Served>();
+    served->engine.notifierIs(engine);
+    for (auto const& [group, g] : engine->agentProfile()->mountGroup())
+      served->groups.push_back(g);
+    served_[name] = std::move(served);
+  }
+}
+
+ServedGroups const* Database::servedGroups(Ledra::PassiveEntityManagerSm const& engine) const {
+  auto it = served_.find(engine.agentName());
+  if (it == served_.end() || it->second->engine.notifier().ptr() != &engine) return nullptr;
+  return &it->second->groups;
 }
 
 StatusReport Database::status(std::vector<std::string> const& only) const {
   auto const r = root();
-  return StatusReport::build(*profileDir_, *statusDir_, r.ptr(), only);
+  return StatusReport::build(
+      *profileDir_, *statusDir_, r.ptr(), only,
+      [this](Ledra::PassiveEntityManagerSm const& engine) { return servedGroups(engine); });
 }
 
 }  // namespace Ledrad

@@ -13,14 +13,21 @@
 // Loading. loadState and loadProfiles take files one after another: each file is parsed and
 // checked completely (StateFile, ProfileFile) and applied only when it is wholly valid. The first
 // bad file stops the loading with a FileError; the files before it stay applied, the bad one and
-// those after it are not. Both return one summary line per file.
+// those after it are not. Both return one summary line per file. Engines keep serving the groups
+// they took from a profile before it was reloaded; before a profile file is applied the Database
+// notes those groups for each engine that has taken them, so that status() goes on showing what
+// the agent is served, for as long as that engine lives.
 //
 // set() writes one attribute of one entity of the tree through the generic view, so that its
 // watchers (a conditional mount group waiting on it) are told; errors throw std::runtime_error.
+// A pointer attribute takes what a state file's `set` takes: `null`, or the absolute path of an
+// entity of the attribute's type.
 //
 // Single-threaded: the event loop's thread. One Database per process at a time.
 #pragma once
 
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -65,12 +72,19 @@ class Database {
   StatusReport status(std::vector<std::string> const& only = {}) const;
 
  private:
+  struct Served;
+
+  // Notes the groups of every engine that has taken its profile's groups and has none noted yet.
+  void keepServedGroups();
+  ServedGroups const* servedGroups(Ledra::PassiveEntityManagerSm const& engine) const;
+
   std::vector<Qel::Name> topLevelBefore_;
   Qel::Dir::Ptr ledraRoot_;
   Ledra::PassiveAgentProfileDir::Ptr profileDir_;
   Ledra::PassiveAgentStatusDir::Ptr statusDir_;
   Ledra::EntityManager::Ptr entMgr_;
   Ledra::PassiveEntityManagerSmWrapper::Ptr wrapper_;
+  std::map<std::string, std::unique_ptr<Served>> served_;  // by agent name
 };
 
 }  // namespace Ledrad

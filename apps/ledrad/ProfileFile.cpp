@@ -54,6 +54,11 @@ class Parser {
     throw FileError(file_, line, reason);
   }
 
+  // Refuses the line with the reason a naming rule gave, if any.
+  void named(std::string const& problem) const {
+    if (!problem.empty()) fail(problem);
+  }
+
   // The line must have between min and max words (keyword included).
   void words(std::size_t min, std::size_t max, char const* usage) const {
     if (line_->size() < min || line_->size() > max) fail(std::string("expected: ") + usage);
@@ -111,6 +116,7 @@ class Parser {
     words(2, 2, "profile NAME");
     if (profile_) finishProfile();
     std::string const& name = line_->word(1);
+    named(wordNameProblem(name, "profile name"));
     if (name.find('/') != std::string::npos) fail("profile name '" + name + "' may not hold '/'");
     for (auto const& p : profiles_) {
       if (p.name == name) {
@@ -183,6 +189,7 @@ class Parser {
     if (!profile_) fail("'group' outside a profile");
     words(3, 3, "group NAME PRIORITY");
     std::string const& name = line_->word(1);
+    named(wordNameProblem(name, "group name"));
     unsigned priority = 0;
     if (!number(line_->word(2), 99, priority) || priority < 1) {
       fail("priority must be a whole number from 1 to 99, not '" + line_->word(2) + "'");
@@ -248,7 +255,7 @@ class Parser {
     if (m.path.size() > 1 && m.path.back() == '/') {
       fail("mount path '" + m.path + "' ends with '/'");
     }
-    if (m.type.empty()) fail("mount type is empty");
+    named(typeNameProblem(m.type, "mount type"));
     letters(m.flags, kMountFlagLetters, "flag");
     for (auto const& other : group_->mounts) {
       if (other.path == m.path) {

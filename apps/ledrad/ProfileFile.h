@@ -2,7 +2,9 @@
 // in docs/profile-format.md), staged completely before anything is applied.
 //
 // parse() reads every line into StagedProfiles and checks everything that can be checked without
-// the database: keywords and their arguments, priorities 1..99, flag letters, template keys,
+// the database: keywords and their arguments, names (by ConfigText's rules: profile and group
+// names are words, a profile name holds no '/', mount types are type names, so an empty profile
+// name never reaches the profile directory), priorities 1..99, flag letters, template keys,
 // condition and template-condition syntax, duplicates, and that every profile has a group and
 // that a mount holding other mounts is a directory. checkConditions() then checks the attribute
 // conditions against the entities already in the database (an entity that is not there yet is

@@ -1,5 +1,8 @@
 #include "apps/ledrad/StateFile.h"
 
+#include <charconv>
+#include <limits>
+
 #include "Qel/Dir.h"
 #include "Qel/DynamicEntity.h"
 #include "Qel/Exception.h"
@@ -22,17 +25,23 @@ struct AttrView {
 
 enum class Shape { absent, directory, other };
 
-bool signedNumber(std::string const& text, std::int64_t& out) {
-  if (text.empty()) return false;
-  std::size_t used = 0;
-  try {
-    long long const v = std::stoll(text, &used, 10);
-    if (used != text.size()) return false;
-    out = v;
-    return true;
-  } catch (std::exception const&) {
-    return false;
+constexpr char const* kDirType = "Qel::Dir";
+constexpr char const* kEntityType = "Qel::Entity";
+
+constexpr std::int64_t kEnumMin = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kEnumMax = std::numeric_limits<std::int64_t>::max();
+
+// Reads a whole number of the enumerators' range; the reason it cannot, or an empty text.
+std::string signedNumber(std::string const& text, std::int64_t& out) {
+  char const* first = text.data();
+  char const* const last = first + text.size();
+  if (first != last && *first == '+') ++first;
+  auto const [ptr, ec] = std::from_chars(first, last, out);
+  if (ec == std::errc::result_out_of_range) {
+    return "is out of range (" + std::to_string(kEnumMin) + " to " + std::to_string(kEnumMax) + ")";
   }
+  if (ec != std::errc() || ptr != last || first == last) return "is not a whole number";
+  return {};
 }
 
 std::vector<std::string> components(std::string const& path) {
@@ -70,16 +79,31 @@ class StateParser {
   void finish() {
     if (type_) finishType();
     // Pointer targets may be created further down the file.
-    for (auto const& [target, line] : pointerTargets_) {
-      if (staged(target) || Qel::globalDir()->entity(target)) continue;
-      throw FileError(sf_.file_, line,
-                      "no entity at " + target + " (neither in the database nor in this file)");
+    for (auto const& t : pointerTargets_) {
+      std::string type;
+      if (StagedEntity const* s = staged(t.path)) {
+        type = s->type.empty() ? std::string(kDirType) : s->type;
+      } else if (Qel::Entity::Ptr const e = Qel::globalDir()->entity(t.path)) {
+        type = e->fwkType()->name();
+      } else {
+        throw FileError(sf_.file_, t.line,
+                        "no entity at " + t.path + " (neither in the database nor in this file)");
+      }
+      if (pointerTypeAccepts(t.type, type)) continue;
+      throw FileError(sf_.file_, t.line,
+                      "value of '" + t.attribute + "': the entity at " + t.path + " is a " + type +
+                          ", not a " + t.type);
     }
   }
 
  private:
   [[noreturn]] void fail(std::string const& reason) const {
     throw FileError(sf_.file_, line_->number, reason);
+  }
+
+  // Refuses the line with the reason a naming rule gave, if any.
+  void named(std::string const& problem) const {
+    if (!problem.empty()) fail(problem);
   }
 
   void words(std::size_t n, char const* usage) const {
@@ -117,23 +141,31 @@ class StateParser {
     StagedEnum e;
     e.name = line_->word(1);
     e.line = line_->number;
+    named(typeNameProblem(e.name, "enum name"));
     nameIsFree(e.name);
-    std::int64_t next = 0;
+    // The value of an enumerator written without one; none after the largest value.
+    std::optional<std::int64_t> next = 0;
     for (std::size_t i = 2; i < line_->size(); ++i) {
-      std::string word = line_->word(i);
-      std::int64_t value = next;
-      if (std::size_t eq = word.find('='); eq != std::string::npos) {
-        if (!signedNumber(word.substr(eq + 1), value)) {
-          fail("enumerator value in '" + word + "' is not a whole number");
-        }
-        word.resize(eq);
-      }
-      if (word.empty()) fail("an enumerator of " + e.name + " has no name");
+      std::string const& word = line_->word(i);
+      std::size_t const eq = word.find('=');
+      std::string const name = word.substr(0, eq);
+      if (name.empty()) fail("an enumerator of " + e.name + " has no name");
+      named(identifierProblem(name, "enumerator name"));
       for (auto const& [n, v] : e.enumerators) {
-        if (n == word) fail("enumerator '" + word + "' is given twice");
+        if (n == name) fail("enumerator '" + name + "' is given twice");
       }
-      e.enumerators.emplace_back(word, value);
-      next = value + 1;
+      std::int64_t value = 0;
+      if (eq != std::string::npos) {
+        std::string const reason = signedNumber(word.substr(eq + 1), value);
+        if (!reason.empty()) fail("enumerator value in '" + word + "' " + reason);
+      } else if (next) {
+        value = *next;
+      } else {
+        fail("enumerator '" + name + "' has no value after " + std::to_string(kEnumMax) +
+             ", the largest one; give it one");
+      }
+      e.enumerators.emplace_back(name, value);
+      next = value == kEnumMax ? std::nullopt : std::optional<std::int64_t>(value + 1);
     }
     if (Qel::QelType const* have = Qel::QelType::type(Qel::Name(e.name))) {
       bool same = have->isEnum() && have->enumerators().size() == e.enumerators.size();
@@ -150,6 +182,7 @@ class StateParser {
   void typeLine() {
     topLevel();
     words(2, "type NAME");
+    named(typeNameProblem(line_->word(1), "type name"));
     nameIsFree(line_->word(1));
     sf_.types_.push_back(StagedType{line_->word(1), {}, false, line_->number});
     type_ = &sf_.types_.back();
@@ -180,6 +213,7 @@ class StateParser {
       a.keyType = line_->word(2);
       a.type = line_->word(3);
     }
+    named(identifierProblem(a.name, "attribute name"));
     if (a.name == "name") fail("the attribute 'name' is every entity's own");
     if (a.type == type_->name || a.keyType == type_->name) {
       fail("type '" + type_->name + "' cannot refer to itself");
@@ -390,7 +424,7 @@ class StateParser {
     if (v.pointer) {
       if (v.text != "null") {
         v.text = path(v.text);
-        pointerTargets_.emplace_back(v.text, v.line);
+        pointerTargets_.push_back(PointerTarget{v.text, a->type, v.attribute, v.line});
       }
     } else {
       std::string const reason = valueReason(a->type, v.text);
@@ -405,8 +439,18 @@ class StateParser {
   StagedType* type_ = nullptr;
   int entity_ = -1;
   std::map<std::string, std::size_t> stagedByPath_;
-  std::vector<std::pair<std::string, int>> pointerTargets_;
+  struct PointerTarget {
+    std::string path;
+    std::string type;  // the attribute's
+    std::string attribute;
+    int line;
+  };
+  std::vector<PointerTarget> pointerTargets_;
 };
+
+bool pointerTypeAccepts(std::string const& attributeType, std::string const& entityType) {
+  return attributeType == entityType || attributeType == kEntityType;
+}
 
 StateFile StateFile::parse(std::string_view text, std::string const& file, Vars const& vars) {
   StateFile sf;
@@ -476,6 +520,8 @@ StateFile::Applied StateFile::applyTo() const {
     if (v.pointer && v.text != "null") {
       auto it = created.find(v.text);
       value = it != created.end() ? it->second : Qel::globalDir()->entity(v.text);
+      // Else a directory of this file, which enters the tree now so that it can be pointed to.
+      if (!value) value = ensureDir(v.text, applied.directoriesCreated);
     } else if (!v.pointer) {
       value = a->type()->valueFromText(Qel::String(v.text));
     }

@@ -7,12 +7,17 @@
 // staged schema: loading the same file twice is harmless), paths (every existing component on the
 // way must be a directory; an existing entity at an entity's path must be of its type), attribute
 // names, value texts by the attribute's type, collection keys, and pointer targets (an entity in
-// the tree or one the file creates). Template keys in paths (such as %sysname) are replaced from
-// `vars`; any other key is an error. Problems throw FileError "<file>:<line>: <reason>".
+// the tree or one the file creates, of the attribute's type). Names follow the rules of
+// ConfigText: enum and entity type names are identifiers joined by "::", enumerator and
+// attribute names identifiers; an enumerator without a value takes the previous one's plus one,
+// and one that would pass the largest 64-bit value is refused. Template keys in paths (such as
+// %sysname) are replaced from `vars`; any other key is an error. Problems throw FileError
+// "<file>:<line>: <reason>".
 //
 // applyTo() then, in this order: registers the new types; creates the new entities off the tree
 // and sets their values; inserts new directories and entities into the tree in file order; sets
-// the values of entities that existed before, in file order. Every write goes through the generic
+// the values of entities that existed before, in file order. A new directory that a pointer
+// points to enters the tree when the pointer is written. Every write goes through the generic
 // view, so the entities' watchers are told (a conditional mount group waiting on a value reacts).
 // Exceptions thrown by such a watcher reach the caller.
 //
@@ -64,6 +69,11 @@ struct StagedEntity {
   bool exists = false;  // already in the tree: only its values are set
   int line = 0;
 };
+
+// Whether a pointer attribute of type `attributeType` may point to an entity of `entityType`: an
+// entity of exactly its type, or any entity when the attribute's type is Qel::Entity (run-time
+// types have no other derivation).
+bool pointerTypeAccepts(std::string const& attributeType, std::string const& entityType);
 
 class StateFile {
  public:

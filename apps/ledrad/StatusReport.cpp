@@ -154,7 +154,8 @@ std::string mountState(Qel::NboAttrLog::Demuxer const* d, std::string const& pat
   return ref && ref->complete() ? "complete" : "requested";
 }
 
-AgentReport agentReport(Ledra::PassiveAgentStatus const& status, Engine const* engine) {
+AgentReport agentReport(Ledra::PassiveAgentStatus const& status, Engine const* engine,
+                        ServedGroupsOf const& served) {
   AgentReport r;
   r.name = status.name();
   r.agentString = status.agentString();
@@ -191,12 +192,17 @@ AgentReport agentReport(Ledra::PassiveAgentStatus const& status, Engine const* e
   for (auto const& entry : engine->readyMountGroup()) {
     if (entry.value) queued.insert(entry.value->name());
   }
-  if (auto const& profile = engine->agentProfile()) {
-    for (auto const& [name, g] : profile->mountGroup()) {
-      if (!g) continue;
-      r.groups.push_back(
-          GroupReport{name, g->priority(), groupStatus(*engine, *g, d.ptr(), queued)});
-    }
+  ServedGroups groups;
+  if (ServedGroups const* kept = served ? served(*engine) : nullptr) {
+    groups = *kept;
+  } else if (auto const& profile = engine->agentProfile()) {
+    for (auto const& [name, g] : profile->mountGroup())
+      groups.push_back(g);
+  }
+  for (auto const& g : groups) {
+    if (!g) continue;
+    r.groups.push_back(
+        GroupReport{g->name(), g->priority(), groupStatus(*engine, *g, d.ptr(), queued)});
   }
   std::sort(r.groups.begin(), r.groups.end(), [](GroupReport const& a, GroupReport const& b) {
     return a.priority != b.priority ? a.priority < b.priority : a.name < b.name;
@@ -220,7 +226,8 @@ bool AgentReport::waiting() const {
 StatusReport StatusReport::build(Ledra::PassiveAgentProfileDir const& profileDir,
                                  Ledra::PassiveAgentStatusDir const& statusDir,
                                  Ledra::PassiveEntityManagerRootSm const* root,
-                                 std::vector<std::string> const& only) {
+                                 std::vector<std::string> const& only,
+                                 ServedGroupsOf const& served) {
   StatusReport report;
   report.systemName = Qel::ActivityManagerConfig::instance()->systemName();
   report.cell = Cell::cellId();
@@ -232,7 +239,7 @@ StatusReport StatusReport::build(Ledra::PassiveAgentProfileDir const& profileDir
     if (!status) continue;
     if (!only.empty() && std::find(only.begin(), only.end(), name) == only.end()) continue;
     Engine::Ptr const engine = root ? root->passiveEntityManagerSm(name) : nullptr;
-    report.agents.push_back(agentReport(*status, engine.ptr()));
+    report.agents.push_back(agentReport(*status, engine.ptr(), served));
   }
   std::sort(report.agents.begin(), report.agents.end(),
             [](AgentReport const& a, AgentReport const& b) { return a.name < b.name; });

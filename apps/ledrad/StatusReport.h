@@ -3,11 +3,11 @@
 // program's status command (rendered by StatusFormat).
 //
 // Per agent: the profile that serves it, its agent string and connection (epoch, whether it is
-// still connected), the engine's state, the template values in use, each group of the profile
-// with what became of it, every path mounted for it, and what it still waits for: unanswered
-// and failed mount requests, mounts deferred until their parent is ready, directory mounters,
-// conditional groups with the condition and the entity they wait on (and the value the entity
-// holds now), and blocking conditions.
+// still connected), the engine's state, the template values in use, each group the engine was
+// given (not those of a profile reloaded since) with what became of it, every path mounted for it,
+// and what it still waits for: unanswered and failed mount requests, mounts deferred until their
+// parent is ready, directory mounters, conditional groups with the condition and the entity they
+// wait on (and the value the entity holds now), and blocking conditions.
 //
 // Group status, in the order the checks are made: "skipped" (a template condition is false),
 // "queued" (in the ready queue), "waiting" (a conditional group whose conditions do not all hold
@@ -19,6 +19,7 @@
 // agents' caches. Single-threaded (the event loop's thread).
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -83,6 +84,12 @@ struct AgentReport {
   bool waiting() const;
 };
 
+// The mount groups an engine took from its profile when it queued them. A profile reloaded after
+// that no longer shows them: its groups are those agents connecting from then on receive.
+using ServedGroups = std::vector<Ledra::PassiveMountGroup::PtrConst>;
+// The groups an engine was served, or null when they are still its profile's present groups.
+using ServedGroupsOf = std::function<ServedGroups const*(Ledra::PassiveEntityManagerSm const&)>;
+
 struct StatusReport {
   std::string systemName;
   int cell = 0;
@@ -91,11 +98,13 @@ struct StatusReport {
   std::vector<AgentReport> agents;
 
   // The agents of `statusDir`, served by `root` (may be null), sorted by name; `only` (when not
-  // empty) restricts the report to these agent names.
+  // empty) restricts the report to these agent names. An agent's groups are those `served` gives
+  // for its engine, else those of the profile its engine holds.
   static StatusReport build(Ledra::PassiveAgentProfileDir const& profileDir,
                             Ledra::PassiveAgentStatusDir const& statusDir,
                             Ledra::PassiveEntityManagerRootSm const* root,
-                            std::vector<std::string> const& only = {});
+                            std::vector<std::string> const& only = {},
+                            ServedGroupsOf const& served = {});
 };
 
 }  // namespace Ledrad

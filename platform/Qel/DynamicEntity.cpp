@@ -93,6 +93,10 @@ QelType const* attributeType(Name const& typeName) {
 
 QelType const* defineEnum(Name const& typeName,
                           std::vector<std::pair<Name, std::int64_t>> const& enumerators) {
+  if (typeName.empty()) throw RangeException("an enum type needs a name");
+  for (auto const& [name, value] : enumerators) {
+    if (name.empty()) throw RangeException("an enumerator of " + typeName + " needs a name");
+  }
   QelType& t = QelType::typeNew(typeName, QelType::Kind::enumeration);
   for (auto const& [name, value] : enumerators)
     t.enumeratorIs(name, value);
@@ -106,7 +110,9 @@ QelType const* defineType(Name const& typeName, std::vector<AttributeSchema> con
     QelType const* key;
   };
   std::vector<Resolved> resolved;
+  if (typeName.empty()) throw RangeException("an entity type needs a name");
   for (auto const& a : attributes) {
+    if (a.name.empty()) throw RangeException("an attribute of " + typeName + " needs a name");
     if (a.name == "name") throw NameInUseException("attribute name of " + typeName + " exists");
     QelType const* key = nullptr;
     if (!a.keyTypeName.empty()) {

@@ -29,10 +29,12 @@ struct AttributeSchema {
   Name keyTypeName = {};  // non-empty: a collection keyed by this builtin or enum type
 };
 
-// Registers an entity type; throws NameInUseException when the name is taken and TypeException
-// for an unknown attribute type or a key type that is not a builtin or enum.
+// Registers an entity type; throws RangeException for an empty type or attribute name,
+// NameInUseException when the name is taken and TypeException for an unknown attribute type or a
+// key type that is not a builtin or enum. A refused schema registers nothing.
 QelType const* defineType(Name const& typeName, std::vector<AttributeSchema> const& attributes);
-// Registers an enum type with its enumerators.
+// Registers an enum type with its enumerators; throws RangeException for an empty type or
+// enumerator name (registering nothing) and NameInUseException when the name is taken.
 QelType const* defineEnum(Name const& typeName,
                           std::vector<std::pair<Name, std::int64_t>> const& enumerators);
 

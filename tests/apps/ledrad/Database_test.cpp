@@ -115,8 +115,48 @@ TEST_F(DatabaseTest, SetWritesThroughTheGenericView) {
             "/dbTest/Ledra/box name: attribute name of DbSetTest::Box is read-only");
 }
 
+TEST_F(DatabaseTest, SetPointerTakesWhatAStateFileTakes) {
+  db->loadState({file("p.state",
+                      "type DbPtrTest::Box\ntype DbPtrTest::Fan\n  attribute box DbPtrTest::Box\n"
+                      "  collection boxes string DbPtrTest::Box\n"
+                      "entity /%sysname/Ledra/box DbPtrTest::Box\n"
+                      "entity /%sysname/Ledra/fan DbPtrTest::Fan\n")});
+  auto const set = [&](char const* attribute, char const* value) {
+    return outcome([&] { events.push_back(db->set("/dbTest/Ledra/fan", attribute, value)); });
+  };
+  std::string const refused = "/dbTest/Ledra/fan box: ";
+  EXPECT_EQ(set("box", "/dbTest/Ledra/box"), "accepted");
+  EXPECT_EQ(set("box", "/dbTest/Ledra/fan"),
+            refused + "the entity at /dbTest/Ledra/fan is a DbPtrTest::Fan, not a DbPtrTest::Box");
+  EXPECT_EQ(set("box", "dbTest/Ledra/box"),
+            refused + "a pointer takes the path of an entity or null, not 'dbTest/Ledra/box'");
+  EXPECT_EQ(set("box", ""), refused + "a pointer takes the path of an entity or null, not ''");
+  EXPECT_EQ(set("box", "/dbTest/Ledra/none"), refused + "no entity at /dbTest/Ledra/none");
+  EXPECT_EQ(set("box", "null"), "accepted");
+  EXPECT_EQ(set("boxes[a]", "/dbTest/Ledra/fan"),
+            "/dbTest/Ledra/fan boxes[a]: the entity at /dbTest/Ledra/fan is a DbPtrTest::Fan, "
+            "not a DbPtrTest::Box");
+  EXPECT_EQ(set("boxes[a]", "/dbTest/Ledra/box"), "accepted");
+  EXPECT_EQ(set("boxes[a]", "null"), "accepted");
+  EXPECT_EQ(events, (Strings{"/dbTest/Ledra/fan box: (none) -> /dbTest/Ledra/box",
+                             "/dbTest/Ledra/fan box: /dbTest/Ledra/box -> (none)",
+                             "/dbTest/Ledra/fan boxes[a]: (none) -> /dbTest/Ledra/box",
+                             "/dbTest/Ledra/fan boxes[a]: /dbTest/Ledra/box -> (none)"}));
+}
+
+TEST_F(DatabaseTest, CommandRefusesAProfileWithoutANameAndKeepsServing) {
+  auto const bad =
+      file("empty.profile", "profile \"\"\n group g 1\n  mount /dbTest/Ledra Qel::Dir\n");
+  EXPECT_EQ(
+      run({"load-profiles", bad}),
+      "error: refused " + bad + ":1: profile name must not be empty (nothing of it applied)\n");
+  EXPECT_TRUE(db->profileDir()->agentProfile().empty());
+  EXPECT_TRUE(Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfig().empty());
+}
+
 TEST_F(DatabaseTest, CommandUnknownAndMalformedCommandsAreRefused) {
   EXPECT_EQ(run({"frob"}), "error: unknown command 'frob'\n" + ControlCommands::usage());
+  EXPECT_EQ(run({"", "status"}), "error: unknown command ''\n" + ControlCommands::usage());
   EXPECT_EQ(run({"set", "/a", "b"}), "error: usage: set PATH ATTRIBUTE VALUE\n");
   EXPECT_EQ(run({"load-state"}), "error: usage: load-state FILE...\n");
   EXPECT_EQ(run({"status", "--yaml"}), "error: status: unknown option '--yaml'\n");

@@ -118,6 +118,38 @@ entity /%sysname/box AgainTest::Box
   EXPECT_EQ(watcher.seen, (std::vector<std::string>{"level", "tags[x]"}));
 }
 
+TEST_F(StateFileTest, PointerTakesAnEntityOfItsTypeAnyEntityAsQelEntityOrNull) {
+  StateFile::parse(R"(type PtrTest::Leaf
+type PtrTest::Holder
+  attribute leaf PtrTest::Leaf
+  attribute any Qel::Entity
+entity /%sysname/h PtrTest::Holder
+  set leaf /%sysname/l
+  set any /%sysname/d
+entity /%sysname/l PtrTest::Leaf
+dir /%sysname/d
+)",
+                   "p.state", kVars)
+      .applyTo();
+  auto const h = at("/stateTest/h");
+  EXPECT_EQ(text(h, "leaf") + " " + text(h, "any"), "/stateTest/l /stateTest/d");
+  StateFile::parse("entity /%sysname/h PtrTest::Holder\n  set leaf null\n  set any /%sysname/l\n",
+                   "null.state", kVars)
+      .applyTo();
+  EXPECT_EQ(text(h, "leaf") + " " + text(h, "any"), "null /stateTest/l");
+  EXPECT_EQ(refusal("entity /%sysname/h PtrTest::Holder\n  set leaf /%sysname/h\n"),
+            "bad.state:2: value of 'leaf': the entity at /stateTest/h is a PtrTest::Holder, not a "
+            "PtrTest::Leaf");
+}
+
+TEST(StateFileParse, EnumeratorsReachTheLimitsOfTheirRange) {
+  StateFile const sf = StateFile::parse(
+      "enum LimitTest::E low=-9223372036854775808 next high=+9223372036854775807\n", "l", kVars);
+  EXPECT_EQ(sf.enums()[0].enumerators,
+            (std::vector<std::pair<std::string, std::int64_t>>{
+                {"low", INT64_MIN}, {"next", INT64_MIN + 1}, {"high", INT64_MAX}}));
+}
+
 TEST_F(StateFileTest, RefusedFileRegistersAndInsertsNothing) {
   EXPECT_EQ(refusal("enum NothingTest::E a b\ntype NothingTest::T\n  attribute e NothingTest::E\n"
                     "entity /%sysname/t NothingTest::T\n  set e c\n"),
@@ -166,6 +198,15 @@ INSTANTIATE_TEST_SUITE_P(Lines, StateFileRefusal, ::testing::Values(
   Refusal{"dir /stateTest/d\nset x 1\n", 2, "'set' outside an entity"},
   Refusal{"enum R::E\n", 1, "expected: enum NAME ENUMERATOR[=VALUE]..."},
   Refusal{"enum R::E a=x\n", 1, "enumerator value in 'a=x' is not a whole number"},
+  Refusal{"enum R::E a=9223372036854775807 b\n", 1, "enumerator 'b' has no value after 9223372036854775807, the largest one; give it one"},
+  Refusal{"enum R::E a=9223372036854775808\n", 1, "enumerator value in 'a=9223372036854775808' is out of range (-9223372036854775808 to 9223372036854775807)"},
+  Refusal{"enum R::E a=-9223372036854775809\n", 1, "enumerator value in 'a=-9223372036854775809' is out of range (-9223372036854775808 to 9223372036854775807)"},
+  Refusal{"enum \"\" a\n", 1, "enum name must not be empty"},
+  Refusal{"enum R::E 1a\n", 1, "enumerator name '1a' must be a letter or '_' followed by letters, digits or '_'"},
+  Refusal{"type \"\"\n  attribute x U32\n", 1, "type name must not be empty"},
+  Refusal{"type R::\n", 1, "type name 'R::' must be identifiers (a letter or '_' followed by letters, digits or '_') joined by '::'"},
+  Refusal{"type R::T\n  attribute \"\" U32\n", 2, "attribute name must not be empty"},
+  Refusal{"type R::T\n  attribute a.b U32\n", 2, "attribute name 'a.b' must be a letter or '_' followed by letters, digits or '_'"},
   Refusal{"enum R::E a =1\n", 1, "an enumerator of R::E has no name"},
   Refusal{"enum R::E a a\n", 1, "enumerator 'a' is given twice"},
   Refusal{"enum R::E a\nenum R::E b\n", 2, "type 'R::E' is defined twice"},
@@ -196,7 +237,11 @@ INSTANTIATE_TEST_SUITE_P(Lines, StateFileRefusal, ::testing::Values(
   Refusal{"type R::T\n  attribute x U32\nentity /stateTest/t R::T\n  put x k 1\n", 4, "'x' is no collection: use set"},
   Refusal{"type R::T\n  collection x U8 U32\nentity /stateTest/t R::T\n  put x 300 1\n", 4, "key of 'x': cannot read \"300\" as U8: out of range"},
   Refusal{"type R::T\n  attribute p Qel::Dir\nentity /stateTest/t R::T\n  set p /stateTest/nowhere\n", 4,
-          "no entity at /stateTest/nowhere (neither in the database nor in this file)"}));
+          "no entity at /stateTest/nowhere (neither in the database nor in this file)"},
+  Refusal{"type R::T\ntype R::U\n  attribute p R::T\nentity /stateTest/u R::U\n  set p /stateTest/v\nentity /stateTest/v R::U\n", 5,
+          "value of 'p': the entity at /stateTest/v is a R::U, not a R::T"},
+  Refusal{"type R::T\ntype R::U\n  collection p U8 R::T\nentity /stateTest/u R::U\n  put p 1 /stateTest/d\ndir /stateTest/d\n", 5,
+          "value of 'p': the entity at /stateTest/d is a Qel::Dir, not a R::T"}));
 // clang-format on
 
 }  // namespace

@@ -86,6 +86,33 @@ TEST_F(StatusReportTest, ConditionalGroupWaitsForItsEntityAndValue) {
   EXPECT_TRUE(report("gate").conditions.empty());
 }
 
+TEST_F(StatusReportTest, ReloadedProfileLeavesTheGroupsAnEngineTookUntilTheAgentReconnects) {
+  auto const gate = agent("gate");
+  gate->connect();
+  run();
+  // The reload drops the waiting group and adds one the engine never took.
+  db->loadProfiles({file("reload.profile",
+                         "profile gate\n group base 10\n  mount /dbTest/Ledra/a Qel::Dir\n"
+                         " group other 60\n  mount /dbTest/Ledra/a Qel::Dir\n")});
+  std::string const served =
+      "conditionalMountGroupPending; base 10 mounted, gated 30 waiting; "
+      "/dbTest/Ledra complete, /dbTest/Ledra/a complete; "
+      "condition on == /%sysname/Ledra/box.power of group gated (now off)";
+  EXPECT_EQ(summary("gate"), served);
+  // A second reload leaves it so: the engine's groups are still the first ones.
+  db->loadProfiles({file("again.profile",
+                         "profile gate\n group base 10\n"
+                         "  mount /dbTest/Ledra/a Qel::Dir\n")});
+  EXPECT_EQ(summary("gate"), served);
+  // A new connection gets a new engine, which takes the profile as it now stands.
+  gate->disconnect("bye");
+  run();
+  gate->connect();
+  run();
+  EXPECT_EQ(summary("gate"),
+            "mountComplete; base 10 mounted; /dbTest/Ledra complete, /dbTest/Ledra/a complete; -");
+}
+
 TEST_F(StatusReportTest, MissingEntityOfAConditionIsShown) {
   db->ledraRoot()->entryDel("box");
   testing::internal::CaptureStderr();  // the retries report the missing entity there

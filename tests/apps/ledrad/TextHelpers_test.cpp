@@ -3,6 +3,7 @@
 
 #include "apps/ledrad/ConditionText.h"
 #include "apps/ledrad/ConfigText.h"
+#include "apps/ledrad/ControlProtocol.h"
 #include "apps/ledrad/FileError.h"
 #include "apps/ledrad/JsonWriter.h"
 
@@ -67,6 +68,14 @@ TEST(ConditionText, SplitsAtBlanksAndDotsOrSaysWhy) {
   ASSERT_TRUE(t);
   EXPECT_EQ(t->templ + "|" + t->op + "|" + t->value, "%a|!=|NULL");
   EXPECT_TRUE(TemplateConditionText::parse("%a in x", reason));
+}
+
+TEST(ControlProtocol, EveryWordArrivesAsGivenEmptyOnesIncluded) {
+  using Words = std::vector<std::string>;
+  for (Words const& words : {Words{"", "status"}, Words{"set", "", "", "x"}, Words{"", ""}}) {
+    std::string const line = encodeRequest(words);
+    EXPECT_EQ(decodeRequest(std::string_view(line).substr(0, line.size() - 1)), words) << line;
+  }
 }
 
 TEST(JsonWriter, NestsAndEscapes) {

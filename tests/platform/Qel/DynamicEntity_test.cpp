@@ -207,6 +207,13 @@ TEST_F(DynamicEntityTest, TypesAreCreatedByNameAndABadSchemaRegistersNothing) {
   EXPECT_EQ(Qel::QelType::type("test::Bad"), nullptr);
   EXPECT_THROW(Qel::defineType("test::Bad", {{"x", "U32", "Qel::Dir"}}), Qel::TypeException);
   EXPECT_THROW(Qel::defineType("test::Everything", {}), Qel::NameInUseException);
+  // Names registered for the life of the process are never empty.
+  EXPECT_THROW(Qel::defineType("", {}), Qel::RangeException);
+  EXPECT_THROW(Qel::defineEnum("", {{"a", 0}}), Qel::RangeException);
+  EXPECT_EQ(Qel::QelType::type(""), nullptr);
+  EXPECT_THROW(Qel::defineType("test::Bad", {{"", "U32"}}), Qel::RangeException);
+  EXPECT_THROW(Qel::defineEnum("test::Bad", {{"a", 0}, {"", 1}}), Qel::RangeException);
+  EXPECT_EQ(Qel::QelType::type("test::Bad"), nullptr);
 }
 
 }  // namespace
