@@ -5,9 +5,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/TraceFacility.h"
@@ -15,18 +17,17 @@
 #include "Qel/Exception.h"
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "Qel/NboAttrLog/WireText.h"
 
 namespace Ledra {
 
 namespace {
 
 using Qel::NboAttrLog::SocketTransport;
+using Qel::NboAttrLog::printableText;
+using Qel::NboAttrLog::wireTextFault;
 
 constexpr int kBacklog = 64;
-// Accepts per readiness event; the rest waits for the next turn.
-constexpr int kAcceptsPerTurn = 64;
-// After running out of descriptors, accepting pauses this long.
-constexpr Qel::Time kAcceptRetry = 0.1;
 
 std::string errnoText(int err) {
   return std::strerror(err);
@@ -76,11 +77,11 @@ class AgentListener::HelloTimer : public Qel::Clock::Notifiee {
   SocketTransport* transport_;
 };
 
-// Resumes accepting after the process ran out of descriptors.
-class AgentListener::RetryTimer : public Qel::Clock::Notifiee {
+// Runs the shedding pass on the turn after the output of all agents grew past its bound.
+class AgentListener::ShedTimer : public Qel::Clock::Notifiee {
  public:
-  explicit RetryTimer(AgentListener* l) : listener_(l) {}
-  void onTime() override { listener_->resumeAccepting(); }
+  explicit ShedTimer(AgentListener* l) : listener_(l) {}
+  void onTime() override { listener_->shedOutput(); }
 
  private:
   AgentListener* listener_;
@@ -95,11 +96,12 @@ AgentListener::Ptr AgentListener::agentListenerNew(Qel::EventLoop::Ptr const& lo
 }
 
 AgentListener::AgentListener(Qel::EventLoop::Ptr loop, std::string path)
-    : loop_(std::move(loop)), path_(std::move(path)) {}
+    : loop_(std::move(loop)), path_(std::move(path)), shed_(std::make_unique<ShedTimer>(this)) {
+  shed_->notifierIs(loop_->clock());
+}
 
 AgentListener::~AgentListener() {
-  if (accepting_) loop_->unwatch(fd_);
-  retry_.reset();
+  acceptor_.reset();
   if (fd_ >= 0) ::close(fd_);
   struct stat st {};
   if (fileInode_ != 0 && ::lstat(path_.c_str(), &st) == 0 && st.st_dev == fileDevice_ &&
@@ -112,6 +114,7 @@ AgentListener::~AgentListener() {
     t->teardownNow();
     conns_.erase(t.ptr());
   }
+  shed_.reset();
   TRACE(LedraPlatform, 3, "agent listener on {} stopped", path_);
 }
 
@@ -139,51 +142,28 @@ void AgentListener::listen() {
     fileInode_ = st.st_ino;
   }
   if (::listen(fd_, kBacklog) != 0) refuseToListen(path_, errnoText(errno));
-  resumeAccepting();
+  acceptor_ = std::make_unique<Qel::NboAttrLog::SocketAcceptor>(
+      loop_, fd_, [this](int fd) { accepted(fd); },
+      [this](int err) {
+        TRACE(LedraPlatform, 1, "agent listener on {} cannot accept: {}; accepting pauses", path_,
+              errnoText(err));
+      });
   TRACE(LedraPlatform, 3, "agent listener on {}", path_);
 }
 
-void AgentListener::resumeAccepting() {
-  if (accepting_ || fd_ < 0) return;
-  accepting_ = true;
-  loop_->watch(fd_, Qel::EventLoop::readable, [this](unsigned) { acceptReady(); });
-}
-
-void AgentListener::pauseAccepting() {
-  if (!accepting_) return;
-  accepting_ = false;
-  loop_->unwatch(fd_);
-  if (!retry_) {
-    retry_ = std::make_unique<RetryTimer>(this);
-    retry_->notifierIs(loop_->clock());
+void AgentListener::accepted(int fd) {
+  SocketTransport::Ptr t = SocketTransport::socketTransportNew(
+      loop_.ptr(), fd, this, "agent socket " + std::to_string(fd));
+  t->maxFrameIs(maxFrame_);
+  t->maxOutputIs(maxOutput_);
+  Connection& c = conns_[t.ptr()];
+  c.transport = t;
+  if (helloTimeout_ != Qel::kNever) {
+    c.helloTimer = std::make_unique<HelloTimer>(this, t.ptr());
+    c.helloTimer->notifierIs(loop_->clock());
+    c.helloTimer->timeMinIs(loop_->clock()->now() + helloTimeout_);
   }
-  retry_->timeMinIs(loop_->clock()->now() + kAcceptRetry);
-}
-
-void AgentListener::acceptReady() {
-  Ptr keepAlive(this);
-  for (int i = 0; i < kAcceptsPerTurn; ++i) {
-    int const fd = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
-      int const err = errno;
-      if (err == EINTR || err == ECONNABORTED) continue;
-      if (err == EAGAIN || err == EWOULDBLOCK) return;
-      TRACE(LedraPlatform, 1, "agent listener on {} cannot accept: {}", path_, errnoText(err));
-      if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) pauseAccepting();
-      return;
-    }
-    SocketTransport::Ptr t = SocketTransport::socketTransportNew(
-        loop_.ptr(), fd, this, "agent socket " + std::to_string(fd));
-    t->maxFrameIs(maxFrame_);
-    Connection& c = conns_[t.ptr()];
-    c.transport = t;
-    if (helloTimeout_ != Qel::kNever) {
-      c.helloTimer = std::make_unique<HelloTimer>(this, t.ptr());
-      c.helloTimer->notifierIs(loop_->clock());
-      c.helloTimer->timeMinIs(loop_->clock()->now() + helloTimeout_);
-    }
-    TRACE(LedraPlatform, 5, "agent listener on {} accepted {}", path_, t->name());
-  }
+  TRACE(LedraPlatform, 5, "agent listener on {} accepted {}", path_, t->name());
 }
 
 void AgentListener::helloExpired(SocketTransport* t) {
@@ -197,6 +177,16 @@ void AgentListener::helloExpired(SocketTransport* t) {
 
 std::string AgentListener::admit(Qel::NboAttrLog::WireHello const& hello) {
   if (hello.agentName.empty()) return "hello without an agent name";
+  if (hello.agentName.size() > maxAgentName_) {
+    return "agent name of " + std::to_string(hello.agentName.size()) +
+           " bytes is longer than the limit of " + std::to_string(maxAgentName_) + " bytes";
+  }
+  if (std::string const fault = wireTextFault(hello.agentName); !fault.empty()) {
+    return "agent name " + printableText(hello.agentName) + " " + fault;
+  }
+  if (std::string const fault = wireTextFault(hello.agentString); !fault.empty()) {
+    return "agent string " + printableText(hello.agentString) + " " + fault;
+  }
   if (hello.agentName.find('/') != std::string::npos) {
     return "agent name " + hello.agentName + " contains '/'";
   }
@@ -238,7 +228,7 @@ void AgentListener::onHello(SocketTransport& t, Qel::NboAttrLog::WireHello const
   Connection& c = it->second;
   auto const table = Qel::MountTable::mountTableNew(name);
   table->currentVersionIs(hello.protocolVersion);
-  Qel::U32 const epoch = ++epochs_[name];
+  Qel::U32 const epoch = nextEpoch(name);
   c.demuxer =
       Qel::NboAttrLog::Demuxer::demuxerNew(name, table, Qel::NboAttrLog::Transport::Ptr(&t), epoch);
   t.demuxerIs(c.demuxer);
@@ -264,6 +254,8 @@ void AgentListener::onGone(SocketTransport& t, bool removeStatus) {
   if (it == conns_.end()) return;
   Connection c = std::move(it->second);
   conns_.erase(it);
+  // A descriptor was freed: accepting may go on if it paused.
+  if (acceptor_) acceptor_->resume();
   if (!c.demuxer) {
     TRACE(LedraPlatform, 5, "agent listener: {} gone without connecting: {}", t.name(),
           t.endReason());
@@ -285,6 +277,65 @@ void AgentListener::onGone(SocketTransport& t, bool removeStatus) {
   if (mgr->demuxer(name) == c.demuxer) mgr->demuxerDel(name);
 }
 
+void AgentListener::onOutputBuffered(SocketTransport& t, std::size_t before) {
+  outputTotal_ = outputTotal_ - before + t.outputBuffered();
+  if (outputTotal_ > maxOutputTotal_ && shed_->timeMin() == Qel::kNever) {
+    shed_->timeMinIs(loop_->clock()->now());
+  }
+}
+
+void AgentListener::shedOutput() {
+  Ptr keepAlive(this);
+  // Output of connections already closing goes at their teardown.
+  std::size_t remaining = outputTotal_;
+  std::vector<SocketTransport::Ptr> open;
+  for (auto const& [t, c] : conns_) {
+    if (t->closing()) {
+      remaining -= std::min(remaining, t->outputBuffered());
+    } else if (t->outputBuffered() > 0) {
+      open.push_back(c.transport);
+    }
+  }
+  std::sort(open.begin(), open.end(), [](auto const& a, auto const& b) {
+    return a->outputBuffered() > b->outputBuffered();
+  });
+  for (auto const& t : open) {
+    if (remaining <= maxOutputTotal_) break;
+    std::size_t const waiting = t->outputBuffered();
+    std::string const reason = "output to all agents exceeds " + std::to_string(maxOutputTotal_) +
+                               " bytes; this agent has the most waiting (" +
+                               std::to_string(waiting) + " bytes)";
+    TRACE(LedraPlatform, 1, "agent listener closes {}: {}", t->name(), reason);
+    remaining -= std::min(remaining, waiting);
+    if (!t->closing()) t->closeWith(reason);
+  }
+}
+
+Qel::U32 AgentListener::nextEpoch(Qel::Name const& name) {
+  auto it = epochs_.find(name);
+  if (it == epochs_.end()) {
+    it = epochs_.emplace(name, Remembered{forgottenEpoch_, 0}).first;
+  } else {
+    namesByAge_.erase(it->second.given);
+  }
+  Remembered& r = it->second;
+  ++r.epoch;
+  r.given = ++epochsGiven_;
+  namesByAge_.emplace(r.given, name);
+  forgetOldNames();
+  return r.epoch;
+}
+
+void AgentListener::forgetOldNames() {
+  while (epochs_.size() > maxRememberedNames_) {
+    auto const oldest = namesByAge_.begin();
+    auto const it = epochs_.find(oldest->second);
+    forgottenEpoch_ = std::max(forgottenEpoch_, it->second.epoch);
+    epochs_.erase(it);
+    namesByAge_.erase(oldest);
+  }
+}
+
 std::size_t AgentListener::connections() const {
   std::size_t n = 0;
   for (auto const& [t, c] : conns_) {
@@ -303,7 +354,7 @@ std::size_t AgentListener::pendingConnections() const {
 
 Qel::U32 AgentListener::epoch(Qel::Name const& agentName) const {
   auto it = epochs_.find(agentName);
-  return it == epochs_.end() ? 0 : it->second;
+  return it == epochs_.end() ? 0 : it->second.epoch;
 }
 
 SocketTransport::Ptr AgentListener::transport(Qel::Name const& agentName) const {
@@ -323,6 +374,30 @@ void AgentListener::maxFrameIs(std::size_t bytes) {
 void AgentListener::helloTimeoutIs(Qel::Time seconds) {
   QEL_ASSERT(seconds > 0 && "a hello timeout must be positive");
   helloTimeout_ = seconds;
+}
+
+void AgentListener::maxAgentNameIs(std::size_t bytes) {
+  QEL_ASSERT(bytes >= 1 && "an agent name limit of at least one byte");
+  maxAgentName_ = bytes;
+}
+
+void AgentListener::maxOutputIs(std::size_t bytes) {
+  QEL_ASSERT(bytes >= 1 && "an output limit of at least one byte");
+  maxOutput_ = bytes;
+  for (auto const& [t, c] : conns_)
+    c.transport->maxOutputIs(bytes);
+}
+
+void AgentListener::maxOutputTotalIs(std::size_t bytes) {
+  QEL_ASSERT(bytes >= 1 && "an output limit of at least one byte");
+  maxOutputTotal_ = bytes;
+  if (outputTotal_ > maxOutputTotal_) shed_->timeMinIs(loop_->clock()->now());
+}
+
+void AgentListener::maxRememberedNamesIs(std::size_t names) {
+  QEL_ASSERT(names >= 1 && "remembering at least one agent name");
+  maxRememberedNames_ = names;
+  forgetOldNames();
 }
 
 }  // namespace Ledra

@@ -11,6 +11,7 @@
 #include "Qel/Assert.h"
 #include "Qel/Dir.h"
 #include "Qel/EntityUri.h"
+#include "Qel/NboAttrLog/WireText.h"
 #include "Qel/QelType.h"
 
 namespace Qel::NboAttrLog {
@@ -143,7 +144,8 @@ void SocketTransport::readInput(bool& ended, String& readError) {
 
 bool SocketTransport::handle(WireMessage& m) {
   if (auto* close = std::get_if<WireClose>(&m)) {
-    lost(close->reason, "closed by the agent: " + close->reason);
+    String const reason = printableText(close->reason);
+    lost(reason, "closed by the agent: " + reason);
     return false;
   }
   if (auto* hello = std::get_if<WireHello>(&m)) {
@@ -191,7 +193,7 @@ void SocketTransport::handleAnswer(WireMountAnswer const& a) {
     // A watcher of the path state may have closed the connection.
     if (closing_ || d->closed()) return;
   }
-  d->mountAnswered(a.path, a.ok, a.exceptionText);
+  d->mountAnswered(a.path, a.ok, printableText(a.exceptionText));
 }
 
 void SocketTransport::protocolError(String const& reason) {
@@ -252,8 +254,9 @@ void SocketTransport::sendMountRequest(String const& uri, String const& typeName
     return;
   }
   if (outputBuffered() <= maxOutput_) return;
-  String const reason =
-      "agent does not read its connection (" + std::to_string(outputBuffered()) + " bytes waiting)";
+  String const reason = "agent does not read its connection (" +
+                        std::to_string(outputBuffered()) + " bytes waiting, limit " +
+                        std::to_string(maxOutput_) + ")";
   loop_->post([self, reason] { self->closeWith(reason); });
 }
 
@@ -287,14 +290,34 @@ std::string SocketTransport::entityStateFrame(String const& path, U32 seqno) con
 }
 
 void SocketTransport::enqueue(std::string const& frame) {
+  std::size_t const before = outputBuffered();
   if (outputOffset_ == output_.size()) {
     output_.clear();
     outputOffset_ = 0;
   }
   output_.append(frame);
+  outputChanged(before);
+}
+
+void SocketTransport::dropOutput() {
+  std::size_t const before = outputBuffered();
+  output_.clear();
+  outputOffset_ = 0;
+  outputChanged(before);
+}
+
+void SocketTransport::outputChanged(std::size_t before) {
+  if (owner_ && before != outputBuffered()) owner_->onOutputBuffered(*this, before);
 }
 
 bool SocketTransport::flush() {
+  std::size_t const before = outputBuffered();
+  bool const ok = writeOutput();
+  outputChanged(before);
+  return ok;
+}
+
+bool SocketTransport::writeOutput() {
   if (writeFailed_) return false;
   while (outputOffset_ < output_.size()) {
     ssize_t const n =
@@ -358,8 +381,7 @@ void SocketTransport::teardown() {
   }
   ::close(fd_);
   fd_ = -1;
-  output_.clear();
-  outputOffset_ = 0;
+  dropOutput();
   unanswered_.clear();
   if (demuxer_ && !demuxer_->closed()) {
     Demuxer::Ptr const d = demuxer_;
