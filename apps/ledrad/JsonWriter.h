@@ -6,7 +6,8 @@
 // Qel::NboAttrLog::isControlCharacter as \uXXXX or \n, \t, \r); valid UTF-8 passes unchanged,
 // and a byte that is not part of valid UTF-8 is written \ufffd (the replacement character), so
 // the document is strict JSON whatever bytes the texts held. Misuse (a value without a key inside
-// an object, an unbalanced end) is a programming error, asserted. Not thread-safe; one writer per document.
+// an object, an unbalanced end) is a programming error, asserted. Not thread-safe; one writer per
+// document.
 #pragma once
 
 #include <string>

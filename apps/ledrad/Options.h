@@ -36,9 +36,10 @@ struct Bounds {
   std::size_t maxAgentName = Listener::kDefaultMaxAgentName;              // --max-agent-name
   std::size_t maxAgentOutput = Listener::kDefaultMaxOutput;               // --max-agent-output
   std::size_t maxTotalOutput = Listener::kDefaultMaxOutputTotal;          // --max-total-output
-  std::size_t maxRememberedAgents = Listener::kDefaultMaxRememberedNames;  // --max-remembered-agents
-  ControlServer::Limits control;  // --max-control-clients, --max-control-per-process,
-                                  // --control-idle-timeout
+  std::size_t maxRememberedAgents =
+      Listener::kDefaultMaxRememberedNames;  // --max-remembered-agents
+  ControlServer::Limits control;             // --max-control-clients, --max-control-per-process,
+                                             // --control-idle-timeout
 };
 
 struct Options {

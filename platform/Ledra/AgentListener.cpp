@@ -23,8 +23,8 @@ namespace Ledra {
 
 namespace {
 
-using Qel::NboAttrLog::SocketTransport;
 using Qel::NboAttrLog::printableText;
+using Qel::NboAttrLog::SocketTransport;
 using Qel::NboAttrLog::wireTextFault;
 
 constexpr int kBacklog = 64;
@@ -296,9 +296,8 @@ void AgentListener::shedOutput() {
       open.push_back(c.transport);
     }
   }
-  std::sort(open.begin(), open.end(), [](auto const& a, auto const& b) {
-    return a->outputBuffered() > b->outputBuffered();
-  });
+  std::sort(open.begin(), open.end(),
+            [](auto const& a, auto const& b) { return a->outputBuffered() > b->outputBuffered(); });
   for (auto const& t : open) {
     if (remaining <= maxOutputTotal_) break;
     std::size_t const waiting = t->outputBuffered();

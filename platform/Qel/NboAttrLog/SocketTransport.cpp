@@ -254,9 +254,8 @@ void SocketTransport::sendMountRequest(String const& uri, String const& typeName
     return;
   }
   if (outputBuffered() <= maxOutput_) return;
-  String const reason = "agent does not read its connection (" +
-                        std::to_string(outputBuffered()) + " bytes waiting, limit " +
-                        std::to_string(maxOutput_) + ")";
+  String const reason = "agent does not read its connection (" + std::to_string(outputBuffered()) +
+                        " bytes waiting, limit " + std::to_string(maxOutput_) + ")";
   loop_->post([self, reason] { self->closeWith(reason); });
 }
 
