@@ -77,16 +77,6 @@ class AgentListener::HelloTimer : public Qel::Clock::Notifiee {
   SocketTransport* transport_;
 };
 
-// Runs the shedding pass on the turn after the output of all agents grew past its bound.
-class AgentListener::ShedTimer : public Qel::Clock::Notifiee {
- public:
-  explicit ShedTimer(AgentListener* l) : listener_(l) {}
-  void onTime() override { listener_->shedOutput(); }
-
- private:
-  AgentListener* listener_;
-};
-
 AgentListener::Ptr AgentListener::agentListenerNew(Qel::EventLoop::Ptr const& loop,
                                                    std::string const& path) {
   QEL_ASSERT(loop && "an agent listener needs an event loop");
@@ -96,9 +86,7 @@ AgentListener::Ptr AgentListener::agentListenerNew(Qel::EventLoop::Ptr const& lo
 }
 
 AgentListener::AgentListener(Qel::EventLoop::Ptr loop, std::string path)
-    : loop_(std::move(loop)), path_(std::move(path)), shed_(std::make_unique<ShedTimer>(this)) {
-  shed_->notifierIs(loop_->clock());
-}
+    : loop_(std::move(loop)), path_(std::move(path)) {}
 
 AgentListener::~AgentListener() {
   acceptor_.reset();
@@ -114,7 +102,6 @@ AgentListener::~AgentListener() {
     t->teardownNow();
     conns_.erase(t.ptr());
   }
-  shed_.reset();
   TRACE(LedraPlatform, 3, "agent listener on {} stopped", path_);
 }
 
@@ -279,35 +266,26 @@ void AgentListener::onGone(SocketTransport& t, bool removeStatus) {
 
 void AgentListener::onOutputBuffered(SocketTransport& t, std::size_t before) {
   outputTotal_ = outputTotal_ - before + t.outputBuffered();
-  if (outputTotal_ > maxOutputTotal_ && shed_->timeMin() == Qel::kNever) {
-    shed_->timeMinIs(loop_->clock()->now());
-  }
+  if (outputTotal_ > maxOutputTotal_ && !shedding_) shedOutput();
 }
 
 void AgentListener::shedOutput() {
-  Ptr keepAlive(this);
-  // Output of connections already closing goes at their teardown.
-  std::size_t remaining = outputTotal_;
-  std::vector<SocketTransport::Ptr> open;
-  for (auto const& [t, c] : conns_) {
-    if (t->closing()) {
-      remaining -= std::min(remaining, t->outputBuffered());
-    } else if (t->outputBuffered() > 0) {
-      open.push_back(c.transport);
+  shedding_ = true;
+  while (outputTotal_ > maxOutputTotal_) {
+    SocketTransport* largest = nullptr;
+    for (auto const& [t, c] : conns_) {
+      if (t->closing() || t->discarding() || t->outputBuffered() == 0) continue;
+      if (!largest || t->outputBuffered() > largest->outputBuffered()) largest = t;
     }
-  }
-  std::sort(open.begin(), open.end(),
-            [](auto const& a, auto const& b) { return a->outputBuffered() > b->outputBuffered(); });
-  for (auto const& t : open) {
-    if (remaining <= maxOutputTotal_) break;
-    std::size_t const waiting = t->outputBuffered();
+    // What is left waits on connections already closing: it goes at their teardown.
+    if (!largest) break;
     std::string const reason = "output to all agents exceeds " + std::to_string(maxOutputTotal_) +
                                " bytes; this agent has the most waiting (" +
-                               std::to_string(waiting) + " bytes)";
-    TRACE(LedraPlatform, 1, "agent listener closes {}: {}", t->name(), reason);
-    remaining -= std::min(remaining, waiting);
-    if (!t->closing()) t->closeWith(reason);
+                               std::to_string(largest->outputBuffered()) + " bytes)";
+    TRACE(LedraPlatform, 1, "agent listener closes {}: {}", largest->name(), reason);
+    largest->discardOutputAndClose(reason);
   }
+  shedding_ = false;
 }
 
 Qel::U32 AgentListener::nextEpoch(Qel::Name const& name) {
@@ -390,7 +368,7 @@ void AgentListener::maxOutputIs(std::size_t bytes) {
 void AgentListener::maxOutputTotalIs(std::size_t bytes) {
   QEL_ASSERT(bytes >= 1 && "an output limit of at least one byte");
   maxOutputTotal_ = bytes;
-  if (outputTotal_ > maxOutputTotal_) shed_->timeMinIs(loop_->clock()->now());
+  if (outputTotal_ > maxOutputTotal_) shedOutput();
 }
 
 void AgentListener::maxRememberedNamesIs(std::size_t names) {

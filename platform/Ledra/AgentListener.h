@@ -36,9 +36,10 @@
 //
 // Output. Each connection may hold at most maxOutput() bytes not taken by its agent (then it is
 // closed by its transport). All connections together may hold at most maxOutputTotal() bytes:
-// past it, on the next loop turn, the connections with the most bytes waiting are closed, largest
-// first, until the rest fit ("output to all agents exceeds <limit> bytes; this agent has the most
-// waiting (<n> bytes)"). The loop never waits for an agent.
+// as soon as they hold more, the connections with the most bytes waiting are given up, largest
+// first, until the rest fit: their output is freed at once and they close on a later turn
+// ("output to all agents exceeds <limit> bytes; this agent has the most waiting (<n> bytes)").
+// The loop never waits for an agent.
 //
 // Accepting pauses while the process is out of descriptors (Qel::NboAttrLog::SocketAcceptor) and
 // resumes after a delay or as soon as a connection of the listener is torn down.
@@ -102,7 +103,7 @@ class QEL_API AgentListener : public Qel::RefCounted,
   // Bytes one connection may hold for its agent; applies to every connection.
   void maxOutputIs(std::size_t bytes);
   std::size_t maxOutputTotal() const { return maxOutputTotal_; }
-  // Bytes all connections together may hold; checked on the next loop turn.
+  // Bytes all connections together may hold; applies at once.
   void maxOutputTotalIs(std::size_t bytes);
   // Bytes waiting for all agents.
   std::size_t outputTotal() const { return outputTotal_; }
@@ -111,7 +112,6 @@ class QEL_API AgentListener : public Qel::RefCounted,
 
  private:
   class HelloTimer;
-  class ShedTimer;
   struct Connection {
     Qel::NboAttrLog::SocketTransport::Ptr transport;
     std::unique_ptr<HelloTimer> helloTimer;
@@ -125,7 +125,7 @@ class QEL_API AgentListener : public Qel::RefCounted,
   void listen();
   void accepted(int fd);
   void helloExpired(Qel::NboAttrLog::SocketTransport* t);
-  // Closes the connections with the most output until the rest fit in maxOutputTotal().
+  // Gives up on the connections with the most output until the rest fit in maxOutputTotal().
   void shedOutput();
   // The epoch of a new connection of `name`, remembered as its latest.
   Qel::U32 nextEpoch(Qel::Name const& name);
@@ -165,7 +165,7 @@ class QEL_API AgentListener : public Qel::RefCounted,
   // The highest epoch of a forgotten name.
   Qel::U32 forgottenEpoch_ = 0;
   std::size_t maxRememberedNames_ = kDefaultMaxRememberedNames;
-  std::unique_ptr<ShedTimer> shed_;
+  bool shedding_ = false;
   std::unique_ptr<Qel::NboAttrLog::SocketAcceptor> acceptor_;
 };
 

@@ -25,6 +25,8 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // Unread input discarded at teardown, so that the peer sees the end of the stream rather than
 // a reset after our last frame.
 constexpr std::size_t kDrainLimit = 1 << 20;
+// An output buffer emptied while holding more than this gives its memory back.
+constexpr std::size_t kKeptOutputCapacity = 1 << 20;
 
 String errnoText(int err) {
   return String(std::strerror(err));
@@ -218,6 +220,7 @@ void SocketTransport::close(String const& reason, bool removeStatus) {
   if (closing_) return;
   Ptr self(this);
   closing_ = true;
+  discarding_ = false;
   if (endReason_.empty()) {
     endReason_ = "closed by the database: " + (reason.empty() ? String("no reason given") : reason);
   }
@@ -241,7 +244,7 @@ void SocketTransport::lost(String const& reason, String const& traced) {
 }
 
 void SocketTransport::sendMountRequest(String const& uri, String const& typeName, U32 seqno) {
-  if (closing_) return;
+  if (closing_ || discarding_) return;
   Ptr self(this);
   String const path = pathOfUri(uri);
   std::string const state = entityStateFrame(path, seqno);
@@ -254,8 +257,15 @@ void SocketTransport::sendMountRequest(String const& uri, String const& typeName
     return;
   }
   if (outputBuffered() <= maxOutput_) return;
-  String const reason = "agent does not read its connection (" + std::to_string(outputBuffered()) +
-                        " bytes waiting, limit " + std::to_string(maxOutput_) + ")";
+  discardOutputAndClose("agent does not read its connection (" + std::to_string(outputBuffered()) +
+                        " bytes waiting, limit " + std::to_string(maxOutput_) + ")");
+}
+
+void SocketTransport::discardOutputAndClose(String const& reason) {
+  if (closing_ || discarding_) return;
+  Ptr self(this);
+  discarding_ = true;
+  dropOutput();
   loop_->post([self, reason] { self->closeWith(reason); });
 }
 
@@ -289,6 +299,7 @@ std::string SocketTransport::entityStateFrame(String const& path, U32 seqno) con
 }
 
 void SocketTransport::enqueue(std::string const& frame) {
+  if (discarding_) return;
   std::size_t const before = outputBuffered();
   if (outputOffset_ == output_.size()) {
     output_.clear();
@@ -300,7 +311,7 @@ void SocketTransport::enqueue(std::string const& frame) {
 
 void SocketTransport::dropOutput() {
   std::size_t const before = outputBuffered();
-  output_.clear();
+  std::string().swap(output_);
   outputOffset_ = 0;
   outputChanged(before);
 }
@@ -337,11 +348,15 @@ bool SocketTransport::writeOutput() {
     }
     writeFailed_ = true;
     writeError_ = n < 0 ? errnoText(errno) : String("socket took no bytes");
-    output_.clear();
+    std::string().swap(output_);
     outputOffset_ = 0;
     return false;
   }
-  output_.clear();
+  if (output_.capacity() > kKeptOutputCapacity) {
+    std::string().swap(output_);
+  } else {
+    output_.clear();
+  }
   outputOffset_ = 0;
   if (!closing_ && watchingWritable_) watchFor(false);
   return true;
