@@ -33,11 +33,6 @@ SocketAcceptor::~SocketAcceptor() {
   if (accepting_) loop_->unwatch(fd_);
 }
 
-void SocketAcceptor::retryDelayIs(Time seconds) {
-  QEL_ASSERT(seconds > 0 && "an accept retry delay must be positive");
-  retryDelay_ = seconds;
-}
-
 void SocketAcceptor::resume() {
   if (accepting_) return;
   retry_->timeMinIs(kNever);
@@ -48,16 +43,19 @@ void SocketAcceptor::resume() {
 void SocketAcceptor::pause(int err) {
   if (!accepting_) return;
   accepting_ = false;
-  ++pauses_;
   loop_->unwatch(fd_);
-  retry_->timeMinIs(loop_->clock()->now() + retryDelay_);
-  if (onPause_) onPause_(err);
+  retry_->timeMinIs(loop_->clock()->now() + kRetryDelay);
+  // Told once per run of failures, not at every retry.
+  if (!onPause_ || pauseReported_) return;
+  pauseReported_ = true;
+  onPause_(err);
 }
 
 void SocketAcceptor::acceptReady() {
   for (int i = 0; i < kAcceptsPerTurn && accepting_; ++i) {
     int const fd = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd >= 0) {
+      pauseReported_ = false;
       onAccept_(fd);
       continue;
     }

@@ -8,10 +8,12 @@
 //
 // Out of descriptors or memory (EMFILE, ENFILE, ENOBUFS, ENOMEM): the listening socket stays
 // ready while the connection waits in its backlog, so on a level-triggered loop accepting again
-// at once would spin. The acceptor instead stops watching (paused()), tells `onPause` the error
-// once, and tries again retryDelay() seconds later on the loop's clock, or at once when the owner
-// reports a freed descriptor (resume()). The waiting connections stay in the backlog meanwhile.
-// Any other accept error is passed to `onPause` as well and handled the same way.
+// at once would spin. The acceptor instead stops watching (paused()) and tries again
+// kRetryDelay seconds later on the loop's clock, or at once when the owner reports a freed
+// descriptor (resume()); `onPause` hears the error of the first pause of each run of failures
+// (until a connection is accepted again), not of every retry. The waiting connections stay in the
+// backlog meanwhile. Any other accept error is passed to `onPause` as well and handled the same
+// way.
 //
 // The acceptor neither owns nor closes the listening descriptor; the descriptor must outlive it,
 // and so must the loop. `onAccept` must not destroy the acceptor. Single-threaded, on the loop's
@@ -33,7 +35,7 @@ class QEL_API SocketAcceptor {
   // Called with the errno of the accept that made the acceptor pause.
   using OnPause = std::function<void(int err)>;
   static constexpr int kAcceptsPerTurn = 64;
-  static constexpr Time kDefaultRetryDelay = 0.1;
+  static constexpr Time kRetryDelay = 0.1;
 
   // Starts accepting on `listenFd` at once.
   SocketAcceptor(EventLoop::Ptr loop, int listenFd, OnAccept onAccept, OnPause onPause = {});
@@ -42,10 +44,6 @@ class QEL_API SocketAcceptor {
   SocketAcceptor& operator=(SocketAcceptor const&) = delete;
 
   bool paused() const { return !accepting_; }
-  // Pauses taken so far.
-  std::size_t pauses() const { return pauses_; }
-  Time retryDelay() const { return retryDelay_; }
-  void retryDelayIs(Time seconds);
   // A descriptor was freed: a paused acceptor tries again now (pausing anew if it still fails).
   void resume();
 
@@ -60,9 +58,8 @@ class QEL_API SocketAcceptor {
   OnAccept const onAccept_;
   OnPause const onPause_;
   std::unique_ptr<RetryTimer> retry_;
-  Time retryDelay_ = kDefaultRetryDelay;
-  std::size_t pauses_ = 0;
   bool accepting_ = false;
+  bool pauseReported_ = false;
 };
 
 }  // namespace Qel::NboAttrLog
