@@ -1,10 +1,20 @@
 #include "apps/ledrad/AgentEvents.h"
 
 #include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "Qel/NboAttrLog/WireText.h"
 
 namespace Ledrad {
 
 using Weak = Qel::NotifieeBase::Reference;
+
+namespace {
+
+// A name or text as one line may show it, whatever bytes it holds.
+std::string shown(std::string const& text) {
+  return Qel::NboAttrLog::printableText(text);
+}
+
+}  // namespace
 
 class AgentEvents::DemuxerMgrWatcher : public Qel::NboAttrLog::DemuxerMgr::NotifieeConst {
   using NotifieeConst = Qel::NboAttrLog::DemuxerMgr::NotifieeConst;
@@ -32,8 +42,8 @@ class AgentEvents::DemuxerWatcher : public Qel::NboAttrLog::Demuxer::NotifieeCon
   void onClosed() override {
     auto const d = notifier();
     if (!d || !d->closed()) return;
-    owner_.line("agent " + name_ + " closed" +
-                (d->closeReason().empty() ? std::string() : ": " + d->closeReason()));
+    owner_.line("agent " + shown(name_) + " closed" +
+                (d->closeReason().empty() ? std::string() : ": " + shown(d->closeReason())));
   }
 
  private:
@@ -76,13 +86,14 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
         if (record && record->mountGroup()) waiting[name] = record->mountGroup()->entireCondition();
       }
       for (auto const& [name, condition] : waiting) {
-        owner_.line("agent " + agentName_ + " waits for group " + name + ": " + condition);
+        owner_.line("agent " + shown(agentName_) + " waits for group " + shown(name) + ": " +
+                    shown(condition));
       }
       return;
     }
     if (e->state() != Ledra::PassiveEntityManagerSm::mountComplete || reported_) return;
     reported_ = true;
-    owner_.line("All mounts complete for " + agentName_);
+    owner_.line("All mounts complete for " + shown(agentName_));
   }
 
  private:
@@ -112,11 +123,11 @@ void AgentEvents::line(std::string const& text) const {
 void AgentEvents::demuxer(Qel::Name const& name) {
   auto const d = Qel::NboAttrLog::demuxerMgr()->demuxer(name);
   if (!d) {
-    if (demuxers_.erase(name)) line("agent " + name + " disconnected");
+    if (demuxers_.erase(name)) line("agent " + shown(name) + " disconnected");
     return;
   }
   demuxers_[name] = std::make_unique<DemuxerWatcher>(*this, d);
-  line("agent " + name + " connected (connection " + std::to_string(d->epoch()) + ")");
+  line("agent " + shown(name) + " connected (connection " + std::to_string(d->epoch()) + ")");
 }
 
 void AgentEvents::engine(Qel::Name const& agentName) {
@@ -126,8 +137,8 @@ void AgentEvents::engine(Qel::Name const& agentName) {
     return;
   }
   auto const& profile = e->agentProfile();
-  line("agent " + agentName + " served by profile " +
-       (profile ? std::string(profile->name()) : std::string("?")));
+  line("agent " + shown(agentName) + " served by profile " +
+       (profile ? shown(profile->name()) : std::string("?")));
   engines_[agentName] = std::make_unique<EngineWatcher>(*this, agentName, e);
 }
 

@@ -6,6 +6,8 @@
 //   "All mounts complete for NAME"            the engine has mounted everything
 //   "agent NAME closed: REASON"               the connection was closed (by either side)
 //   "agent NAME disconnected"                 the connection is gone
+// Every name and text in a line is in its printable form (Qel::NboAttrLog::printableText), so
+// whatever bytes an agent chose, each event is exactly one line and cannot pass for another.
 //
 // It watches the demuxer manager (connections), each demuxer (its close), the root manager (its
 // engines) and each engine (its state) with weak notifiees, so it never keeps any of them alive.

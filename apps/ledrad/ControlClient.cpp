@@ -42,6 +42,8 @@ ControlReply controlRequest(std::string const& socketPath, std::vector<std::stri
     ssize_t const n =
         ::send(conn.fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    // ledrad closed the connection early: it refused the client, and its reason waits to be read.
+    if (n < 0 && (errno == EPIPE || errno == ECONNRESET)) break;
     if (n < 0)
       throw std::runtime_error("cannot send to " + socketPath + ": " + std::strerror(errno));
     sent += static_cast<std::size_t>(n);
@@ -52,6 +54,8 @@ ControlReply controlRequest(std::string const& socketPath, std::vector<std::stri
     await(conn.fd, POLLIN, timeoutMs, socketPath);
     ssize_t const n = ::recv(conn.fd, buf, sizeof buf, MSG_DONTWAIT);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    // A reset after the reply (ledrad closed before taking all of the request) ends it too.
+    if (n < 0 && errno == ECONNRESET && !reply.empty()) break;
     if (n < 0) {
       throw std::runtime_error("cannot read from " + socketPath + ": " + std::strerror(errno));
     }

@@ -3,41 +3,123 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
+#include <cstring>
 
+#include "Ledra/TraceFacility.h"
+#include "Qel/Assert.h"
 #include "apps/ledrad/UnixSocket.h"
 
 namespace Ledrad {
 
-ControlServer::ControlServer(Qel::EventLoop::Ptr loop, std::string path, Handler handler)
-    : loop_(std::move(loop)), path_(std::move(path)), handler_(std::move(handler)) {
+namespace {
+
+pid_t peerProcess(int fd) {
+  ucred cred{};
+  socklen_t len = sizeof cred;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return 0;
+  return cred.pid;
+}
+
+std::string seconds(Qel::Time t) {
+  if (t == std::floor(t) && t < 1e15) return std::to_string(static_cast<long long>(t));
+  std::string s = std::to_string(t);
+  while (!s.empty() && s.back() == '0')
+    s.pop_back();
+  return s;
+}
+
+// Consumes what the client has sent and nobody will read (at most one request's worth) and
+// closes the socket: closing over unread input would reset the connection, and the client could
+// lose the reply before reading it.
+void drainAndClose(int fd) {
+  char buf[4096];
+  for (std::size_t drained = 0; drained <= kMaxRequest;) {
+    ssize_t const n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    drained += static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+}
+
+// Answers a new connection at once with an error reply (its socket takes a short reply whole).
+void refuseAndClose(int fd, std::string const& reason) {
+  std::string const reply = encodeReply(ControlReply{false, reason + "\n"});
+  while (::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
+         errno == EINTR) {
+  }
+  drainAndClose(fd);
+}
+
+}  // namespace
+
+// Closes the clients whose time is up.
+class ControlServer::IdleTimer : public Qel::Clock::Notifiee {
+ public:
+  explicit IdleTimer(ControlServer* s) : server_(s) {}
+  void onTime() override { server_->expire(); }
+
+ private:
+  ControlServer* server_;
+};
+
+ControlServer::ControlServer(Qel::EventLoop::Ptr loop, std::string path, Handler handler,
+                             Limits limits)
+    : loop_(std::move(loop)),
+      path_(std::move(path)),
+      handler_(std::move(handler)),
+      limits_(limits),
+      timer_(std::make_unique<IdleTimer>(this)) {
+  QEL_ASSERT(limits_.maxClients >= 1 && limits_.maxClientsPerProcess >= 1 &&
+             limits_.idleTimeout > 0 && "control server limits must be positive");
+  timer_->notifierIs(loop_->clock());
   fd_ = listenUnixSocket(path_);
-  loop_->watch(fd_, Qel::EventLoop::readable, [this](unsigned) { acceptReady(); });
+  acceptor_ = std::make_unique<Qel::NboAttrLog::SocketAcceptor>(
+      loop_, fd_, [this](int fd) { accepted(fd); },
+      [this](int err) {
+        TRACE(LedraPlatform, 1, "control socket {} cannot accept: {}; accepting pauses", path_,
+              std::string(std::strerror(err)));
+      });
 }
 
 ControlServer::~ControlServer() {
+  acceptor_.reset();
   while (!clients_.empty())
     drop(clients_.begin()->first);
-  loop_->unwatch(fd_);
   ::close(fd_);
   ::unlink(path_.c_str());
 }
 
-void ControlServer::acceptReady() {
-  while (true) {
-    int const fd = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
-      if (errno == EINTR) continue;
-      return;  // EAGAIN: nothing more to accept; other errors: the client is gone
-    }
-    if (clients_.size() >= kMaxClients) {
-      ::close(fd);
-      continue;
-    }
-    clients_.emplace(fd, Client{});
-    loop_->watch(fd, Qel::EventLoop::readable,
-                 [this, fd](unsigned ready) { clientReady(fd, ready); });
+std::string ControlServer::refusal(pid_t pid) const {
+  if (clients_.size() >= limits_.maxClients) {
+    return "ledrad serves at most " + std::to_string(limits_.maxClients) +
+           " control connections at once; try again later";
   }
+  auto const it = perProcess_.find(pid);
+  if (it != perProcess_.end() && it->second >= limits_.maxClientsPerProcess) {
+    return "ledrad serves at most " + std::to_string(limits_.maxClientsPerProcess) +
+           " control connections of one process at once (process " + std::to_string(pid) + ")";
+  }
+  return {};
+}
+
+void ControlServer::accepted(int fd) {
+  pid_t const pid = peerProcess(fd);
+  if (std::string const why = refusal(pid); !why.empty()) {
+    ++refused_;
+    refuseAndClose(fd, why);
+    return;
+  }
+  Client& c = clients_[fd];
+  c.pid = pid;
+  c.deadline = loop_->clock()->now() + limits_.idleTimeout;
+  ++perProcess_[pid];
+  loop_->watch(fd, Qel::EventLoop::readable,
+               [this, fd](unsigned ready) { clientReady(fd, ready); });
+  armTimer();
 }
 
 void ControlServer::clientReady(int fd, unsigned ready) {
@@ -83,9 +165,11 @@ void ControlServer::answer(int fd, Client& c, ControlReply const& reply) {
   c.in.clear();
   c.out = encodeReply(reply);
   c.sent = 0;
+  c.deadline = loop_->clock()->now() + limits_.idleTimeout;
   loop_->watch(fd, Qel::EventLoop::writable,
                [this, fd](unsigned ready) { clientReady(fd, ready); });
   writeReply(fd, c);
+  armTimer();
 }
 
 void ControlServer::writeReply(int fd, Client& c) {
@@ -100,9 +184,43 @@ void ControlServer::writeReply(int fd, Client& c) {
 }
 
 void ControlServer::drop(int fd) {
+  auto it = clients_.find(fd);
+  if (it == clients_.end()) return;
+  auto const p = perProcess_.find(it->second.pid);
+  if (p != perProcess_.end() && --p->second == 0) perProcess_.erase(p);
+  clients_.erase(it);
   loop_->unwatch(fd);
-  ::close(fd);
-  clients_.erase(fd);
+  drainAndClose(fd);
+  // A descriptor is free again: accepting may go on if it paused.
+  if (acceptor_) acceptor_->resume();
+}
+
+void ControlServer::expire() {
+  Qel::Time const now = loop_->clock()->now();
+  std::vector<int> due;
+  for (auto const& [fd, c] : clients_) {
+    if (c.deadline <= now) due.push_back(fd);
+  }
+  for (int const fd : due) {
+    auto it = clients_.find(fd);
+    if (it == clients_.end()) continue;
+    ++timedOut_;
+    Client& c = it->second;
+    if (!c.out.empty()) {
+      drop(fd);  // it does not take its reply
+      continue;
+    }
+    answer(fd, c,
+           ControlReply{false, "no request within " + seconds(limits_.idleTimeout) + " seconds\n"});
+  }
+  armTimer();
+}
+
+void ControlServer::armTimer() {
+  Qel::Time next = Qel::kNever;
+  for (auto const& [fd, c] : clients_)
+    next = std::min(next, c.deadline);
+  if (next != timer_->timeMin()) timer_->timeMinIs(next);
 }
 
 }  // namespace Ledrad

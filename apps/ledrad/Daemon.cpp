@@ -126,9 +126,16 @@ int runDaemon(Options const& o, std::FILE* out, std::FILE* err) {
     makeSocketFolder(o.socket);
     makeSocketFolder(o.controlSocket);
     listener = Ledra::AgentListener::agentListenerNew(loop, o.socket);
+    listener->maxFrameIs(o.bounds.maxFrame);
+    listener->helloTimeoutIs(o.bounds.helloTimeout);
+    listener->maxAgentNameIs(o.bounds.maxAgentName);
+    listener->maxOutputIs(o.bounds.maxAgentOutput);
+    listener->maxOutputTotalIs(o.bounds.maxTotalOutput);
+    listener->maxRememberedNamesIs(o.bounds.maxRememberedAgents);
     control = std::make_unique<ControlServer>(
         loop, o.controlSocket,
-        [&commands](std::vector<std::string> const& request) { return commands.execute(request); });
+        [&commands](std::vector<std::string> const& request) { return commands.execute(request); },
+        o.bounds.control);
   } catch (std::exception const& e) {
     say(err, std::string("ledrad: ") + e.what());
     return 1;

@@ -3,11 +3,11 @@
 // Start: apply the trace levels; build the Database (cell, system name, tree, root manager);
 // load every *.state file of the state folder, then every *.profile file of the profile folder,
 // in name order (a bad file stops the start with its "<file>:<line>: <reason>" and exit status
-// 1); listen for agents (AgentListener) and for the control program (ControlServer); print
-// "ledrad: ready ..." with both socket paths. Then serve on the event loop until SIGTERM or
-// SIGINT, printing one line per agent event (AgentEvents) and per change made through the
-// control socket. Stop: close the sockets (agents are told "database shutting down"), let the
-// connections go, release everything, exit status 0.
+// 1); listen for agents (AgentListener) and for the control program (ControlServer), each with
+// the bounds of the options; print "ledrad: ready ..." with both socket paths. Then serve on the
+// event loop until SIGTERM or SIGINT, printing one line per agent event (AgentEvents) and per
+// change made through the control socket. Stop: close the sockets (agents are told "database
+// shutting down"), let the connections go, release everything, exit status 0.
 //
 // `out` receives the event lines and `err` the errors, each line flushed at once. Runs on the
 // calling thread, which owns the process's event loop; call it once per process.

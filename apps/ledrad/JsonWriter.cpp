@@ -3,37 +3,46 @@
 #include <cstdio>
 
 #include "Qel/Assert.h"
+#include "Qel/NboAttrLog/WireText.h"
 
 namespace Ledrad {
 
 std::string JsonWriter::quote(std::string_view text) {
   std::string out = "\"";
-  for (char c : text) {
-    switch (c) {
+  for (std::size_t pos = 0; pos < text.size();) {
+    Qel::NboAttrLog::Utf8Sequence const s = Qel::NboAttrLog::utf8SequenceAt(text, pos);
+    if (s.length == 0) {
+      out += "\\ufffd";  // a byte that is no UTF-8 is never written as it is
+      ++pos;
+      continue;
+    }
+    pos += s.length;
+    switch (s.codePoint) {
       case '"':
         out += "\\\"";
-        break;
+        continue;
       case '\\':
         out += "\\\\";
-        break;
+        continue;
       case '\n':
         out += "\\n";
-        break;
+        continue;
       case '\t':
         out += "\\t";
-        break;
+        continue;
       case '\r':
         out += "\\r";
-        break;
+        continue;
       default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char buf[8];
-          std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(c));
-          out += buf;
-          break;
-        }
-        out += c;
+        break;
     }
+    if (Qel::NboAttrLog::isControlCharacter(s.codePoint)) {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(s.codePoint));
+      out += buf;
+      continue;
+    }
+    out.append(text.substr(pos - s.length, s.length));
   }
   out += '"';
   return out;

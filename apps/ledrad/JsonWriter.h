@@ -2,9 +2,12 @@
 //
 // Calls follow the document's structure: beginObject/endObject, beginArray/endArray, key() before
 // each member of an object, and value() for scalars; commas and line breaks are placed by the
-// writer. Texts are escaped (quote, backslash, control characters as \uXXXX; other bytes, UTF-8
-// included, pass unchanged). Misuse (a value without a key inside an object, an unbalanced end) is
-// a programming error, asserted. Not thread-safe; one writer per document.
+// writer. Texts are escaped (quote, backslash, and every control character of
+// Qel::NboAttrLog::isControlCharacter as \uXXXX or \n, \t, \r); valid UTF-8 passes unchanged,
+// and a byte that is not part of valid UTF-8 is written \ufffd (the replacement character), so
+// the document is strict JSON whatever bytes the texts held. Misuse (a value without a key inside
+// an object, an unbalanced end) is a programming error, asserted. Not thread-safe; one writer per
+// document.
 #pragma once
 
 #include <string>

@@ -3,8 +3,11 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <limits>
 
 namespace Ledrad {
 
@@ -25,11 +28,54 @@ std::string userName() {
   return std::to_string(::geteuid());
 }
 
+// A positive whole number, times `unit` for a size suffix when `sizes` allows them.
+std::size_t positiveCount(std::string const& name, std::string const& v, bool sizes) {
+  std::string const expected = sizes ? " takes a positive number of bytes (K, M or G for KiB, "
+                                       "MiB, GiB), not '"
+                                     : " takes a positive whole number, not '";
+  auto refuse = [&]() -> std::size_t { throw UsageError(name + expected + v + "'"); };
+  if (v.empty() || v[0] < '0' || v[0] > '9') refuse();
+  char* end = nullptr;
+  errno = 0;
+  unsigned long long n = std::strtoull(v.c_str(), &end, 10);
+  if (errno == ERANGE || n == 0) refuse();
+  unsigned shift = 0;
+  if (sizes && *end != 0 && end[1] == 0) {
+    switch (*end) {
+      case 'K':
+        shift = 10;
+        break;
+      case 'M':
+        shift = 20;
+        break;
+      case 'G':
+        shift = 30;
+        break;
+      default:
+        refuse();
+    }
+    ++end;
+  }
+  if (*end != 0) refuse();
+  if (n > (std::numeric_limits<std::size_t>::max() >> shift)) refuse();
+  return static_cast<std::size_t>(n) << shift;
+}
+
+double positiveSeconds(std::string const& name, std::string const& v) {
+  char* end = nullptr;
+  double const t = std::strtod(v.c_str(), &end);
+  if (v.empty() || *end != 0 || !std::isfinite(t) || t <= 0) {
+    throw UsageError(name + " takes a positive number of seconds, not '" + v + "'");
+  }
+  return t;
+}
+
 }  // namespace
 
 std::string usage() {
   return "usage: ledrad [--socket PATH] [--control-socket PATH] [--cell 1|2] [--sysname NAME]\n"
-         "              [--trace LEVELS] [--profiles DIR] [--state DIR] [--help]\n"
+         "              [--trace LEVELS] [--profiles DIR] [--state DIR] [BOUND VALUE]... "
+         "[--help]\n"
          "  --socket PATH          where agents connect (default " +
          defaultAgentSocket() +
          ")\n"
@@ -42,7 +88,18 @@ std::string usage() {
          "  --trace LEVELS           trace levels, e.g. \"*=2,PassiveEntityManager=6\"\n"
          "  --profiles DIR         the folder of *.profile files (default: the bundled "
          "examples)\n"
-         "  --state DIR            the folder of *.state files (default: the bundled examples)\n";
+         "  --state DIR            the folder of *.state files (default: the bundled examples)\n"
+         "bounds (sizes in bytes, or with K, M, G; see docs/ledrad.md):\n"
+         "  --max-frame BYTES               largest frame from or to an agent (default 1M)\n"
+         "  --hello-timeout SECONDS         time for an agent's hello (default 10)\n"
+         "  --max-agent-name BYTES          longest agent name (default 255)\n"
+         "  --max-agent-output BYTES        output waiting for one agent (default 16M)\n"
+         "  --max-total-output BYTES        output waiting for all agents (default 64M)\n"
+         "  --max-remembered-agents N       agent names whose epoch is kept (default 4096)\n"
+         "  --max-control-clients N         control connections at once (default 64)\n"
+         "  --max-control-per-process N     control connections of one process (default 8)\n"
+         "  --control-idle-timeout SECONDS  time for a control request, and for its reply "
+         "(default 10)\n";
 }
 
 std::string defaultRuntimeDir() {
@@ -116,6 +173,24 @@ Options parseOptions(std::vector<std::string> const& args) {
       o.profiles = next();
     } else if (name == "--state") {
       o.state = next();
+    } else if (name == "--max-frame") {
+      o.bounds.maxFrame = positiveCount(name, next(), true);
+    } else if (name == "--hello-timeout") {
+      o.bounds.helloTimeout = positiveSeconds(name, next());
+    } else if (name == "--max-agent-name") {
+      o.bounds.maxAgentName = positiveCount(name, next(), true);
+    } else if (name == "--max-agent-output") {
+      o.bounds.maxAgentOutput = positiveCount(name, next(), true);
+    } else if (name == "--max-total-output") {
+      o.bounds.maxTotalOutput = positiveCount(name, next(), true);
+    } else if (name == "--max-remembered-agents") {
+      o.bounds.maxRememberedAgents = positiveCount(name, next(), false);
+    } else if (name == "--max-control-clients") {
+      o.bounds.control.maxClients = positiveCount(name, next(), false);
+    } else if (name == "--max-control-per-process") {
+      o.bounds.control.maxClientsPerProcess = positiveCount(name, next(), false);
+    } else if (name == "--control-idle-timeout") {
+      o.bounds.control.idleTimeout = positiveSeconds(name, next());
     } else {
       throw UsageError("unknown argument '" + args[i] + "'");
     }
@@ -123,6 +198,11 @@ Options parseOptions(std::vector<std::string> const& args) {
   if (o.socket.empty()) o.socket = defaultAgentSocket();
   if (o.controlSocket.empty()) o.controlSocket = defaultControlSocket();
   if (o.socket == o.controlSocket) throw UsageError("the agent and control sockets are the same");
+  if (o.bounds.maxTotalOutput < o.bounds.maxAgentOutput) {
+    throw UsageError("--max-total-output (" + std::to_string(o.bounds.maxTotalOutput) +
+                     " bytes) is below --max-agent-output (" +
+                     std::to_string(o.bounds.maxAgentOutput) + " bytes)");
+  }
   if (!o.profiles.empty() && !o.state.empty()) return o;
   std::string const examples = examplesDir();
   if (examples.empty()) return o;

@@ -4,11 +4,15 @@
 #include <map>
 #include <sstream>
 
+#include "Qel/NboAttrLog/WireText.h"
 #include "apps/ledrad/JsonWriter.h"
 
 namespace Ledrad {
 
 namespace {
+
+using Qel::NboAttrLog::printableText;
+using Qel::NboAttrLog::textWidth;
 
 std::string conditionText(ConditionWait const& w) {
   std::string out = "condition " + w.condition + " of group " + w.group;
@@ -38,12 +42,13 @@ std::string join(std::vector<std::string> const& items, char const* sep) {
   return out;
 }
 
+// Cells hold printable texts; a column is as wide as the most code points in it.
 void row(std::ostringstream& out, std::vector<std::string> const& cells,
          std::vector<std::size_t> const& widths) {
   std::string line;
   for (std::size_t i = 0; i < cells.size(); ++i) {
     line += cells[i];
-    if (i + 1 < cells.size()) line.append(widths[i] - cells[i].size() + 2, ' ');
+    if (i + 1 < cells.size()) line.append(widths[i] - textWidth(cells[i]) + 2, ' ');
   }
   out << line << '\n';
 }
@@ -51,11 +56,11 @@ void row(std::ostringstream& out, std::vector<std::string> const& cells,
 void detail(std::ostringstream& out, char const* label, std::string const& value) {
   std::string l = label;
   l.resize(17, ' ');
-  out << "  " << l << value << '\n';
+  out << "  " << l << printableText(value) << '\n';
 }
 
 void details(std::ostringstream& out, AgentReport const& a) {
-  out << "\nagent " << a.name << '\n';
+  out << "\nagent " << printableText(a.name) << '\n';
   detail(out, "profile", a.profile.empty() ? "-" : a.profile);
   detail(out, "agent string", a.agentString);
   detail(out, "connection",
@@ -190,9 +195,10 @@ std::string waitSummary(AgentReport const& a) {
 
 std::string statusTable(StatusReport const& report) {
   std::ostringstream out;
-  out << "ledrad: system " << report.systemName << ", cell " << report.cell << ", root "
-      << report.root << ", " << report.profiles.size()
-      << " profile(s): " << (report.profiles.empty() ? "-" : join(report.profiles, " ")) << ", "
+  out << "ledrad: system " << printableText(report.systemName) << ", cell " << report.cell
+      << ", root " << printableText(report.root) << ", " << report.profiles.size()
+      << " profile(s): "
+      << (report.profiles.empty() ? "-" : printableText(join(report.profiles, " "))) << ", "
       << report.agents.size() << " agent(s)\n";
   if (report.agents.empty()) return out.str();
   std::vector<std::vector<std::string>> rows;
@@ -203,9 +209,11 @@ std::string statusTable(StatusReport const& report) {
                     waitSummary(a)});
   }
   std::vector<std::size_t> widths(rows.front().size(), 0);
-  for (auto const& r : rows) {
-    for (std::size_t i = 0; i < r.size(); ++i)
-      widths[i] = std::max(widths[i], r[i].size());
+  for (auto& r : rows) {
+    for (std::size_t i = 0; i < r.size(); ++i) {
+      r[i] = printableText(r[i]);
+      widths[i] = std::max(widths[i], textWidth(r[i]));
+    }
   }
   out << '\n';
   for (auto const& r : rows)

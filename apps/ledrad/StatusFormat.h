@@ -1,8 +1,10 @@
 // Ledrad::StatusFormat: the two renderings of a StatusReport for the control program.
 //
 // table(): a summary line, one row per agent (agent, profile, state, groups, complete mounts,
-// what it waits for), then one block per agent with every detail. json(): the same content as a
-// JSON document; its shape is described in docs/ledrad.md. Pure functions.
+// what it waits for), then one block per agent with every detail; every text in it is in its
+// printable form (Qel::NboAttrLog::printableText), so a row or detail is always one line, and
+// columns are as wide as their texts' code points. json(): the same content as a JSON document
+// (JsonWriter escapes every text); its shape is described in docs/ledrad.md. Pure functions.
 #pragma once
 
 #include <string>

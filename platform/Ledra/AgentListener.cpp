@@ -5,9 +5,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/TraceFacility.h"
@@ -15,18 +17,17 @@
 #include "Qel/Exception.h"
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "Qel/NboAttrLog/WireText.h"
 
 namespace Ledra {
 
 namespace {
 
+using Qel::NboAttrLog::printableText;
 using Qel::NboAttrLog::SocketTransport;
+using Qel::NboAttrLog::wireTextFault;
 
 constexpr int kBacklog = 64;
-// Accepts per readiness event; the rest waits for the next turn.
-constexpr int kAcceptsPerTurn = 64;
-// After running out of descriptors, accepting pauses this long.
-constexpr Qel::Time kAcceptRetry = 0.1;
 
 std::string errnoText(int err) {
   return std::strerror(err);
@@ -76,16 +77,6 @@ class AgentListener::HelloTimer : public Qel::Clock::Notifiee {
   SocketTransport* transport_;
 };
 
-// Resumes accepting after the process ran out of descriptors.
-class AgentListener::RetryTimer : public Qel::Clock::Notifiee {
- public:
-  explicit RetryTimer(AgentListener* l) : listener_(l) {}
-  void onTime() override { listener_->resumeAccepting(); }
-
- private:
-  AgentListener* listener_;
-};
-
 AgentListener::Ptr AgentListener::agentListenerNew(Qel::EventLoop::Ptr const& loop,
                                                    std::string const& path) {
   QEL_ASSERT(loop && "an agent listener needs an event loop");
@@ -98,8 +89,7 @@ AgentListener::AgentListener(Qel::EventLoop::Ptr loop, std::string path)
     : loop_(std::move(loop)), path_(std::move(path)) {}
 
 AgentListener::~AgentListener() {
-  if (accepting_) loop_->unwatch(fd_);
-  retry_.reset();
+  acceptor_.reset();
   if (fd_ >= 0) ::close(fd_);
   struct stat st {};
   if (fileInode_ != 0 && ::lstat(path_.c_str(), &st) == 0 && st.st_dev == fileDevice_ &&
@@ -139,51 +129,28 @@ void AgentListener::listen() {
     fileInode_ = st.st_ino;
   }
   if (::listen(fd_, kBacklog) != 0) refuseToListen(path_, errnoText(errno));
-  resumeAccepting();
+  acceptor_ = std::make_unique<Qel::NboAttrLog::SocketAcceptor>(
+      loop_, fd_, [this](int fd) { accepted(fd); },
+      [this](int err) {
+        TRACE(LedraPlatform, 1, "agent listener on {} cannot accept: {}; accepting pauses", path_,
+              errnoText(err));
+      });
   TRACE(LedraPlatform, 3, "agent listener on {}", path_);
 }
 
-void AgentListener::resumeAccepting() {
-  if (accepting_ || fd_ < 0) return;
-  accepting_ = true;
-  loop_->watch(fd_, Qel::EventLoop::readable, [this](unsigned) { acceptReady(); });
-}
-
-void AgentListener::pauseAccepting() {
-  if (!accepting_) return;
-  accepting_ = false;
-  loop_->unwatch(fd_);
-  if (!retry_) {
-    retry_ = std::make_unique<RetryTimer>(this);
-    retry_->notifierIs(loop_->clock());
+void AgentListener::accepted(int fd) {
+  SocketTransport::Ptr t = SocketTransport::socketTransportNew(
+      loop_.ptr(), fd, this, "agent socket " + std::to_string(fd));
+  t->maxFrameIs(maxFrame_);
+  t->maxOutputIs(maxOutput_);
+  Connection& c = conns_[t.ptr()];
+  c.transport = t;
+  if (helloTimeout_ != Qel::kNever) {
+    c.helloTimer = std::make_unique<HelloTimer>(this, t.ptr());
+    c.helloTimer->notifierIs(loop_->clock());
+    c.helloTimer->timeMinIs(loop_->clock()->now() + helloTimeout_);
   }
-  retry_->timeMinIs(loop_->clock()->now() + kAcceptRetry);
-}
-
-void AgentListener::acceptReady() {
-  Ptr keepAlive(this);
-  for (int i = 0; i < kAcceptsPerTurn; ++i) {
-    int const fd = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
-      int const err = errno;
-      if (err == EINTR || err == ECONNABORTED) continue;
-      if (err == EAGAIN || err == EWOULDBLOCK) return;
-      TRACE(LedraPlatform, 1, "agent listener on {} cannot accept: {}", path_, errnoText(err));
-      if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) pauseAccepting();
-      return;
-    }
-    SocketTransport::Ptr t = SocketTransport::socketTransportNew(
-        loop_.ptr(), fd, this, "agent socket " + std::to_string(fd));
-    t->maxFrameIs(maxFrame_);
-    Connection& c = conns_[t.ptr()];
-    c.transport = t;
-    if (helloTimeout_ != Qel::kNever) {
-      c.helloTimer = std::make_unique<HelloTimer>(this, t.ptr());
-      c.helloTimer->notifierIs(loop_->clock());
-      c.helloTimer->timeMinIs(loop_->clock()->now() + helloTimeout_);
-    }
-    TRACE(LedraPlatform, 5, "agent listener on {} accepted {}", path_, t->name());
-  }
+  TRACE(LedraPlatform, 5, "agent listener on {} accepted {}", path_, t->name());
 }
 
 void AgentListener::helloExpired(SocketTransport* t) {
@@ -197,6 +164,16 @@ void AgentListener::helloExpired(SocketTransport* t) {
 
 std::string AgentListener::admit(Qel::NboAttrLog::WireHello const& hello) {
   if (hello.agentName.empty()) return "hello without an agent name";
+  if (hello.agentName.size() > maxAgentName_) {
+    return "agent name of " + std::to_string(hello.agentName.size()) +
+           " bytes is longer than the limit of " + std::to_string(maxAgentName_) + " bytes";
+  }
+  if (std::string const fault = wireTextFault(hello.agentName); !fault.empty()) {
+    return "agent name " + printableText(hello.agentName) + " " + fault;
+  }
+  if (std::string const fault = wireTextFault(hello.agentString); !fault.empty()) {
+    return "agent string " + printableText(hello.agentString) + " " + fault;
+  }
   if (hello.agentName.find('/') != std::string::npos) {
     return "agent name " + hello.agentName + " contains '/'";
   }
@@ -238,7 +215,7 @@ void AgentListener::onHello(SocketTransport& t, Qel::NboAttrLog::WireHello const
   Connection& c = it->second;
   auto const table = Qel::MountTable::mountTableNew(name);
   table->currentVersionIs(hello.protocolVersion);
-  Qel::U32 const epoch = ++epochs_[name];
+  Qel::U32 const epoch = nextEpoch(name);
   c.demuxer =
       Qel::NboAttrLog::Demuxer::demuxerNew(name, table, Qel::NboAttrLog::Transport::Ptr(&t), epoch);
   t.demuxerIs(c.demuxer);
@@ -264,6 +241,8 @@ void AgentListener::onGone(SocketTransport& t, bool removeStatus) {
   if (it == conns_.end()) return;
   Connection c = std::move(it->second);
   conns_.erase(it);
+  // A descriptor was freed: accepting may go on if it paused.
+  if (acceptor_) acceptor_->resume();
   if (!c.demuxer) {
     TRACE(LedraPlatform, 5, "agent listener: {} gone without connecting: {}", t.name(),
           t.endReason());
@@ -285,6 +264,55 @@ void AgentListener::onGone(SocketTransport& t, bool removeStatus) {
   if (mgr->demuxer(name) == c.demuxer) mgr->demuxerDel(name);
 }
 
+void AgentListener::onOutputBuffered(SocketTransport& t, std::size_t before) {
+  outputTotal_ = outputTotal_ - before + t.outputBuffered();
+  if (outputTotal_ > maxOutputTotal_ && !shedding_) shedOutput();
+}
+
+void AgentListener::shedOutput() {
+  shedding_ = true;
+  while (outputTotal_ > maxOutputTotal_) {
+    SocketTransport* largest = nullptr;
+    for (auto const& [t, c] : conns_) {
+      if (t->closing() || t->discarding() || t->outputBuffered() == 0) continue;
+      if (!largest || t->outputBuffered() > largest->outputBuffered()) largest = t;
+    }
+    // What is left waits on connections already closing: it goes at their teardown.
+    if (!largest) break;
+    std::string const reason = "output to all agents exceeds " + std::to_string(maxOutputTotal_) +
+                               " bytes; this agent has the most waiting (" +
+                               std::to_string(largest->outputBuffered()) + " bytes)";
+    TRACE(LedraPlatform, 1, "agent listener closes {}: {}", largest->name(), reason);
+    largest->discardOutputAndClose(reason);
+  }
+  shedding_ = false;
+}
+
+Qel::U32 AgentListener::nextEpoch(Qel::Name const& name) {
+  auto it = epochs_.find(name);
+  if (it == epochs_.end()) {
+    it = epochs_.emplace(name, Remembered{forgottenEpoch_, 0}).first;
+  } else {
+    namesByAge_.erase(it->second.given);
+  }
+  Remembered& r = it->second;
+  ++r.epoch;
+  r.given = ++epochsGiven_;
+  namesByAge_.emplace(r.given, name);
+  forgetOldNames();
+  return r.epoch;
+}
+
+void AgentListener::forgetOldNames() {
+  while (epochs_.size() > maxRememberedNames_) {
+    auto const oldest = namesByAge_.begin();
+    auto const it = epochs_.find(oldest->second);
+    forgottenEpoch_ = std::max(forgottenEpoch_, it->second.epoch);
+    epochs_.erase(it);
+    namesByAge_.erase(oldest);
+  }
+}
+
 std::size_t AgentListener::connections() const {
   std::size_t n = 0;
   for (auto const& [t, c] : conns_) {
@@ -303,7 +331,7 @@ std::size_t AgentListener::pendingConnections() const {
 
 Qel::U32 AgentListener::epoch(Qel::Name const& agentName) const {
   auto it = epochs_.find(agentName);
-  return it == epochs_.end() ? 0 : it->second;
+  return it == epochs_.end() ? 0 : it->second.epoch;
 }
 
 SocketTransport::Ptr AgentListener::transport(Qel::Name const& agentName) const {
@@ -323,6 +351,30 @@ void AgentListener::maxFrameIs(std::size_t bytes) {
 void AgentListener::helloTimeoutIs(Qel::Time seconds) {
   QEL_ASSERT(seconds > 0 && "a hello timeout must be positive");
   helloTimeout_ = seconds;
+}
+
+void AgentListener::maxAgentNameIs(std::size_t bytes) {
+  QEL_ASSERT(bytes >= 1 && "an agent name limit of at least one byte");
+  maxAgentName_ = bytes;
+}
+
+void AgentListener::maxOutputIs(std::size_t bytes) {
+  QEL_ASSERT(bytes >= 1 && "an output limit of at least one byte");
+  maxOutput_ = bytes;
+  for (auto const& [t, c] : conns_)
+    c.transport->maxOutputIs(bytes);
+}
+
+void AgentListener::maxOutputTotalIs(std::size_t bytes) {
+  QEL_ASSERT(bytes >= 1 && "an output limit of at least one byte");
+  maxOutputTotal_ = bytes;
+  if (outputTotal_ > maxOutputTotal_) shedOutput();
+}
+
+void AgentListener::maxRememberedNamesIs(std::size_t names) {
+  QEL_ASSERT(names >= 1 && "remembering at least one agent name");
+  maxRememberedNames_ = names;
+  forgetOldNames();
 }
 
 }  // namespace Ledra

@@ -11,6 +11,7 @@
 #include "Qel/Assert.h"
 #include "Qel/Dir.h"
 #include "Qel/EntityUri.h"
+#include "Qel/NboAttrLog/WireText.h"
 #include "Qel/QelType.h"
 
 namespace Qel::NboAttrLog {
@@ -24,6 +25,8 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // Unread input discarded at teardown, so that the peer sees the end of the stream rather than
 // a reset after our last frame.
 constexpr std::size_t kDrainLimit = 1 << 20;
+// An output buffer emptied while holding more than this gives its memory back.
+constexpr std::size_t kKeptOutputCapacity = 1 << 20;
 
 String errnoText(int err) {
   return String(std::strerror(err));
@@ -143,7 +146,8 @@ void SocketTransport::readInput(bool& ended, String& readError) {
 
 bool SocketTransport::handle(WireMessage& m) {
   if (auto* close = std::get_if<WireClose>(&m)) {
-    lost(close->reason, "closed by the agent: " + close->reason);
+    String const reason = printableText(close->reason);
+    lost(reason, "closed by the agent: " + reason);
     return false;
   }
   if (auto* hello = std::get_if<WireHello>(&m)) {
@@ -191,7 +195,7 @@ void SocketTransport::handleAnswer(WireMountAnswer const& a) {
     // A watcher of the path state may have closed the connection.
     if (closing_ || d->closed()) return;
   }
-  d->mountAnswered(a.path, a.ok, a.exceptionText);
+  d->mountAnswered(a.path, a.ok, printableText(a.exceptionText));
 }
 
 void SocketTransport::protocolError(String const& reason) {
@@ -216,6 +220,7 @@ void SocketTransport::close(String const& reason, bool removeStatus) {
   if (closing_) return;
   Ptr self(this);
   closing_ = true;
+  discarding_ = false;
   if (endReason_.empty()) {
     endReason_ = "closed by the database: " + (reason.empty() ? String("no reason given") : reason);
   }
@@ -239,7 +244,7 @@ void SocketTransport::lost(String const& reason, String const& traced) {
 }
 
 void SocketTransport::sendMountRequest(String const& uri, String const& typeName, U32 seqno) {
-  if (closing_) return;
+  if (closing_ || discarding_) return;
   Ptr self(this);
   String const path = pathOfUri(uri);
   std::string const state = entityStateFrame(path, seqno);
@@ -252,8 +257,15 @@ void SocketTransport::sendMountRequest(String const& uri, String const& typeName
     return;
   }
   if (outputBuffered() <= maxOutput_) return;
-  String const reason =
-      "agent does not read its connection (" + std::to_string(outputBuffered()) + " bytes waiting)";
+  discardOutputAndClose("agent does not read its connection (" + std::to_string(outputBuffered()) +
+                        " bytes waiting, limit " + std::to_string(maxOutput_) + ")");
+}
+
+void SocketTransport::discardOutputAndClose(String const& reason) {
+  if (closing_ || discarding_) return;
+  Ptr self(this);
+  discarding_ = true;
+  dropOutput();
   loop_->post([self, reason] { self->closeWith(reason); });
 }
 
@@ -287,14 +299,35 @@ std::string SocketTransport::entityStateFrame(String const& path, U32 seqno) con
 }
 
 void SocketTransport::enqueue(std::string const& frame) {
+  if (discarding_) return;
+  std::size_t const before = outputBuffered();
   if (outputOffset_ == output_.size()) {
     output_.clear();
     outputOffset_ = 0;
   }
   output_.append(frame);
+  outputChanged(before);
+}
+
+void SocketTransport::dropOutput() {
+  std::size_t const before = outputBuffered();
+  std::string().swap(output_);
+  outputOffset_ = 0;
+  outputChanged(before);
+}
+
+void SocketTransport::outputChanged(std::size_t before) {
+  if (owner_ && before != outputBuffered()) owner_->onOutputBuffered(*this, before);
 }
 
 bool SocketTransport::flush() {
+  std::size_t const before = outputBuffered();
+  bool const ok = writeOutput();
+  outputChanged(before);
+  return ok;
+}
+
+bool SocketTransport::writeOutput() {
   if (writeFailed_) return false;
   while (outputOffset_ < output_.size()) {
     ssize_t const n =
@@ -315,11 +348,15 @@ bool SocketTransport::flush() {
     }
     writeFailed_ = true;
     writeError_ = n < 0 ? errnoText(errno) : String("socket took no bytes");
-    output_.clear();
+    std::string().swap(output_);
     outputOffset_ = 0;
     return false;
   }
-  output_.clear();
+  if (output_.capacity() > kKeptOutputCapacity) {
+    std::string().swap(output_);
+  } else {
+    output_.clear();
+  }
   outputOffset_ = 0;
   if (!closing_ && watchingWritable_) watchFor(false);
   return true;
@@ -358,8 +395,7 @@ void SocketTransport::teardown() {
   }
   ::close(fd_);
   fd_ = -1;
-  output_.clear();
-  outputOffset_ = 0;
+  dropOutput();
   unanswered_.clear();
   if (demuxer_ && !demuxer_->closed()) {
     Demuxer::Ptr const d = demuxer_;

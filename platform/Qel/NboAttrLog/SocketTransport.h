@@ -21,7 +21,12 @@
 // tears the connection down on a later loop turn: the socket is flushed once more (what it does not
 // take is dropped), unwatched and closed, and the owner hears Owner::onGone. Writes never block:
 // what the socket does not take waits in an output buffer, written as the socket becomes writable.
-// An agent that lets more than maxOutput() bytes pile up is closed ("agent does not read ...").
+// An agent that lets more than maxOutput() bytes pile up is closed ("agent does not read its
+// connection (N bytes waiting, limit M)"): what waits is discarded at once and the close follows
+// on a later turn (discardOutputAndClose). Every change of the bytes waiting is reported to the
+// owner (Owner::onOutputBuffered), which may bound the output of all its connections together.
+// Texts the agent writes for people (a Close's reason, a failed answer's exception text) are
+// taken in their printable form (printableText), so that they cannot break an output line.
 //
 // Lifetimes: the transport owns its socket descriptor. The loop must outlive the connection (the
 // owner tears every connection down before the loop goes: teardownNow()). Loop tasks hold the
@@ -44,7 +49,7 @@ namespace Qel::NboAttrLog {
 class QEL_API SocketTransport final : public Transport {
  public:
   using Ptr = Qel::Ptr<SocketTransport>;
-  static constexpr std::size_t kDefaultMaxOutput = std::size_t(64) << 20;
+  static constexpr std::size_t kDefaultMaxOutput = std::size_t(16) << 20;
 
   // What the transport tells the one who accepted its socket.
   class Owner {
@@ -55,6 +60,10 @@ class QEL_API SocketTransport final : public Transport {
     // The connection has been torn down (socket closed). `removeStatus` is the close's wish
     // (Transport::close), true when the peer ended the connection. Called once, on a loop turn.
     virtual void onGone(SocketTransport& t, bool removeStatus) = 0;
+    // The bytes waiting for the socket changed from `before` to t.outputBuffered(): output was
+    // queued, written, or discarded. Must not close or destroy any connection from inside the
+    // call (a mount request may be on its way out); discardOutputAndClose is allowed.
+    virtual void onOutputBuffered(SocketTransport& t, std::size_t before) = 0;
 
    protected:
     ~Owner() = default;
@@ -91,6 +100,11 @@ class QEL_API SocketTransport final : public Transport {
   // Closes the connection of a peer not (or no longer) bound to a demuxer: sends it the reason
   // (when not empty) and tears down on a later turn. With a demuxer bound, closes through it.
   void closeWith(String const& reason);
+  // Gives up on a peer that does not read: what waits for it is freed now, nothing more is
+  // queued, and the connection closes with `reason` on a later turn (closeWith). Safe from
+  // anywhere, including while the demuxer sends and inside Owner::onOutputBuffered.
+  void discardOutputAndClose(String const& reason);
+  bool discarding() const { return discarding_; }
   // Tears the connection down now (the owner's own teardown); the owner still hears onGone.
   void teardownNow();
   // The owner lets go: no callback reaches it any more.
@@ -117,6 +131,10 @@ class QEL_API SocketTransport final : public Transport {
   void enqueue(std::string const& frame);
   // Writes what the socket takes; false on a write error (reported on a later turn).
   bool flush();
+  bool writeOutput();
+  void dropOutput();
+  // Tells the owner that the bytes waiting were `before`.
+  void outputChanged(std::size_t before);
   void watchFor(bool writable);
   void teardownSchedule(bool removeStatus);
   void teardown();
@@ -137,6 +155,7 @@ class QEL_API SocketTransport final : public Transport {
   bool writeFailed_ = false;
   String writeError_;
   bool closing_ = false;
+  bool discarding_ = false;
   bool teardownPosted_ = false;
   bool removeStatus_ = true;
   bool gone_ = false;

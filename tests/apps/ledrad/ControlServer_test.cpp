@@ -3,6 +3,7 @@
 #include "apps/ledrad/ControlServer.h"
 
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -54,11 +55,14 @@ class ControlServerTest : public Ledra::test::LeakCheckedTest {
     LeakCheckedTest::TearDown();
   }
 
-  void start(ControlReply reply = {true, "done\n"}) {
-    server_ = std::make_unique<ControlServer>(loop_, path_, [this, reply](auto const& request) {
-      requests_.push_back(request);
-      return reply;
-    });
+  void start(ControlReply reply = {true, "done\n"}, ControlServer::Limits limits = {}) {
+    server_ = std::make_unique<ControlServer>(
+        loop_, path_,
+        [this, reply](auto const& request) {
+          requests_.push_back(request);
+          return reply;
+        },
+        limits);
   }
 
   // Connects and sends `bytes`, running the loop whenever the socket is full.
@@ -73,7 +77,8 @@ class ControlServerTest : public Ledra::test::LeakCheckedTest {
     return fd;
   }
 
-  // Runs the loop until the server closes `fd`; returns what it wrote.
+  // Runs the loop until the server closes `fd` (at most 60 simulated seconds); returns what it
+  // wrote.
   std::string reply(int fd) {
     std::string out;
     bool closed = false;
@@ -86,7 +91,7 @@ class ControlServerTest : public Ledra::test::LeakCheckedTest {
           closed = n == 0;
           return closed;
         },
-        loop_->clock()->now() + 1.0);
+        loop_->clock()->now() + 60.0);
     ::close(fd);
     EXPECT_TRUE(closed) << "the server did not close the connection";
     return out;
@@ -154,6 +159,87 @@ TEST_F(ControlServerTest, SocketFileLifetime) {
   EXPECT_EQ(outcome([&] { start(); }),
             "cannot listen on " + path_ + ": a file that is not a socket is in the way");
   EXPECT_THROW(listenUnixSocket(std::string(200, 'x')), std::runtime_error);
+}
+
+// Connections held open without a request cannot lock the others out: beyond a limit a client
+// is told why at once, and an idle one is told when its time is up.
+struct LimitCase {
+  char const* what;
+  ControlServer::Limits limits;
+  std::string refusal;
+};
+
+class ControlServerLimitTest : public ControlServerTest,
+                               public ::testing::WithParamInterface<LimitCase> {};
+
+TEST_P(ControlServerLimitTest, RefusesWithTheReasonAndTimesTheOthersOut) {
+  start({true, "done\n"}, GetParam().limits);
+  std::vector<int> idle;
+  for (int i = 0; i < 2; ++i)
+    idle.push_back(connectUnixSocket(path_));
+  loop_->runOnce();
+  ASSERT_EQ(server_->clients(), 2u);
+  Qel::Time const start = loop_->clock()->now();
+  EXPECT_EQ(reply(send("status\n")), "error\n" + GetParam().refusal + "\n");
+  EXPECT_EQ(server_->refused(), 1u);
+  EXPECT_TRUE(requests_.empty());
+  // The first idle client has sent part of its request: it is timed out all the same.
+  send("sta", idle[0]);
+  for (int fd : idle)
+    EXPECT_EQ(reply(fd), "error\nno request within 2.5 seconds\n");
+  EXPECT_DOUBLE_EQ(loop_->clock()->now(), start + 2.5);
+  EXPECT_EQ(server_->timedOut(), 2u);
+  EXPECT_EQ(reply(send("status\n")), "ok\ndone\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Limits, ControlServerLimitTest,
+    ::testing::Values(
+        LimitCase{"AllClients",
+                  {2, 5, 2.5},
+                  "ledrad serves at most 2 control connections at once; try again later"},
+        LimitCase{"OneProcess",
+                  {5, 2, 2.5},
+                  "ledrad serves at most 2 control connections of one process at once (process " +
+                      std::to_string(::getpid()) + ")"}),
+    [](auto const& info) { return std::string(info.param.what); });
+
+// A client that does not take its reply is dropped once its time is up.
+TEST_F(ControlServerTest, AReplyNotTakenInTimeIsDropped) {
+  start({true, std::string(4 << 20, 'x')}, {4, 4, 1.0});
+  int const fd = send("status\n");
+  loop_->runFor(0.5);
+  EXPECT_EQ(server_->clients(), 1u);
+  loop_->runFor(0.6);
+  EXPECT_EQ(server_->clients(), 0u);
+  EXPECT_EQ(server_->timedOut(), 1u);
+  ::close(fd);
+}
+
+// Out of descriptors, the server stops accepting instead of spinning on the ready socket: the
+// simulated time goes on. It retries after a while and serves the waiting client once a
+// descriptor is free. Run in a child process, whose descriptor limit can be lowered.
+TEST_F(ControlServerTest, OutOfDescriptorsAcceptingPausesUntilOneIsFree) {
+  start();
+  auto exhausted = [&] {
+    ::alarm(10);  // a server that spins keeps the simulated time from moving: fail, not hang
+    rlimit const low{128, 128};
+    if (::setrlimit(RLIMIT_NOFILE, &low) != 0) std::_Exit(2);
+    std::vector<int> filler;
+    for (int fd; (fd = ::dup(0)) >= 0;)
+      filler.push_back(fd);
+    ::close(filler.back());
+    filler.pop_back();
+    int const client = send("status\n");  // takes the last descriptor
+    Qel::Time const start = loop_->clock()->now();
+    loop_->runFor(0.25);
+    if (!server_->acceptPaused() || server_->clients() != 0) std::_Exit(3);
+    ::close(filler.back());
+    if (reply(client) != "ok\ndone\n" || loop_->clock()->now() > start + 1.0) std::_Exit(4);
+    std::fprintf(stderr, "served after the pause\n");
+    std::_Exit(0);
+  };
+  EXPECT_EXIT(exhausted(), ::testing::ExitedWithCode(0), "served after the pause");
 }
 
 TEST(ControlProtocol, RequestAndReplyRoundTripAndAnUnreachableDatabase) {

@@ -74,6 +74,26 @@ TEST_F(OptionsTest, EveryOptionInBothSpellings) {
   EXPECT_EQ(o.cell, 2);
   EXPECT_TRUE(o.help);
   EXPECT_FALSE(parseOptions({}).help);
+  Bounds const b = parseOptions({"--max-frame=64K", "--hello-timeout", "2.5", "--max-agent-name",
+                                 "100", "--max-agent-output", "3M", "--max-total-output=1G",
+                                 "--max-remembered-agents", "10", "--max-control-clients", "5",
+                                 "--max-control-per-process=2", "--control-idle-timeout", "0.5"})
+                       .bounds;
+  EXPECT_EQ(b.maxFrame, 64u << 10);
+  EXPECT_EQ(b.helloTimeout, 2.5);
+  EXPECT_EQ(b.maxAgentName, 100u);
+  EXPECT_EQ(b.maxAgentOutput, 3u << 20);
+  EXPECT_EQ(b.maxTotalOutput, std::size_t(1) << 30);
+  EXPECT_EQ(b.maxRememberedAgents, 10u);
+  EXPECT_EQ(b.control.maxClients, 5u);
+  EXPECT_EQ(b.control.maxClientsPerProcess, 2u);
+  EXPECT_EQ(b.control.idleTimeout, 0.5);
+  // Without options, the listener's and the control server's own defaults.
+  Bounds const d = parseOptions({}).bounds;
+  EXPECT_EQ(d.maxAgentOutput, 16u << 20);
+  EXPECT_EQ(d.maxTotalOutput, 64u << 20);
+  EXPECT_EQ(d.maxAgentName, 255u);
+  EXPECT_EQ(d.control.maxClientsPerProcess, 8u);
 }
 
 TEST_F(OptionsTest, RefusalsSayWhy) {
@@ -85,6 +105,18 @@ TEST_F(OptionsTest, RefusalsSayWhy) {
   EXPECT_EQ(refusal({"--sysname", "a/b"}), "--sysname takes a name without '/', not 'a/b'");
   EXPECT_EQ(refusal({"--socket", "/x", "--control-socket", "/x"}),
             "the agent and control sockets are the same");
+  std::string const bytes =
+      " takes a positive number of bytes (K, M or G for KiB, MiB, GiB), not '";
+  for (char const* v : {"0", "-1", "1.5", "2T", "3KB", "18446744073709551615G", "x"})
+    EXPECT_EQ(refusal({"--max-agent-output", v}), "--max-agent-output" + bytes + v + "'");
+  EXPECT_EQ(refusal({"--max-control-clients", "4K"}),
+            "--max-control-clients takes a positive whole number, not '4K'");
+  EXPECT_EQ(refusal({"--control-idle-timeout", "0"}),
+            "--control-idle-timeout takes a positive number of seconds, not '0'");
+  EXPECT_EQ(refusal({"--hello-timeout", "inf"}),
+            "--hello-timeout takes a positive number of seconds, not 'inf'");
+  EXPECT_EQ(refusal({"--max-total-output", "1M", "--max-agent-output", "2M"}),
+            "--max-total-output (1048576 bytes) is below --max-agent-output (2097152 bytes)");
 }
 
 TEST(ConfigFilesIn, ListsMatchingRegularFilesInNameOrder) {

@@ -6,6 +6,7 @@
 
 #include <sstream>
 
+#include "Qel/NboAttrLog/WireText.h"
 #include "apps/ledrad/AgentEvents.h"
 #include "apps/ledrad/StatusFormat.h"
 #include "tests/apps/ledrad/DatabaseFixture.h"
@@ -211,6 +212,30 @@ agent node-1
       R"("blockingConditions": []}}]})");
 }
 
+// Whatever bytes a name holds, each row and detail of the table is one line, and the JSON holds
+// only valid UTF-8 without raw control characters.
+TEST_F(StatusReportTest, NamesWithControlCharactersAndInvalidUtf8StayInTheirLines) {
+  agent("node-1\n\xff\xc3\xa9")->connect();
+  run();
+  std::string const table = statusTable(db->status());
+  std::vector<std::string> lines;
+  std::string line;
+  for (std::istringstream in(table); std::getline(in, line);)
+    lines.push_back(line);
+  ASSERT_GE(lines.size(), 4u) << table;
+  // The first column is as wide as the name's 15 code points.
+  EXPECT_EQ(lines[2],
+            "AGENT            PROFILE  STATE          GROUPS                MOUNTS  WAITING FOR");
+  EXPECT_EQ(lines[3],
+            "node-1\\x0a\\xff\xc3\xa9  node-    mountComplete  2 mounted, 1 skipped  3/3     -");
+  EXPECT_EQ(lines[5], "agent node-1\\x0a\\xff\xc3\xa9");
+  EXPECT_EQ(lines[7], "  agent string     node-1\\x0a\\xff\xc3\xa9");
+  for (std::istringstream in(statusJson(db->status())); std::getline(in, line);)
+    EXPECT_EQ(Qel::NboAttrLog::wireTextFault(line), "") << line;
+  EXPECT_NE(statusJson(db->status()).find("\"name\": \"node-1\\n\\ufffd\xc3\xa9\""),
+            std::string::npos);
+}
+
 TEST_F(StatusReportTest, EventLinesFollowEachAgent) {
   std::vector<std::string> lines;
   auto events =
@@ -222,9 +247,10 @@ TEST_F(StatusReportTest, EventLinesFollowEachAgent) {
   run();
   db->set("/dbTest/Ledra/box", "power", "on");
   run();
-  agent("stranger")->connect();
+  // A name that would forge a line of its own.
+  agent("stranger\nAll mounts complete for node-2")->connect();
   run();
-  node->disconnect("bye");
+  node->disconnect("bye\r\nagent gate disconnected");
   run();
   events.reset();
   EXPECT_EQ(lines, (std::vector<std::string>{
@@ -235,10 +261,10 @@ TEST_F(StatusReportTest, EventLinesFollowEachAgent) {
                        "agent gate served by profile gate",
                        "agent gate waits for group gated: on == /%sysname/Ledra/box.power",
                        "All mounts complete for gate",
-                       "agent stranger connected (connection 1)",
-                       "agent stranger closed: no agent profile",
-                       "agent stranger disconnected",
-                       "agent node-1 closed: bye",
+                       "agent stranger\\x0aAll mounts complete for node-2 connected (connection 1)",
+                       "agent stranger\\x0aAll mounts complete for node-2 closed: no agent profile",
+                       "agent stranger\\x0aAll mounts complete for node-2 disconnected",
+                       "agent node-1 closed: bye\\x0d\\x0aagent gate disconnected",
                        "agent node-1 disconnected",
                    }));
 }

@@ -82,6 +82,8 @@ TEST(JsonWriter, NestsAndEscapes) {
   JsonWriter j;
   j.beginObject();
   j.key("text").value("a\"b\\c\nd\te\x01");
+  // DEL, C1, a line separator, UTF-8 passed as it is, a stray byte and a cut-off sequence.
+  j.key("bytes").value("\x7f\xc2\x85\xe2\x80\xa8\xc3\xa9\xff\xe2\x82");
   j.key("list").beginArray().value(1).value(false).valueNull().beginObject().endObject().endArray();
   j.key("empty").beginArray().endArray();
   j.key("big").value(18446744073709551615ull);
@@ -89,6 +91,7 @@ TEST(JsonWriter, NestsAndEscapes) {
   j.endObject();
   EXPECT_EQ(j.text(), R"({
   "text": "a\"b\\c\nd\te\u0001",
+  "bytes": "\u007f\u0085\u2028é\ufffd\ufffd\ufffd",
   "list": [
     1,
     false,

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -486,6 +487,79 @@ TEST_F(AgentListenerTest, AnAgentThatReconnectsIsServedWithTheNextEpochAfterTheO
   EXPECT_EQ(std::get<WireMountRequest>(second.received[0]).seqno, 1u);
 }
 
+// Names an agent invents leave at most maxRememberedNames() epochs behind, and every connection
+// of a name, forgotten or not, still gets a higher epoch than all its earlier ones.
+TEST_F(AgentListenerTest, EpochsOfForgottenNamesStayAboveEveryEarlierOne) {
+  listener->maxRememberedNamesIs(3);
+  std::map<std::string, Qel::U32> latest;
+  auto session = [&](std::string const& name) {
+    TestAgent& a = connected(name);
+    Qel::U32 const epoch = demuxer(name)->epoch();
+    EXPECT_GT(epoch, latest[name]) << name;
+    latest[name] = epoch;
+    a.send(WireClose{"bye"});
+    EXPECT_TRUE(run([&] { return gone(name); }));
+    return epoch;
+  };
+  // While remembered, a name's epochs count its connections.
+  for (Qel::U32 i = 1; i <= 3; ++i)
+    EXPECT_EQ(session("old"), i);
+  // A name as long as allowed (with multi-byte characters) is served.
+  std::string const longest = std::string(251, 'n') + "\xc3\xa9\xc3\xa9";
+  ASSERT_EQ(longest.size(), listener->maxAgentName());
+  EXPECT_EQ(session(longest), 1u);
+  for (int i = 0; i < 40; ++i)
+    session("new-" + std::to_string(i));
+  EXPECT_EQ(listener->rememberedNames(), 3u);
+  EXPECT_EQ(listener->epoch("old"), 0u);
+  EXPECT_EQ(listener->epoch("new-39"), latest["new-39"]);
+  // Forgotten names come back above every epoch they had; a remembered one counts on.
+  EXPECT_GE(session("old"), 4u);
+  session("new-0");
+  Qel::U32 const again = session("new-0");
+  EXPECT_EQ(session("new-0"), again + 1);
+}
+
+// The output of all connections together is bounded, even within one turn of the loop: the agent
+// with the most waiting is given up at once (its output freed, its close on a later turn), the
+// one with less stays and gets everything once it reads.
+TEST_F(AgentListenerTest, TheAgentWithTheMostOutputIsClosedWhenAllTogetherHoldTooMuch) {
+  bigThing("big", 100000);
+  listener->maxOutputTotalIs(600000);
+  TestAgent& small = connected("small");
+  TestAgent& large = connected("large");
+  small.stopReading();
+  large.stopReading();
+  char const* const flags[] = {"w", "Cnp"};
+  auto const smallT = listener->transport("small");
+  int smallRequests = 0;
+  while (smallT->outputBuffered() < 150000 && smallRequests < 20) {
+    mount("small", "/wiretest/big", flags[smallRequests++ % 2]);
+    loop->runOnce();
+  }
+  auto const largeT = listener->transport("large");
+  for (int i = 0; i < 20 && !largeT->discarding(); ++i) {
+    mount("large", "/wiretest/big", flags[i % 2]);
+    EXPECT_LE(listener->outputTotal(), 600000u);
+  }
+  ASSERT_TRUE(largeT->discarding()) << listener->outputTotal();
+  EXPECT_EQ(largeT->outputBuffered(), 0u);
+  ASSERT_TRUE(run([&] { return demuxer("large")->closed(); }));
+  std::string const reason = demuxer("large")->closeReason();
+  std::string const prefix =
+      "output to all agents exceeds 600000 bytes; this agent has the most waiting (";
+  ASSERT_EQ(reason.rfind(prefix, 0), 0u) << reason;
+  std::size_t const waiting = std::stoul(reason.substr(prefix.size()));
+  EXPECT_EQ(reason, prefix + std::to_string(waiting) + " bytes)");
+  EXPECT_GT(waiting + smallT->outputBuffered(), 600000u);
+  EXPECT_GT(waiting, smallT->outputBuffered());
+  EXPECT_FALSE(demuxer("small")->closed());
+  small.readAgain();
+  ASSERT_TRUE(run([&] { return small.received.size() == 2u * smallRequests && gone("large"); }));
+  EXPECT_EQ(listener->outputTotal(), 0u);
+  EXPECT_EQ(small.decodeError, "");
+}
+
 TEST_F(AgentListenerTest, ASecondLiveConnectionUnderTheSameNameIsRefused) {
   TestAgent& first = connected("agentA");
   TestAgent& second = agent();
@@ -670,7 +744,34 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{"VersionZero", [](TestAgent& a) { a.hello("agentA", "", 0); },
                  "unsupported protocol version 0"},
         BadInput{"VersionSix", [](TestAgent& a) { a.hello("agentA", "", 6); },
-                 "unsupported protocol version 6"}),
+                 "unsupported protocol version 6"},
+        // Names and agent strings reach the event lines, the status table and its JSON.
+        BadInput{"NameForgingALine",
+                 [](TestAgent& a) { a.hello("agentA\nAll mounts complete for fan-1"); },
+                 "agent name agentA\\x0aAll mounts complete for fan-1 holds control character "
+                 "U+000A at byte 6"},
+        BadInput{"NameNotUtf8", [](TestAgent& a) { a.hello("agent\xff"); },
+                 "agent name agent\\xff is not valid UTF-8 at byte 5 (0xff)"},
+        BadInput{"NameOverlongUtf8", [](TestAgent& a) { a.hello("a\xc0\xaf"); },
+                 "agent name a\\xc0\\xaf is not valid UTF-8 at byte 1 (0xc0)"},
+        BadInput{"NameWithC1Control",
+                 [](TestAgent& a) {
+                   a.hello(
+                       "a\xc2\x9b"
+                       "2J");
+                 },
+                 "agent name a\\u009b2J holds control character U+009B at byte 1"},
+        BadInput{"NameWithBidiOverride",
+                 [](TestAgent& a) {
+                   a.hello(
+                       "a\xe2\x80\xae"
+                       "b");
+                 },
+                 "agent name a\\u202eb holds control character U+202E at byte 1"},
+        BadInput{"NameTooLong", [](TestAgent& a) { a.hello(std::string(256, 'n')); },
+                 "agent name of 256 bytes is longer than the limit of 255 bytes"},
+        BadInput{"AgentStringWithEscape", [](TestAgent& a) { a.hello("agentA", "x\x1b[2Jy"); },
+                 "agent string x\\x1b[2Jy holds control character U+001B at byte 1"}),
     badInputName);
 
 TEST_F(AgentListenerTest, DestroyingTheListenerClosesEveryConnectionAndRemovesTheSocket) {
@@ -733,6 +834,8 @@ using AgentListenerDeathTest = AgentListenerTest;
 TEST_F(AgentListenerDeathTest, ContractViolationsAbort) {
   EXPECT_DEATH(listener->helloTimeoutIs(0), "seconds > 0 && \"a hello timeout must be positive\"");
   EXPECT_DEATH(listener->maxFrameIs(0), "bytes >= 1 && \"a frame limit of at least one byte\"");
+  EXPECT_DEATH(listener->maxOutputTotalIs(0), "an output limit of at least one byte");
+  EXPECT_DEATH(listener->maxRememberedNamesIs(0), "remembering at least one agent name");
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 // The frame codec of agent connections: exact byte layout, round trips of every message kind,
-// every split of a stream, and the refusals (truncated, oversized, unknown kind, bad fields).
+// every split of a stream, and the refusals (truncated, oversized, unknown kind, bad fields);
+// the checks and printable forms of texts that came over the wire.
 #include "Qel/NboAttrLog/WireMessage.h"
 
 #include <gtest/gtest.h>
+
+#include "Qel/NboAttrLog/WireText.h"
 
 #include <cctype>
 #include <string>
@@ -289,6 +292,39 @@ TEST(WireDecoderTest, ALongStreamKeepsItsBufferSmall) {
     EXPECT_EQ(d.buffered(), 0u);
   }
   EXPECT_EQ(total, 20000u);
+}
+
+TEST(WireTextTest, FaultsPrintableFormsAndWidths) {
+  struct Case {
+    std::string text;
+    std::string fault;
+    std::string printable;
+    std::size_t width;
+  };
+  // clang-format off
+  Case const cases[] = {
+      {"fan-1 \xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "", "fan-1 \xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", 9},
+      {"a\nb", "holds control character U+000A at byte 1", "a\\x0ab", 6},
+      {std::string("\0x", 2), "holds control character U+0000 at byte 0", "\\x00x", 5},
+      {"\x7f", "holds control character U+007F at byte 0", "\\x7f", 4},
+      {"\xc2\x9f", "holds control character U+009F at byte 0", "\\u009f", 6},
+      {"\xc2\xa0", "", "\xc2\xa0", 1},  // no-break space: shown
+      {"x\xe2\x80\xa9", "holds control character U+2029 at byte 1", "x\\u2029", 7},
+      {"\xe2\x81\xa6", "holds control character U+2066 at byte 0", "\\u2066", 6},
+      {"ab\x80", "is not valid UTF-8 at byte 2 (0x80)", "ab\\x80", 6},
+      {"\xc1\xbf", "is not valid UTF-8 at byte 0 (0xc1)", "\\xc1\\xbf", 8},            // overlong
+      {"\xed\xa0\x80", "is not valid UTF-8 at byte 0 (0xed)", "\\xed\\xa0\\x80", 12},  // surrogate
+      {"\xf4\x90\x80\x80", "is not valid UTF-8 at byte 0 (0xf4)", "\\xf4\\x90\\x80\\x80", 16},
+      {"\xe2\x82", "is not valid UTF-8 at byte 0 (0xe2)", "\\xe2\\x82", 8},            // cut off
+  };
+  // clang-format on
+  for (auto const& c : cases) {
+    EXPECT_EQ(wireTextFault(c.text), c.fault) << c.printable;
+    EXPECT_EQ(printableText(c.text), c.printable);
+    EXPECT_EQ(textWidth(printableText(c.text)), c.width) << c.printable;
+    // The printable form is always fit to be shown.
+    EXPECT_EQ(wireTextFault(printableText(c.text)), "") << c.printable;
+  }
 }
 
 TEST(WireDecoderDeathTest, AFrameLimitOfZeroIsAContractViolation) {
