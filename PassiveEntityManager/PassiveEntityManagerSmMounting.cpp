@@ -59,10 +59,13 @@ bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
   switch (ref->completion()) {
     case PassiveMountReference::Completion::complete:
       return true;
-    case PassiveMountReference::Completion::orphaned:
+    case PassiveMountReference::Completion::orphaned: {
+      // A mount found unchanged completes its reference even when no entity stands at the path.
+      Qel::Entity::PtrConst const entity = ref->entity();
       TRACE(PassiveEntityManager, kTraceDecision, "mount reference holding orphaned entity: {}",
-            ref->entity()->fullName());
+            entity ? entity->fullName() : Qel::String());
       return false;
+    }
     case PassiveMountReference::Completion::incomplete:
       return false;
   }

@@ -169,6 +169,7 @@ void PassiveEntityManagerSm::completionTest() {
 }
 
 void PassiveEntityManagerSm::handleMountProfile(PassiveMountGroup::PtrConst const& group) {
+  QEL_ASSERT(group && "handleMountProfile of a null group");
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::handleMountProfile( group ): {} prio: {}", group->name(),
         group->priority());

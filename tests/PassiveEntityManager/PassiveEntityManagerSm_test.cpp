@@ -232,6 +232,18 @@ TEST_F(EngineTest, ProfileWhoseOnlyGroupIsSkippedStopsTheProcess) {
   EXPECT_DEATH(run(), "no mountgroups found");
 }
 
+TEST_F(EngineTest, PathMountedByThreeGroupsWithoutAnEntityCompletesWithEveryTraceOn) {
+  // No entity stands at the path: the second group finds the mount unchanged and completes the
+  // reference without an entity, which the third group's completeness check reads as orphaned.
+  for (char const* name : {"g1", "g2", "g3"})
+    profile->mountGroupIs(name, name[1] - '0')->addProfile("/ledra/Ledra/n", "Ledra::Thing", "c");
+  startEngine();
+  run();
+  EXPECT_EQ(capture.count("mount reference holding orphaned entity: "), 1u);
+  EXPECT_EQ(requestPaths(), (Strings{"/ledra/Ledra", "/ledra/Ledra/n"}));
+  EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
+}
+
 TEST_F(EngineTest, MountWaitingForItsParentHoldsLaterGroupsAndRetriesEachTick) {
   group("parent", 1, "p");
   group("child", 2, "p/q");
