@@ -368,6 +368,7 @@ void PassiveEntityManagerSm::handleInitialized() {
   Qel::Entity::Ptr root = Qel::globalDir()->entity(rootPath);
   ledraRoot_ = Qel::Dir::Ptr(dynamic_cast<Qel::Dir*>(root.ptr()));
   notify(kLedraRoot);
+  closed_ = false;
   doInitTemplateDict();
   // An agent closed for a template key without value is not set up further.
   if (closed_) return;

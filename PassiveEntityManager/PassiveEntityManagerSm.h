@@ -17,7 +17,8 @@
 //
 // Teardown: handleClose (an invalid profile entry: the connection is closed with the reason) and
 // handleDeletion (the engine is destroyed) both run doCleanup, which empties the transient
-// collections and clears `initialized`, after which every handler does nothing.
+// collections and clears `initialized`, after which every handler does nothing until
+// handleInitialized runs again and sets the engine up anew.
 //
 // Re-entrance: a conditional group may settle inside a scheduling pass (while it is created);
 // its handler runs a nested pass, which the mountsInProgress gate ends at once. Destruction first
@@ -319,7 +320,8 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   bool mountsInProgress_ = false;
   bool notificationActive_ = false;
   bool zombie_ = false;
-  // handleClose ran: the agent's connection is closed for an invalid profile entry.
+  // handleClose ran since handleInitialized last started: the agent's connection is closed for an
+  // invalid profile entry, and that run of handleInitialized sets nothing further up.
   bool closed_ = false;
 
   PendingMountProfileCol pendingMountProfile_;

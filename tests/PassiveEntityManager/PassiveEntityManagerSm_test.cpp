@@ -121,6 +121,9 @@ TEST_F(EngineTest, HandleCloseClosesTheConnectionWithTheReason) {
   EXPECT_EQ(agent->closeReasons(),
             (std::vector<Qel::String>{"Processed an invalid mount profile. bad entry"}));
   EXPECT_FALSE(agent->connected());
+  // A closed engine is set up again when handleInitialized runs again.
+  engine->handleInitialized();
+  EXPECT_TRUE(engine->initialized());
 }
 
 TEST_F(EngineTest, ConstViewRefusesWritesAndAnchorClearsMountsInProgressOnEveryWayOut) {
