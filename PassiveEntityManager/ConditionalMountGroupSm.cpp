@@ -114,6 +114,9 @@ ConditionalMountGroupSm::ConditionParts ConditionalMountGroupSm::conditionParts(
     parts.path = nextToken(condition, pos);
   }
   parts.attribute = nextToken(condition, pos);
+  // "len( /p.tags)": the parenthesis closing "len(" may follow the attribute without a blank.
+  if (parts.len && !parts.attribute.empty() && parts.attribute.back() == ')')
+    parts.attribute.pop_back();
   return parts;
 }
 

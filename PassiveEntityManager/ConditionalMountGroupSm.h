@@ -81,8 +81,9 @@ class LEDRA_PEM_EXPORT ConditionalMountGroupSm : public Qel::Entity {
 
   // The tokens of one condition text. A token ends at a blank or a dot, which is dropped (blanks
   // before a token are skipped): the constant, the operator, optionally the word "len(", the
-  // entity path and, after the dot, the attribute name. Whatever follows is not read. Missing
-  // tokens are empty.
+  // entity path and, after the dot, the attribute name. After "len(" a ")" ending the attribute
+  // name is dropped, so "len( /p.tags)" reads as "len( /p.tags )". Whatever follows is not read.
+  // Missing tokens are empty.
   struct ConditionParts {
     Qel::String constant;
     Qel::String op;

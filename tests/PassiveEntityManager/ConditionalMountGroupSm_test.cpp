@@ -34,6 +34,8 @@ TEST(ConditionPartsTest, TokensEndAtABlankOrADot) {
   } const cases[] = {
       {"5 == /a/b.c", "5|==||/a/b|c"},
       {"2 >= len( /a/b.col )", "2|>=|len|/a/b|col"},
+      // The parenthesis that closes "len(" may follow the attribute directly.
+      {"2 >= len( /a/b.col)", "2|>=|len|/a/b|col"},
       {"k in /a.tags", "k|in||/a|tags"},
       {"k notin len( /a.tags", "k|notin|len|/a|tags"},
       // Whatever follows the attribute is not read, a second dot included.
