@@ -20,9 +20,6 @@ namespace Ledra {
 
 namespace {
 
-// Operational events worth seeing at a low trace level: the role, connections refused.
-constexpr int kTraceEvent = 2;
-
 // The timer wheel shared by the engines: 1 ms ticks, 255 first-level ticks, 1024 per bucket.
 constexpr Qel::Time kWheelTick = 0.001;
 constexpr std::uint32_t kWheelTicks = 255;

@@ -260,6 +260,25 @@ TEST_F(RootSmTest, AgentWithoutProfileIsClosedAndAWhiteListedOneIsLeftAlone) {
   EXPECT_EQ(statuses->agentStatuses(), 0u);
 }
 
+TEST_F(RootSmTest, AgentRefusingItsRootMountIsClosedAndCleanedUpWhileOthersAreServed) {
+  profile("agentA");
+  profile("agentB");
+  startRoot();
+  auto const a = agent("agentA");
+  auto const b = agent("agentB");
+  a->mountFailureIs("/ledra/Ledra", "no root here");
+  a->connect();
+  b->connect();
+  run();
+  EXPECT_EQ(a->closeReasons(), (std::vector<Qel::String>{"root mount failed: no root here"}));
+  EXPECT_TRUE(capture.contains("Closing connection for agentA: root mount failed: no root here"));
+  EXPECT_FALSE(a->connected());
+  EXPECT_EQ(requestPathsOf(*a), Strings{"/ledra/Ledra"});
+  EXPECT_FALSE(rootSm->passiveEntityManagerSm("agentA"));
+  EXPECT_FALSE(statuses->agentStatus("agentA"));
+  EXPECT_EQ(completions("agentB"), 1u);
+}
+
 TEST_F(RootSmTest, ConnectedRecordWithoutDemuxerIsFatal) {
   profile("ghost");
   startRoot();
