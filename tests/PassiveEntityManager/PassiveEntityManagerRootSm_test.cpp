@@ -197,15 +197,29 @@ TEST_F(RootSmTest, EveryProfileGetsAPassiveConnectionConfigAndMayNotBeDeleted) {
 }
 
 TEST_F(RootSmTest, ProfileIsTheOwnNameThenShorterFamiliesEndingInHyphen) {
-  for (char const* name : {"a-", "a-b-", "x-y-3"})
+  for (char const* name : {"a-", "a-b-", "a-b---", "x-y-3"})
     profiles->agentProfileIs(name);
   startRoot();
-  std::pair<char const*, char const*> const cases[] = {
-      {"a-b-c", "a-b-"}, {"a-b-", "a-b-"},   {"a-b", "a-"}, {"a-c-d", "a-"}, {"a", ""},
-      {"b-c", ""},       {"x-y-3", "x-y-3"}, {"x-y", ""},   {"-", ""},       {"", ""}};
+  std::string const dashes(100000, '-');
+  std::pair<std::string, char const*> const cases[] = {
+      {"a-b-c", "a-b-"},
+      {"a-b-", "a-b-"},
+      {"a-b", "a-"},
+      {"a-c-d", "a-"},
+      {"a", ""},
+      {"b-c", ""},
+      {"x-y-3", "x-y-3"},
+      {"x-y", ""},
+      {"-", ""},
+      {"", ""},
+      // Long names of many dashes: the longest family still wins.
+      {"a-b" + dashes + "z", "a-b---"},
+      {"a-b--z", "a-b-"},
+      {dashes, ""},
+      {"a" + dashes, "a-"}};
   for (auto const& [agentName, served] : cases) {
     auto const p = rootSm->agentProfileFor(agentName);
-    EXPECT_EQ(p ? std::string(p->name()) : std::string(), served) << agentName;
+    EXPECT_EQ(p ? std::string(p->name()) : std::string(), served) << agentName.substr(0, 12);
   }
 }
 
