@@ -202,8 +202,8 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     } else {
       TRACE(PassiveEntityManager, kTraceDecision, "Starting passive dirMounter for {}", path);
       auto const clock = timerWheel() ? timerWheel()->clock() : Qel::Clock::Ptr();
-      auto const mounter = passiveDirMounterFactory(agentName(), path, flags, mount.type(), entMgr_,
-                                                    clock, mount, this);
+      auto const mounter = passiveDirMounterFactory(agentName(), path, UserFlags(flags),
+                                                    mount.type(), entMgr_, clock, mount, this);
       // Held before it starts: a mounter that finishes at once removes itself.
       passiveDirMounterColIs(path, mounter);
       mounter->start();
