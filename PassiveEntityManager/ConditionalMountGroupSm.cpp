@@ -114,6 +114,9 @@ ConditionalMountGroupSm::ConditionParts ConditionalMountGroupSm::conditionParts(
     parts.path = nextToken(condition, pos);
   }
   parts.attribute = nextToken(condition, pos);
+  // "len( /p.tags)": the parenthesis closing "len(" may follow the attribute without a blank.
+  if (parts.len && !parts.attribute.empty() && parts.attribute.back() == ')')
+    parts.attribute.pop_back();
   return parts;
 }
 
@@ -233,10 +236,12 @@ void ConditionalMountGroupSm::handleCondition() {
   TRACE(PassiveEntityManager, kTraceSignature, "ConditionalMountGroupSm::handleCondition");
   PassiveMountGroup::PtrConst const group = mountGroup();
   if (!group || group->conditionCols() == 0 || !currentPendingCondition_.empty()) return;
-  // Waiting for an entity: the retry carries on with the rest of the list.
-  if (retryTime() != Qel::kNever) return;
-  QEL_ASSERT(!conditionLocalQueues());
   Ptr const self(this);
+  // Nothing is waited for by a reactor: an evaluation waiting for an entity, or one left by a
+  // condition without reactor, is dropped and the whole list evaluated again, so that a condition
+  // added meanwhile is waited for too.
+  qelTimerWheel_->timeMinIs(Qel::kNever);
+  conditionLocalQueueDelAll();
   for (auto const& entry : group->conditionCol())
     conditionLocalQueueEnq(entry.value);
   Qel::String const head = conditionLocalQueueDeq();
@@ -281,6 +286,9 @@ void ConditionalMountGroupSm::handleCondition(Qel::String const& condition) {
   if (conditionRes_->enabled()) {
     TRACE(PassiveEntityManager, kTraceDecision, "Condition is already true");
     currentPendingConditionIs(Qel::String());
+    // The group is done: the reactor of an earlier condition, whose report led here, goes too
+    // (its report holds a reference until it returns). No reactor is left to report again.
+    conditionalReactorIs(nullptr);
     return;
   }
   // Otherwise the condition was true at once and a later condition has taken over.

@@ -17,11 +17,14 @@
 //
 // States: idle (nothing pending, queue empty), waiting for an entity (retry armed; the reactor of
 // the condition before is released, so it cannot report for this one), waiting for a condition
-// (currentPendingCondition set, its reactor in conditionalReactor), done (enabled; the last
-// reactor stays and may report again, which changes nothing). A condition for which no reactor
-// can be made (a pointer constant naming no entity) leaves the state machine with nothing pending
-// and the rest of the queue untouched: nothing retries it. A new evaluation (a change of the
-// group's conditions) starts only when nothing is pending and no retry is armed.
+// (currentPendingCondition set, its reactor in conditionalReactor), done (enabled). When done,
+// the last condition's reactor stays if that condition was waited for, and its further reports
+// only repeat the idempotent enabling; if the last condition held at once, no reactor is left at
+// all, the earlier condition's included. A condition for which no reactor can be made (a pointer
+// constant naming no entity) leaves the state machine with nothing pending and the rest of the
+// queue untouched: nothing retries it. A change of the group's conditions starts a new evaluation
+// whenever no condition is pending: what is left of an earlier one (an armed retry, the queue) is
+// dropped and the whole list evaluated again from its head, so an added condition is waited for.
 //
 // Re-entrance: a reactor that is true when it is created reports from inside its constructor, so
 // handleCondition(condition) may run the rest of the list, and even enable the group, before it
@@ -78,8 +81,9 @@ class LEDRA_PEM_EXPORT ConditionalMountGroupSm : public Qel::Entity {
 
   // The tokens of one condition text. A token ends at a blank or a dot, which is dropped (blanks
   // before a token are skipped): the constant, the operator, optionally the word "len(", the
-  // entity path and, after the dot, the attribute name. Whatever follows is not read. Missing
-  // tokens are empty.
+  // entity path and, after the dot, the attribute name. After "len(" a ")" ending the attribute
+  // name is dropped, so "len( /p.tags)" reads as "len( /p.tags )". Whatever follows is not read.
+  // Missing tokens are empty.
   struct ConditionParts {
     Qel::String constant;
     Qel::String op;
@@ -150,7 +154,8 @@ class LEDRA_PEM_EXPORT ConditionalMountGroupSm : public Qel::Entity {
   bool deletion() const { return deletion_; }
   void deletionIs(bool v);
 
-  // Starts evaluating the group's conditions, unless there are none or an evaluation is under way.
+  // Starts evaluating the group's conditions, unless there are none or a condition is pending;
+  // what is left of an earlier evaluation (an armed retry, the queue) is dropped.
   void handleCondition();
   // Evaluates one condition (see the header comment). Throws Qel::TypeException "Unknown type"
   // for an attribute the entity's type does not have and "Unknown builtin type" for one whose

@@ -6,7 +6,8 @@
 // Contract
 // - It reports only while it is its state machine's current reactor (asserted: the state
 //   machine's currentPendingCondition equals this reactor's condition); the state machine
-//   releases the reactor of a satisfied condition when the next one is installed.
+//   releases the reactor of a satisfied condition when the next one is installed, or when the
+//   group is enabled because every later condition held at once.
 // - The constructor evaluates the initial state last (handleCreation), so a condition that holds
 //   already advances the state machine before the constructor returns. The object is created with
 //   no reference; the creator adopts it into a Qel::Ptr afterwards.

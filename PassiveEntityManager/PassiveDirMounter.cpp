@@ -7,7 +7,7 @@
 namespace Ledra {
 
 PassiveDirMounter::Ptr PassiveDirMounter::passiveDirMounterNew(
-    Qel::String const& agentName, Qel::String const& path, Qel::String const& mountFlags,
+    Qel::String const& agentName, Qel::String const& path, UserFlags const& mountFlags,
     Qel::String const& entityType, EntityManager::PtrConst const& entityManager,
     Qel::Clock::PtrConst const& clock, Mount const& mount, PassiveEntityManagerSm* managerSm) {
   return Ptr(new PassiveDirMounter(agentName, path, mountFlags, entityType, entityManager, clock,
@@ -15,7 +15,7 @@ PassiveDirMounter::Ptr PassiveDirMounter::passiveDirMounterNew(
 }
 
 PassiveDirMounter::Ptr passiveDirMounterFactory(
-    Qel::String const& agentName, Qel::String const& path, Qel::String const& mountFlags,
+    Qel::String const& agentName, Qel::String const& path, UserFlags const& mountFlags,
     Qel::String const& entityType, EntityManager::PtrConst const& entityManager,
     Qel::Clock::PtrConst const& clock, Mount const& mount, PassiveEntityManagerSm* managerSm) {
   return PassiveDirMounter::passiveDirMounterNew(agentName, path, mountFlags, entityType,
@@ -23,7 +23,7 @@ PassiveDirMounter::Ptr passiveDirMounterFactory(
 }
 
 PassiveDirMounter::PassiveDirMounter(Qel::String agentName, Qel::String const& path,
-                                     Qel::String const& mountFlags, Qel::String const& entityType,
+                                     UserFlags const& mountFlags, Qel::String const& entityType,
                                      EntityManager::PtrConst entityManager,
                                      Qel::Clock::PtrConst const& clock, Mount mount,
                                      PassiveEntityManagerSm* managerSm)
@@ -34,7 +34,7 @@ PassiveDirMounter::PassiveDirMounter(Qel::String agentName, Qel::String const& p
       managerSm_(managerSm) {
   mountPathIs(path);
   entityTypeIs(entityType);
-  mountFlagsIs(mountFlags);
+  mountFlagsIs(mountFlags.letters());
   clockIs(clock);
   // A directory that has just appeared is still being filled: its entries are awaited until it
   // has been quiet for one retry period.

@@ -20,6 +20,7 @@
 #include "Ledra/EntityManager.h"
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/Mount.h"
+#include "PassiveEntityManager/UserFlags.h"
 
 namespace Ledra {
 
@@ -32,7 +33,7 @@ class LEDRA_PEM_EXPORT PassiveDirMounter : public DirMounter {
   static constexpr Qel::Time kRetryDelay = 1.0;
 
   static Ptr passiveDirMounterNew(Qel::String const& agentName, Qel::String const& path,
-                                  Qel::String const& mountFlags, Qel::String const& entityType,
+                                  UserFlags const& mountFlags, Qel::String const& entityType,
                                   EntityManager::PtrConst const& entityManager,
                                   Qel::Clock::PtrConst const& clock, Mount const& mount,
                                   PassiveEntityManagerSm* managerSm);
@@ -54,7 +55,7 @@ class LEDRA_PEM_EXPORT PassiveDirMounter : public DirMounter {
   static Qel::QelType const* staticType();
 
  protected:
-  PassiveDirMounter(Qel::String agentName, Qel::String const& path, Qel::String const& mountFlags,
+  PassiveDirMounter(Qel::String agentName, Qel::String const& path, UserFlags const& mountFlags,
                     Qel::String const& entityType, EntityManager::PtrConst entityManager,
                     Qel::Clock::PtrConst const& clock, Mount mount,
                     PassiveEntityManagerSm* managerSm);
@@ -69,9 +70,10 @@ class LEDRA_PEM_EXPORT PassiveDirMounter : public DirMounter {
   bool initialized_ = false;
 };
 
-// Creates a directory mounter (not started) for the engine `managerSm`.
+// Creates a directory mounter (not started) for the engine `managerSm`: the directory `path`,
+// mounted with the profile's flag letters `mountFlags` and the entity type name `entityType`.
 LEDRA_PEM_EXPORT PassiveDirMounter::Ptr passiveDirMounterFactory(
-    Qel::String const& agentName, Qel::String const& path, Qel::String const& mountFlags,
+    Qel::String const& agentName, Qel::String const& path, UserFlags const& mountFlags,
     Qel::String const& entityType, EntityManager::PtrConst const& entityManager,
     Qel::Clock::PtrConst const& clock, Mount const& mount, PassiveEntityManagerSm* managerSm);
 

@@ -22,3 +22,4 @@
 #include "PassiveEntityManager/PassiveMountGroup.h"
 #include "PassiveEntityManager/PassiveMountReference.h"
 #include "PassiveEntityManager/PathTemplates.h"
+#include "PassiveEntityManager/UserFlags.h"

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -19,9 +20,6 @@
 namespace Ledra {
 
 namespace {
-
-// Operational events worth seeing at a low trace level: the role, connections refused.
-constexpr int kTraceEvent = 2;
 
 // The timer wheel shared by the engines: 1 ms ticks, 255 first-level ticks, 1024 per bucket.
 constexpr Qel::Time kWheelTick = 0.001;
@@ -221,13 +219,21 @@ void PassiveEntityManagerRootSm::passiveEntityManagerSmDelAll() {
 PassiveAgentProfile::Ptr PassiveEntityManagerRootSm::agentProfileFor(
     Qel::Name const& agentName) const {
   if (PassiveAgentProfile::Ptr own = agentProfileDir_->agentProfile(agentName)) return own;
-  std::string rest = agentName;
-  for (auto cut = rest.rfind('-'); cut != std::string::npos; cut = rest.rfind('-')) {
-    rest.resize(cut);
-    if (PassiveAgentProfile::Ptr family = agentProfileDir_->agentProfile(Qel::Name(rest + "-")))
-      return family;
+  // A family profile is named by a prefix of the agent's name that ends in "-", and the longest
+  // one serves: the same profile as looking up each such prefix, shortest cut first. Looking the
+  // prefixes up would hash each of them, quadratic in the name's length for a name of many
+  // dashes; comparing each family profile's name with the start of the agent's name reads at most
+  // the profile's name, so the work grows with the name's length and the profiles, not with both.
+  std::string_view const name = agentName;
+  PassiveAgentProfile::Ptr family;
+  std::size_t familyLength = 0;
+  for (auto const& [profileName, profile] : agentProfileDir_->agentProfile()) {
+    if (profileName.empty() || profileName.back() != '-') continue;
+    if (profileName.size() <= familyLength || !name.starts_with(profileName)) continue;
+    family = profile;
+    familyLength = profileName.size();
   }
-  return nullptr;
+  return family;
 }
 
 void PassiveEntityManagerRootSm::fillReservedTemplateKeys() {

@@ -368,6 +368,7 @@ void PassiveEntityManagerSm::handleInitialized() {
   Qel::Entity::Ptr root = Qel::globalDir()->entity(rootPath);
   ledraRoot_ = Qel::Dir::Ptr(dynamic_cast<Qel::Dir*>(root.ptr()));
   notify(kLedraRoot);
+  closed_ = false;
   doInitTemplateDict();
   // An agent closed for a template key without value is not set up further.
   if (closed_) return;
@@ -413,8 +414,13 @@ void PassiveEntityManagerSm::handleClose(Qel::String const& reason) {
   Qel::String const text = "Processed an invalid mount profile. " + reason;
   std::cerr << text << std::endl;
   std::cerr << Qel::Backtrace().text() << std::endl;
-  if (auto d = demuxer()) d->close(text, true, false, true);
   closed_ = true;
+  doCloseConnection(text);
+}
+
+void PassiveEntityManagerSm::doCloseConnection(Qel::String const& reason) {
+  TRACE(PassiveEntityManager, kTraceEvent, "Closing connection for {}: {}", agentName(), reason);
+  if (auto d = demuxer()) d->close(reason, true, false, true);
   doCleanup();
 }
 

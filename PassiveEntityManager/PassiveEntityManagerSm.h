@@ -14,10 +14,13 @@
 //      in pendingMountProfile and are retried each tick.
 //   3. Completion: nothing queued, waiting, pending, directory-mounting or to convert: the engine
 //      traces "All mounts complete for <agent>", enters mountComplete and drops the connection.
+//      A profile whose every group is skipped for this agent completes after the root mount.
 //
-// Teardown: handleClose (an invalid profile entry: the connection is closed with the reason) and
-// handleDeletion (the engine is destroyed) both run doCleanup, which empties the transient
-// collections and clears `initialized`, after which every handler does nothing.
+// Teardown: handleClose (an invalid profile entry: the connection is closed with the reason),
+// doCloseConnection (the agent refused its root mount: closed with "root mount failed: <text>")
+// and handleDeletion (the engine is destroyed) all run doCleanup, which empties the transient
+// collections and clears `initialized`, after which every handler does nothing until
+// handleInitialized runs again and sets the engine up anew.
 //
 // Re-entrance: a conditional group may settle inside a scheduling pass (while it is created);
 // its handler runs a nested pass, which the mountsInProgress gate ends at once. Destruction first
@@ -249,8 +252,12 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   void doPopulateMountPaths();
   void maybeAddParentMountProfile(Mount const& mount);
 
-  // Teardown.
+  // Teardown. handleClose reports an invalid profile entry and closes the connection with it;
+  // doCloseConnection closes the agent's connection with `reason` (the peer is told it, and the
+  // connection's status record leaves its directory, so the root deletes the engine) and cleans
+  // the engine up.
   void handleClose(Qel::String const& reason);
+  void doCloseConnection(Qel::String const& reason);
   void handleDeletion();
   void doCleanup();
 
@@ -319,7 +326,8 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   bool mountsInProgress_ = false;
   bool notificationActive_ = false;
   bool zombie_ = false;
-  // handleClose ran: the agent's connection is closed for an invalid profile entry.
+  // handleClose ran since handleInitialized last started: the agent's connection is closed for an
+  // invalid profile entry, and that run of handleInitialized sets nothing further up.
   bool closed_ = false;
 
   PendingMountProfileCol pendingMountProfile_;

@@ -59,10 +59,13 @@ bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
   switch (ref->completion()) {
     case PassiveMountReference::Completion::complete:
       return true;
-    case PassiveMountReference::Completion::orphaned:
+    case PassiveMountReference::Completion::orphaned: {
+      // A mount found unchanged completes its reference even when no entity stands at the path.
+      Qel::Entity::PtrConst const entity = ref->entity();
       TRACE(PassiveEntityManager, kTraceDecision, "mount reference holding orphaned entity: {}",
-            ref->entity()->fullName());
+            entity ? entity->fullName() : Qel::String());
       return false;
+    }
     case PassiveMountReference::Completion::incomplete:
       return false;
   }
@@ -199,8 +202,8 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     } else {
       TRACE(PassiveEntityManager, kTraceDecision, "Starting passive dirMounter for {}", path);
       auto const clock = timerWheel() ? timerWheel()->clock() : Qel::Clock::Ptr();
-      auto const mounter = passiveDirMounterFactory(agentName(), path, flags, mount.type(), entMgr_,
-                                                    clock, mount, this);
+      auto const mounter = passiveDirMounterFactory(agentName(), path, UserFlags(flags),
+                                                    mount.type(), entMgr_, clock, mount, this);
       // Held before it starts: a mounter that finishes at once removes itself.
       passiveDirMounterColIs(path, mounter);
       mounter->start();

@@ -40,6 +40,19 @@ void PassiveEntityManagerSm::doInitiateMounts() {
 
 bool PassiveEntityManagerSm::queueProfileGroups() {
   Qel::ConnectDesc const cd(ledraRoot_ ? Qel::String(ledraRoot_->fullName()) : Qel::String());
+  Qel::MountTable::Stat const rootMount = demuxer()->outMount()->stat(cd);
+  // The agent refused its root mount: nothing can be mounted for it.
+  if (rootMount.status() == Qel::MountTable::failed_) {
+    doCloseConnection("root mount failed: " + rootMount.exceptionDesc());
+    return false;
+  }
+  // No root mount was asked for yet (the peer speaks an older protocol version, and a pass ran
+  // from elsewhere): the first pass is the one its answer runs.
+  if (rootMount.status() == Qel::MountTable::none_) {
+    TRACE(PassiveEntityManager, kTraceDecision, "root mount not requested yet");
+    return false;
+  }
+  // Asked for, and no request is unanswered: the answer has come.
   // clang-format off
   QEL_ASSERT(demuxer()->outMount()->status( cd ) == Qel::MountTable::complete_);
   // clang-format on
@@ -66,13 +79,14 @@ bool PassiveEntityManagerSm::queueProfileGroups() {
       TRACE(PassiveEntityManager, kTraceDecision, "Proceeding with conditional");
     readyMountGroupEnq(group);
   }
-  // A profile without any group asks for the root mount only.
-  if (agentProfile_->mountGroup().empty()) {
-    completionTest();
-    return false;
-  }
+  // A profile without any group, or one whose every group was skipped for this agent (a family
+  // profile may rightly leave out every group for some of its members), asks for the root mount
+  // only.
   if (readyMountGroup_.empty()) {
-    QEL_ASSERT(!conditionalMountGroup_.empty() && "no mountgroups found");
+    if (conditionalMountGroup_.empty()) {
+      completionTest();
+      return false;
+    }
     stateIs(conditionalMountGroupPending);
     return false;
   }
@@ -169,6 +183,7 @@ void PassiveEntityManagerSm::completionTest() {
 }
 
 void PassiveEntityManagerSm::handleMountProfile(PassiveMountGroup::PtrConst const& group) {
+  QEL_ASSERT(group && "handleMountProfile of a null group");
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::handleMountProfile( group ): {} prio: {}", group->name(),
         group->priority());

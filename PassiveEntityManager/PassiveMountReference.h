@@ -39,7 +39,8 @@ class LEDRA_PEM_EXPORT PassiveMountReference : public Qel::Entity {
   void completeIs(bool v);
 
   // Whether the mount counts as completed: `complete` is set and the mounted entity is still in
-  // the tree of the global directory. An entity cut off since it was mounted is `orphaned`.
+  // the tree of the global directory. An entity cut off since it was mounted is `orphaned`, and so
+  // is a complete reference without entity (a mount found unchanged where no entity stands).
   enum class Completion { incomplete, complete, orphaned };
   Completion completion() const;
 

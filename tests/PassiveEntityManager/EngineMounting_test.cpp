@@ -266,6 +266,15 @@ TEST_F(EngineTemplateTest, FieldsFollowKeyPositionsAndDollarTakesTheRest) {
                 "setting alias key %s to 3", "agentTmpString : agentA-3-x-y"});
 }
 
+TEST_F(EngineTemplateTest, WithoutTemplateKeysTheAliasKeysAreNotSet) {
+  profile->aliasKeyIs("%c", "%cellId");
+  status->agentStringIs("agentA-3");
+  startEngine();
+  EXPECT_TRUE(capture.contains("agent has no template keys"));
+  EXPECT_FALSE(status->templateValueDict("%c"));
+  EXPECT_FALSE(capture.contains("setting alias key"));
+}
+
 TEST_F(EngineTemplateTest, MissingFieldIsEmptyAndNoFieldAtAllClosesTheAgent) {
   profile->templateKeyIs(1, "%slot");
   profile->templateKeyIs(2, "%bay");

@@ -15,6 +15,17 @@ namespace {
 
 constexpr char kDirPath[] = "/ledra/Ledra/d/e";
 
+// A mounter is built from the flag letters and the entity type name, in that order; the letters
+// have a type of their own, so neither the two swapped nor two plain texts compile.
+template <class Flags, class Type>
+concept MounterArguments = requires(Flags const& flags, Type const& type) {
+  passiveDirMounterFactory(Qel::String(), Qel::String(), flags, type, EntityManager::PtrConst(),
+                           Qel::Clock::PtrConst(), Mount(), nullptr);
+};
+static_assert(MounterArguments<UserFlags, Qel::String>);
+static_assert(!MounterArguments<Qel::String, UserFlags>);
+static_assert(!MounterArguments<Qel::String, Qel::String>);
+
 class PassiveDirMounterTest : public EngineHarness {
  protected:
   void SetUp() override {

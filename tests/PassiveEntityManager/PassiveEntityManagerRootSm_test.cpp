@@ -197,15 +197,29 @@ TEST_F(RootSmTest, EveryProfileGetsAPassiveConnectionConfigAndMayNotBeDeleted) {
 }
 
 TEST_F(RootSmTest, ProfileIsTheOwnNameThenShorterFamiliesEndingInHyphen) {
-  for (char const* name : {"a-", "a-b-", "x-y-3"})
+  for (char const* name : {"a-", "a-b-", "a-b---", "x-y-3"})
     profiles->agentProfileIs(name);
   startRoot();
-  std::pair<char const*, char const*> const cases[] = {
-      {"a-b-c", "a-b-"}, {"a-b-", "a-b-"},   {"a-b", "a-"}, {"a-c-d", "a-"}, {"a", ""},
-      {"b-c", ""},       {"x-y-3", "x-y-3"}, {"x-y", ""},   {"-", ""},       {"", ""}};
+  std::string const dashes(100000, '-');
+  std::pair<std::string, char const*> const cases[] = {
+      {"a-b-c", "a-b-"},
+      {"a-b-", "a-b-"},
+      {"a-b", "a-"},
+      {"a-c-d", "a-"},
+      {"a", ""},
+      {"b-c", ""},
+      {"x-y-3", "x-y-3"},
+      {"x-y", ""},
+      {"-", ""},
+      {"", ""},
+      // Long names of many dashes: the longest family still wins.
+      {"a-b" + dashes + "z", "a-b---"},
+      {"a-b--z", "a-b-"},
+      {dashes, ""},
+      {"a" + dashes, "a-"}};
   for (auto const& [agentName, served] : cases) {
     auto const p = rootSm->agentProfileFor(agentName);
-    EXPECT_EQ(p ? std::string(p->name()) : std::string(), served) << agentName;
+    EXPECT_EQ(p ? std::string(p->name()) : std::string(), served) << agentName.substr(0, 12);
   }
 }
 
@@ -258,6 +272,25 @@ TEST_F(RootSmTest, AgentWithoutProfileIsClosedAndAWhiteListedOneIsLeftAlone) {
   EXPECT_EQ(rootSm->connStatuses(), 1u) << "the white-listed connection's reactor";
   EXPECT_EQ(rootSm->passiveEntityManagerSms(), 0u);
   EXPECT_EQ(statuses->agentStatuses(), 0u);
+}
+
+TEST_F(RootSmTest, AgentRefusingItsRootMountIsClosedAndCleanedUpWhileOthersAreServed) {
+  profile("agentA");
+  profile("agentB");
+  startRoot();
+  auto const a = agent("agentA");
+  auto const b = agent("agentB");
+  a->mountFailureIs("/ledra/Ledra", "no root here");
+  a->connect();
+  b->connect();
+  run();
+  EXPECT_EQ(a->closeReasons(), (std::vector<Qel::String>{"root mount failed: no root here"}));
+  EXPECT_TRUE(capture.contains("Closing connection for agentA: root mount failed: no root here"));
+  EXPECT_FALSE(a->connected());
+  EXPECT_EQ(requestPathsOf(*a), Strings{"/ledra/Ledra"});
+  EXPECT_FALSE(rootSm->passiveEntityManagerSm("agentA"));
+  EXPECT_FALSE(statuses->agentStatus("agentA"));
+  EXPECT_EQ(completions("agentB"), 1u);
 }
 
 TEST_F(RootSmTest, ConnectedRecordWithoutDemuxerIsFatal) {
