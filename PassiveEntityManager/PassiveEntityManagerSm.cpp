@@ -9,6 +9,7 @@
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/PassiveDirMounter.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmReactors.h"
+#include "PassiveEntityManager/PassiveEntityManagerSmText.h"
 #include "PassiveEntityManager/TraceFacility.h"
 #include "Qel/ActivityManagerConfig.h"
 #include "Qel/Backtrace.h"
@@ -472,6 +473,7 @@ void PassiveEntityManagerSm::qelDoZombieReactorsIs(bool zombie) {
 Qel::QelType const* PassiveEntityManagerSm::staticType() {
   using E = PassiveEntityManagerSm;
   using GPtr = Qel::GenericIf::PtrConst;
+  using Index = ReadyMountGroupCompoundIndex;
   auto mountLookup = [](auto all) {
     return [all](E const& e, Qel::String const& k) -> std::optional<Mount> {
       auto const& col = all(e);
@@ -484,11 +486,17 @@ Qel::QelType const* PassiveEntityManagerSm::staticType() {
       Qel::TypeBuilder<E>("Ledra::PassiveEntityManagerSm")
           .value<PassiveAgentProfile::PtrConst>("agentProfile",
                                                 [](E const& e) { return e.agentProfile(); })
+          .constructor()
           .value<PassiveAgentStatus::Ptr>("agentStatus", [](E const& e) { return e.agentStatus(); })
+          .constructor()
           .value<Qel::NboAttrLog::Demuxer::Ptr>("demuxer", [](E const& e) { return e.demuxer(); })
+          .constructor()
           .value<Qel::MountTable::Ptr>("peerMountTable",
                                        [](E const& e) { return e.peerMountTable(); })
+          .constructor()
           .value<EntityManager::PtrConst>("entMgr", [](E const& e) { return e.entMgr(); })
+          .constructor()
+          .value<Orn::TimerWheel::PtrConst>("timerWheel", [](E const& e) { return e.timerWheel(); })
           .constructor()
           .value<Qel::Dir::Ptr>("ledraRoot", [](E const& e) { return e.ledraRoot(); })
           .value<bool>(
@@ -500,6 +508,8 @@ Qel::QelType const* PassiveEntityManagerSm::staticType() {
           .value<State>(
               "state", [](E const& e) { return e.state(); }, [](E& e, State v) { e.stateIs(v); })
           .value<bool>("mountsInProgress", [](E const& e) { return e.mountsInProgress(); })
+          .value<ConvertableMountsMetadata>(
+              "convertableMountsMetadata", [](E const& e) { return e.convertableMountsMetadata(); })
           .collection<Qel::String, Mount>(
               "pendingMountProfile",
               mountLookup([](E const& e) -> auto const& { return e.pendingMountProfile(); }),
@@ -511,6 +521,17 @@ Qel::QelType const* PassiveEntityManagerSm::staticType() {
                 return m ? std::optional<Mount>(*m) : std::nullopt;
               },
               [](E const& e) { return e.convertableMountsCount(); })
+          .collection<Qel::String, Qel::Ptr<PassiveDirMounter>>(
+              "passiveDirMounterCol",
+              [](E const& e, Qel::String const& k) { return e.passiveDirMounterCol(k); },
+              [](E const& e) { return e.passiveDirMounterCol().size(); })
+          .collection<Index, PassiveMountGroup::PtrConst>(
+              "readyMountGroup", [](E const& e, Index const& k) { return e.readyMountGroup(k); },
+              [](E const& e) { return e.readyMountGroups(); })
+          .collection<Qel::Name, QelConditionalMountGroup::Ptr>(
+              "conditionalMountGroup",
+              [](E const& e, Qel::Name const& k) { return e.conditionalMountGroup(k); },
+              [](E const& e) { return e.conditionalMountGroup().size(); })
           .collection<Qel::String, bool>(
               "blockingConditionals",
               [](E const& e, Qel::String const& k) { return e.blockingConditionals(k); },
@@ -530,6 +551,28 @@ Qel::QelType const* PassiveEntityManagerSm::staticType() {
               "allMountPaths",
               mountLookup([](E const& e) -> auto const& { return e.allMountPaths(); }),
               [](E const& e) { return e.allMountPaths().size(); })
+          .handler("handleInitialized", [](E& e) { e.handleInitialized(); })
+          .handler("handleInputProtocolVersion", [](E& e) { e.handleInputProtocolVersion(); })
+          .handler("doSetDemuxerProperty", [](E& e) { e.doSetDemuxerProperty(); })
+          .handler("doRootMount", [](E& e) { e.doRootMount(); })
+          .handler("doInitiateMounts", [](E& e) { e.doInitiateMounts(); })
+          .handler("handleClose", {"reason"},
+                   [](E& e, Qel::String const& reason) { e.handleClose(reason); })
+          .handler("handleDeletion", [](E& e) { e.handleDeletion(); })
+          .handler("doCleanup", [](E& e) { e.doCleanup(); })
+          .handler(
+              "handleMountProfile", {"group"},
+              [](E& e, PassiveMountGroup::PtrConst const& group) { e.handleMountProfile(group); })
+          .handler("doPendingMounts", [](E& e) { e.doPendingMounts(); })
+          .handler("evaluateTemplateCondition", {"cond"},
+                   [](E& e, Qel::String const& cond) { return e.evaluateTemplateCondition(cond); })
+          .handler("doPassiveMount", {"path", "flags", "typeName"},
+                   [](E& e, Qel::String const& path, Qel::String const& flags,
+                      Qel::String const& typeName) { e.doPassiveMount(path, flags, typeName); })
+          .handler("doNestedPassiveMount", {"mount"},
+                   [](E& e, Mount const& mount) { e.doNestedPassiveMount(mount); })
+          .handler("doPopulateMountPaths", [](E& e) { e.doPopulateMountPaths(); })
+          .handler("doInitTemplateDict", [](E& e) { e.doInitTemplateDict(); })
           .factory([](Qel::Name const&) -> Qel::Entity::Ptr {
             throw Qel::TypeException(
                 "an engine is created by passiveEntityManagerSmFactory, with its connection");
@@ -538,32 +581,47 @@ Qel::QelType const* PassiveEntityManagerSm::staticType() {
   return t;
 }
 
-namespace {
-
-// The handlers reachable by name: writing the attribute runs the handler with the value.
-template <class T, class F>
-void handlerAttribute(Qel::QelType& type, char const* name, F f) {
-  using E = PassiveEntityManagerSm;
-  type.attributeNew(name, Qel::QelAttr::Kind::value, Qel::ValueTraits<T>::type())
-      .setterIs([f](Qel::GenericIf& g, Qel::GenericIf::PtrConst const& v,
-                    Qel::GenericIf::PtrConst const&) {
-        f(static_cast<E&>(g), Qel::ValueTraits<T>::unbox(v));
-      });
+Qel::String PassiveEntityManagerSm::ReadyMountGroupCompoundIndex::text() const {
+  return valueToStrep(*this);
 }
 
-Qel::QelType const* const kRegistered = [] {
-  using E = PassiveEntityManagerSm;
-  auto& type = const_cast<Qel::QelType&>(*E::staticType());
-  handlerAttribute<Mount>(type, "doNestedPassiveMount",
-                          [](E& e, Mount const& m) { e.doNestedPassiveMount(m); });
-  handlerAttribute<Mount>(type, "doPassiveMount", [](E& e, Mount const& m) {
-    e.doPassiveMount(m.path(), m.flags(), m.type());
-  });
-  handlerAttribute<Qel::String>(type, "handleClose",
-                                [](E& e, Qel::String const& reason) { e.handleClose(reason); });
-  return &type;
-}();
+Qel::QelType const* PassiveEntityManagerSm::ReadyMountGroupCompoundIndex::staticType() {
+  using Boxed = Qel::BoxedValue<ReadyMountGroupCompoundIndex>;
+  static Qel::QelType const* t = [] {
+    Qel::TypeBuilder<Boxed> b("Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex",
+                              Qel::QelType::Kind::value);
+    b.value<Qel::U32>("index0", [](Boxed const& i) {
+       return i.value().index0;
+     }).value<Qel::U32>("index1", [](Boxed const& i) { return i.value().index1; });
+    // Keys given as text (a keyed read or write by name) are read in the value's text form.
+    b.type().readerIs([](Qel::String const& text) {
+      return Qel::ValueTraits<ReadyMountGroupCompoundIndex>::box(
+          strepToValue<ReadyMountGroupCompoundIndex>(text));
+    });
+    return b.done();
+  }();
+  return t;
+}
 
+Qel::QelType const* PassiveEntityManagerSm::QelConditionalMountGroup::staticType() {
+  using Boxed = Qel::BoxedPtr<QelConditionalMountGroup>;
+  static Qel::QelType const* t =
+      Qel::TypeBuilder<Boxed>("Ledra::PassiveEntityManagerSm::QelConditionalMountGroup",
+                              Qel::QelType::Kind::value)
+          .value<PassiveMountGroup::PtrConst>(
+              "mountGroup", [](Boxed const& b) { return b.target()->mountGroup(); })
+          .value<ConditionRes::Ptr>("conditionRes",
+                                    [](Boxed const& b) { return b.target()->conditionRes(); })
+          .value<Qel::Ptr<ConditionalMountGroupSm>>(
+              "conditionalMountGroupSm",
+              [](Boxed const& b) { return b.target()->conditionalMountGroupSm(); })
+          .value<bool>("initialized", [](Boxed const& b) { return b.target()->initialized(); })
+          .done();
+  return t;
+}
+
+namespace {
+[[maybe_unused]] Qel::QelType const* const kRegistered = PassiveEntityManagerSm::staticType();
 }  // namespace
 
 Qel::QelType const* PassiveEntityManagerSm::stateType() {

@@ -66,8 +66,11 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   };
 
   // The key of a ready mount group: index0 is the group's priority, index1 its arrival sequence
-  // in the ready queue. Ordered by index0, then index1.
+  // in the ready queue. Ordered by index0, then index1. A value of the reflection, read and
+  // printed in its text form (PassiveEntityManagerSmText.h).
   struct LEDRA_PEM_EXPORT ReadyMountGroupCompoundIndex {
+    static constexpr bool kQelValueType = true;
+
     Qel::U32 index0 = 0;
     Qel::U32 index1 = 0;
 
@@ -81,6 +84,8 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
                            ReadyMountGroupCompoundIndex const&) = default;
     friend std::strong_ordering operator<=>(ReadyMountGroupCompoundIndex const&,
                                             ReadyMountGroupCompoundIndex const&) = default;
+    Qel::String text() const;
+    static Qel::QelType const* staticType();
   };
 
   using ConvertableMountsMetadata = Qel::LinkQueueMetadata;
@@ -92,29 +97,44 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   using StringMap = std::unordered_map<Qel::String, Qel::String>;
   using MountMap = std::unordered_map<Qel::String, Mount>;
 
-  // Attribute ids: the reflected attributes in the order of the generic view, then those that
-  // only notify (not reachable by name).
+  // Attribute ids in the generic view: the constructor attributes, the plain attributes and the
+  // collections in declaration order, then the handlers reachable by name.
   enum : Qel::AttributeId {
     kAgentProfile = 1,
     kAgentStatus,
     kDemuxer,
     kPeerMountTable,
     kEntMgr,
+    kTimerWheel,
     kLedraRoot,
     kInitialized,
     kDeletion,
     kState,
     kMountsInProgress,
+    kConvertableMountsMetadata,
     kPendingMountProfile,
     kConvertableMounts,
-    kBlockingConditionals,
-    kTemplateCache,
-    kAllMountPaths,
-    kTimerWheel = 100,
-    kConvertableMountsMetadata,
     kPassiveDirMounterCol,
     kReadyMountGroup,
     kConditionalMountGroup,
+    kBlockingConditionals,
+    kTemplateCache,
+    kAllMountPaths,
+    kHandleInitialized,
+    kHandleInputProtocolVersion,
+    kDoSetDemuxerProperty,
+    kDoRootMount,
+    kDoInitiateMounts,
+    kHandleClose,
+    kHandleDeletion,
+    kDoCleanup,
+    kHandleMountProfile,
+    kDoPendingMounts,
+    kEvaluateTemplateCondition,
+    kDoPassiveMount,
+    kDoNestedPassiveMount,
+    kDoPopulateMountPaths,
+    kDoInitTemplateDict,
   };
 
   class QelAgentProfile;
@@ -348,7 +368,9 @@ LEDRA_PEM_EXPORT PassiveEntityManagerSm::Ptr passiveEntityManagerSmFactory(
 
 // The engine side of one conditional mount group: holds the group, the ConditionRes its state
 // machine writes (watched through QelConditionRes) and the state machine itself. `initialized` is
-// true from handleInit until the group's conditions succeed (handleEnabled).
+// true from handleInit until the group's conditions succeed (handleEnabled). In the generic view
+// (an element of the engine's conditionalMountGroup) it shows what it holds: mountGroup,
+// conditionRes, conditionalMountGroupSm and initialized; its text is the group's name.
 class LEDRA_PEM_EXPORT PassiveEntityManagerSm::QelConditionalMountGroup : public Qel::RefCounted {
  public:
   using Ptr = Qel::Ptr<QelConditionalMountGroup>;
@@ -372,6 +394,9 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm::QelConditionalMountGroup : public
 
   void hasNotificationActiveIs(bool on);
   void qelDoZombieReactorsIs(bool zombie);
+
+  Qel::String text() const { return Qel::String(name()); }
+  static Qel::QelType const* staticType();
 
  private:
   QelConditionalMountGroup(PassiveMountGroup::PtrConst group, PassiveEntityManagerSm* engine);

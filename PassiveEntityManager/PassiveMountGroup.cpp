@@ -158,13 +158,12 @@ Qel::QelType const* PassiveMountGroup::staticType() {
               if (m.path() != k) throw Qel::RangeException("mount profile keyed by another path");
               g.mountProfileIs(m);
             });
-    // A write-only function attribute: writing a mount adds it.
-    b.type()
-        .attributeNew("addProfile", Qel::QelAttr::Kind::value, Mount::staticType())
-        .setterIs([](Qel::GenericIf& g, Qel::GenericIf::PtrConst const& v,
-                     Qel::GenericIf::PtrConst const&) {
-          static_cast<G&>(g).mountProfileIs(Qel::ValueTraits<Mount>::unbox(v));
-        });
+    b.handler("addProfile", {"path", "qelType", "flags"},
+              [](G& g, Qel::String const& path, Qel::String const& qelType,
+                 Qel::String const& flags) { g.addProfile(path, qelType, flags); })
+        // Read-only here: the queue's numbering may only be set while the queue is empty.
+        .value<ConditionColMetadata>("conditionColMetadata",
+                                     [](G const& g) { return g.conditionColMetadata(); });
     b.factory([](Qel::Name const&) -> Qel::Entity::Ptr {
       throw Qel::TypeException("a mount group is created by its profile, with its priority");
     });

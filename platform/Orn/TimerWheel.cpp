@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <sstream>
 #include <utility>
 
 #include "Qel/ActivityManagerConfig.h"
 #include "Qel/Assert.h"
+#include "Qel/TypeBuilder.h"
 
 // The helpers of the hot paths (arming, disarming, firing) are inline: they are used only here,
 // and an inline definition lets the compiler inline them although the library is built
@@ -281,6 +283,33 @@ void TimerWheel::Notifiee::qelEnqueue() {
 }
 void TimerWheel::Notifiee::qelDequeue() {
   owner()->cancel(this);
+}
+
+// --- reflection
+
+Qel::QelType const* TimerWheel::staticType() {
+  using Boxed = Qel::BoxedPtr<TimerWheel>;
+  static Qel::QelType const* t =
+      Qel::TypeBuilder<Boxed>("Orn::TimerWheel", Qel::QelType::Kind::value)
+          .value<Qel::F64>("tick", [](Boxed const& b) { return b.target()->tick(); })
+          .value<Qel::U32>("ticks", [](Boxed const& b) { return b.target()->ticks(); })
+          .value<Qel::U32>("bucketSize", [](Boxed const& b) { return b.target()->bucketSize(); })
+          .value<Qel::U64>("levels", [](Boxed const& b) { return b.target()->levels(); })
+          .value<Qel::U64>("timers", [](Boxed const& b) { return b.target()->timers(); })
+          .value<Qel::F64>("wakeTime", [](Boxed const& b) { return b.target()->wakeTime(); })
+          .done();
+  return t;
+}
+
+Qel::String TimerWheel::text() const {
+  std::ostringstream os;
+  os << "Orn::TimerWheel(tick " << tick_ << ", ticks " << ticks() << ", bucketSize " << bucketSize_
+     << ")";
+  return Qel::String(os.str());
+}
+
+namespace {
+[[maybe_unused]] Qel::QelType const* const kRegistered = TimerWheel::staticType();
 }
 
 }  // namespace Orn

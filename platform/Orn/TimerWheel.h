@@ -50,6 +50,10 @@
 #include "Qel/Types.h"
 #include "Qel/WakeupNotifiee.h"
 
+namespace Qel {
+class QelType;
+}
+
 namespace Orn {
 
 using Qel::kNever;
@@ -85,6 +89,12 @@ class QEL_API TimerWheel : public Qel::RefCounted {
   Time wakeTime() const { return driver_.timeMin(); }
   // The time of tick `k`.
   Time tickTime(std::uint64_t k) const { return origin_ + static_cast<Time>(k) * tick_; }
+
+  // The wheel in the generic view, reached through pointers to it (Qel::BoxedPtr):
+  // "Orn::TimerWheel" with tick, ticks, bucketSize, levels, timers and wakeTime, printed as
+  // "Orn::TimerWheel(tick 0.001, ticks 255, bucketSize 1024)".
+  static Qel::QelType const* staticType();
+  Qel::String text() const;
 
  private:
   // The links of a timer in the circular list of its slot.

@@ -34,6 +34,38 @@ QelAttr const& collectionOrThrow(GenericIf const& g, AttributeId aid) {
   return a;
 }
 
+// The attribute `name`, unless it is a handler, which is invoked and never written.
+QelAttr const& writableOrThrow(GenericIf const& g, Name const& name) {
+  QelAttr const& a = attributeOrThrow(g, name);
+  if (a.isHandler()) {
+    throw TypeException("attribute " + name + " of " + g.qelType()->name() + " is a handler");
+  }
+  return a;
+}
+
+// The handler's arguments in parameter order, after every check; see GenericIf::invoke.
+std::vector<GenericIf::PtrConst> handlerArguments(GenericIf const& g, QelAttr const& h,
+                                                  GenericIf::Arguments const& args) {
+  std::string const what = "handler " + h.name() + " of " + g.qelType()->name();
+  for (auto const& [name, value] : args) {
+    if (!h.parameter(name)) throw TypeException(what + " has no parameter " + name);
+  }
+  std::vector<GenericIf::PtrConst> ordered;
+  ordered.reserve(h.parameters().size());
+  for (QelAttr::Parameter const& p : h.parameters()) {
+    auto it = args.find(p.name);
+    if (it == args.end()) throw TypeException(what + " is missing argument " + p.name);
+    GenericIf const* v = it->second.ptr();
+    bool const fits = !v ? p.pointer : p.accepts ? p.accepts(*v) : v->qelType() == p.type;
+    if (!fits) {
+      throw TypeException("argument " + p.name + " of " + what + " must be " + p.type->name() +
+                          ", not " + (v ? std::string(v->qelType()->name()) : "null"));
+    }
+    ordered.push_back(it->second);
+  }
+  return ordered;
+}
+
 }  // namespace
 
 GenericIf::~GenericIf() {
@@ -71,7 +103,7 @@ GenericIf::PtrConst GenericIf::colLength(AttributeId aid) const {
 }
 
 void GenericIf::attributeIs(Name const& name, PtrConst const& value, PtrConst const& key) {
-  QelAttr const& a = attributeOrThrow(*this, name);
+  QelAttr const& a = writableOrThrow(*this, name);
   if (a.isConstructorAttribute() || !a.setter()) {
     throw TypeException("attribute " + name + " of " + qelType()->name() + " is read-only");
   }
@@ -84,7 +116,7 @@ void GenericIf::attributeIs(Name const&, PtrConst const&, PtrConst const&) const
 }
 
 void GenericIf::attributeIs(Name const& name, String const& text, String const& keyText) {
-  QelAttr const& a = attributeOrThrow(*this, name);
+  QelAttr const& a = writableOrThrow(*this, name);
   PtrConst key;
   if (a.isCollection()) key = a.keyType()->valueFromText(keyText);
   PtrConst value;
@@ -100,6 +132,18 @@ void GenericIf::attributeIs(Name const& name, String const& text, String const& 
 }
 
 void GenericIf::attributeIs(Name const&, String const&, String const&) const {
+  throw ConstInstanceException();
+}
+
+GenericIf::PtrConst GenericIf::invoke(Name const& name, Arguments const& args) {
+  QelAttr const& h = attributeOrThrow(*this, name);
+  if (!h.isHandler() || !h.invoker()) {
+    throw TypeException("attribute " + name + " of " + qelType()->name() + " is no handler");
+  }
+  return h.invoker()(*this, handlerArguments(*this, h, args));
+}
+
+GenericIf::PtrConst GenericIf::invoke(Name const&, Arguments const&) const {
   throw ConstInstanceException();
 }
 

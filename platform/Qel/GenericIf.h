@@ -3,9 +3,10 @@
 // Every entity and every boxed value is a GenericIf. Its QelType describes its attributes; the
 // view answers by attribute id: the attribute's name ("unknown" when there is none), the value of
 // a plain attribute as a generic value, whether a key is a member of a collection, a collection's
-// element count, and writes by name. A write through a read-only instance (a Ptr<GenericIf const>)
-// is refused with ConstInstanceException ("attempting to modify a const instance"); so is a write
-// of a constructor attribute.
+// element count, writes by name, and the invocation of a handler by name with its arguments by
+// parameter name. A write or an invocation through a read-only instance (a Ptr<GenericIf const>)
+// is refused with ConstInstanceException ("attempting to modify a const instance"); a write of a
+// constructor attribute is refused with TypeException.
 //
 // GenericIf is also the notifier: it keeps the list of notifiees and delivers each change to every
 // notifiee registered when the change happened (see ObserverList). Single-threaded.
@@ -14,6 +15,7 @@
 #include "Qel/Api.h"
 
 #include <cstddef>
+#include <map>
 
 #include "Qel/Notifiee.h"
 #include "Qel/ObserverList.h"
@@ -30,6 +32,8 @@ class GenericValue;
 class QEL_API GenericIf : public RefCounted {
  public:
   using PtrConst = Ptr<GenericIf const>;
+  // The arguments of a handler by parameter name; a null value is a null pointer.
+  using Arguments = std::map<Name, PtrConst>;
   class NotifieeConst;
 
   virtual QelType const* qelType() const = 0;
@@ -53,6 +57,12 @@ class QEL_API GenericIf : public RefCounted {
   // The same from text, converted by the attribute's value and key types.
   void attributeIs(Name const& name, String const& text, String const& keyText = {});
   void attributeIs(Name const& name, String const& text, String const& keyText = {}) const;
+
+  // Invokes handler `name` with one argument per parameter and returns its result (empty when it
+  // returns nothing). Throws TypeException, changing nothing, for a name that is no handler, an
+  // argument that names no parameter, a missing argument or one of another type.
+  PtrConst invoke(Name const& name, Arguments const& args);
+  PtrConst invoke(Name const& name, Arguments const& args) const;
 
   // For boxed builtin and enum values: the value; null for entities.
   virtual GenericValue const* asValue() const { return nullptr; }

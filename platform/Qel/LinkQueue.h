@@ -37,12 +37,19 @@
 
 namespace Qel {
 
-// The index state of a LinkQueue; see LinkQueue.
-struct LinkQueueMetadata {
+class QelType;
+
+// The index state of a LinkQueue; see LinkQueue. A value of the reflection,
+// "Qel::LinkQueueMetadata" (attributes head and next), printed as "head <head> next <next>".
+struct QEL_API LinkQueueMetadata {
+  static constexpr bool kQelValueType = true;
+
   U32 head = 0;
   U32 next = 0;
 
   friend bool operator==(LinkQueueMetadata const&, LinkQueueMetadata const&) = default;
+  String text() const;
+  static QelType const* staticType();
 };
 
 template <class V>

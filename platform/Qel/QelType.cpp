@@ -92,6 +92,13 @@ QelType& QelType::typeNew(Name const& name, Kind kind) {
   return TypeRegistry::instance().add(name, kind, Builtin::none);
 }
 
+QelAttr::Parameter const* QelAttr::parameter(Name const& name) const {
+  for (auto const& p : parameters_) {
+    if (p.name == name) return &p;
+  }
+  return nullptr;
+}
+
 QelAttr const* QelType::attribute(Name const& name) const {
   for (auto const& a : attrs_) {
     if (a->name() == name) return a.get();
@@ -184,6 +191,7 @@ GenericIf::PtrConst QelType::valueFromText(String const& text) const {
     if (!v) badText(text, *this, "no such enumerator");
     return newValue(*v);
   }
+  if (reader_) return reader_(text);
   if (kind_ != Kind::builtin) badText(text, *this, "the type has no text form");
   switch (builtin_) {
     case Builtin::bool_:

@@ -1,6 +1,11 @@
 // Type metadata of the reflection: QelType (a type) and QelAttr (an attribute of an entity or
 // value type), and the process-wide registry of types by name.
 //
+// An attribute is data (a value, a pointer, an enum, a collection) or a handler: an operation of
+// the type with named, typed parameters and an optional result, invoked by name through
+// GenericIf::invoke. Handlers share the attribute ids and names of their type, so that one list
+// describes everything reachable by name; they can be neither read nor written.
+//
 // Types are immortal: the registry owns them and hands out plain pointers that stay valid for the
 // life of the process. The eighteen builtin types are registered at start-up under the names bool,
 // U8, S8, U16, S16, U32, S32, U64, S64, F32, F64, char, char*, const char*, long, double, string,
@@ -51,8 +56,20 @@ enum class Builtin : std::uint8_t {
 
 class QEL_API QelAttr {
  public:
-  enum class Kind { value, pointer, enumeration, collection };
+  enum class Kind { value, pointer, enumeration, collection, handler };
 
+  // A parameter of a handler. An argument fits when it is of `type`, or, given `accepts`, when
+  // `accepts` says so; only a pointer parameter takes a null argument.
+  struct Parameter {
+    Name name;
+    QelType const* type = nullptr;
+    bool pointer = false;
+    std::function<bool(GenericIf const&)> accepts;
+  };
+  // Runs a handler with its arguments in parameter order, already checked; returns the result,
+  // empty when the handler returns nothing.
+  using Invoker =
+      std::function<GenericIf::PtrConst(GenericIf&, std::vector<GenericIf::PtrConst> const&)>;
   using Getter = std::function<GenericIf::PtrConst(GenericIf const&, GenericIf::PtrConst const&)>;
   using Setter =
       std::function<void(GenericIf&, GenericIf::PtrConst const&, GenericIf::PtrConst const&)>;
@@ -66,7 +83,9 @@ class QEL_API QelAttr {
   Name const& name() const { return name_; }
   Kind kind() const { return kind_; }
   bool isCollection() const { return kind_ == Kind::collection; }
-  // The type of the value (of a collection: of its elements; of a pointer: of the pointee).
+  bool isHandler() const { return kind_ == Kind::handler; }
+  // The type of the value (of a collection: of its elements; of a pointer: of the pointee; of a
+  // handler: of its result, null when it returns nothing).
   QelType const* type() const { return type_; }
   // The key type of a collection; null otherwise.
   QelType const* keyType() const { return keyType_; }
@@ -99,11 +118,24 @@ class QEL_API QelAttr {
     elementPointers_ = b;
     return *this;
   }
+  QelAttr& parametersIs(std::vector<Parameter> p) {
+    parameters_ = std::move(p);
+    return *this;
+  }
+  QelAttr& invokerIs(Invoker i) {
+    invoke_ = std::move(i);
+    return *this;
+  }
+
+  // A handler's parameters in declaration order, and one by name (null when none).
+  std::vector<Parameter> const& parameters() const { return parameters_; }
+  Parameter const* parameter(Name const& name) const;
 
   Getter const& getter() const { return get_; }
   Setter const& setter() const { return set_; }
   Member const& member() const { return member_; }
   Count const& count() const { return count_; }
+  Invoker const& invoker() const { return invoke_; }
 
  private:
   AttributeId id_;
@@ -117,6 +149,8 @@ class QEL_API QelAttr {
   Setter set_;
   Member member_;
   Count count_;
+  std::vector<Parameter> parameters_;
+  Invoker invoke_;
 };
 
 class QEL_API QelType {
@@ -124,6 +158,7 @@ class QEL_API QelType {
   enum class Kind { builtin, enumeration, entity, value };
   using Factory = std::function<Ptr<Entity>(Name const&)>;
   using Boxer = std::function<GenericIf::PtrConst(void const*)>;
+  using Reader = std::function<GenericIf::PtrConst(String const&)>;
 
   QelType(QelType const&) = delete;
   QelType& operator=(QelType const&) = delete;
@@ -168,8 +203,10 @@ class QEL_API QelType {
 
   // A generic value of this (builtin or enum) type holding `v`.
   GenericIf::PtrConst newValue(Value v) const;
-  // A generic value of this type from its text form; throws ParseException on bad text.
+  // A generic value of this type from its text form; throws ParseException on bad text. A value
+  // type is read by its reader (readerIs), and has no text form without one.
   GenericIf::PtrConst valueFromText(String const& text) const;
+  void readerIs(Reader r) { reader_ = std::move(r); }
   // The text form of a value of this type.
   String textOf(Value const& v) const;
 
@@ -188,6 +225,7 @@ class QEL_API QelType {
   std::vector<std::pair<Name, std::int64_t>> enumerators_;
   Factory factory_;
   Boxer boxer_;
+  Reader reader_;
 };
 
 }  // namespace Qel

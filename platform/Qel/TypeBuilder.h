@@ -6,6 +6,8 @@
 //         .value<String>("entireCondition", [](auto& g) { return g.entireCondition(); },
 //                        [](auto& g, String v) { g.entireConditionIs(v); })
 //         .collection<String, Mount>("mountProfile", lookup, count)
+//         .handler("addProfile", {"path", "qelType", "flags"},
+//                  [](auto& g, String const& p, String const& t, String const& f) { ... })
 //         .done();
 //     return t;
 //   }
@@ -13,13 +15,20 @@
 // Attributes get ids in the order they are added; an entity type starts with "name" (id 0).
 // Getters take the instance, setters the instance and the new value; a collection gives a lookup
 // (instance, key) returning std::optional<V> (or a Ptr, null when absent), a count, and optionally
-// a writer (instance, key, generic value or null to delete).
+// a writer (instance, key, generic value or null to delete). A handler is a function of the
+// (mutable) instance and its arguments; its parameter types and result come from the function's
+// signature, its parameter names from the list given with it.
 #pragma once
 
+#include <cstddef>
 #include <optional>
+#include <tuple>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
+#include "Qel/BoxedPtr.h"
+#include "Qel/BoxedValue.h"
 #include "Qel/Entity.h"
 #include "Qel/Exception.h"
 #include "Qel/QelType.h"
@@ -34,12 +43,11 @@ struct IsPtr : std::false_type {};
 template <class T>
 struct IsPtr<Ptr<T>> : std::true_type {};
 
-template <class R>
+template <class V, class R>
 GenericIf::PtrConst boxLookup(R const& r) {
   if constexpr (IsPtr<R>::value) {
-    return GenericIf::PtrConst(r.ptr());
+    return ValueTraits<V>::box(V(r));
   } else {
-    using V = typename R::value_type;
     return r ? ValueTraits<V>::box(*r) : GenericIf::PtrConst();
   }
 }
@@ -47,6 +55,40 @@ GenericIf::PtrConst boxLookup(R const& r) {
 template <class R>
 bool lookupFound(R const& r) {
   return static_cast<bool>(r);
+}
+
+// The signature of a handler function (a lambda taking the instance first).
+template <class F>
+struct HandlerSignature : HandlerSignature<decltype(&F::operator())> {};
+template <class C, class R, class Self, class... A>
+struct HandlerSignature<R (C::*)(Self, A...) const> {
+  using Result = R;
+  using Args = std::tuple<std::decay_t<A>...>;
+};
+
+template <class A>
+QelAttr::Parameter parameterOf(char const* name) {
+  QelAttr::Parameter p{Name(name), ValueTraits<A>::type(), IsPtr<A>::value, nullptr};
+  if constexpr (IsPtr<A>::value) {
+    using Pointee = std::remove_const_t<typename A::element_type>;
+    if constexpr (std::is_base_of_v<GenericIf, Pointee>) {
+      // An entity of a derived type fits too.
+      p.accepts = [](GenericIf const& g) { return dynamic_cast<Pointee const*>(&g) != nullptr; };
+    }
+  }
+  return p;
+}
+
+template <class E, class F, class... A, std::size_t... I>
+GenericIf::PtrConst invokeHandler(F const& f, E& e, std::vector<GenericIf::PtrConst> const& args,
+                                  std::tuple<A...>*, std::index_sequence<I...>) {
+  using R = typename HandlerSignature<F>::Result;
+  if constexpr (std::is_void_v<R>) {
+    f(e, ValueTraits<A>::unbox(args[I])...);
+    return {};
+  } else {
+    return ValueTraits<std::decay_t<R>>::box(f(e, ValueTraits<A>::unbox(args[I])...));
+  }
 }
 
 }  // namespace detail
@@ -92,7 +134,7 @@ class TypeBuilder {
     last_ = &type_.attributeNew(name, QelAttr::Kind::collection, vt, ValueTraits<K>::type());
     last_->elementsArePointersIs(detail::IsPtr<V>::value);
     last_->getterIs([lookup](GenericIf const& g, GenericIf::PtrConst const& key) {
-      return detail::boxLookup(lookup(self(g), ValueTraits<K>::unbox(key)));
+      return detail::boxLookup<V>(lookup(self(g), ValueTraits<K>::unbox(key)));
     });
     last_->memberIs([lookup](GenericIf const& g, GenericIf::PtrConst const& key) {
       return detail::lookupFound(lookup(self(g), ValueTraits<K>::unbox(key)));
@@ -106,6 +148,21 @@ class TypeBuilder {
           });
     }
     return *this;
+  }
+
+  // A handler `f(E&, args...)` with parameters named `params`, in the order of f's arguments.
+  template <std::size_t N, class F>
+  TypeBuilder& handler(Name const& name, char const* const (&params)[N], F f) {
+    static_assert(N == std::tuple_size_v<typename detail::HandlerSignature<F>::Args>,
+                  "one name for every parameter");
+    return handlerWith(name, params, std::move(f));
+  }
+  // A handler without parameters.
+  template <class F>
+  TypeBuilder& handler(Name const& name, F f) {
+    static_assert(std::tuple_size_v<typename detail::HandlerSignature<F>::Args> == 0,
+                  "a handler with parameters names them");
+    return handlerWith(name, static_cast<char const* const*>(nullptr), std::move(f));
   }
 
   // Marks the last attribute as a constructor attribute.
@@ -125,6 +182,28 @@ class TypeBuilder {
 
  private:
   static E const& self(GenericIf const& g) { return static_cast<E const&>(g); }
+
+  template <class F>
+  TypeBuilder& handlerWith(Name const& name, char const* const* params, F f) {
+    using Signature = detail::HandlerSignature<F>;
+    using Args = typename Signature::Args;
+    using R = std::decay_t<typename Signature::Result>;
+    constexpr std::size_t n = std::tuple_size_v<Args>;
+    QelType const* result = nullptr;
+    if constexpr (!std::is_void_v<R>) result = ValueTraits<R>::type();
+    std::vector<QelAttr::Parameter> parameters;
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+      (parameters.push_back(detail::parameterOf<std::tuple_element_t<I, Args>>(params[I])), ...);
+    }
+    (std::make_index_sequence<n>());
+    last_ = &type_.attributeNew(name, QelAttr::Kind::handler, result);
+    last_->parametersIs(std::move(parameters));
+    last_->invokerIs([f](GenericIf& g, std::vector<GenericIf::PtrConst> const& args) {
+      return detail::invokeHandler(f, static_cast<E&>(g), args, static_cast<Args*>(nullptr),
+                                   std::make_index_sequence<n>());
+    });
+    return *this;
+  }
 
   QelType& type_;
   QelAttr* last_ = nullptr;

@@ -166,10 +166,16 @@ TEST_F(ProfileTest, GroupRemovedFromItsProfileStaysReadable) {
 TEST_F(ProfileTest, GenericViewWritesByNameButNotTheConstructorAttributes) {
   g->attributeIs("blockingConditional", Qel::String("true"));
   EXPECT_TRUE(g->blockingConditional());
-  g->attributeIs("addProfile", Qel::ValueTraits<Mount>::box(Mount("/p", "T", "w")));
+  auto text = [](char const* t) { return Qel::ValueTraits<Qel::String>::box(t); };
+  g->invoke("addProfile", {{"path", text("/p")}, {"qelType", text("T")}, {"flags", text("w")}});
   auto m = g->attribute(PassiveMountGroup::kMountProfile, Qel::ValueTraits<Qel::String>::box("/p"));
   EXPECT_EQ(Qel::ValueTraits<Mount>::unbox(m), Mount("/p", "T", "w"));
   EXPECT_EQ(m->qelType()->name(), "Ledra::Mount");
+  EXPECT_EQ(g->attributeName(PassiveMountGroup::kAddProfile), "addProfile");
+  g->conditionColEnq("a");
+  g->conditionColEnq("b");
+  g->conditionColDeq();
+  EXPECT_EQ(g->attribute(PassiveMountGroup::kConditionColMetadata)->text(), "head 1 next 2");
   EXPECT_THROW(g->attributeIs("priority", Qel::String("3")), Qel::TypeException);
   EXPECT_EQ(test::errorOf<Qel::ConstInstanceException>([&] {
               Qel::Ptr<PassiveMountGroup const>(g)->attributeIs("entireCondition",
