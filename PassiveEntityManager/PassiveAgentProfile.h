@@ -116,17 +116,17 @@ class PassiveAgentProfile::NotifieeT : public Qel::BasicNotifiee<N> {
       case kRootFlags:
         return onRootFlags();
       case kTemplateKey:
-        onTemplateKey(*static_cast<Qel::U32 const*>(key.native));
-        onTemplateKeyqelImmediate();
-        return onTemplateKey();
+        return this->dispatchInTurn(
+            [&] { onTemplateKey(*static_cast<Qel::U32 const*>(key.native)); },
+            [&] { onTemplateKeyqelImmediate(); }, [&] { onTemplateKey(); });
       case kAliasKey:
-        onAliasKey(*static_cast<Qel::String const*>(key.native));
-        onAliasKeyqelImmediate();
-        return onAliasKey();
+        return this->dispatchInTurn(
+            [&] { onAliasKey(*static_cast<Qel::String const*>(key.native)); },
+            [&] { onAliasKeyqelImmediate(); }, [&] { onAliasKey(); });
       case kMountGroup:
-        onMountGroup(*static_cast<Qel::Name const*>(key.native));
-        onMountGroupqelImmediate();
-        return onMountGroup();
+        return this->dispatchInTurn(
+            [&] { onMountGroup(*static_cast<Qel::Name const*>(key.native)); },
+            [&] { onMountGroupqelImmediate(); }, [&] { onMountGroup(); });
       case kNoDefaultMountGroup:
         return onNoDefaultMountGroup();
       case kHybridMount:

@@ -26,9 +26,9 @@ class LEDRA_PEM_EXPORT PassiveAgentProfileDir : public Qel::Entity {
     virtual void onAgentProfile() {}
     void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
       if (aid != kAgentProfile) return;
-      onAgentProfile(*static_cast<Qel::Name const*>(key.native));
-      onAgentProfileqelImmediate();
-      onAgentProfile();
+      return this->dispatchInTurn(
+          [&] { onAgentProfile(*static_cast<Qel::Name const*>(key.native)); },
+          [&] { onAgentProfileqelImmediate(); }, [&] { onAgentProfile(); });
     }
   };
   using Notifiee = NotifieeT<PassiveAgentProfileDir>;

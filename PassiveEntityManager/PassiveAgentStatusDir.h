@@ -25,9 +25,9 @@ class LEDRA_PEM_EXPORT PassiveAgentStatusDir : public Qel::Entity {
     virtual void onAgentStatus() {}
     void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
       if (aid != kAgentStatus) return;
-      onAgentStatus(*static_cast<Qel::Name const*>(key.native));
-      onAgentStatusqelImmediate();
-      onAgentStatus();
+      return this->dispatchInTurn(
+          [&] { onAgentStatus(*static_cast<Qel::Name const*>(key.native)); },
+          [&] { onAgentStatusqelImmediate(); }, [&] { onAgentStatus(); });
     }
   };
   using Notifiee = NotifieeT<PassiveAgentStatusDir>;

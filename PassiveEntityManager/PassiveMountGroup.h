@@ -132,19 +132,19 @@ class PassiveMountGroup::NotifieeT : public Qel::BasicNotifiee<N> {
       case kConditionColMetadata:
         return onConditionColMetadata();
       case kConditionCol:
-        onConditionCol(*static_cast<Qel::U32 const*>(key.native));
-        onConditionColqelImmediate();
-        return onConditionCol();
+        return this->dispatchInTurn(
+            [&] { onConditionCol(*static_cast<Qel::U32 const*>(key.native)); },
+            [&] { onConditionColqelImmediate(); }, [&] { onConditionCol(); });
       case kTemplateConditionCol:
-        onTemplateConditionCol(*static_cast<Qel::String const*>(key.native));
-        onTemplateConditionColqelImmediate();
-        return onTemplateConditionCol();
+        return this->dispatchInTurn(
+            [&] { onTemplateConditionCol(*static_cast<Qel::String const*>(key.native)); },
+            [&] { onTemplateConditionColqelImmediate(); }, [&] { onTemplateConditionCol(); });
       case kBlockingConditional:
         return onBlockingConditional();
       case kMountProfile:
-        onMountProfile(*static_cast<Qel::String const*>(key.native));
-        onMountProfileqelImmediate();
-        return onMountProfile();
+        return this->dispatchInTurn(
+            [&] { onMountProfile(*static_cast<Qel::String const*>(key.native)); },
+            [&] { onMountProfileqelImmediate(); }, [&] { onMountProfile(); });
       default:
         return;
     }

@@ -1,20 +1,22 @@
 // ledra-sim: the deterministic simulation of the passive entity manager.
 //
-//   ledra-sim [--seed S] [--seeds K] [--steps N] [--avoid LIST] [--keep-going] [--single]
-//             [--verbose] [--history LINES] [--trace LEVELS]
+//   ledra-sim [--seed S] [--seeds K] [--steps N] [--avoid LIST] [--keep-going] [--open SEEDS]
+//             [--single] [--verbose] [--history LINES] [--trace LEVELS]
 //
 // Runs seeds S .. S+K-1, each for N steps, twice: untraced and with random trace level changes
 // (into the ring only), and compares what every agent was sent. --single skips the second run.
 // --avoid takes a comma-separated list of fault classes to stay away from: shared-create,
 // in-place-edit, all-skipped, root-refusal (the known ones: known names all four) and old-protocol.
 // --keep-going runs every seed in a child process and reports every failing seed at the end instead
-// of stopping at the first. What the library writes to standard error is kept aside and its tail
-// shown with a failure, unless --verbose. Exit status 0 when every seed passed.
+// of stopping at the first; --open S1,S2 names seeds of known faults still open, whose failure is
+// reported but does not fail the run. What the library writes to standard error is kept aside and
+// its tail shown with a failure, unless --verbose. Exit status 0 when every seed passed.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -38,14 +40,16 @@ struct Options {
   bool verbose = false;
   std::size_t history = Sim::History::kCapacity;
   std::string trace;
+  std::vector<std::uint64_t> open;  // seeds of known faults still open: reported, not failed
 };
 
 [[noreturn]] void usage(char const* why) {
-  std::fprintf(stderr,
-               "ledra-sim: %s\nusage: ledra-sim [--seed S] [--seeds K] [--steps N] "
-               "[--avoid shared-create,in-place-edit,all-skipped,root-refusal,old-protocol|known] "
-               "[--keep-going] [--single] [--verbose] [--history LINES] [--trace LEVELS]\n",
-               why);
+  std::fprintf(
+      stderr,
+      "ledra-sim: %s\nusage: ledra-sim [--seed S] [--seeds K] [--steps N] "
+      "[--avoid shared-create,in-place-edit,all-skipped,root-refusal,old-protocol|known] "
+      "[--keep-going] [--open SEEDS] [--single] [--verbose] [--history LINES] [--trace LEVELS]\n",
+      why);
   std::exit(2);
 }
 
@@ -68,6 +72,11 @@ Options parse(int argc, char** argv) {
       o.seed = number(value());
     } else if (a == "--seeds") {
       o.seeds = number(value());
+    } else if (a == "--open") {
+      std::string list = std::string(value()) + ",";
+      for (std::size_t pos = 0, comma; (comma = list.find(',', pos)) != std::string::npos;
+           pos = comma + 1)
+        o.open.push_back(number(list.substr(pos, comma - pos).c_str()));
     } else if (a == "--steps") {
       o.steps = static_cast<unsigned>(number(value()));
     } else if (a == "--avoid") {
@@ -230,5 +239,9 @@ int main(int argc, char** argv) {
       summary += " " + std::to_string(s);
   }
   say(summary);
-  return failed.empty() ? 0 : 1;
+  bool const onlyOpen = std::all_of(failed.begin(), failed.end(), [&o](std::uint64_t s) {
+    return std::find(o.open.begin(), o.open.end(), s) != o.open.end();
+  });
+  if (!failed.empty() && onlyOpen) say("every failing seed is a known open fault (--open)");
+  return onlyOpen ? 0 : 1;
 }

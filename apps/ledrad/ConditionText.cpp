@@ -4,27 +4,13 @@
 #include <sstream>
 #include <vector>
 
+#include "PassiveEntityManager/ConditionalMountGroupSm.h"
+
 namespace Ledrad {
 
 namespace {
 
 constexpr std::array<char const*, 8> kOperators = {"==", "!=", "<=", ">=", "<", ">", "in", "notin"};
-
-// Tokens of an attribute condition: a token ends at a blank or a dot; empty tokens are dropped.
-std::vector<std::string> conditionTokens(std::string const& text) {
-  std::vector<std::string> tokens;
-  std::string token;
-  for (char c : text) {
-    if (c == ' ' || c == '\t' || c == '.') {
-      if (!token.empty()) tokens.push_back(std::move(token));
-      token.clear();
-      continue;
-    }
-    token.push_back(c);
-  }
-  if (!token.empty()) tokens.push_back(std::move(token));
-  return tokens;
-}
 
 std::optional<ConditionText> refuse(std::string& reason, std::string text) {
   reason = std::move(text);
@@ -52,28 +38,19 @@ std::optional<ConditionText> ConditionText::parse(std::string const& text, std::
   if (firstWord.find('.') != std::string::npos) {
     return refuse(reason, "the constant '" + firstWord + "' holds a dot, which ends a token");
   }
-  std::vector<std::string> const tokens = conditionTokens(text);
-  if (tokens.size() < 2) return refuse(reason, "condition '" + text + "' is incomplete" + usage);
-  ConditionText c;
-  c.constant = tokens[0];
-  c.op = tokens[1];
-  if (!isOperator(c.op)) {
-    return refuse(reason, "unknown operator '" + c.op + "' (one of == != <= >= < > in notin)");
+  // The engine's own reading of the text, so that the file and the engine never disagree.
+  auto const parts = Ledra::ConditionalMountGroupSm::conditionParts(text);
+  if (parts.op.empty()) return refuse(reason, "condition '" + text + "' is incomplete" + usage);
+  if (!isOperator(parts.op)) {
+    return refuse(reason, "unknown operator '" + parts.op + "' (one of == != <= >= < > in notin)");
   }
-  std::size_t next = 2;
-  if (next < tokens.size() && tokens[next] == "len(") {
-    c.len = true;
-    ++next;
-  }
-  if (tokens.size() < next + 2) {
+  if (parts.path.empty() || parts.attribute.empty()) {
     return refuse(reason, "condition '" + text + "' is incomplete" + usage);
   }
-  c.path = tokens[next];
-  c.attribute = tokens[next + 1];
-  if (c.path.front() != '/') {
-    return refuse(reason, "the entity path '" + c.path + "' does not begin with '/'");
+  if (parts.path.front() != '/') {
+    return refuse(reason, "the entity path '" + parts.path + "' does not begin with '/'");
   }
-  return c;
+  return ConditionText{parts.constant, parts.op, parts.len, parts.path, parts.attribute};
 }
 
 std::optional<TemplateConditionText> TemplateConditionText::parse(std::string const& text,

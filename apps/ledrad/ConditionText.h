@@ -4,8 +4,9 @@
 //
 // An attribute condition reads "CONSTANT OPERATOR [len(] PATH.ATTRIBUTE": a token ends at a blank
 // or a dot and the separator is dropped, so neither the constant nor the path may hold a dot.
-// Whatever follows the attribute (such as a closing parenthesis) is not read. The operator is one
-// of == != <= >= < > in notin.
+// Whatever follows the attribute is not read, and the parenthesis closing "len(" may follow the
+// attribute directly. The operator is one of == != <= >= < > in notin. The parts are read by the
+// engine's own reader (ConditionalMountGroupSm::conditionParts), so file and engine agree.
 //
 // A template condition reads "TEMPLATE OPERATOR VALUE" (blank-separated, exactly three words);
 // only == != in notin are allowed, and the value NULL stands for the empty text.

@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "Qel/NboAttrLog/WireText.h"
 #include "apps/ledrad/FileError.h"
 #include "apps/ledrad/StatusFormat.h"
 
@@ -26,8 +27,9 @@ std::string ControlCommands::usage() {
          "  load-state FILE...\n";
 }
 
+// A control client's words (paths, values, file names) reach the event line: shown on one line.
 void ControlCommands::event(std::string const& line) const {
-  if (events_) events_(line);
+  if (events_) events_(Qel::NboAttrLog::printableText(line));
 }
 
 ControlReply ControlCommands::execute(std::vector<std::string> const& request) {

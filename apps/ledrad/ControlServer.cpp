@@ -148,7 +148,7 @@ void ControlServer::readRequest(int fd, Client& c) {
     if (nl != std::string::npos) {
       std::vector<std::string> const request = decodeRequest(std::string_view(c.in).substr(0, nl));
       ++requests_;
-      bool const empty = request.empty() || request.front().empty();
+      bool const empty = request.empty() || (request.size() == 1 && request.front().empty());
       answer(fd, c, empty ? ControlReply{false, "empty request\n"} : handler_(request));
       return;
     }

@@ -157,6 +157,7 @@ void GenericIf::NotifieeConst::qelDispatch(AttributeId aid, NotifyKey const& key
 }
 
 NotifieeBase::~NotifieeBase() {
+  if (destroyed_) *destroyed_ = true;
   notifierBaseIs(nullptr);
 }
 

@@ -10,6 +10,8 @@
 // attribute id into a call of its onX() callback, the generic notifiee into onAttribute().
 #pragma once
 
+#include <utility>
+
 #include "Qel/Api.h"
 
 #include "Qel/Ptr.h"
@@ -56,6 +58,21 @@ class QEL_API NotifieeBase {
   // The notifier died while this (weak) notifiee still watched it.
   virtual void onNotifierDeleted() {}
 
+  // Calls each callback in turn, stopping once one has destroyed this notifiee: a collection's
+  // change is told three ways (the key, then qelImmediate, then the whole), and the first may
+  // end the notifiee's owner. Nests.
+  template <class... Calls>
+  void dispatchInTurn(Calls&&... calls) {
+    bool destroyed = false;
+    bool* const outer = std::exchange(destroyed_, &destroyed);
+    ((destroyed ? void() : calls()), ...);
+    if (!destroyed) {
+      destroyed_ = outer;
+      return;
+    }
+    if (outer) *outer = true;
+  }
+
  private:
   friend class GenericIf;
   void notifierGone();
@@ -64,6 +81,7 @@ class QEL_API NotifieeBase {
   bool weak_;
   bool active_ = true;
   bool zombie_ = false;
+  bool* destroyed_ = nullptr;  // set by the destructor while dispatchInTurn runs
 };
 
 // A notifiee of a concrete notifier type N (N or N const), with notifier() typed accordingly.

@@ -182,6 +182,10 @@ TEST_F(DatabaseTest, CommandLoadsAndSetsAndTellsTheEvents) {
   EXPECT_EQ(events, (Strings{"loaded state " + first, "loaded state " + again,
                              "refused " + bad + ":2: unknown type 'nothing'",
                              "set /dbTest/Ledra/box level: 0 -> 7"}));
+  // A client's words reach the event line on one line: they cannot forge another.
+  run({"load-state", "/no/such\nAll mounts complete for fan-1"});
+  EXPECT_EQ(events.back().find('\n'), std::string::npos);
+  EXPECT_NE(events.back().find("/no/such\\x0aAll mounts"), std::string::npos) << events.back();
 }
 
 TEST_F(DatabaseTest, CommandStatusOfNoAgentIsTheSummaryLine) {

@@ -47,6 +47,7 @@ TEST(ConditionText, SplitsAtBlanksAndDotsOrSaysWhy) {
       {"1 == /a/b.c", "1|==||/a/b|c"},
       {"on notin /a.c", "on|notin||/a|c"},
       {"2 >= len( /a/b.col )", "2|>=|len|/a/b|col"},
+      {"2 >= len( /a/b.col)", "2|>=|len|/a/b|col"},
       {"x  in   /a.b  trailing", "x|in||/a|b"},
       {"1 == /a.b.c", "1|==||/a|b"},
       {"1.5 == /a.b", "the constant '1.5' holds a dot, which ends a token"},

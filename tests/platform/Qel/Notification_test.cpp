@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "Qel/ActivityManagerConfig.h"
 #include "support/LeakCheck.h"
@@ -148,3 +149,41 @@ TEST_F(NotificationTest, NotifieeDroppingTheLastReferenceDuringDelivery) {
 }
 
 }  // namespace
+
+// A change told in several calls (as a collection's is) stops at the call that destroyed the
+// notifiee: nothing reaches the dead object. Nested dispatches hand the news outwards.
+class InTurn : public Config::NotifieeConst {
+ public:
+  explicit InTurn(std::vector<int>& calls) : calls_(calls) {}
+  bool deleteAtFirst = false;
+  bool nestAtFirst = false;
+  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
+    dispatchInTurn(
+        [&] {
+          calls_.push_back(1);
+          if (nestAtFirst) {
+            nestAtFirst = false;
+            return qelDispatch(aid, key);
+          }
+          if (deleteAtFirst) delete this;
+        },
+        [&] { calls_.push_back(2); }, [&] { calls_.push_back(3); });
+  }
+
+ private:
+  std::vector<int>& calls_;
+};
+
+TEST_F(NotificationTest, ACallThatDestroysTheNotifieeEndsItsDispatch) {
+  std::vector<int> calls;
+  auto* n = new InTurn(calls);
+  n->notifierIs(g);
+  g->systemNameIs("a");
+  EXPECT_EQ(calls, (std::vector<int>{1, 2, 3}));
+  calls.clear();
+  n->nestAtFirst = true;
+  n->deleteAtFirst = true;
+  g->systemNameIs("b");
+  // The nested dispatch deleted it at its first call; the outer one stops as well.
+  EXPECT_EQ(calls, (std::vector<int>{1, 1}));
+}
