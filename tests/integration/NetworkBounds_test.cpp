@@ -189,6 +189,11 @@ TEST_F(NetworkBounds, ARefusedLedraCtlPrintsWhyAndIdleConnectionsTimeOut) {
 // With its descriptors used up, ledrad pauses accepting on both sockets (instead of spinning on
 // the control socket) and serves the waiting ledra-ctl once agents leave.
 TEST_F(NetworkBounds, OutOfDescriptorsAWaitingControlClientIsServedOnceSomeAreFree) {
+#ifdef LEDRA_SANITIZE
+  // UBSan tests whether memory is readable through a pipe: with no descriptor left it takes every
+  // object for unreadable and reports it. The normal build runs this test.
+  GTEST_SKIP() << "needs descriptors the sanitizers cannot do without";
+#endif
   startLedrad({"--trace", "LedraPlatform=1"});
   std::size_t open = 0;
   for (auto const& e : fs::directory_iterator("/proc/" + std::to_string(ledrad_->pid()) + "/fd")) {

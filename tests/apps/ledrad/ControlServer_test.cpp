@@ -220,6 +220,11 @@ TEST_F(ControlServerTest, AReplyNotTakenInTimeIsDropped) {
 // simulated time goes on. It retries after a while and serves the waiting client once a
 // descriptor is free. Run in a child process, whose descriptor limit can be lowered.
 TEST_F(ControlServerTest, OutOfDescriptorsAcceptingPausesUntilOneIsFree) {
+#ifdef LEDRA_SANITIZE
+  // UBSan tests whether memory is readable through a pipe: with no descriptor left it takes every
+  // object for unreadable and reports it. The normal build runs this test.
+  GTEST_SKIP() << "needs descriptors the sanitizers cannot do without";
+#endif
   start();
   auto exhausted = [&] {
     ::alarm(10);  // a server that spins keeps the simulated time from moving: fail, not hang
