@@ -75,13 +75,22 @@ Qel::String nextWord(Qel::String const& text, std::size_t& pos) {
 
 }  // namespace
 
+TemplateConditionParts templateConditionParts(Qel::String const& condition) {
+  TemplateConditionParts parts;
+  std::size_t pos = 0;
+  parts.templ = nextWord(condition, pos);
+  parts.op = nextWord(condition, pos);
+  parts.value = nextWord(condition, pos);
+  std::size_t const rest = condition.find_first_not_of(" \t", pos);
+  if (rest != std::string::npos) parts.rest = condition.substr(rest);
+  return parts;
+}
+
 bool evaluateTemplateCondition(Qel::String const& condition,
                                PassiveAgentStatus::Ptr const& status) {
   TRACE(PassiveEntityManager, kTraceDecision, "evaluateTemplateCondition: {}", condition);
-  std::size_t pos = 0;
-  Qel::String const templ = nextWord(condition, pos);
-  Qel::String const opText = nextWord(condition, pos);
-  Qel::String value = nextWord(condition, pos);
+  auto const [templ, opText, written, rest] = templateConditionParts(condition);
+  Qel::String value = written;
   Qel::String const result = canonicalizePath(templ, status);
   TRACE(PassiveEntityManager, kTraceDecision, "template {} value is {}", templ, result);
   Orn::LogicalOp const logicalOp = Orn::strToLogicalOp(opText);

@@ -33,6 +33,16 @@ LEDRA_PEM_EXPORT Qel::String canonicalizePath(Qel::String const& path,
 // A template condition "template operator value" (blank-separated, read in that order): the
 // template and the value are substituted, "NULL" stands for the empty text, and the operator must
 // be equality or inequality ("==", "!=", "in", "notin"; anything else is a fatal assertion).
+struct TemplateConditionParts {
+  Qel::String templ;
+  Qel::String op;
+  Qel::String value;
+  Qel::String rest;  // whatever follows the value, without the blanks before it
+};
+// The words of a template condition as evaluateTemplateCondition reads them: separated by blanks
+// and tabs, missing ones empty.
+LEDRA_PEM_EXPORT TemplateConditionParts templateConditionParts(Qel::String const& condition);
+
 LEDRA_PEM_EXPORT bool evaluateTemplateCondition(Qel::String const& condition,
                                                 PassiveAgentStatus::Ptr const& status);
 

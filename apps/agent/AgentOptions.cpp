@@ -4,7 +4,12 @@
 #include <cstdlib>
 #include <limits>
 
+#include "Qel/NboAttrLog/WireText.h"
+
 namespace LedraAgent {
+
+AgentOptionsError::AgentOptionsError(std::string const& why)
+    : std::runtime_error(Qel::NboAttrLog::printableText(why)) {}
 
 namespace {
 

@@ -24,7 +24,8 @@ namespace LedraAgent {
 
 class AgentOptionsError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  // The reason on one line: the arguments it quotes are shown in printable form.
+  explicit AgentOptionsError(std::string const& why);
 };
 
 struct AgentOptions {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
+#include "PassiveEntityManager/PathTemplates.h"
 
 namespace Ledrad {
 
@@ -55,15 +56,13 @@ std::optional<ConditionText> ConditionText::parse(std::string const& text, std::
 
 std::optional<TemplateConditionText> TemplateConditionText::parse(std::string const& text,
                                                                   std::string& reason) {
-  std::istringstream in(text);
-  std::vector<std::string> words;
-  for (std::string w; in >> w;)
-    words.push_back(w);
-  if (words.size() != 3) {
+  // The engine's own reading of the words, as for attribute conditions.
+  auto const parts = Ledra::templateConditionParts(text);
+  if (parts.value.empty() || !parts.rest.empty()) {
     reason = "template condition '" + text + "' needs exactly TEMPLATE OPERATOR VALUE";
     return std::nullopt;
   }
-  TemplateConditionText t{words[0], words[1], words[2]};
+  TemplateConditionText t{parts.templ, parts.op, parts.value};
   if (t.op != "==" && t.op != "!=" && t.op != "in" && t.op != "notin") {
     reason = "template condition operator '" + t.op + "' is not one of == != in notin";
     return std::nullopt;

@@ -8,8 +8,9 @@
 // attribute directly. The operator is one of == != <= >= < > in notin. The parts are read by the
 // engine's own reader (ConditionalMountGroupSm::conditionParts), so file and engine agree.
 //
-// A template condition reads "TEMPLATE OPERATOR VALUE" (blank-separated, exactly three words);
-// only == != in notin are allowed, and the value NULL stands for the empty text.
+// A template condition reads "TEMPLATE OPERATOR VALUE" (exactly three words, separated by blanks or
+// tabs, read by the engine's templateConditionParts); only == != in notin are allowed, and the
+// value NULL stands for the empty text.
 //
 // parse() returns the parts, or an empty result with the reason in `reason`. Pure functions.
 #pragma once

@@ -38,8 +38,10 @@ EntityUri::EntityUri(String path, String query) : path_(std::move(path)), query_
 }
 
 String EntityUri::text() const {
-  if (query_.empty()) return path_;
-  return String(path_ + "?" + query_);
+  // A path that reads as a scheme of its own keeps the prefix, so that the text parses back.
+  String out = schemeLength(path_) != 0 ? String(String(kScheme) + ":" + path_) : path_;
+  if (!query_.empty()) out += "?" + query_;
+  return out;
 }
 
 }  // namespace Qel

@@ -6,9 +6,9 @@
 // '+', '-' or '.' after a letter, then ':', before any '/' or '?') throws ParseException
 // "not an entity URI: <text>"; so does a text with an empty path.
 //
-// text() gives the canonical form without the scheme prefix: the path, then '?' and the query
-// when the query is not empty. flags() reads the mount flags of the query (parseMountFlags).
-// A plain value.
+// text() gives the canonical form without the scheme prefix (kept only for a path that would read
+// as a scheme itself, "entity:x:/a"): the path, then '?' and the query when it is not empty.
+// flags() reads the mount flags of the query (parseMountFlags). A plain value.
 #pragma once
 
 #include "Qel/Api.h"

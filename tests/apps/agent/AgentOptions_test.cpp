@@ -83,6 +83,7 @@ INSTANTIATE_TEST_SUITE_P(CommandLines, AgentOptionsRefusalTest, ::testing::Value
     Refused{"NoSocket", {"--name", "a"}, "missing --socket PATH"},
     Refused{"NameWithoutValue", {"--socket", "/s", "--name"}, "--name needs a value"},
     Refused{"UnknownOption", withBase({"--colour", "red"}), "unknown option --colour"},
+    Refused{"ReasonOnOneLine", withBase({"--a\nb"}), "unknown option --a\\x0ab"},
     Refused{"ExtraArgument", withBase({"extra"}), "unexpected argument 'extra'"},
     Refused{"FailWithoutText", withBase({"--fail", "/p"}), "--fail needs PATH=TEXT, not '/p'"},
     Refused{"FailWithoutPath", withBase({"--fail", "=text"}), "--fail needs PATH=TEXT, not '=text'"},

@@ -69,6 +69,9 @@ TEST(ConditionText, SplitsAtBlanksAndDotsOrSaysWhy) {
   ASSERT_TRUE(t);
   EXPECT_EQ(t->templ + "|" + t->op + "|" + t->value, "%a|!=|NULL");
   EXPECT_TRUE(TemplateConditionText::parse("%a in x", reason));
+  // Words are separated as the engine separates them: a form feed is no separator.
+  EXPECT_FALSE(TemplateConditionText::parse("%a ==\f x", reason));
+  EXPECT_EQ(reason, "template condition operator '==\f' is not one of == != in notin");
 }
 
 TEST(ControlProtocol, EveryWordArrivesAsGivenEmptyOnesIncluded) {

@@ -37,6 +37,7 @@ INSTANTIATE_TEST_SUITE_P(
                       UriCase{"/a/b?flags=Cnp", "/a/b", "flags=Cnp", "/a/b?flags=Cnp"},
                       UriCase{"entity:/a/b?flags=w", "/a/b", "flags=w", "/a/b?flags=w"},
                       UriCase{"entity:/x", "/x", "", "/x"},
+                      UriCase{"entity:x:/a?flags=w", "x:/a", "flags=w", "entity:x:/a?flags=w"},
                       UriCase{"/a:b/c?flags=p", "/a:b/c", "flags=p", "/a:b/c?flags=p"},
                       UriCase{"/a?", "/a", "", "/a"},
                       UriCase{"/a?x=1?y", "/a", "x=1?y", "/a?x=1?y"},
