@@ -186,8 +186,8 @@ Event Generator::next() {
   return e;
 }
 
-ProfileSpec Generator::profile(std::string const& name) {
-  ProfileSpec p;
+ProfilePlan Generator::profile(std::string const& name) {
+  ProfilePlan p;
   p.name = name;
   p.rootFlags = chance(20) ? "N" : "";
   p.hybrid = chance(25);
@@ -214,8 +214,8 @@ ProfileSpec Generator::profile(std::string const& name) {
   return p;
 }
 
-GroupSpec Generator::group(std::string const& name, bool withTemplateConditions) {
-  GroupSpec g;
+GroupPlan Generator::group(std::string const& name, bool withTemplateConditions) {
+  GroupPlan g;
   g.name = chance(5) ? "peerReady" : name;
   g.priority = 1 + below(chance(20) ? 99 : 6);
   unsigned const mounts = 1 + below(3);
@@ -243,8 +243,8 @@ GroupSpec Generator::group(std::string const& name, bool withTemplateConditions)
   return g;
 }
 
-MountSpec Generator::mount() {
-  MountSpec m;
+MountPlan Generator::mount() {
+  MountPlan m;
   m.type = "Qel::Dir";
   bool const directory = chance(15);
   std::string rel;
@@ -267,8 +267,8 @@ MountSpec Generator::mount() {
   return m;
 }
 
-ConditionSpec Generator::condition() {
-  ConditionSpec c;
+ConditionPlan Generator::condition() {
+  ConditionPlan c;
   c.sensor = static_cast<int>(below(kSensors));
   static std::vector<std::string> const ops{"==", "!=", "<", "<=", ">", ">="};
   switch (below(6)) {
@@ -319,11 +319,11 @@ std::string Generator::traceLevelText() {
   return text;
 }
 
-std::string ConditionSpec::sensorPath() const {
+std::string ConditionPlan::sensorPath() const {
   return std::string(kRoot) + "/sensors/s" + std::to_string(sensor);
 }
 
-std::string ConditionSpec::text() const {
+std::string ConditionPlan::text() const {
   return constant + " " + op + " " + (len ? "len( " : "") + sensorPath() + "." + attribute;
 }
 

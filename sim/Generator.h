@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/Specs.h"
+#include "sim/Plans.h"
 
 namespace Sim {
 
@@ -63,9 +63,9 @@ struct Event {
   unsigned profile = 0;        // index into the profile table
   unsigned index = 0;          // a path, sensor, group, ... chosen by the kind
   unsigned value = 0;          // a value chosen by the kind
-  ProfileSpec newProfile;      // reloadProfile
-  GroupSpec newGroup;          // addGroup
-  ConditionSpec newCondition;  // editGroup
+  ProfilePlan newProfile;      // reloadProfile
+  GroupPlan newGroup;          // addGroup
+  ConditionPlan newCondition;  // editGroup
   std::string traceLevels;     // traceLevels
   double dt = 0;               // simulated time run after the event
 };
@@ -79,7 +79,7 @@ class Generator {
   static std::string describe(Event const& e);
   // A number below n, for the world's initial state.
   unsigned number(unsigned n) { return below(n); }
-  ProfileSpec profile(std::string const& name);
+  ProfilePlan profile(std::string const& name);
 
   // The fixed tables the events index into.
   static std::vector<std::string> const& agentNames();
@@ -95,9 +95,9 @@ class Generator {
   T const& pick(std::vector<T> const& v) {
     return v[below(static_cast<unsigned>(v.size()))];
   }
-  GroupSpec group(std::string const& name, bool withTemplateConditions);
-  MountSpec mount();
-  ConditionSpec condition();
+  GroupPlan group(std::string const& name, bool withTemplateConditions);
+  MountPlan mount();
+  ConditionPlan condition();
   std::string traceLevelText();
   double runTime();
 

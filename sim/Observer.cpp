@@ -4,7 +4,7 @@
 
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/Demuxer.h"
-#include "sim/Specs.h"
+#include "sim/Plans.h"
 
 namespace Sim {
 

@@ -34,7 +34,7 @@ MountTable::PathState synchronisedState() {
       true);
 }
 
-std::string join(std::vector<ConditionSpec> const& conditions) {
+std::string join(std::vector<ConditionPlan> const& conditions) {
   std::string text;
   for (auto const& c : conditions)
     text += (text.empty() ? "" : " && ") + c.text();
@@ -72,9 +72,9 @@ World::World(Generator& generator, Avoid avoid, bool traced, History& history)
   profiles_ = Ledra::passiveAgentProfileDirFactory("profiles");
   statuses_ = Ledra::passiveAgentStatusDirFactory("statuses");
   for (auto const& name : Generator::profileNames()) {
-    ProfileSpec spec = generator_.profile(name);
+    ProfilePlan plan = generator_.profile(name);
     if (generator_.number(100) < 25) continue;  // added later by a reload, if ever
-    applyProfile(spec);
+    applyProfile(plan);
   }
   entMgr_ = Ledra::EntityManager::entityManagerNew(
       "entityManager", generator_.number(2) ? Ledra::EntityManager::Role::active
@@ -196,34 +196,34 @@ std::string World::apply(Event const& e) {
              " groups)";
     }
     case Kind::addGroup: {
-      auto it = specs_.find(profileName);
-      if (it == specs_.end()) return "add group to " + profileName + ": no profile";
-      ProfileSpec spec = it->second;
-      std::erase_if(spec.groups, [&](GroupSpec const& g) { return g.name == e.newGroup.name; });
-      spec.groups.push_back(e.newGroup);
-      applyProfile(spec);
+      auto it = plans_.find(profileName);
+      if (it == plans_.end()) return "add group to " + profileName + ": no profile";
+      ProfilePlan plan = it->second;
+      std::erase_if(plan.groups, [&](GroupPlan const& g) { return g.name == e.newGroup.name; });
+      plan.groups.push_back(e.newGroup);
+      applyProfile(plan);
       entitleAll();
       return "add group " + e.newGroup.name + " (priority " + std::to_string(e.newGroup.priority) +
              ") to " + profileName;
     }
     case Kind::removeGroup: {
-      auto it = specs_.find(profileName);
-      if (it == specs_.end() || it->second.groups.empty()) return "remove group: none";
-      ProfileSpec spec = it->second;
-      std::string const name = spec.groups[e.index % spec.groups.size()].name;
-      std::erase_if(spec.groups, [&](GroupSpec const& g) { return g.name == name; });
+      auto it = plans_.find(profileName);
+      if (it == plans_.end() || it->second.groups.empty()) return "remove group: none";
+      ProfilePlan plan = it->second;
+      std::string const name = plan.groups[e.index % plan.groups.size()].name;
+      std::erase_if(plan.groups, [&](GroupPlan const& g) { return g.name == name; });
       bool const plainLeft =
-          std::any_of(spec.groups.begin(), spec.groups.end(),
-                      [](GroupSpec const& g) { return g.templateConditions.empty(); });
+          std::any_of(plan.groups.begin(), plan.groups.end(),
+                      [](GroupPlan const& g) { return g.templateConditions.empty(); });
       if (avoid_.allSkipped && !plainLeft) return "remove group " + name + ": avoided";
-      applyProfile(spec);
+      applyProfile(plan);
       return "remove group " + name + " from " + profileName;
     }
     case Kind::editGroup: {
-      auto it = specs_.find(profileName);
-      if (it == specs_.end() || it->second.groups.empty()) return "edit group: none";
+      auto it = plans_.find(profileName);
+      if (it == plans_.end() || it->second.groups.empty()) return "edit group: none";
       if (avoid_.inPlaceEdit) return "edit group: avoided";
-      GroupSpec& gs = it->second.groups[e.index % it->second.groups.size()];
+      GroupPlan& gs = it->second.groups[e.index % it->second.groups.size()];
       auto g = profiles_->agentProfile(Qel::Name(profileName))->mountGroup(Qel::Name(gs.name));
       if (!g) return "edit group " + gs.name + ": gone";
       g->conditionColEnq(e.newCondition.text());
@@ -262,12 +262,12 @@ void World::becomeActive(Ledra::EntityManager::Role role) {
   entMgr_->localIs(role);
   observer_->droppingIs(false);
   if (!activated) return;
-  for (auto& [name, spec] : specs_)
-    std::erase_if(spec.groups, [](GroupSpec const& g) { return g.name == "peerReady"; });
+  for (auto& [name, plan] : plans_)
+    std::erase_if(plan.groups, [](GroupPlan const& g) { return g.name == "peerReady"; });
   if (!avoid_.allSkipped) return;
-  auto const specs = specs_;
-  for (auto const& [name, spec] : specs)
-    applyProfile(spec);
+  auto const plans = plans_;
+  for (auto const& [name, plan] : plans)
+    applyProfile(plan);
 }
 
 std::string World::agentChange(AgentState& a, Event const& e) {
@@ -298,7 +298,7 @@ std::string World::connect(AgentState& a, Event const& e) {
   // The template values are fixed when the engine starts, from the profile of that moment.
   a.values.clear();
   if (!a.profile.empty()) {
-    ProfileSpec const& p = specs_.at(a.profile);
+    ProfilePlan const& p = plans_.at(a.profile);
     std::vector<std::string> fields;
     std::size_t pos = 0;
     while (true) {
@@ -327,11 +327,11 @@ std::string World::connect(AgentState& a, Event const& e) {
 // --- entitlement
 
 std::string World::profileFor(std::string const& agent) const {
-  if (specs_.count(agent)) return agent;
+  if (plans_.count(agent)) return agent;
   std::string rest = agent;
   for (auto dash = rest.rfind('-'); dash != std::string::npos; dash = rest.rfind('-')) {
     rest = rest.substr(0, dash);
-    if (specs_.count(rest + "-")) return rest + "-";
+    if (plans_.count(rest + "-")) return rest + "-";
   }
   return "";
 }
@@ -378,8 +378,8 @@ std::string World::canonical(AgentState const& a, std::string const& path) const
 
 void World::entitle(AgentState& a) {
   if (a.profile.empty()) return;
-  auto it = specs_.find(a.profile);
-  if (it == specs_.end()) return;
+  auto it = plans_.find(a.profile);
+  if (it == plans_.end()) return;
   for (auto const& g : it->second.groups) {
     for (auto const& m : g.mounts) {
       std::string const path = canonical(a, m.path);
@@ -414,7 +414,7 @@ std::string World::entitlement(std::string const& agent, std::string const& path
 
 // --- profiles
 
-void World::fillGroup(Ledra::PassiveMountGroup& g, GroupSpec const& s) {
+void World::fillGroup(Ledra::PassiveMountGroup& g, GroupPlan const& s) {
   if (!s.conditions.empty()) g.entireConditionIs(join(s.conditions));
   for (auto const& c : s.conditions) {
     g.conditionColEnq(c.text());
@@ -427,35 +427,35 @@ void World::fillGroup(Ledra::PassiveMountGroup& g, GroupSpec const& s) {
     g.addProfile(m.path, m.type, m.flags);
 }
 
-void World::applyProfile(ProfileSpec const& given) {
-  ProfileSpec spec = given;
+void World::applyProfile(ProfilePlan const& given) {
+  ProfilePlan plan = given;
   // One group per name, as in a profile file.
   std::set<std::string> names;
-  std::erase_if(spec.groups, [&](GroupSpec const& g) { return !names.insert(g.name).second; });
-  bool const plain = std::any_of(spec.groups.begin(), spec.groups.end(), [](GroupSpec const& g) {
+  std::erase_if(plan.groups, [&](GroupPlan const& g) { return !names.insert(g.name).second; });
+  bool const plain = std::any_of(plan.groups.begin(), plan.groups.end(), [](GroupPlan const& g) {
     return g.templateConditions.empty() && g.name != "peerReady";
   });
   if (avoid_.allSkipped && !plain) {
     // A group that is never skipped and never removed by the switch to active.
-    GroupSpec base;
+    GroupPlan base;
     base.name = "base";
     base.mounts.push_back({std::string(kRoot) + "/d0", "Qel::Dir", "r"});
-    spec.groups.push_back(base);
+    plan.groups.push_back(base);
     names.insert(base.name);
   }
-  auto const before = specs_.find(spec.name);
-  auto p = profiles_->agentProfileIs(Qel::Name(spec.name));
-  p->rootFlagsIs(spec.rootFlags);
-  p->hybridMountIs(spec.hybrid);
-  p->lowMountPrioIs(spec.lowPrio);
-  if (before == specs_.end() || before->second.templateKeys != spec.templateKeys) {
+  auto const before = plans_.find(plan.name);
+  auto p = profiles_->agentProfileIs(Qel::Name(plan.name));
+  p->rootFlagsIs(plan.rootFlags);
+  p->hybridMountIs(plan.hybrid);
+  p->lowMountPrioIs(plan.lowPrio);
+  if (before == plans_.end() || before->second.templateKeys != plan.templateKeys) {
     p->templateKeyDelAll();
-    for (auto const& [position, key] : spec.templateKeys)
+    for (auto const& [position, key] : plan.templateKeys)
       p->templateKeyIs(position, key);
   }
-  if (before == specs_.end() || before->second.aliases != spec.aliases) {
+  if (before == plans_.end() || before->second.aliases != plan.aliases) {
     p->aliasKeyDelAll();
-    for (auto const& [alias, key] : spec.aliases)
+    for (auto const& [alias, key] : plan.aliases)
       p->aliasKeyIs(alias, key);
   }
   std::vector<Qel::Name> stale;
@@ -464,10 +464,10 @@ void World::applyProfile(ProfileSpec const& given) {
   }
   for (auto const& name : stale)
     p->mountGroupDel(name);
-  for (auto const& gs : spec.groups) {
+  for (auto const& gs : plan.groups) {
     if (p->mountGroup(Qel::Name(gs.name))) {
       bool same = false;
-      if (before != specs_.end()) {
+      if (before != plans_.end()) {
         for (auto const& old : before->second.groups)
           same = same || old == gs;
       }
@@ -476,7 +476,7 @@ void World::applyProfile(ProfileSpec const& given) {
     }
     fillGroup(*p->mountGroupIs(Qel::Name(gs.name), gs.priority), gs);
   }
-  specs_[spec.name] = spec;
+  plans_[plan.name] = plan;
 }
 
 // --- the tree
@@ -543,7 +543,7 @@ std::string World::write(unsigned i, unsigned what, unsigned value) {
   }
 }
 
-void World::makeTrue(ConditionSpec const& c) {
+void World::makeTrue(ConditionPlan const& c) {
   auto s = sensor(static_cast<unsigned>(c.sensor));
   if (!s) return;
   bool const eq = c.op == "==" || c.op == "in";

@@ -81,14 +81,14 @@ class World {
   // `path` with the agent's template values substituted, computed here, not by the library.
   std::string canonical(AgentState const& a, std::string const& path) const;
   std::string entitlement(std::string const& agent, std::string const& path) const;
-  void applyProfile(ProfileSpec const& spec);
-  void fillGroup(Ledra::PassiveMountGroup& g, GroupSpec const& s);
+  void applyProfile(ProfilePlan const& plan);
+  void fillGroup(Ledra::PassiveMountGroup& g, GroupPlan const& s);
   void makeDir(std::string const& relative);
   std::string removeDir(std::string const& relative);
   Qel::DynamicEntity::Ptr sensor(unsigned i) const;
   std::string createSensor(unsigned i);
   std::string write(unsigned sensor, unsigned what, unsigned value);
-  void makeTrue(ConditionSpec const& c);
+  void makeTrue(ConditionPlan const& c);
   std::string agentChange(AgentState& a, Event const& e);
   void becomeActive(Ledra::EntityManager::Role role);
   bool waitsOnReplacedEntity(Ledra::PassiveEntityManagerSm const& engine) const;
@@ -105,8 +105,8 @@ class World {
   Ledra::PassiveAgentStatusDir::Ptr statuses_;
   Ledra::EntityManager::Ptr entMgr_;
   Ledra::PassiveEntityManagerSmWrapper::Ptr wrapper_;
-  std::map<std::string, ProfileSpec> specs_;
-  std::map<std::string, ConditionSpec> conditions_;  // every condition ever given, by its text
+  std::map<std::string, ProfilePlan> plans_;
+  std::map<std::string, ConditionPlan> conditions_;  // every condition ever given, by its text
   std::vector<AgentState> agents_;
   std::unique_ptr<Observer> observer_;
 };

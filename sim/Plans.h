@@ -13,15 +13,15 @@ namespace Sim {
 // The database root every path of the simulation lives under.
 inline constexpr char const* kRoot = "/ledra/Ledra";
 
-struct MountSpec {
+struct MountPlan {
   std::string path;  // may hold template keys
   std::string type;
   std::string flags;
-  bool operator==(MountSpec const&) const = default;
+  bool operator==(MountPlan const&) const = default;
 };
 
 // "<constant> <op> [len( ]<sensor path>.<attribute>", constant on the left.
-struct ConditionSpec {
+struct ConditionPlan {
   int sensor = 0;
   std::string attribute;
   std::string op;
@@ -30,27 +30,27 @@ struct ConditionSpec {
 
   std::string sensorPath() const;
   std::string text() const;
-  bool operator==(ConditionSpec const&) const = default;
+  bool operator==(ConditionPlan const&) const = default;
 };
 
-struct GroupSpec {
+struct GroupPlan {
   std::string name;
   unsigned priority = 1;
   bool blocking = false;
-  std::vector<ConditionSpec> conditions;
+  std::vector<ConditionPlan> conditions;
   std::vector<std::string> templateConditions;
-  std::vector<MountSpec> mounts;
-  bool operator==(GroupSpec const&) const = default;
+  std::vector<MountPlan> mounts;
+  bool operator==(GroupPlan const&) const = default;
 };
 
-struct ProfileSpec {
+struct ProfilePlan {
   std::string name;
   std::string rootFlags;
   bool hybrid = false;
   bool lowPrio = false;
   std::map<unsigned, std::string> templateKeys;
   std::map<std::string, std::string> aliases;
-  std::vector<GroupSpec> groups;
+  std::vector<GroupPlan> groups;
 };
 
 }  // namespace Sim
