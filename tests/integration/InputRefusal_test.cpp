@@ -11,13 +11,13 @@
 #include <gtest/gtest.h>
 
 #include "integration/ChildProcess.h"
+#include "integration/LedradFolder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using test::ChildProcess;
-
-constexpr double kWait = 30.0;
+using test::kWait;
 
 constexpr char const* kState = R"(type Refusal::Box
 type Refusal::Fan
@@ -35,58 +35,14 @@ constexpr char const* kProfiles = R"(profile node-
 constexpr char const* kNameless =
     "profile \"\"\n  group base 10\n    mount /%sysname/Ledra Qel::Dir\n";
 
-class InputRefusal : public ::testing::Test {
+class InputRefusal : public test::LedradFolder {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/ledra-refusal-XXXXXX";
-    ASSERT_NE(::mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    fs::create_directories(dir_ / "profiles");
-    fs::create_directories(dir_ / "state");
-    write("state/test.state", kState);
-  }
+  InputRefusal() : LedradFolder(kState, "") {}
 
-  void TearDown() override {
-    if (ledrad_ && ledrad_->running()) {
-      ledrad_->signal(SIGTERM);
-      EXPECT_EQ(ledrad_->waitExit(kWait), std::optional<int>(0)) << ledrad_->output();
-    }
-    ledrad_.reset();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-  }
-
-  void write(std::string const& name, std::string const& text) {
-    std::ofstream(dir_ / name) << text;
-  }
-  std::string path(char const* name) const { return (dir_ / name).string(); }
-  std::string stderrText() const {
-    std::ifstream in(dir_ / "stderr.txt");
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-
+  // Not waited for: some tests expect it to stop at start-up.
   void startLedrad() {
-    ledrad_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{LEDRAD_PATH, "--socket", path("agents.sock"), "--control-socket",
-                                 path("ctl.sock"), "--sysname", "rtest", "--profiles",
-                                 path("profiles"), "--state", path("state")},
-        path("stderr.txt"));
+    ledrad_ = std::make_unique<ChildProcess>(ledradArgs("rtest"), path("stderr.txt"));
   }
-
-  struct CtlResult {
-    int status;
-    std::string output;
-  };
-  CtlResult ctl(std::vector<std::string> args) {
-    std::vector<std::string> argv = {LEDRA_CTL_PATH, "--control-socket", path("ctl.sock")};
-    argv.insert(argv.end(), args.begin(), args.end());
-    ChildProcess p(argv, "", true);
-    auto const status = p.waitExit(kWait);
-    return {status.value_or(-1), p.output()};
-  }
-
-  fs::path dir_;
-  std::unique_ptr<ChildProcess> ledrad_;
 };
 
 TEST_F(InputRefusal, StartUpStopsOnAProfileWithoutANameWithItsReason) {

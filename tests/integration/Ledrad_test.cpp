@@ -15,14 +15,14 @@
 #include "Qel/NboAttrLog/WireMessage.h"
 #include "apps/ledrad/UnixSocket.h"
 #include "integration/ChildProcess.h"
+#include "integration/LedradFolder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using test::ChildProcess;
+using test::kWait;
 namespace Wire = Qel::NboAttrLog;
-
-constexpr double kWait = 30.0;
 
 constexpr char const* kState = R"(enum Test::Power off on
 type Test::Box
@@ -59,17 +59,9 @@ bool startsWith(std::string const& s, std::string const& prefix) {
   return s.rfind(prefix, 0) == 0;
 }
 
-class LedradIntegration : public ::testing::Test {
+class LedradIntegration : public test::LedradFolder {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/ledra-it-XXXXXX";
-    ASSERT_NE(::mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    fs::create_directories(dir_ / "profiles");
-    fs::create_directories(dir_ / "state");
-    write("state/test.state", kState);
-    write("profiles/test.profile", kProfiles);
-  }
+  LedradIntegration() : LedradFolder(kState, kProfiles) {}
 
   void TearDown() override {
     if (ledrad_ && ledrad_->running()) {
@@ -80,27 +72,11 @@ class LedradIntegration : public ::testing::Test {
           << ledrad_->output();
     }
     agents_.clear();
-    ledrad_.reset();
     if (HasFailure()) std::cerr << "standard error of the processes:\n" << stderrText();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
+    LedradFolder::TearDown();
   }
 
-  void write(std::string const& name, std::string const& text) {
-    std::ofstream(dir_ / name) << text;
-  }
-
-  std::string path(char const* name) const { return (dir_ / name).string(); }
-  std::string stderrText() const {
-    std::ifstream in(dir_ / "stderr.txt");
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-
-  std::vector<std::string> ledradArgs() const {
-    return {LEDRAD_PATH,  "--socket", path("agents.sock"), "--control-socket", path("ctl.sock"),
-            "--sysname",  "itest",    "--profiles",        path("profiles"),   "--state",
-            path("state")};
-  }
+  std::vector<std::string> ledradArgs() const { return LedradFolder::ledradArgs("itest"); }
 
   void startLedrad() {
     ledrad_ = std::make_unique<ChildProcess>(ledradArgs(), path("stderr.txt"));
@@ -115,18 +91,6 @@ class LedradIntegration : public ::testing::Test {
     argv.insert(argv.end(), extra.begin(), extra.end());
     agents_.push_back(std::make_unique<ChildProcess>(argv, path("stderr.txt")));
     return *agents_.back();
-  }
-
-  struct CtlResult {
-    int status;
-    std::string output;
-  };
-  CtlResult ctl(std::vector<std::string> args) {
-    std::vector<std::string> argv = {LEDRA_CTL_PATH, "--control-socket", path("ctl.sock")};
-    argv.insert(argv.end(), args.begin(), args.end());
-    ChildProcess p(argv, "", true);
-    auto const status = p.waitExit(kWait);
-    return {status.value_or(-1), p.output()};
   }
 
   // Waits for ledrad's line `exact`.
@@ -146,8 +110,6 @@ class LedradIntegration : public ::testing::Test {
     return out;
   }
 
-  fs::path dir_;
-  std::unique_ptr<ChildProcess> ledrad_;
   std::vector<std::unique_ptr<ChildProcess>> agents_;
 };
 

@@ -19,13 +19,13 @@
 
 #include "apps/ledrad/UnixSocket.h"
 #include "integration/ChildProcess.h"
+#include "integration/LedradFolder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using test::ChildProcess;
-
-constexpr double kWait = 30.0;
+using test::kWait;
 
 constexpr char const* kState = R"(enum Test::Power off on
 type Test::Box
@@ -68,66 +68,30 @@ std::string readToEnd(int fd, Deadline deadline) {
   }
 }
 
-class NetworkBounds : public ::testing::Test {
+class NetworkBounds : public test::LedradFolder {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/ledra-nb-XXXXXX";
-    ASSERT_NE(::mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    fs::create_directories(dir_ / "profiles");
-    fs::create_directories(dir_ / "state");
-    std::ofstream(dir_ / "state/test.state") << kState;
-    std::ofstream(dir_ / "profiles/test.profile") << kProfiles;
-  }
+  NetworkBounds() : LedradFolder(kState, kProfiles) {}
 
   void TearDown() override {
     for (int fd : sockets_)
       ::close(fd);
-    if (ledrad_ && ledrad_->running()) {
-      ledrad_->signal(SIGTERM);
-      EXPECT_EQ(ledrad_->waitExit(kWait), std::optional<int>(0)) << ledrad_->output();
-    }
     if (HasFailure() && ledrad_) std::cerr << "ledrad:\n" << ledrad_->output();
-    ledrad_.reset();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
+    LedradFolder::TearDown();
   }
-
-  std::string path(char const* name) const { return (dir_ / name).string(); }
 
   // ledrad with `extra` options; its standard error (the traces) joins its output.
   void startLedrad(std::vector<std::string> const& extra = {}) {
-    std::vector<std::string> argv = {
-        LEDRAD_PATH,  "--socket", path("agents.sock"), "--control-socket", path("ctl.sock"),
-        "--sysname",  "itest",    "--profiles",        path("profiles"),   "--state",
-        path("state")};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    ledrad_ = std::make_unique<ChildProcess>(argv, "", true);
+    ledrad_ = std::make_unique<ChildProcess>(ledradArgs("itest", extra), "", true);
     ASSERT_TRUE(
         ledrad_->waitForLine([](auto const& l) { return l.rfind("ledrad: ready", 0) == 0; }, kWait))
         << ledrad_->output();
   }
 
-  struct Result {
-    int status;
-    std::string output;
-  };
-  Result run(std::vector<std::string> const& argv) {
-    ChildProcess p(argv, "", true);
-    auto const status = p.waitExit(kWait);
-    return {status.value_or(-1), p.output()};
-  }
-  Result ctl(std::vector<std::string> args) {
-    args.insert(args.begin(), {LEDRA_CTL_PATH, "--control-socket", path("ctl.sock")});
-    return run(args);
-  }
   int connectTo(char const* socket) {
     sockets_.push_back(Ledrad::connectUnixSocket(path(socket)));
     return sockets_.back();
   }
 
-  fs::path dir_;
-  std::unique_ptr<ChildProcess> ledrad_;
   std::vector<int> sockets_;
 };
 

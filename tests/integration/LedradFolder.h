@@ -1,0 +1,95 @@
+// The common ground of the integration tests: a temporary folder holding profiles/ and state/ (and
+// ledrad's sockets), the command line of a ledrad serving it, ledra-ctl and other programs run to
+// their end, and the folder removed after the test.
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "integration/ChildProcess.h"
+
+namespace test {
+
+inline constexpr double kWait = 30.0;
+
+class LedradFolder : public ::testing::Test {
+ protected:
+  struct Result {
+    int status;
+    std::string output;
+  };
+
+  // `state` and `profiles` become state/test.state and profiles/test.profile (none when empty).
+  LedradFolder(char const* state, char const* profiles) : state_(state), profiles_(profiles) {}
+
+  void SetUp() override {
+    char tmpl[] = "/tmp/ledra-it-XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    std::filesystem::create_directories(dir_ / "profiles");
+    std::filesystem::create_directories(dir_ / "state");
+    if (*state_) write("state/test.state", state_);
+    if (*profiles_) write("profiles/test.profile", profiles_);
+  }
+
+  // A ledrad still running is stopped and must exit 0; then the folder goes.
+  void TearDown() override {
+    if (ledrad_ && ledrad_->running()) {
+      ledrad_->signal(SIGTERM);
+      EXPECT_EQ(ledrad_->waitExit(kWait), std::optional<int>(0))
+          << ledrad_->output() << stderrText();
+    }
+    ledrad_.reset();
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+  }
+
+  void write(std::string const& name, std::string const& text) {
+    std::ofstream(dir_ / name) << text;
+  }
+  std::string path(char const* name) const { return (dir_ / name).string(); }
+  // What the processes started with path("stderr.txt") wrote to their standard error.
+  std::string stderrText() const {
+    std::ifstream in(dir_ / "stderr.txt");
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+
+  // ledrad serving the folder as system `sysname`, with `extra` options.
+  std::vector<std::string> ledradArgs(char const* sysname,
+                                      std::vector<std::string> const& extra = {}) const {
+    std::vector<std::string> argv = {
+        LEDRAD_PATH,  "--socket", path("agents.sock"), "--control-socket", path("ctl.sock"),
+        "--sysname",  sysname,    "--profiles",        path("profiles"),   "--state",
+        path("state")};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    return argv;
+  }
+
+  // Runs `argv` to its end (standard error joined to its output).
+  Result run(std::vector<std::string> const& argv) {
+    ChildProcess p(argv, "", true);
+    auto const status = p.waitExit(kWait);
+    return {status.value_or(-1), p.output()};
+  }
+  Result ctl(std::vector<std::string> args) {
+    args.insert(args.begin(), {LEDRA_CTL_PATH, "--control-socket", path("ctl.sock")});
+    return run(args);
+  }
+
+  std::filesystem::path dir_;
+  std::unique_ptr<ChildProcess> ledrad_;
+
+ private:
+  char const* state_;
+  char const* profiles_;
+};
+
+}  // namespace test
