@@ -8,6 +8,11 @@ target_compile_options(ledra_options INTERFACE -Wall -Wextra -Wpedantic -Wno-unu
 target_compile_options(ledra_options INTERFACE -fno-semantic-interposition)
 if(LEDRA_WERROR)
   target_compile_options(ledra_options INTERFACE -Werror)
+  # g++ 12 at -O3 reports -Wrestrict inside std::string's operator+ (a false positive of that
+  # release, gone in 13): it stays a warning there, not an error.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    target_compile_options(ledra_options INTERFACE -Wno-error=restrict)
+  endif()
 endif()
 if(LEDRA_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")

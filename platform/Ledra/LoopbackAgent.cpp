@@ -52,7 +52,7 @@ class LoopbackAgent::Connection final : public Qel::NboAttrLog::Transport {
                         Qel::U32 seqno) override;
   void close(Qel::String const& reason, bool removeStatus) override;
   void pathServed(Qel::String const& path, bool served) override {
-    if (agent_) agent_->servedPaths_.emplace_back(path, served);
+    if (agent_ && agent_->recording_) agent_->servedPaths_.emplace_back(path, served);
   }
 
   // The agent drops the connection.
@@ -151,7 +151,10 @@ void LoopbackAgent::Connection::sendMountRequest(Qel::String const& uri,
   }
   TRACE(LedraPlatform, 6, "loopback agent {} mount request {} type {} seqno {}", name_, uri,
         typeName, seqno);
-  if (agent_) agent_->mountRequests_.push_back(r);
+  if (agent_) {
+    ++agent_->mountRequestCount_;
+    if (agent_->recording_) agent_->mountRequests_.push_back(r);
+  }
   a.held = agent_ && agent_->holdAnswers_;
   answers_.push_back(a);
   if (a.held) return;

@@ -120,6 +120,12 @@ class QEL_API LoopbackAgent : public Qel::RefCounted {
 
   std::vector<MountRequest> const& mountRequests() const { return mountRequests_; }
   void mountRequestsDelAll() { mountRequests_.clear(); }
+  // Every mount request received over all connections, recorded or not.
+  std::size_t mountRequestCount() const { return mountRequestCount_; }
+  // Whether requests and served paths are recorded (default: yes). A benchmark turns recording
+  // off so that the agent's own bookkeeping does not count as the database's memory.
+  bool recording() const { return recording_; }
+  void recordingIs(bool v) { recording_ = v; }
   std::vector<Qel::String> const& closeReasons() const { return closeReasons_; }
   std::vector<std::pair<Qel::String, bool>> const& servedPaths() const { return servedPaths_; }
 
@@ -139,6 +145,8 @@ class QEL_API LoopbackAgent : public Qel::RefCounted {
   unsigned answerTurns_ = 1;
   Qel::Time answerDelay_ = 0;
   bool holdAnswers_ = false;
+  bool recording_ = true;
+  std::size_t mountRequestCount_ = 0;
   std::map<Qel::String, Qel::String> mountFailure_;
   std::map<Qel::String, Qel::MountTable::PathState> pathStateOnAnswer_;
   Qel::U32 epoch_ = 0;
