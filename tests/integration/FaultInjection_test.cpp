@@ -316,7 +316,7 @@ class FaultInjection : public test::LedradFolder {
 
   // Descriptors and memory once ledrad has served one agent and answered a control request.
   Usage warmedUp() {
-    serveWellBehaved("node-warm");
+    serveWireAgent("node-warm");
     control({"status"});
     return usage();
   }
@@ -345,10 +345,10 @@ class FaultInjection : public test::LedradFolder {
 // those that never said hello are closed at the hello timeout. An agent that reads is served
 // meanwhile, and once the deaf clients go, everything they held is given back.
 TEST_F(FaultInjection, ClientsThatNeverReadAreHeldAsideAndOthersAreServed) {
-  // The root's state lists 2,500 entries of 240 bytes: about 600 KB for every agent.
+  // The root's state lists 1,000 entries of 600 bytes: about 600 KB for every agent.
   std::ostringstream bulk;
-  for (int i = 0; i < 2500; ++i)
-    bulk << "dir /%sysname/Ledra/e" << std::string(234, 'x') << 10000 + i << "\n";
+  for (int i = 0; i < 1000; ++i)
+    bulk << "dir /%sysname/Ledra/e" << std::string(594, 'x') << 10000 + i << "\n";
   write("state/bulk.state", bulk.str());
   startLedrad({"--hello-timeout", "0.5"});
   Usage const base = warmedUp();
@@ -567,7 +567,7 @@ TEST_F(FaultInjection, AgentsKilledAtSeededPointsAreCleanedUpAndOthersServed) {
 TEST_F(FaultInjection, SigtermWhileAgentsAreServedStopsPromptlyAndRemovesTheSockets) {
   startLedrad();
   std::vector<ChildProcess*> held;
-  for (int i = 0; i < 4; ++i) {
+  for (int i = 0; i < 2; ++i) {
     held.push_back(&agent("node-held" + std::to_string(i), {"--hold", "/ftest/Ledra/b"}));
     EXPECT_TRUE(held.back()->waitForLine("mount 5 /ftest/Ledra/b flags=Cnp type=", kWait))
         << held.back()->output();
@@ -580,10 +580,10 @@ TEST_F(FaultInjection, SigtermWhileAgentsAreServedStopsPromptlyAndRemovesTheSock
   ASSERT_TRUE(deaf.hello("node-deaf"));
   WireAgent silent(path("agents.sock"));
   std::vector<ChildProcess*> busy;
-  for (int i = 0; i < 4; ++i)
+  for (int i = 0; i < 3; ++i)
     busy.push_back(&agent("node-busy" + std::to_string(i)));
   EXPECT_TRUE(ledrad_->printed("agent node-deaf served by profile node-", kWait));
-  for (int i = 0; i < 4; ++i) {
+  for (int i = 0; i < 3; ++i) {
     EXPECT_TRUE(ledrad_->printed("agent node-busy" + std::to_string(i) + " served by profile node-",
                                  kWait));
   }
