@@ -562,8 +562,8 @@ TEST_F(FaultInjection, AgentsKilledAtSeededPointsAreCleanedUpAndOthersServed) {
 }
 
 // (e) SIGTERM while agents are being served: held mid-mount, stalled mid-frame, not reading, or
-// being served. ledrad tells every agent process "database shutting down", removes both socket
-// files and exits 0 promptly.
+// being served. ledrad closes every connection at once (the held agents read "database shutting
+// down"), removes both socket files and exits 0 promptly.
 TEST_F(FaultInjection, SigtermWhileAgentsAreServedStopsPromptlyAndRemovesTheSockets) {
   startLedrad();
   std::vector<ChildProcess*> held;
