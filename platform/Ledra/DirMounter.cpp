@@ -1,5 +1,6 @@
 #include "Ledra/DirMounter.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "Ledra/TraceFacility.h"
@@ -26,11 +27,13 @@ Qel::String childPath(Qel::String const& dir, Qel::Name const& name) {
   return Qel::String(dir + "/" + name);
 }
 
-// Clears a flag on every way out of a scope.
+// Sets a flag for a scope and restores its earlier value on every way out, so that scopes nest
+// (a directory found again from inside a running round).
 struct FlagScope {
   bool& flag;
-  explicit FlagScope(bool& f) : flag(f) { flag = true; }
-  ~FlagScope() { flag = false; }
+  bool const before;
+  explicit FlagScope(bool& f) : flag(f), before(f) { flag = true; }
+  ~FlagScope() { flag = before; }
 };
 
 }  // namespace
@@ -204,11 +207,40 @@ void DirMounter::search(Qel::Dir::PtrConst dir, std::size_t index) {
       dirPathReactorIs(dir, dir->fullName(), components_[index]);
       return;
     }
+    // Watched on the way: should this component go, the directories below are cut off.
+    auto link = std::make_unique<PathLink>(this, index);
+    link->notifierIs(dir);
+    pathLinks_.push_back(std::move(link));
     dir = Qel::Dir::PtrConst(next);
     ++index;
   }
   posIs(static_cast<unsigned>(index));
   dirFoundIs(dir);
+}
+
+void DirMounter::onPathLinkEntry(PathLink const& link, Qel::Name const& entryName) {
+  std::size_t const level = link.level();
+  if (complete_ || entryName != components_[level]) return;
+  PtrConst keepAlive(refCount() > 0 ? this : nullptr);
+  Qel::Dir::PtrConst const dir = link.notifier();
+  // The directory the path went on to: the next link's, or the deepest one watched.
+  auto it = std::find_if(pathLinks_.begin(), pathLinks_.end(),
+                         [level](auto const& l) { return l->level() > level; });
+  Qel::Dir::PtrConst const below = it != pathLinks_.end() ? (*it)->notifier() : reactor_.notifier();
+  if (dir->entry(entryName).ptr() == below.ptr()) return;
+  TRACE(LedraPlatform, 6, "DirMounter {} lost {} in {}, searching again", name(), entryName,
+        dir->fullName());
+  pathLinksDel(level);
+  dirPathReactorDel();
+  dirFound_ = false;
+  search(dir, level);
+}
+
+void DirMounter::pathLinksDel(std::size_t fromLevel) {
+  while (!pathLinks_.empty() && pathLinks_.back()->level() >= fromLevel) {
+    pathLinks_.back()->notifierIs(nullptr);
+    pathLinks_.pop_back();
+  }
 }
 
 void DirMounter::dirFoundIs(Qel::Dir::PtrConst const& dir) {
@@ -222,7 +254,11 @@ void DirMounter::dirFoundIs(Qel::Dir::PtrConst const& dir) {
     FlagScope scanning(inRound_);
     for (auto const& [entryName, entity] : present) {
       if (complete_) return;
+      // A handler cut the directory off the path: the search that followed has taken over.
+      if (reactor_.notifier() != dir) return;
       if (dir->entry(entryName) != entity) continue;  // removed by an earlier handler
+      // Seen in a directory of this path before it was replaced: handled once only.
+      if (queuedEntries_.count(entryName) != 0) continue;
       if (queueExistingEntries_) {
         entryQueue(entryName);
       } else {
@@ -307,6 +343,7 @@ void DirMounter::completeIfDone() {
   complete_ = true;
   Qel::Dir::PtrConst dir = reactor_.notifier();
   dirPathReactorDel();
+  pathLinksDel(0);
   retry_.timeMinIs(Qel::kNever);
   settle_.timeMinIs(Qel::kNever);
   TRACE(LedraPlatform, 5, "DirMounter {} complete on {}", name(), mountPath_);

@@ -13,6 +13,13 @@
 //      component is missing (or is not a Qel::Dir yet) the base watches the deepest directory
 //      found for it (dirPathReactorIs(dir, dirPath, component); pos() = the number of
 //      components found) and goes on when it appears.
+//      The base follows the path, not the directory objects it found on the way: it also
+//      watches each directory it descended through for the component below. When one of those
+//      components is removed or replaced before the mounter completes (a directory on the path
+//      deleted, and perhaps created again), the directories below it are cut off from the tree:
+//      the base drops their watches and searches again from the directory that still holds the
+//      path (pos() goes back), so a directory created again is found again. Entries of the new
+//      directory are handled as in 3, except those seen before (see 5).
 //   3. Directory found: the base watches it for entries (dirPathReactorIs(dir, mountPath, "")),
 //      and for each entry present, in name order, queues an entry mount
 //      (EntryMount(entryPath, entityType, mountFlags)) and calls
@@ -47,7 +54,9 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <set>
+#include <vector>
 
 #include "Qel/Api.h"
 #include "Qel/BoxedValue.h"
@@ -225,7 +234,21 @@ class QEL_API DirMounter : public Qel::Entity {
     field = v;
     notify(aid);
   }
+  // Watches a directory on the way to the mount path for the component below it (`level`).
+  class PathLink : public Qel::Dir::NotifieeConst {
+   public:
+    PathLink(DirMounter* owner, std::size_t level) : owner_(owner), level_(level) {}
+    std::size_t level() const { return level_; }
+    void onEntry(Qel::Name const& name) override { owner_->onPathLinkEntry(*this, name); }
+
+   private:
+    DirMounter* owner_;
+    std::size_t level_;
+  };
+
   void search(Qel::Dir::PtrConst dir, std::size_t index);
+  void onPathLinkEntry(PathLink const& link, Qel::Name const& name);
+  void pathLinksDel(std::size_t fromLevel);
   void dirFoundIs(Qel::Dir::PtrConst const& dir);
   void onDirEntry(Qel::Name const& name);
   // Queues the entry's mount; false when it was queued before.
@@ -250,6 +273,9 @@ class QEL_API DirMounter : public Qel::Entity {
   Qel::U32 nextIndex_ = 0;
   DeferredMountPathMap deferredMountPaths_;
   std::vector<Qel::Name> components_;
+  // The directories descended through, from the search's start, each watched for the next
+  // component (ascending level; the deepest directory is watched by reactor_).
+  std::vector<std::unique_ptr<PathLink>> pathLinks_;
   std::set<Qel::Name> queuedEntries_;
   Qel::String watchedPath_;
   Qel::Name awaited_;

@@ -223,6 +223,37 @@ TEST_F(DirMounterTest, DirectoryThatAppearsLaterIsFoundComponentByComponent) {
   EXPECT_EQ(m->pos(), 4u);
 }
 
+TEST_F(DirMounterTest, DirectoryOnThePathDeletedAndCreatedAgainIsFollowed) {
+  auto p = root->dirIs("p");
+  auto m = mounter("/dmTest/p/q/d");
+  m->start();
+  EXPECT_EQ(m->awaitedEntry(), "q");
+  // The directory the mounter waits in goes: it waits for it in its parent.
+  root->entryDel("p");
+  EXPECT_EQ(m->pos(), 1u);
+  EXPECT_EQ(m->awaitedEntry(), "p");
+  EXPECT_EQ(p->notifiees(), 0u);
+  // The detached directory is no longer followed.
+  p->dirIs("q")->dirIs("d");
+  EXPECT_EQ(m->pos(), 1u);
+  // Created again, with the rest of the path made in it afterwards.
+  auto p2 = root->dirIs("p");
+  EXPECT_EQ(m->awaitedEntry(), "q");
+  auto q = p2->dirIs("q");
+  EXPECT_EQ(m->pos(), 3u);
+  // Replaced in one go, the whole path already inside the new directory.
+  auto q2 = Qel::Dir::dirNew("q");
+  q2->dirIs("d")->dirIs("a");
+  p2->entryDel("q");
+  EXPECT_EQ(q->notifiees(), 0u);
+  p2->entryIs(q2);
+  EXPECT_EQ(m->log, (Log{"init", "existing /dmTest/p/q/d/a", "mount /dmTest/p/q/d/a w",
+                         "complete /dmTest/p/q/d"}));
+  EXPECT_EQ(root->notifiees(), 0u);
+  EXPECT_EQ(p2->notifiees(), 0u);
+  EXPECT_EQ(q2->notifiees(), 0u);
+}
+
 TEST_F(DirMounterTest, SearchStartsAtTheGivenParentDir) {
   auto p = root->dirIs("p");
   auto m = mounter("/dmTest/p/d");
@@ -351,6 +382,33 @@ TEST_F(DirMounterSettleTest, RemovalsDoNotRestartTheQuietPeriodAdditionsDo) {
   clock->nowIs(2.5);
   EXPECT_TRUE(again->complete());
   EXPECT_EQ(std::count(again->log.begin(), again->log.end(), "mount /dmTest/d/a w"), 1);
+}
+
+TEST_F(DirMounterSettleTest, MountedDirectoryReplacedWhileSettlingIsFollowed) {
+  auto d = root->dirIs("d");
+  d->dirIs("a");
+  auto m = settling();
+  m->start();
+  clock->nowIs(0.5);
+  root->entryDel("d");
+  EXPECT_FALSE(m->dirFound());
+  // Gone, the directory holds the mounter past the quiet period until it is back.
+  clock->nowIs(3.0);
+  EXPECT_FALSE(m->complete());
+  auto d2 = Qel::Dir::dirNew("d");
+  d2->dirIs("a");  // seen in the first directory: not again
+  d2->dirIs("b");
+  root->entryIs(d2);
+  d2->dirIs("c");
+  clock->nowIs(3.99);
+  EXPECT_FALSE(m->complete());
+  clock->nowIs(4.0);
+  EXPECT_EQ(m->log,
+            (Log{"init", "existing /dmTest/d/a", "mount /dmTest/d/a w", "existing /dmTest/d/b",
+                 "mount /dmTest/d/b w", "mount /dmTest/d/c w", "complete /dmTest/d"}));
+  EXPECT_EQ(d->notifiees(), 0u);
+  EXPECT_EQ(d2->notifiees(), 0u);
+  EXPECT_EQ(root->notifiees(), 0u);
 }
 
 TEST_F(DirMounterSettleTest, WaitingEntryKeepsTheMounterPastTheQuietPeriod) {
