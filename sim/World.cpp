@@ -60,7 +60,8 @@ World::World(Generator& generator, Avoid avoid, bool traced, History& history)
   root_ = Qel::globalDir()->dirIs("ledra")->dirIs("Ledra");
   sensors_ = root_->dirIs("sensors");
   observer_ = std::make_unique<Observer>(
-      history_, [this](std::string const& a, std::string const& p) { return entitlement(a, p); });
+      history_, [this](std::string const& a, std::string const& p) { return entitlement(a, p); },
+      [this](std::string const& c) { return holds(c); });
 
   // The initial tree: some directories and sensors exist, the others may come later.
   for (auto const& d : Generator::directories()) {
@@ -184,6 +185,7 @@ std::string World::apply(Event const& e) {
       std::string const name = "s" + std::to_string(e.index % Generator::kSensors);
       if (!sensors_->entry(Qel::Name(name))) return "delete sensor " + name + ": absent";
       sensors_->entryDel(Qel::Name(name));
+      observer_->sensorsChanged();
       return "delete sensor " + name;
     }
     case Kind::writeAttribute:
@@ -512,10 +514,17 @@ std::string World::createSensor(unsigned i) {
   std::string const name = "s" + std::to_string(i);
   if (sensor(i)) return "create sensor " + name + ": present";
   sensors_->entryIs(Qel::DynamicEntity::entityNew(sensorType(), Qel::Name(name)));
+  if (observer_) observer_->sensorsChanged();
   return "create sensor " + name;
 }
 
 std::string World::write(unsigned i, unsigned what, unsigned value) {
+  std::string const done = writeAttribute(i, what, value);
+  observer_->sensorsChanged();
+  return done;
+}
+
+std::string World::writeAttribute(unsigned i, unsigned what, unsigned value) {
   auto s = sensor(i);
   std::string const name = "s" + std::to_string(i);
   if (!s) return "write sensor " + name + ": absent";
@@ -544,6 +553,11 @@ std::string World::write(unsigned i, unsigned what, unsigned value) {
 }
 
 void World::makeTrue(ConditionPlan const& c) {
+  setTrue(c);
+  observer_->sensorsChanged();
+}
+
+void World::setTrue(ConditionPlan const& c) {
   auto s = sensor(static_cast<unsigned>(c.sensor));
   if (!s) return;
   bool const eq = c.op == "==" || c.op == "in";
@@ -576,6 +590,37 @@ void World::makeTrue(ConditionPlan const& c) {
     return;
   }
   s->attributeIs("tags", Qel::String(eq ? "true" : ""), Qel::String(c.constant));
+}
+
+bool World::holds(std::string const& text) const {
+  auto it = conditions_.find(text);
+  if (it == conditions_.end()) return false;
+  ConditionPlan const& c = it->second;
+  auto const s = sensor(static_cast<unsigned>(c.sensor));
+  if (!s) return false;
+  Qel::AttributeId const aid = s->attributeId(Qel::Name(c.attribute));
+  auto compare = [&c](auto k, auto v) {
+    if (c.op == "==" || c.op == "in") return k == v;
+    if (c.op == "!=" || c.op == "notin") return k != v;
+    if (c.op == "<") return k < v;
+    if (c.op == "<=") return k <= v;
+    if (c.op == ">") return k > v;
+    return k >= v;
+  };
+  if (c.len) return compare(std::stol(c.constant), static_cast<long>(s->elements(aid)));
+  if (c.attribute == "tags") {
+    bool member = false;
+    for (auto const& key : s->keys(aid))
+      member = member || (key && key->text() == c.constant);
+    return c.op == "in" ? member : !member;
+  }
+  auto const value = s->attribute(aid);
+  std::string const now = value ? std::string(value->text()) : "";
+  if (c.attribute == "level")
+    return compare(std::stol(c.constant), now.empty() ? 0L : std::stol(now));
+  if (c.attribute == "ready") return compare(c.constant == "true", now == "true");
+  if (c.attribute == "mode") return compare(c.constant, now.empty() ? std::string("off") : now);
+  return compare(c.constant == "NULL" ? std::string() : c.constant, now);
 }
 
 // --- the end of a run
