@@ -22,7 +22,19 @@ Qel::QelType const* sensorType() {
                                            {"level", "U32"},
                                            {"mode", mode->name()},
                                            {"label", "string"},
-                                           {"tags", "bool", "string"}});
+                                           {"tags", "bool", "string"},
+                                           {"f64", "F64"},
+                                           {"f32", "F32"},
+                                           {"u64", "U64"},
+                                           {"s64", "S64"},
+                                           {"s32", "S32"},
+                                           {"u16", "U16"},
+                                           {"s16", "S16"},
+                                           {"u8", "U8"},
+                                           {"s8", "S8"},
+                                           {"lng", "long"},
+                                           {"dbl", "double"},
+                                           {Generator::kNameAttribute, "name"}});
   }();
   return t;
 }
@@ -519,9 +531,35 @@ std::string World::createSensor(unsigned i) {
 }
 
 std::string World::write(unsigned i, unsigned what, unsigned value) {
-  std::string const done = writeAttribute(i, what, value);
+  std::string done = writeAttribute(i, what, value);
+  // Now and then one of the other attributes too (second generator).
+  auto s = sensor(i);
+  unsigned const typed = generator_.extra(100);
+  if (s && typed < 40) {
+    auto const& numeric = Generator::numericAttributes();
+    std::string const attribute = numeric[generator_.extra(static_cast<unsigned>(numeric.size()))];
+    std::string const v = std::to_string(generator_.extra(6));
+    s->attributeIs(Qel::Name(attribute), Qel::String(v));
+    done += ", " + attribute + " = " + v;
+  } else if (s && typed < 50) {
+    std::string const v = generator_.extra(2) ? "up" : "";
+    s->attributeIs(Qel::Name(Generator::kNameAttribute), Qel::String(v));
+    done += std::string(", ") + Generator::kNameAttribute + " = '" + v + "'";
+  }
   observer_->sensorsChanged();
   return done;
+}
+
+// The number a condition's constant stands for on a numeric attribute: the code of its first
+// character for the one-byte types, else its value.
+long World::numericConstant(ConditionPlan const& c) {
+  if (c.attribute == "u8" || c.attribute == "s8") return static_cast<unsigned char>(c.constant[0]);
+  return std::stol(c.constant);
+}
+
+bool World::numeric(std::string const& attribute) {
+  auto const& n = Generator::numericAttributes();
+  return attribute == "level" || std::find(n.begin(), n.end(), attribute) != n.end();
 }
 
 std::string World::writeAttribute(unsigned i, unsigned what, unsigned value) {
@@ -561,13 +599,13 @@ void World::setTrue(ConditionPlan const& c) {
   auto s = sensor(static_cast<unsigned>(c.sensor));
   if (!s) return;
   bool const eq = c.op == "==" || c.op == "in";
-  if (c.len || c.attribute == "level") {
-    long const k = std::stol(c.constant);
+  if (c.len || numeric(c.attribute)) {
+    long const k = c.len ? std::stol(c.constant) : numericConstant(c);
     long v = k;  // the constant is on the left: k <op> v
     if (c.op == "!=" || c.op == "notin" || c.op == "<") v = k + 1;
     if (c.op == ">") v = k - 1;
     if (!c.len) {
-      s->attributeIs("level", Qel::String(std::to_string(v)));
+      s->attributeIs(Qel::Name(c.attribute), Qel::String(std::to_string(v)));
       return;
     }
     for (std::size_t i = 0; i < kTags.size(); ++i)
@@ -582,6 +620,11 @@ void World::setTrue(ConditionPlan const& c) {
   }
   if (c.attribute == "mode") {
     s->attributeIs("mode", Qel::String(eq ? c.constant : (c.constant == "on" ? "off" : "on")));
+    return;
+  }
+  if (c.attribute == Generator::kNameAttribute) {
+    std::string const k = c.constant == "NULL" ? "" : c.constant;
+    s->attributeIs(Qel::Name(c.attribute), Qel::String(eq ? k : k + "x"));
     return;
   }
   if (c.attribute == "label") {
@@ -616,8 +659,8 @@ bool World::holds(std::string const& text) const {
   }
   auto const value = s->attribute(aid);
   std::string const now = value ? std::string(value->text()) : "";
-  if (c.attribute == "level")
-    return compare(std::stol(c.constant), now.empty() ? 0L : std::stol(now));
+  if (numeric(c.attribute))
+    return compare(static_cast<double>(numericConstant(c)), now.empty() ? 0.0 : std::stod(now));
   if (c.attribute == "ready") return compare(c.constant == "true", now == "true");
   if (c.attribute == "mode") return compare(c.constant, now.empty() ? std::string("off") : now);
   return compare(c.constant == "NULL" ? std::string() : c.constant, now);

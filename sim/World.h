@@ -94,6 +94,8 @@ class World {
   // Whether the condition `text` (one the world gave a profile) holds in the tree now, read from
   // the sensors' attributes here, not by the library.
   bool holds(std::string const& text) const;
+  static long numericConstant(ConditionPlan const& c);
+  static bool numeric(std::string const& attribute);
   std::string agentChange(AgentState& a, Event const& e);
   void becomeActive(Ledra::EntityManager::Role role);
   bool waitsOnReplacedEntity(Ledra::PassiveEntityManagerSm const& engine) const;
