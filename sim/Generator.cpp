@@ -134,7 +134,14 @@ std::vector<std::string> const& Generator::directories() {
   return dirs;
 }
 
-Generator::Generator(std::uint64_t seed, Avoid avoid) : rng_(seed), avoid_(avoid) {}
+std::vector<std::string> const& Generator::numericAttributes() {
+  static std::vector<std::string> const names{"f64", "f32", "u64", "s64", "s32", "u16",
+                                              "s16", "u8",  "s8",  "lng", "dbl"};
+  return names;
+}
+
+Generator::Generator(std::uint64_t seed, Avoid avoid)
+    : rng_(seed), extra_(seed ^ 0x9e3779b97f4a7c15ULL), avoid_(avoid) {}
 
 unsigned Generator::below(unsigned n) {
   return static_cast<unsigned>(rng_() % n);
@@ -303,6 +310,21 @@ ConditionPlan Generator::condition() {
       c.op = pick(ops);
       c.constant = std::to_string(c.op == ">" ? 1 + below(3) : below(3));
       break;
+  }
+  // Some conditions watch attributes of the other types instead (second generator).
+  unsigned const typed = extra(100);
+  if (typed < 30) {
+    static std::vector<std::string> const allOps{"==", "!=", "<", "<=", ">", ">="};
+    auto const& numeric = numericAttributes();
+    c.attribute = numeric[extra(static_cast<unsigned>(numeric.size()))];
+    c.op = allOps[extra(static_cast<unsigned>(allOps.size()))];
+    c.constant = std::to_string(c.op == ">" ? 1 + extra(4) : extra(5));
+    c.len = false;
+  } else if (typed < 36) {
+    c.attribute = kNameAttribute;
+    c.op = extra(10) < 7 ? "==" : "!=";
+    c.constant = extra(2) ? "up" : "NULL";
+    c.len = false;
   }
   return c;
 }

@@ -79,6 +79,9 @@ class Generator {
   static std::string describe(Event const& e);
   // A number below n, for the world's initial state.
   unsigned number(unsigned n) { return below(n); }
+  // A number below n from the second generator: for choices added after the first generator's
+  // sequence was fixed, so that every seed still draws the events it drew before.
+  unsigned extra(unsigned n) { return static_cast<unsigned>(extra_() % n); }
   ProfilePlan profile(std::string const& name);
 
   // The fixed tables the events index into.
@@ -87,6 +90,10 @@ class Generator {
   // Directories below the root that may exist ("d0", "d0/s1", ...).
   static std::vector<std::string> const& directories();
   static constexpr unsigned kSensors = 3;
+  // The sensors' numeric attributes beside "level", one per builtin number type, and the
+  // name-typed one; conditions on them are drawn by the second generator.
+  static std::vector<std::string> const& numericAttributes();
+  static constexpr char const* kNameAttribute = "site";
 
  private:
   unsigned below(unsigned n);
@@ -102,6 +109,7 @@ class Generator {
   double runTime();
 
   std::mt19937_64 rng_;
+  std::mt19937_64 extra_;
   Avoid avoid_;
   unsigned groupSerial_ = 0;
 };

@@ -116,6 +116,13 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
     names_ = std::move(names);
   }
 
+  void onConditionalMountGroup(Qel::Name const& name) override {
+    auto const engine = notifier();
+    if (!engine) return;
+    if (auto const record = engine->conditionalMountGroup(name))
+      o_.conditionalGroupSeen(agent_, *record);
+  }
+
   void onState() override {
     auto const engine = notifier();
     if (!engine) return;
@@ -159,8 +166,66 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
   Qel::U32 lastPriority_ = 0;
 };
 
-Observer::Observer(History& history, Entitlement entitlement)
-    : history_(history), entitlement_(std::move(entitlement)) {
+// One conditional group of one engine, from the moment its record joins the engine: its result
+// record's enabled flag turning true releases the group. Meanwhile it notes which of the group's
+// conditions have held in the tree at some moment (the engine takes them one after the other).
+class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
+ public:
+  ConditionWatch(Observer& o, std::string agent, Ledra::PassiveMountGroup::PtrConst const& group)
+      : Ledra::ConditionRes::NotifieeConst(NotifieeBase::Reference::weak),
+        o_(o),
+        agent_(std::move(agent)),
+        group_(group->name()),
+        groupWatch_(std::make_unique<GroupWatch>()) {
+    groupWatch_->notifierIs(group);
+    conditions_ = conditionsOf(*group);
+    sensorsChanged();
+  }
+
+  void onEnabled() override {
+    auto const res = notifier();
+    if (!res || !res->enabled() || released_) return;
+    released_ = true;
+    if (auto const group = groupWatch_->notifier()) conditions_ = conditionsOf(*group);
+    o_.groupReleased(agent_, group_, conditions_, held_);
+  }
+
+  // Notes the conditions that hold now.
+  void sensorsChanged() {
+    if (released_) return;
+    if (auto const group = groupWatch_->notifier()) conditions_ = conditionsOf(*group);
+    for (auto const& c : conditions_) {
+      if (!held_.count(c) && o_.holds_(c)) held_.insert(c);
+    }
+  }
+
+  bool done() const { return released_ || !notifier(); }
+
+ private:
+  // Only to reach the group while it lives; it needs no notification.
+  class GroupWatch : public Ledra::PassiveMountGroup::NotifieeConst {
+   public:
+    GroupWatch() : Ledra::PassiveMountGroup::NotifieeConst(NotifieeBase::Reference::weak) {}
+  };
+
+  static std::vector<std::string> conditionsOf(Ledra::PassiveMountGroup const& group) {
+    std::vector<std::string> out;
+    for (auto const& entry : group.conditionCol())
+      out.push_back(entry.value);
+    return out;
+  }
+
+  Observer& o_;
+  std::string const agent_;
+  std::string const group_;
+  std::unique_ptr<GroupWatch> groupWatch_;
+  std::vector<std::string> conditions_;
+  std::set<std::string> held_;
+  bool released_ = false;
+};
+
+Observer::Observer(History& history, Entitlement entitlement, Holds holds)
+    : history_(history), entitlement_(std::move(entitlement)), holds_(std::move(holds)) {
   demuxerMgrWatch_ = std::make_unique<DemuxerMgrWatch>(*this);
   demuxerMgrWatch_->notifierIs(Qel::NboAttrLog::demuxerMgr());
 }
@@ -201,6 +266,53 @@ void Observer::engineSeen(Qel::Name const& agent) {
   engines_.back()->notifierIs(engine);
 }
 
+void Observer::conditionalGroupSeen(
+    std::string const& agent,
+    Ledra::PassiveEntityManagerSm::QelConditionalMountGroup const& record) {
+  auto const& group = record.mountGroup();
+  if (!group) return;
+  if (!record.initialized()) {
+    // Released while it joined the engine: its conditions held when it started.
+    std::vector<std::string> conditions;
+    for (auto const& entry : group->conditionCol())
+      conditions.push_back(entry.value);
+    groupReleased(agent, std::string(group->name()), conditions, {});
+    return;
+  }
+  auto const res = record.conditionRes();
+  if (!res) return;
+  for (auto const& w : conditionWatches_) {
+    if (w->notifier().ptr() == res.ptr()) return;
+  }
+  conditionWatches_.push_back(std::make_unique<ConditionWatch>(*this, agent, group));
+  conditionWatches_.back()->notifierIs(res);
+}
+
+void Observer::groupReleased(std::string const& agent, std::string const& group,
+                             std::vector<std::string> const& conditions,
+                             std::set<std::string> const& sinceHeld) {
+  std::string falseNow;
+  for (auto const& c : conditions) {
+    if (holds_(c)) continue;
+    if (sinceHeld.count(c)) {
+      note(agent + " group " + group + " released while '" + c +
+               "' is false again (it held since the group started waiting)",
+           false);
+      continue;
+    }
+    falseNow += (falseNow.empty() ? "'" : ", '") + c + "'";
+  }
+  note(agent + " group " + group + " released", true);
+  if (falseNow.empty()) return;
+  violation("condition: " + agent + " group " + group + " was released while " + falseNow +
+            " is false and never held since the group started waiting");
+}
+
+void Observer::sensorsChanged() {
+  for (auto const& w : conditionWatches_)
+    w->sensorsChanged();
+}
+
 bool Observer::failedAnswer(std::string const& agent, unsigned epoch) const {
   auto it = connections_.find({agent, epoch});
   return it != connections_.end() && it->second.failed;
@@ -209,6 +321,7 @@ bool Observer::failedAnswer(std::string const& agent, unsigned epoch) const {
 void Observer::prune() {
   std::erase_if(tables_, [](auto const& t) { return !t->notifier(); });
   std::erase_if(engines_, [](auto const& e) { return !e->notifier(); });
+  std::erase_if(conditionWatches_, [](auto const& w) { return w->done(); });
 }
 
 void Observer::violation(std::string text) {

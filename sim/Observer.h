@@ -8,7 +8,10 @@
 //     turning complete or failed is an answer;
 //   - on the root manager, to find every engine it creates;
 //   - on each engine's ready queue: a group leaving the head of the queue is a group being
-//     started.
+//     started;
+//   - on each engine's conditional groups: the result record of each, whose enabled flag turning
+//     true is the group being released to the engine (a group whose conditions all hold at once
+//     is found already released when its record joins the engine).
 // What it sees goes into the run's History and, as trace-independent lines, into log(), which two
 // runs of one seed must produce identically.
 //
@@ -17,7 +20,12 @@
 //     every earlier request completed, and no mount is pending;
 //   - order: the groups of one engine leave the ready queue in ascending priority;
 //   - parent: a path is requested only after its parent path was requested on that connection;
-//   - entitlement: every requested path is one the agent's profile entitles it to (see World).
+//   - entitlement: every requested path is one the agent's profile entitles it to (see World);
+//   - condition: when a conditional group is released, each of its conditions holds now, read
+//     from the tree by the world (see Holds), not from the library. The group's conditions are
+//     taken one after the other, and one that held may turn false again while a later one is
+//     awaited: a condition false at the release is a violation only if it never held since the
+//     group started waiting. The world reports each change of the tree (sensorsChanged()).
 //
 // Single-threaded: everything runs inside the library's notifications on the event loop.
 #pragma once
@@ -41,8 +49,10 @@ class Observer {
   // The group a requested path belongs to for `agent` ("g3", "parent of g3", "entry of g3"), or
   // "" when the agent is not entitled to it.
   using Entitlement = std::function<std::string(std::string const& agent, std::string const& path)>;
+  // Whether a condition of a profile holds in the tree now, evaluated by the world.
+  using Holds = std::function<bool(std::string const& condition)>;
 
-  Observer(History& history, Entitlement entitlement);
+  Observer(History& history, Entitlement entitlement, Holds holds);
   ~Observer();
   Observer(Observer const&) = delete;
   Observer& operator=(Observer const&) = delete;
@@ -55,6 +65,9 @@ class Observer {
   void rootIs(Ledra::PassiveEntityManagerRootSm::Ptr const& root);
   // While set, groups leaving ready queues are dropped by the root, not started.
   void droppingIs(bool v) { dropping_ = v; }
+
+  // The world changed the sensors' attributes, or created or deleted a sensor.
+  void sensorsChanged();
 
   // Per connection (agent name and epoch): whether any answer was a failure.
   bool failedAnswer(std::string const& agent, unsigned epoch) const;
@@ -70,10 +83,12 @@ class Observer {
   class TableWatch;
   class RootWatch;
   class EngineWatch;
+  class ConditionWatch;
   friend class DemuxerMgrWatch;
   friend class TableWatch;
   friend class RootWatch;
   friend class EngineWatch;
+  friend class ConditionWatch;
 
   struct Connection {
     std::string agent;
@@ -83,11 +98,20 @@ class Observer {
 
   void connectionSeen(Qel::Name const& name);
   void engineSeen(Qel::Name const& agent);
+  // A conditional group joined (or settled inside) the engine of `agent`.
+  void conditionalGroupSeen(std::string const& agent,
+                            Ledra::PassiveEntityManagerSm::QelConditionalMountGroup const& record);
+  // `group` of `agent` is released: checks its conditions (`sinceHeld`: those seen holding since
+  // it started waiting).
+  void groupReleased(std::string const& agent, std::string const& group,
+                     std::vector<std::string> const& conditions,
+                     std::set<std::string> const& sinceHeld);
   void violation(std::string text);
   void note(std::string text, bool logged);
 
   History& history_;
   Entitlement entitlement_;
+  Holds holds_;
   unsigned step_ = 0;
   double time_ = 0;
   bool dropping_ = false;
@@ -95,6 +119,7 @@ class Observer {
   std::unique_ptr<RootWatch> rootWatch_;
   std::vector<std::unique_ptr<TableWatch>> tables_;
   std::vector<std::unique_ptr<EngineWatch>> engines_;
+  std::vector<std::unique_ptr<ConditionWatch>> conditionWatches_;
   std::map<std::pair<std::string, unsigned>, Connection> connections_;
   std::vector<std::string> violations_;
   std::vector<std::string> log_;

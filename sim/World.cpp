@@ -22,7 +22,19 @@ Qel::QelType const* sensorType() {
                                            {"level", "U32"},
                                            {"mode", mode->name()},
                                            {"label", "string"},
-                                           {"tags", "bool", "string"}});
+                                           {"tags", "bool", "string"},
+                                           {"f64", "F64"},
+                                           {"f32", "F32"},
+                                           {"u64", "U64"},
+                                           {"s64", "S64"},
+                                           {"s32", "S32"},
+                                           {"u16", "U16"},
+                                           {"s16", "S16"},
+                                           {"u8", "U8"},
+                                           {"s8", "S8"},
+                                           {"lng", "long"},
+                                           {"dbl", "double"},
+                                           {Generator::kNameAttribute, "name"}});
   }();
   return t;
 }
@@ -60,7 +72,8 @@ World::World(Generator& generator, Avoid avoid, bool traced, History& history)
   root_ = Qel::globalDir()->dirIs("ledra")->dirIs("Ledra");
   sensors_ = root_->dirIs("sensors");
   observer_ = std::make_unique<Observer>(
-      history_, [this](std::string const& a, std::string const& p) { return entitlement(a, p); });
+      history_, [this](std::string const& a, std::string const& p) { return entitlement(a, p); },
+      [this](std::string const& c) { return holds(c); });
 
   // The initial tree: some directories and sensors exist, the others may come later.
   for (auto const& d : Generator::directories()) {
@@ -184,6 +197,7 @@ std::string World::apply(Event const& e) {
       std::string const name = "s" + std::to_string(e.index % Generator::kSensors);
       if (!sensors_->entry(Qel::Name(name))) return "delete sensor " + name + ": absent";
       sensors_->entryDel(Qel::Name(name));
+      observer_->sensorsChanged();
       return "delete sensor " + name;
     }
     case Kind::writeAttribute:
@@ -512,10 +526,43 @@ std::string World::createSensor(unsigned i) {
   std::string const name = "s" + std::to_string(i);
   if (sensor(i)) return "create sensor " + name + ": present";
   sensors_->entryIs(Qel::DynamicEntity::entityNew(sensorType(), Qel::Name(name)));
+  if (observer_) observer_->sensorsChanged();
   return "create sensor " + name;
 }
 
 std::string World::write(unsigned i, unsigned what, unsigned value) {
+  std::string done = writeAttribute(i, what, value);
+  // Now and then one of the other attributes too (second generator).
+  auto s = sensor(i);
+  unsigned const typed = generator_.extra(100);
+  if (s && typed < 40) {
+    auto const& numeric = Generator::numericAttributes();
+    std::string const attribute = numeric[generator_.extra(static_cast<unsigned>(numeric.size()))];
+    std::string const v = std::to_string(generator_.extra(6));
+    s->attributeIs(Qel::Name(attribute), Qel::String(v));
+    done += ", " + attribute + " = " + v;
+  } else if (s && typed < 50) {
+    std::string const v = generator_.extra(2) ? "up" : "";
+    s->attributeIs(Qel::Name(Generator::kNameAttribute), Qel::String(v));
+    done += std::string(", ") + Generator::kNameAttribute + " = '" + v + "'";
+  }
+  observer_->sensorsChanged();
+  return done;
+}
+
+// The number a condition's constant stands for on a numeric attribute: the code of its first
+// character for the one-byte types, else its value.
+long World::numericConstant(ConditionPlan const& c) {
+  if (c.attribute == "u8" || c.attribute == "s8") return static_cast<unsigned char>(c.constant[0]);
+  return std::stol(c.constant);
+}
+
+bool World::numeric(std::string const& attribute) {
+  auto const& n = Generator::numericAttributes();
+  return attribute == "level" || std::find(n.begin(), n.end(), attribute) != n.end();
+}
+
+std::string World::writeAttribute(unsigned i, unsigned what, unsigned value) {
   auto s = sensor(i);
   std::string const name = "s" + std::to_string(i);
   if (!s) return "write sensor " + name + ": absent";
@@ -544,16 +591,21 @@ std::string World::write(unsigned i, unsigned what, unsigned value) {
 }
 
 void World::makeTrue(ConditionPlan const& c) {
+  setTrue(c);
+  observer_->sensorsChanged();
+}
+
+void World::setTrue(ConditionPlan const& c) {
   auto s = sensor(static_cast<unsigned>(c.sensor));
   if (!s) return;
   bool const eq = c.op == "==" || c.op == "in";
-  if (c.len || c.attribute == "level") {
-    long const k = std::stol(c.constant);
+  if (c.len || numeric(c.attribute)) {
+    long const k = c.len ? std::stol(c.constant) : numericConstant(c);
     long v = k;  // the constant is on the left: k <op> v
     if (c.op == "!=" || c.op == "notin" || c.op == "<") v = k + 1;
     if (c.op == ">") v = k - 1;
     if (!c.len) {
-      s->attributeIs("level", Qel::String(std::to_string(v)));
+      s->attributeIs(Qel::Name(c.attribute), Qel::String(std::to_string(v)));
       return;
     }
     for (std::size_t i = 0; i < kTags.size(); ++i)
@@ -570,12 +622,48 @@ void World::makeTrue(ConditionPlan const& c) {
     s->attributeIs("mode", Qel::String(eq ? c.constant : (c.constant == "on" ? "off" : "on")));
     return;
   }
+  if (c.attribute == Generator::kNameAttribute) {
+    std::string const k = c.constant == "NULL" ? "" : c.constant;
+    s->attributeIs(Qel::Name(c.attribute), Qel::String(eq ? k : k + "x"));
+    return;
+  }
   if (c.attribute == "label") {
     std::string const k = c.constant == "NULL" ? "" : c.constant;
     s->attributeIs("label", Qel::String(eq ? k : k + "x"));
     return;
   }
   s->attributeIs("tags", Qel::String(eq ? "true" : ""), Qel::String(c.constant));
+}
+
+bool World::holds(std::string const& text) const {
+  auto it = conditions_.find(text);
+  if (it == conditions_.end()) return false;
+  ConditionPlan const& c = it->second;
+  auto const s = sensor(static_cast<unsigned>(c.sensor));
+  if (!s) return false;
+  Qel::AttributeId const aid = s->attributeId(Qel::Name(c.attribute));
+  auto compare = [&c](auto k, auto v) {
+    if (c.op == "==" || c.op == "in") return k == v;
+    if (c.op == "!=" || c.op == "notin") return k != v;
+    if (c.op == "<") return k < v;
+    if (c.op == "<=") return k <= v;
+    if (c.op == ">") return k > v;
+    return k >= v;
+  };
+  if (c.len) return compare(std::stol(c.constant), static_cast<long>(s->elements(aid)));
+  if (c.attribute == "tags") {
+    bool member = false;
+    for (auto const& key : s->keys(aid))
+      member = member || (key && key->text() == c.constant);
+    return c.op == "in" ? member : !member;
+  }
+  auto const value = s->attribute(aid);
+  std::string const now = value ? std::string(value->text()) : "";
+  if (numeric(c.attribute))
+    return compare(static_cast<double>(numericConstant(c)), now.empty() ? 0.0 : std::stod(now));
+  if (c.attribute == "ready") return compare(c.constant == "true", now == "true");
+  if (c.attribute == "mode") return compare(c.constant, now.empty() ? std::string("off") : now);
+  return compare(c.constant == "NULL" ? std::string() : c.constant, now);
 }
 
 // --- the end of a run

@@ -88,7 +88,14 @@ class World {
   Qel::DynamicEntity::Ptr sensor(unsigned i) const;
   std::string createSensor(unsigned i);
   std::string write(unsigned sensor, unsigned what, unsigned value);
+  std::string writeAttribute(unsigned sensor, unsigned what, unsigned value);
   void makeTrue(ConditionPlan const& c);
+  void setTrue(ConditionPlan const& c);
+  // Whether the condition `text` (one the world gave a profile) holds in the tree now, read from
+  // the sensors' attributes here, not by the library.
+  bool holds(std::string const& text) const;
+  static long numericConstant(ConditionPlan const& c);
+  static bool numeric(std::string const& attribute);
   std::string agentChange(AgentState& a, Event const& e);
   void becomeActive(Ledra::EntityManager::Role role);
   bool waitsOnReplacedEntity(Ledra::PassiveEntityManagerSm const& engine) const;
