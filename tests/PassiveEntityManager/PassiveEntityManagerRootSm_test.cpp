@@ -207,6 +207,8 @@ TEST_F(RootSmTest, ProfileIsTheOwnNameThenShorterFamiliesEndingInHyphen) {
       {"b-c", ""},
       {"x-y-3", "x-y-3"},
       {"x-y", ""},
+      // A profile whose name does not end in "-" serves its own agent only.
+      {"x-y-3z", ""},
       {"-", ""},
       {"", ""},
       // Long names of many dashes: the longest family still wins.

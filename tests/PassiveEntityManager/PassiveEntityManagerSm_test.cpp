@@ -142,8 +142,14 @@ TEST_F(EngineTest, ConstViewRefusesWritesAndAnchorClearsMountsInProgressOnEveryW
   } catch (std::runtime_error const&) {
   }
   EXPECT_FALSE(engine->mountsInProgress());
-  MountsInProgressAnchor const copy(MountsInProgressAnchor(engine.ptr()).text());
-  EXPECT_EQ(copy.pEmSm(), engine.ptr());
+  {
+    MountsInProgressAnchor const guard(engine.ptr());
+    {
+      MountsInProgressAnchor const copy(guard.text());
+      EXPECT_EQ(copy.pEmSm(), engine.ptr());
+    }
+    EXPECT_TRUE(engine->mountsInProgress()) << "a copy read from text guards nothing";
+  }
   EXPECT_FALSE(engine->mountsInProgress());
 }
 
