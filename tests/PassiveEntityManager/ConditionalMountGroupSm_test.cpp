@@ -251,23 +251,6 @@ class RetryTest : public ConditionalTesting::ConditionalTest {
   bool capturing_ = true;
 };
 
-TEST_F(RetryTest, AnEntityCreatedLaterIsFoundOnTheSixthAttempt) {
-  condition(lateCondition());
-  start();
-  EXPECT_EQ(sm->retryCondition(), lateCondition());
-  EXPECT_TRUE(sm->currentPendingCondition().empty());
-  runTo(0.3);
-  addLate();
-  runTo(0.4);
-  EXPECT_TRUE(enabled());
-  EXPECT_EQ(sm->retryTime(), Qel::kNever);
-  EXPECT_EQ(attempts().size(), 6u);
-  expectGaps({0.01, 0.02, 0.04, 0.08, 0.16});
-  // Each line names the delay after the next attempt.
-  EXPECT_EQ(stderrText(), line("0.02") + line("0.04") + line("0.08") + line("0.16") + line("0.32"));
-  EXPECT_EQ(sm->retryDelay(), 0.32);
-}
-
 TEST_F(RetryTest, AnEntityThatNeverComesIsRetriedEveryFiveSecondsForeverUntilDestroyed) {
   condition(lateCondition());
   start();

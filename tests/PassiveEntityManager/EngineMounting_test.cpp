@@ -1,5 +1,5 @@
 // Mount execution: the flags of a mount request for each combination of user flags, granted
-// writes and root flags; repeated, hybrid and conflicting mounts; the parent states that make a
+// writes and root flags; repeated and hybrid mounts; the parent states that make a
 // mount wait; automatic parent mounts; the table of mount paths; the agent's template values.
 #include <gtest/gtest.h>
 
@@ -81,26 +81,6 @@ TEST_F(EngineMountingTest, UnchangedMountIsServedAndCompletesTheReference) {
   // A path mounted "C" counts as unchanged for a later mount without 'w'.
   engine->doPassiveMount("/ledra/Ledra/a", "i", "");
   EXPECT_EQ(requests().size(), sent);
-}
-
-TEST_F(EngineMountingTest, SecondConnectionMountingAMountedPathIsClosed) {
-  startEngine();
-  rootMounted();
-  // Another connection of the same agent (its records kept) mounts the root again.
-  auto other = LoopbackAgent::loopbackAgentNew(loop, "agentA2", "agentA2");
-  auto d = other->connect();
-  PassiveEntityManagerSm::Ptr second;
-  std::string const err = stderrOf([&] {
-    second = passiveEntityManagerSmFactory(profile, status, d, d->peer(), entMgr, wheel);
-  });
-  EXPECT_TRUE(capture.contains("Mount path /ledra/Ledra already mounted by agent agentA"));
-  EXPECT_NE(err.find("Processed an invalid mount profile. agentA"), std::string::npos);
-  EXPECT_FALSE(second->initialized());
-  run();
-  EXPECT_FALSE(other->connected());
-  EXPECT_TRUE(agent->connected());
-  second = nullptr;
-  other = nullptr;
 }
 
 TEST_F(EngineMountingTest, HybridAgentRemountsWithOtherFlagsAndJustSetsEntityWithSameFlags) {

@@ -1,5 +1,5 @@
-// Every factory hands out a new entity of its type, named as asked, held once by the caller; the
-// types are also created by name through the reflection.
+// The library's types are created by name through the reflection, as a control client creates
+// them.
 #include <gtest/gtest.h>
 
 #include "PassiveEntityManager/PassiveEntityManager.h"
@@ -9,24 +9,6 @@ namespace Ledra::test {
 namespace {
 
 class FactoriesTest : public LeakCheckedTest {};
-
-template <class P>
-void expectFresh(P const& p, char const* name, char const* typeName) {
-  ASSERT_TRUE(p);
-  EXPECT_EQ(p->name(), name);
-  EXPECT_EQ(p->refCount(), 1u);
-  EXPECT_EQ(p->fwkType()->name(), typeName);
-}
-
-TEST_F(FactoriesTest, ModelFactoriesMakeFreshEntities) {
-  expectFresh(passiveAgentProfileFactory("a"), "a", "Ledra::PassiveAgentProfile");
-  expectFresh(passiveAgentProfileDirFactory("d"), "d", "Ledra::PassiveAgentProfileDir");
-  expectFresh(passiveAgentStatusFactory("s"), "s", "Ledra::PassiveAgentStatus");
-  expectFresh(passiveAgentStatusDirFactory("sd"), "sd", "Ledra::PassiveAgentStatusDir");
-  expectFresh(conditionResFactory("c"), "c", "Ledra::ConditionRes");
-  expectFresh(passiveEntityManagerSmWrapperFactory("w"), "w",
-              "Ledra::PassiveEntityManagerSmWrapper");
-}
 
 TEST_F(FactoriesTest, TypesAreCreatedByName) {
   for (char const* name : {"Ledra::PassiveAgentProfile", "Ledra::PassiveAgentStatus",

@@ -142,8 +142,14 @@ TEST_F(EngineTest, ConstViewRefusesWritesAndAnchorClearsMountsInProgressOnEveryW
   } catch (std::runtime_error const&) {
   }
   EXPECT_FALSE(engine->mountsInProgress());
-  MountsInProgressAnchor const copy(MountsInProgressAnchor(engine.ptr()).text());
-  EXPECT_EQ(copy.pEmSm(), engine.ptr());
+  {
+    MountsInProgressAnchor const guard(engine.ptr());
+    {
+      MountsInProgressAnchor const copy(guard.text());
+      EXPECT_EQ(copy.pEmSm(), engine.ptr());
+    }
+    EXPECT_TRUE(engine->mountsInProgress()) << "a copy read from text guards nothing";
+  }
   EXPECT_FALSE(engine->mountsInProgress());
 }
 
@@ -168,14 +174,10 @@ TEST_F(EngineTest, ReadyQueueOrdersByPriorityThenArrival) {
                "rv->priority\\(\\) == prio");
 }
 
-TEST_F(EngineTest, GroupsAreMountedOnePerAnsweredBatchByPriority) {
-  group("g5a", 5, "a5");
+// The simulation checks the gate and the priority order on random profiles; here the texts of a
+// pass held by an unanswered request and of one run after completion.
+TEST_F(EngineTest, APassWaitsForUnansweredRequestsAndNoneRunsAfterCompletion) {
   group("g1", 1, "b1");
-  group("g5b", 5, "c5");
-  // Equal priorities leave the queue in the order the profile gave them.
-  Strings fives;
-  for (auto const& [name, g] : profile->mountGroup())
-    if (g->priority() == 5) fives.push_back(name == "g5a" ? "/ledra/Ledra/a5" : "/ledra/Ledra/c5");
   agent->holdAnswersIs(true);
   startEngine();
   capture.clear();
@@ -183,14 +185,10 @@ TEST_F(EngineTest, GroupsAreMountedOnePerAnsweredBatchByPriority) {
   EXPECT_TRUE(capture.contains("flowOut mount requests: 1 mountsInProgress: false"));
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::init);
   EXPECT_EQ(engine->readyMountGroups(), 0u);
-  Strings expected{"/ledra/Ledra", "/ledra/Ledra/b1", fives[0], fives[1]};
-  for (std::size_t i = 1; i < expected.size(); ++i) {
-    ASSERT_TRUE(agent->answerRelease(expected[i - 1]));
-    run();
-    EXPECT_EQ(requestPaths(), Strings(expected.begin(), expected.begin() + i + 1));
-  }
-  ASSERT_TRUE(agent->answerRelease(fives[1]));
+  agent->holdAnswersIs(false);
+  agent->answersRelease();
   run();
+  EXPECT_EQ(requestPaths(), (Strings{"/ledra/Ledra", "/ledra/Ledra/b1"}));
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
   EXPECT_EQ(capture.count("All mounts complete for agentA"), 1u);
   EXPECT_FALSE(engine->demuxer());
@@ -198,7 +196,7 @@ TEST_F(EngineTest, GroupsAreMountedOnePerAnsweredBatchByPriority) {
   // Later notifications change nothing.
   engine->doInitiateMounts();
   EXPECT_TRUE(capture.contains("mount complete..returning"));
-  EXPECT_EQ(requestPaths().size(), 4u);
+  EXPECT_EQ(requestPaths().size(), 2u);
 }
 
 TEST_F(EngineTest, FalseTemplateConditionSkipsTheGroupForGood) {
