@@ -172,18 +172,6 @@ TEST_F(AgentSessionTest, TheDatabasesCloseEndsWithStatusZeroADroppedConnectionWi
   }
 }
 
-TEST_F(AgentSessionTest, ARequestWhoseUriDoesNotParseIsFailedWithTheReason) {
-  start("a");
-  mount("/agenttest/d");
-  ASSERT_TRUE(run([&] { return answered(); }));
-  // A database that sends a URI the agent cannot read: the agent refuses it, nothing more.
-  listener->transport("a")->sendMountRequest("/agenttest/q?flags=w&flags=C", "", 2);
-  ASSERT_TRUE(run([&] { return lines(out).size() == 3; }));
-  EXPECT_EQ(lines(out).back(), "mount 2 /agenttest/q flags=w type=");
-  EXPECT_FALSE(session->ended());
-  EXPECT_EQ(session->tree().held(), (Strings{"/agenttest/d"}));
-}
-
 // A database written by hand on a socket pair, for what the real one never sends.
 class AgentSessionProtocolTest : public ::testing::Test {
  protected:

@@ -88,12 +88,6 @@ TEST_F(OptionsTest, EveryOptionInBothSpellings) {
   EXPECT_EQ(b.control.maxClients, 5u);
   EXPECT_EQ(b.control.maxClientsPerProcess, 2u);
   EXPECT_EQ(b.control.idleTimeout, 0.5);
-  // Without options, the listener's and the control server's own defaults.
-  Bounds const d = parseOptions({}).bounds;
-  EXPECT_EQ(d.maxAgentOutput, 16u << 20);
-  EXPECT_EQ(d.maxTotalOutput, 64u << 20);
-  EXPECT_EQ(d.maxAgentName, 255u);
-  EXPECT_EQ(d.control.maxClientsPerProcess, 8u);
 }
 
 TEST_F(OptionsTest, RefusalsSayWhy) {

@@ -225,23 +225,9 @@ TEST_P(PathStateOnAnswerTest, AnswerSetsTheChosenStateBeforeTheCountFalls) {
 INSTANTIATE_TEST_SUITE_P(
     States, PathStateOnAnswerTest,
     ::testing::Values(HeldState{"completeNotSynced", state(true, true, false, true)},
-                      HeldState{"notAMountPoint", state(true, true, false, false)},
                       HeldState{"syncedButMonitoring", state(true, true, true, true, true, 7)},
-                      HeldState{"notComplete", state(true, false, false, true)},
                       HeldState{"synchronised", state(true, true, true, true)}),
     [](auto const& info) { return std::string(info.param.name); });
-
-TEST_F(LoopbackAgentTest, HeldPathIsSynchronisedLater) {
-  agent->pathStateOnAnswerIs("/a", state(true, true, false, true));
-  agent->connect();
-  mount("/a");
-  loop->runOnce();
-  EXPECT_FALSE(agent->peerMountTable()->pathState("/a").synchronised());
-  agent->pathStateIs("/a", state(true, true, true, true));
-  EXPECT_TRUE(agent->peerMountTable()->pathState("/a").synchronised());
-  agent->pathStateOnAnswerDel("/a");
-  EXPECT_TRUE(agent->pathStateOnAnswer("/a").synchronised());
-}
 
 // The database closes; the connection goes on a later turn, its answers with it, and the agent
 // may connect again.

@@ -90,17 +90,6 @@ TEST_F(ActivityManagerConfigTest, SystemNameNotifiesOnlyRealChangesAndIsWritable
   EXPECT_EQ(c->systemName(), "boxed");
 }
 
-TEST_F(ActivityManagerConfigTest, TheRegisteredTypeCreatesConfigurationsWithoutInstalling) {
-  Qel::QelType const* t = Qel::QelType::type("Qel::ActivityManagerConfig");
-  ASSERT_NE(t, nullptr);
-  EXPECT_EQ(t, ActivityManagerConfig::staticType());
-  auto c = Qel::ptrCast<ActivityManagerConfig>(t->newEntity("fromSchema"));
-  ASSERT_TRUE(c);
-  EXPECT_EQ(c->systemName(), "ledra");
-  EXPECT_NE(c->clock(), nullptr);
-  EXPECT_NE(ActivityManagerConfig::instance(), c);
-}
-
 using ActivityManagerConfigDeathTest = ActivityManagerConfigTest;
 
 TEST_F(ActivityManagerConfigDeathTest, TheClockIsNeverNull) {

@@ -85,20 +85,6 @@ class HandlerTest : public Ledra::test::LeakCheckedTest {
   Counter::Ptr counter;
 };
 
-TEST_F(HandlerTest, ListedAmongTheAttributesWithParametersAndResult) {
-  Qel::QelType const* t = Counter::staticType();
-  Qel::QelAttr const* add = t->attribute("add");
-  ASSERT_TRUE(add);
-  EXPECT_TRUE(add->isHandler());
-  EXPECT_EQ(counter->attributeName(add->id()), "add");
-  EXPECT_EQ(add->type(), Qel::ValueTraits<U32>::type());
-  ASSERT_EQ(add->parameters().size(), 2u);
-  EXPECT_EQ(add->parameters()[1].name, "times");
-  EXPECT_EQ(add->parameters()[1].type, Qel::ValueTraits<U32>::type());
-  EXPECT_EQ(t->attribute("reset")->type(), nullptr);
-  EXPECT_TRUE(t->attribute("follow")->parameter("peer")->pointer);
-}
-
 TEST_F(HandlerTest, InvokedByNameWithArgumentsByName) {
   GenericIf::PtrConst r = counter->invoke("add", {{"times", u32(3)}, {"amount", u32(2)}});
   ASSERT_TRUE(r);

@@ -184,13 +184,4 @@ TEST(TraceLineTest, TextHasSixDecimalsFacilityLevelAndMessage) {
   EXPECT_EQ((Line{1e300, "D", 1, "big"}.text()).size(), 301u + 7u + 1u + 3u + 1u + 3u);
 }
 
-// Decoded ring times show the calibration anchored to the time source (Ringlog_test).
-TEST_F(TraceDuologTest, WithoutATimeSourceTheSteadyClockIsUsed) {
-  Trace::timeSourceIs(nullptr);
-  EXPECT_EQ(Trace::timeSource(), &Trace::Clock::steadySeconds);
-  double const first = Trace::now();
-  EXPECT_GT(first, 0);
-  EXPECT_LE(first, Trace::now());
-}
-
 }  // namespace

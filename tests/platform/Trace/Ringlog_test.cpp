@@ -292,22 +292,6 @@ TEST_F(TraceRingTest, RecordErrorsHaveFixedTexts) {
   EXPECT_EQ(lines[0].text(), "0.000000 Ext/1 a 1 z");
 }
 
-TEST_F(TraceRingTest, RandomDamageIsAnErrorOrAValidDecodeNeverACrash) {
-  for (int i = 0; i < 50; ++i)
-    RINGLOG(TraceTest, 1, "damage {} {} {}", i, "str", 1.5);
-  std::string const dump =
-      Trace::RingDump::bytesOf(global(), Trace::SiteTable::instance().sites(), calibration());
-  std::mt19937 random(11);
-  int errors = 0;
-  for (int round = 0; round < 2000; ++round) {
-    std::string damaged = dump;
-    for (int k = 0; k < 3; ++k)
-      damaged[random() % damaged.size()] = static_cast<char>(random());
-    if (errorOf(damaged) != "no error") ++errors;
-  }
-  EXPECT_GT(errors, 0);
-}
-
 TEST(TraceRingDeathTest, CapacityOutsideTheLimitsIsAContractViolation) {
   EXPECT_DEATH(Ringlog::global().capacityIs(Ringlog::kMinCapacity - 1),
                "Assertion failed: capacity >= kMinCapacity && capacity <= kMaxCapacity && \"ring "

@@ -238,15 +238,6 @@ TEST_F(DemuxerTest, TableOutlivingItsDemuxerIsUnboundAndSendsNothing) {
   EXPECT_EQ(table->statuses(), 0u);
 }
 
-TEST_F(DemuxerTest, ReflectionShowsTheConnection) {
-  Qel::GenericIf::PtrConst g(demuxer.ptr());
-  EXPECT_EQ(g->attribute(g->attributeId("peer")).ptr(), demuxer->peer().ptr());
-  demuxer->attributeIs("lowMountPrio", Qel::String("true"));
-  EXPECT_TRUE(demuxer->lowMountPrio());
-  EXPECT_THROW(demuxer->attributeIs("epoch", Qel::String("4")), Qel::TypeException);
-  EXPECT_EQ(g->attribute(g->attributeId("epoch"))->valueAs<Qel::U32>(), 3u);
-}
-
 class DemuxerMgrWatch : public Qel::NboAttrLog::DemuxerMgr::NotifieeConst {
  public:
   std::vector<Qel::Name> names;

@@ -176,8 +176,6 @@ TEST(WireFrameLimitTest, AFrameUpToTheLimitPassesOneByteMoreIsRefusedBeforeItsBo
   } const cases[] = {
       {1, u32(1), ""},
       {1, u32(2), "frame of 2 bytes exceeds the limit of 1 bytes"},
-      {13, u32(13), ""},
-      {13, u32(14), "frame of 14 bytes exceeds the limit of 13 bytes"},
       {WireDecoder::kDefaultMaxFrame, u32(1048576), ""},
       {WireDecoder::kDefaultMaxFrame, u32(1048577),
        "frame of 1048577 bytes exceeds the limit of 1048576 bytes"},
@@ -239,7 +237,6 @@ INSTANTIATE_TEST_SUITE_P(
         BadBody{"empty", "", "empty frame"},
         BadBody{"kind zero", byte(0), "unknown message kind 0"},
         BadBody{"kind six", byte(6) + "abc", "unknown message kind 6"},
-        BadBody{"kind 255", byte(255), "unknown message kind 255"},
         BadBody{"short integer", kHello + byte(0) + byte(0),
                 "malformed Hello: protocolVersion runs past the end of the frame (2 bytes left, "
                 "4 needed)"},
