@@ -277,6 +277,9 @@ void ConditionalMountGroupSm::handleCondition(Qel::String const& condition) {
   Qel::QelAttr const* const attr = type->attribute(Qel::Name(parts.attribute));
   currentPendingConditionIs(condition);
   if (!attr) throw Qel::TypeException("Unknown type");
+  // A reactor that finds its condition true while it is made takes the next condition from the
+  // queue at once: the queue is then shorter when it returns.
+  std::size_t const queued = conditionLocalQueues();
   NewReactor const created = reactorNew(condition, entity, constant, op, parts.len, *attr);
   if (!created.reactor) {
     TRACE(PassiveEntityManager, kTraceDecision, "Conditional Reactor Not created");
@@ -291,8 +294,11 @@ void ConditionalMountGroupSm::handleCondition(Qel::String const& condition) {
     conditionalReactorIs(nullptr);
     return;
   }
-  // Otherwise the condition was true at once and a later condition has taken over.
-  if (currentPendingCondition_ != condition) return;
+  // Otherwise the condition was true at once and a later condition has taken over: with a
+  // reactor of its own, or waiting for its entity while the pending condition is still this one.
+  // Either way this reactor must not report again, or the group would be enabled without the
+  // later condition.
+  if (currentPendingCondition_ != condition || conditionLocalQueues() < queued) return;
   TRACE(PassiveEntityManager, kTraceReport, "Adding conditional reactor 0x{:x} for condition: {}",
         created.address, condition);
   conditionalReactorIs(created.reactor);

@@ -319,6 +319,17 @@ TEST_F(RetryTest, TheReactorOfASatisfiedConditionStopsWhileTheNextWaitsForItsEnt
   EXPECT_EQ(watched->notifiees(), 0u);
 }
 
+TEST_F(RetryTest, AConditionTrueAtOnceLeavesNoReactorWhileTheNextWaitsForItsEntity) {
+  set("a_S32", "6");
+  condition("5 < " + on("a_S32"));
+  condition(lateCondition());
+  start();  // the first holds while its reactor is made; the second's entity is missing
+  EXPECT_EQ(sm->conditionalReactor(), nullptr);
+  set("a_S32", "7");  // must not report for the missing one
+  EXPECT_FALSE(enabled());
+  EXPECT_EQ(watched->notifiees(), 0u);
+}
+
 TEST_F(RetryTest, ASwitchedOffOrZombieStateMachineSkipsItsRetries) {
   condition(lateCondition());
   start();
