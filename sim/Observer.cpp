@@ -176,9 +176,7 @@ class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
         o_(o),
         agent_(std::move(agent)),
         group_(group->name()),
-        groupWatch_(std::make_unique<GroupWatch>()) {
-    groupWatch_->notifierIs(group);
-    conditions_ = conditionsOf(*group);
+        conditions_(conditionsOf(*group)) {
     sensorsChanged();
   }
 
@@ -186,14 +184,12 @@ class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
     auto const res = notifier();
     if (!res || !res->enabled() || released_) return;
     released_ = true;
-    if (auto const group = groupWatch_->notifier()) conditions_ = conditionsOf(*group);
     o_.groupReleased(agent_, group_, conditions_, held_);
   }
 
   // Notes the conditions that hold now.
   void sensorsChanged() {
     if (released_) return;
-    if (auto const group = groupWatch_->notifier()) conditions_ = conditionsOf(*group);
     for (auto const& c : conditions_) {
       if (!held_.count(c) && o_.holds_(c)) held_.insert(c);
     }
@@ -202,12 +198,6 @@ class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
   bool done() const { return released_ || !notifier(); }
 
  private:
-  // Only to reach the group while it lives; it needs no notification.
-  class GroupWatch : public Ledra::PassiveMountGroup::NotifieeConst {
-   public:
-    GroupWatch() : Ledra::PassiveMountGroup::NotifieeConst(NotifieeBase::Reference::weak) {}
-  };
-
   static std::vector<std::string> conditionsOf(Ledra::PassiveMountGroup const& group) {
     std::vector<std::string> out;
     for (auto const& entry : group.conditionCol())
@@ -218,8 +208,10 @@ class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
   Observer& o_;
   std::string const agent_;
   std::string const group_;
-  std::unique_ptr<GroupWatch> groupWatch_;
-  std::vector<std::string> conditions_;
+  // The conditions the group's state machine took in when it started. One added to the group
+  // in place while a condition is pending is not awaited: the state machine reads the group's
+  // conditions only when it is idle.
+  std::vector<std::string> const conditions_;
   std::set<std::string> held_;
   bool released_ = false;
 };

@@ -25,7 +25,9 @@
 //     from the tree by the world (see Holds), not from the library. The group's conditions are
 //     taken one after the other, and one that held may turn false again while a later one is
 //     awaited: a condition false at the release is a violation only if it never held since the
-//     group started waiting. The world reports each change of the tree (sensorsChanged()).
+//     group started waiting. Only the conditions the group had when its state machine started
+//     count: one added in place while another is awaited is not awaited, by design. The world
+//     reports each change of the tree (sensorsChanged()).
 //
 // Single-threaded: everything runs inside the library's notifications on the event loop.
 #pragma once

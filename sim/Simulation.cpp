@@ -57,6 +57,10 @@ Result runSeed(std::uint64_t seed, unsigned steps, Avoid avoid, bool traced, His
       break;
     }
     if (step % 64 == 0) world.observer().prune();
+    if (step % 16 == 0) {
+      for (auto const& problem : world.browseRecords())
+        fail(step, "record read by name: " + problem);
+    }
     auto const& v = world.observer().violations();
     if (v.size() > seen) fail(step, lines("invariant violated:", {v.begin() + seen, v.end()}));
     seen = v.size();

@@ -4,6 +4,7 @@
 
 #include "Ledra/Cell.h"
 #include "Ledra/ConnMgrHelper.h"
+#include "PassiveEntityManager/PassiveEntityManagerSmText.h"
 #include "Qel/ActivityManagerConfig.h"
 #include "Trace/Facilities.h"
 
@@ -59,6 +60,44 @@ std::string strip(std::string const& s) {
     if (c != ' ' && c != '\t') out += c;
   }
   return out;
+}
+
+}  // namespace
+
+namespace {
+
+using Browsed = std::set<Qel::GenericIf const*>;
+
+// Reads every plain attribute of `e` by name as text and every collection's length; follows
+// pointers to other entities once.
+void browse(Qel::GenericIf const& e, Browsed& seen) {
+  if (!seen.insert(&e).second) return;
+  Qel::QelType const* const type = e.qelType();
+  for (Qel::AttributeId aid = 1; aid < type->attributes(); ++aid) {
+    Qel::QelAttr const* const a = type->attribute(aid);
+    if (!a || a->isHandler()) continue;
+    if (a->isCollection()) {
+      if (a->count()) e.colLength(aid);
+      continue;
+    }
+    if (!a->getter()) continue;
+    auto const v = e.attribute(aid);
+    if (!v) continue;
+    (void)v->text();
+    if (a->kind() == Qel::QelAttr::Kind::pointer) browse(*v, seen);
+  }
+}
+
+// Reads the element of collection `name` whose key prints as `keyText`, by name.
+void browseElement(Qel::GenericIf const& e, char const* name, std::string const& keyText,
+                   Browsed& seen) {
+  Qel::AttributeId const aid = e.attributeId(Qel::Name(name));
+  if (aid == Qel::kNoAttribute) return;
+  Qel::QelAttr const* const a = e.qelType()->attribute(aid);
+  auto const v = e.attribute(aid, a->keyType()->valueFromText(Qel::String(keyText)));
+  if (!v) return;
+  (void)v->text();
+  if (a->elementsArePointers()) browse(*v, seen);
 }
 
 }  // namespace
@@ -835,6 +874,44 @@ std::vector<std::string> World::requestsSent() const {
     }
   }
   return out;
+}
+
+std::vector<std::string> World::browseRecords() const {
+  using Engine = Ledra::PassiveEntityManagerSm;
+  std::vector<std::string> problems;
+  Browsed seen;
+  for (auto const& [name, profile] : profiles_->agentProfile()) {
+    browse(*profile, seen);
+    for (auto const& entry : profile->mountGroup())
+      browseElement(*profile, "mountGroup", std::string(entry.first), seen);
+  }
+  for (auto const& entry : statuses_->agentStatus())
+    browse(*entry.second, seen);
+  auto const root = wrapper_ ? wrapper_->passiveEntityManagerRootSm() : nullptr;
+  if (!root) return problems;
+  browse(*root, seen);
+  for (auto const& [name, engine] : root->passiveEntityManagerSm()) {
+    if (!engine) continue;
+    browse(*engine, seen);
+    Qel::String const state = Ledra::valueToStrep(engine->state());
+    if (Ledra::strepToValue<Engine::State>(state) != engine->state())
+      problems.push_back(std::string(name) + ": state " + state + " reads back otherwise");
+    for (auto const& entry : engine->readyMountGroup()) {
+      Engine::ReadyMountGroupCompoundIndex const index(entry.key.index0,
+                                                       static_cast<Qel::U32>(entry.key.index1));
+      Qel::String const text = Ledra::valueToStrep(index);
+      if (Ledra::strepToValue<Engine::ReadyMountGroupCompoundIndex>(text) != index)
+        problems.push_back(std::string(name) + ": ready group index " + text +
+                           " reads back otherwise");
+      browseElement(*engine, "readyMountGroup", text, seen);
+    }
+    for (auto const& [group, record] : engine->conditionalMountGroup()) {
+      browseElement(*engine, "conditionalMountGroup", std::string(group), seen);
+      if (record && record->conditionalMountGroupSm())
+        browse(*record->conditionalMountGroupSm(), seen);
+    }
+  }
+  return problems;
 }
 
 }  // namespace Sim

@@ -59,6 +59,11 @@ class World {
 
   Observer& observer() { return *observer_; }
   double now() const { return clock_->now(); }
+  // Reads every profile, status record, engine and conditional group state machine by name, the
+  // way a control client browses them (plain attributes as text, collections by length, the
+  // elements of the keyed ones the world knows the keys of). Returns the text forms that do not
+  // read back as the value they print, one line each.
+  std::vector<std::string> browseRecords() const;
   // What each agent was sent, "agent#epoch path?flags=letters type", for comparing runs.
   std::vector<std::string> requestsSent() const;
 
