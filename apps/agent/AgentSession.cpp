@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <limits>
 
 #include "Qel/EntityUri.h"
 
@@ -48,9 +49,7 @@ void AgentSession::line(std::string const& text) {
 void AgentSession::start() {
   watchFor(false);
   line("connected as " + options_.name);
-  if (!send(WireHello{options_.version, options_.name, options_.agentString})) {
-    finish("lost connection", 1);
-  }
+  if (!send(WireHello{options_.version, options_.name, options_.agentString})) connectionLost();
 }
 
 void AgentSession::stop() {
@@ -72,33 +71,49 @@ void AgentSession::watchFor(bool writable) {
 void AgentSession::onReady(unsigned ready) {
   if (ended_) return;
   if ((ready & Qel::EventLoop::writable) && !flush()) {
-    finish("lost connection", 1);
+    connectionLost();
     return;
   }
-  bool endOfStream = false;
+  bool const endOfStream = read(kReadsPerTurn);
+  if (!handleDecoded()) return;
+  if (endOfStream) finish("lost connection", 1);
+}
+
+bool AgentSession::read(int chunks) {
   char buf[kReadChunk];
-  for (int i = 0; i < kReadsPerTurn; ++i) {
+  for (int i = 0; i < chunks; ++i) {
     ssize_t const n = ::read(fd_, buf, sizeof buf);
     if (n > 0) {
       decoder_.feed(std::string_view(buf, static_cast<std::size_t>(n)));
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    endOfStream = true;  // the end, or a read error: either way nothing more comes
-    break;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return false;
+    return true;  // the end, or a read error: either way nothing more comes
   }
+  return false;
+}
+
+bool AgentSession::handleDecoded() {
   WireMessage m;
   for (;;) {
     WireDecoder::Result const r = decoder_.next(m);
-    if (r == WireDecoder::Result::none) break;
+    if (r == WireDecoder::Result::none) return true;
     if (r == WireDecoder::Result::error) {
       protocolError(decoder_.error());
-      return;
+      return false;
     }
-    if (!handle(m)) return;
+    if (!handle(m)) return false;
   }
-  if (endOfStream) finish("lost connection", 1);
+}
+
+void AgentSession::connectionLost() {
+  if (ended_ || draining_) return;
+  draining_ = true;
+  // The database may have closed the connection right after saying why: what it wrote before is
+  // handled first, so that its Close is reported rather than a lost connection.
+  read(std::numeric_limits<int>::max());
+  if (handleDecoded()) finish("lost connection", 1);
 }
 
 bool AgentSession::handle(WireMessage const& m) {
@@ -157,7 +172,7 @@ void AgentSession::request(WireMountRequest const& r, WireEntityState const* sta
     answer.ok = false;
     answer.exceptionText = failure;
     answer.pathState = 0;
-    if (!send(answer)) finish("lost connection", 1);
+    if (!send(answer)) connectionLost();
     return;
   }
   if (options_.holds.count(path) != 0) {
@@ -165,7 +180,7 @@ void AgentSession::request(WireMountRequest const& r, WireEntityState const* sta
     return;
   }
   tree_.mount(path, r.typeName, state);
-  if (!send(answer)) finish("lost connection", 1);
+  if (!send(answer)) connectionLost();
 }
 
 bool AgentSession::send(WireMessage const& m) {

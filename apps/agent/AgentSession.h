@@ -10,7 +10,9 @@
 //
 // The session ends (ended() true, the socket closed, the loop stopped) when:
 //   - the database sends a Close: prints "closed: REASON", exit status 0;
-//   - the stream ends or fails without one: prints "lost connection", exit status 1;
+//   - the stream ends or fails without one: prints "lost connection", exit status 1. When a
+//     write fails, what the database sent before is still read and handled: a Close among it is
+//     reported as above;
 //   - the database breaks the protocol (a malformed frame, a state nobody announced): the agent
 //     sends a Close with the reason, prints "protocol error: REASON", exit status 1;
 //   - stop() (the program's SIGTERM/SIGINT): prints "holds:" and one line per held path, sorted,
@@ -50,6 +52,12 @@ class AgentSession {
 
  private:
   void onReady(unsigned ready);
+  // Reads up to `chunks` chunks into the decoder; true at the end of the stream or a read error.
+  bool read(int chunks);
+  // Handles every decoded message; false when the session ended.
+  bool handleDecoded();
+  // A write failed: reads what the database wrote before, then ends the session.
+  void connectionLost();
   // False when the session ended.
   bool handle(Qel::NboAttrLog::WireMessage const& m);
   void request(Qel::NboAttrLog::WireMountRequest const& r,
@@ -73,6 +81,7 @@ class AgentSession {
   std::optional<Qel::NboAttrLog::WireMountRequest> awaitingState_;
   std::map<Qel::U32, std::string> unanswered_;
   bool watchingWritable_ = false;
+  bool draining_ = false;
   bool ended_ = false;
   int exitStatus_ = 0;
 };

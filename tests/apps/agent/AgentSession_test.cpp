@@ -268,6 +268,17 @@ TEST_F(AgentSessionProtocolTest, TheHelloComesFirstTheAnswerWaitsForTheAnnounced
             (std::vector<std::pair<std::string, std::string>>{{"k", "v"}}));
 }
 
+TEST_F(AgentSessionProtocolTest, ACloseBeforeTheSocketShutIsReportedThoughTheAnswerFailed) {
+  received();  // the hello
+  send(Wire::wireFrame(Wire::WireMountRequest{1, "/a", "", false}) +
+       Wire::wireFrame(Wire::WireClose{"database shutting down"}));
+  ::close(db);
+  db = -1;
+  runToEnd();
+  EXPECT_EQ(lines(out).back(), "closed: database shutting down");
+  EXPECT_EQ(session->exitStatus(), 0);
+}
+
 TEST_F(AgentSessionProtocolTest, AnUnreadableUriIsAnsweredAsAFailure) {
   send(Wire::wireFrame(Wire::WireMountRequest{4, "http://host/x", "", false}) +
        Wire::wireFrame(Wire::WireMountRequest{5, "/y?flags=Q", "", false}));
