@@ -1,16 +1,28 @@
 #include "apps/ledra-ctl/CtlArguments.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <limits>
 
+#include "Qel/NboAttrLog/WireText.h"
 #include "apps/ledrad/ControlCommands.h"
 #include "apps/ledrad/ControlProtocol.h"
 #include "apps/ledrad/Options.h"
 
 namespace LedraCtl {
 
+CtlArgumentsError::CtlArgumentsError(std::string const& why)
+    : std::runtime_error(Qel::NboAttrLog::printableText(why)) {}
+
 int CtlArguments::timeoutMillis() const {
-  return static_cast<int>(timeout * 1000);
+  double const ms = timeout * 1000;
+  if (ms >= static_cast<double>(std::numeric_limits<int>::max())) {
+    return std::numeric_limits<int>::max();
+  }
+  // A timeout below one millisecond still waits: a wait of 0 would not wait at all.
+  return std::max(1, static_cast<int>(ms));
 }
 
 std::string ctlUsage() {
@@ -50,7 +62,7 @@ CtlArguments parseCtlArguments(std::vector<std::string> const& args) {
     }
     char* end = nullptr;
     o.timeout = std::strtod(value.c_str(), &end);
-    if (value.empty() || *end || o.timeout <= 0) {
+    if (value.empty() || *end || !std::isfinite(o.timeout) || o.timeout <= 0) {
       throw CtlArgumentsError("--timeout takes a positive number");
     }
   }

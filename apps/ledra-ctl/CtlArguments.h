@@ -9,7 +9,7 @@
 // ledrad to refuse). --help or -h before the command asks for the usage and ends the parsing.
 // parseCtlArguments throws CtlArgumentsError with a one-line reason for a command line it
 // refuses: an unknown option, an option without its value, an empty socket path, a timeout that
-// is not a positive number, no command, or a word the control protocol cannot carry. A plain
+// is not a positive finite number, no command, or a word the control protocol cannot carry. A plain
 // value.
 #pragma once
 
@@ -21,7 +21,8 @@ namespace LedraCtl {
 
 class CtlArgumentsError : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  // The reason on one line: the arguments it quotes are shown in printable form.
+  explicit CtlArgumentsError(std::string const& why);
 };
 
 struct CtlArguments {
@@ -30,7 +31,7 @@ struct CtlArguments {
   double timeout = 30.0;  // seconds for each read or write of the exchange
   std::vector<std::string> words;
 
-  // The timeout as the exchange takes it.
+  // The timeout as the exchange takes it: whole milliseconds, at least 1, at most INT_MAX.
   int timeoutMillis() const;
 };
 

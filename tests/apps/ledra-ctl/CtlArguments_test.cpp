@@ -45,6 +45,19 @@ TEST(CtlArgumentsTest, OptionsComeBeforeTheCommandInEitherForm) {
   EXPECT_TRUE(parseCtlArguments({"-h"}).help);
 }
 
+// The exchange waits in whole milliseconds: a timeout below one still waits one, and one beyond
+// what the wait can take waits as long as it can.
+TEST(CtlArgumentsTest, EveryPositiveTimeoutWaits) {
+  auto const millis = [](char const* seconds) {
+    return parseCtlArguments({"--timeout", seconds, "status"}).timeoutMillis();
+  };
+  EXPECT_EQ(millis("0.0001"), 1);
+  EXPECT_EQ(millis("1e-300"), 1);
+  EXPECT_EQ(millis("0.0025"), 2);
+  EXPECT_EQ(millis("2147483.647"), 2147483647);
+  EXPECT_EQ(millis("1e300"), 2147483647);
+}
+
 TEST(CtlArgumentsTest, FileNamesOfTheLoadCommandsAreMadeAbsolute) {
   std::string const cwd = std::filesystem::current_path().string();
   EXPECT_EQ(parseCtlArguments({"load-state", "a/../b.state", "", "/x/./y"}).words,
@@ -77,7 +90,13 @@ INSTANTIATE_TEST_SUITE_P(
                     Refused{{"--timeout=", "status"}, "--timeout takes a positive number"},
                     Refused{{"--timeout", "5s", "status"}, "--timeout takes a positive number"},
                     Refused{{"--timeout", "-2", "status"}, "--timeout takes a positive number"},
-                    Refused{{"set", "/a", "b\tc", "d"}, "argument 'b\tc' holds a tab or a newline"},
+                    Refused{{"--timeout", "nan", "status"}, "--timeout takes a positive number"},
+                    Refused{{"--timeout", "inf", "status"}, "--timeout takes a positive number"},
+                    Refused{{"--timeout", "1e999", "status"}, "--timeout takes a positive number"},
+                    // What the reason quotes is shown on one line.
+                    Refused{{"set", "/a", "b\tc", "d"},
+                            "argument 'b\\x09c' holds a tab or a newline"},
+                    Refused{{"--a\nb=1", "status"}, "unknown option --a\\x0ab"},
                     Refused{{"status", std::string(70000, 'a')}, "request too long"}));
 
 }  // namespace
