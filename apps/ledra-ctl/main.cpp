@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "Qel/NboAttrLog/WireText.h"
 #include "apps/ledra-ctl/CtlArguments.h"
 #include "apps/ledrad/ControlClient.h"
 
@@ -32,7 +33,8 @@ int main(int argc, char** argv) {
     std::fputs(reply.text.c_str(), reply.ok ? stdout : stderr);
     return reply.ok ? 0 : 1;
   } catch (std::exception const& e) {
-    std::fprintf(stderr, "ledra-ctl: %s\n", e.what());
+    // The reason may quote the socket path as given: it is shown on one line.
+    std::fprintf(stderr, "ledra-ctl: %s\n", Qel::NboAttrLog::printableText(e.what()).c_str());
     return 3;
   }
 }
