@@ -3,14 +3,18 @@
 // agents and the listener's limits; then each step is one byte (low two bits: which agent) and
 // what it takes:
 //   write N raw bytes, shut the agent's writing side, close it and connect again, let the hello
-//   timeout pass, mount a path on the agent's connection, or send a well-formed Hello, an answer
-//   to a mount request received, or a Close.
+//   timeout pass, mount a path on the agent's connection (one of them a directory whose state
+//   is large, so that an agent that stops reading makes output wait), send a well-formed Hello,
+//   an answer to a mount request received or a Close, or stop (or resume) reading.
 // After every step the loop runs until it is idle, and then:
 //   - the listener speaks only well-formed frames, and a Close is the last thing it sends;
 //   - an agent whose connection the listener ended without the agent ending it (by a Close or
-//     the end of its stream) was sent a Close with a reason that prints as one line;
+//     the end of its stream) was sent a Close with a reason that prints as one line, unless the
+//     agent stopped reading (its socket may not take the Close);
 //   - the listener holds exactly the connections whose agents have not seen the end of the
-//     stream, and the database has a demuxer and a status record for each admitted one;
+//     stream (of those not reading, at most all), and the database has a demuxer and a status
+//     record for each admitted one;
+//   - no connection holds more output than its limit, nor all together more than theirs;
 //   - a new connection of a name gets a higher epoch than the connections of it before, and the
 //     listener remembers no more names than its limit.
 // At the end every agent goes: the listener holds nothing, nothing waits for output, and once
@@ -65,7 +69,9 @@ struct Agent {
   // It ended the connection itself: sent a Close or shut its writing side.
   bool endedItself = false;
   bool eof = false;
-  std::string name;  // of its first message, when that was a Hello
+  bool reads = true;
+  bool stalled = false;  // stopped reading at some time
+  std::string name;      // of its first message, when that was a Hello
   bool firstSeen = false;
   WireDecoder sent;
   WireDecoder received{std::size_t(1) << 24};
@@ -86,6 +92,8 @@ class Run {
       listener_->maxAgentNameIs(4);
     }
     if (config & 8u) listener_->maxRememberedNamesIs(1);
+    if (config & 16u) listener_->maxOutputIs(96 * 1024);
+    if (config & 32u) listener_->maxOutputTotalIs(64 * 1024);
     for (std::size_t i = 0; i < agents_; ++i)
       connect(agent_[i]);
     settle();
@@ -132,8 +140,11 @@ class Run {
                    WireHello{Qel::U32(b >> 2) % 7, "agent" + std::to_string(b & 3u), "fuzz"}));
     } else if (kind < 62) {
       answer(a, take(input));
-    } else {
+    } else if (kind < 63) {
       write(a, Qel::NboAttrLog::wireFrame(WireClose{"bye"}));
+    } else {
+      a.reads = !a.reads;
+      a.stalled = true;
     }
     settle();
     check();
@@ -185,7 +196,8 @@ class Run {
     if (a.name.empty()) return;
     auto const d = Qel::NboAttrLog::demuxerMgr()->demuxer(a.name);
     if (!d) return;
-    std::string const path = "/fz/m" + std::to_string(b % 3);
+    static char const* const paths[] = {"/fz/m0", "/fz/m1", "/fz/big0", "/fz/big1", "/fz/big2"};
+    std::string const path = paths[b % 5];
     d->peer()->confIs(Qel::MountTable::Conf(
         path, {}, Qel::MountFlags::fromLetters(b & 8u ? "Cnp" : "C"), a.name));
   }
@@ -221,7 +233,7 @@ class Run {
   }
 
   void receive(Agent& a) {
-    if (a.fd < 0 || a.eof) return;
+    if (a.fd < 0 || a.eof || !a.reads) return;
     char buf[65536];
     for (;;) {
       ssize_t const n = ::recv(a.fd, buf, sizeof buf, MSG_DONTWAIT);
@@ -247,26 +259,34 @@ class Run {
         a.requests[q->seqno] = q->uri.substr(0, q->uri.find('?'));
       }
     }
-    if (a.eof) FUZZ_CHECK(!a.received.midFrame());
+    // Only a connection given up for not reading may end in the middle of a frame.
+    if (a.eof && !a.stalled) FUZZ_CHECK(!a.received.midFrame());
   }
 
   void check() {
     std::size_t live = 0;
+    std::size_t unread = 0;
     for (std::size_t i = 0; i < agents_; ++i) {
       Agent const& a = agent_[i];
       if (a.fd < 0) continue;
+      if (!a.reads) {
+        ++unread;
+        continue;
+      }
       if (!a.eof) {
         ++live;
         continue;
       }
-      if (a.endedItself) continue;
+      if (a.endedItself || a.stalled) continue;
       FUZZ_CHECK(a.closeReceived);
       FUZZ_CHECK(!a.closeReason.empty());
       FUZZ_CHECK(Qel::NboAttrLog::printableText(a.closeReason) == a.closeReason);
     }
     FUZZ_CHECK(listener_->rememberedNames() <= listener_->maxRememberedNames());
     std::size_t const connections = listener_->connections();
-    FUZZ_CHECK(connections + listener_->pendingConnections() == live);
+    std::size_t const held = connections + listener_->pendingConnections();
+    FUZZ_CHECK(held >= live && held <= live + unread);
+    FUZZ_CHECK(listener_->outputTotal() <= listener_->maxOutputTotal());
     FUZZ_CHECK(Qel::NboAttrLog::demuxerMgr()->demuxers() == connections);
     FUZZ_CHECK(Ledra::ConnMgrHelper::connectionStatusDir()->passiveConnectionStatuses() ==
                connections);
@@ -275,6 +295,8 @@ class Run {
       if (a.name.empty()) continue;
       auto const d = Qel::NboAttrLog::demuxerMgr()->demuxer(a.name);
       if (!d) continue;
+      auto const t = listener_->transport(a.name);
+      FUZZ_CHECK(t && t->outputBuffered() <= listener_->maxOutput());
       // A name the listener no longer remembers answers 0.
       Qel::U32 const remembered = listener_->epoch(a.name);
       FUZZ_CHECK(remembered == 0 || remembered == d->epoch());
@@ -320,8 +342,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   gDir = tmpl;
   gPath = gDir + "/agents.sock";
   std::atexit(removeDir);
-  // The process-wide objects exist before the first count.
-  Qel::globalDir();
+  // The process-wide objects exist before the first count, and so do directories whose state
+  // (their entry names) takes more than half a socket's buffer.
+  auto const fz = Qel::globalDir()->dirIs("fz");
+  for (char const* name : {"big0", "big1", "big2"}) {
+    auto const big = fz->dirIs(name);
+    for (int i = 0; i < 64; ++i)
+      big->dirIs(std::to_string(i) + std::string(2000, 'x'));
+  }
   Qel::NboAttrLog::demuxerMgr();
   Ledra::ConnMgrHelper::connectionStatusDir();
   return 0;
