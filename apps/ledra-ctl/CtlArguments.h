@@ -9,8 +9,8 @@
 // ledrad to refuse). --help or -h before the command asks for the usage and ends the parsing.
 // parseCtlArguments throws CtlArgumentsError with a one-line reason for a command line it
 // refuses: an unknown option, an option without its value, an empty socket path, a timeout that
-// is not a positive finite number, no command, or a word the control protocol cannot carry. A plain
-// value.
+// is not a positive finite number, no command, or a word the control protocol cannot carry.
+// A plain value.
 #pragma once
 
 #include <stdexcept>
