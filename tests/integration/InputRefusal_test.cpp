@@ -91,4 +91,13 @@ TEST_F(InputRefusal, ControlClientsAreRefusedAndLedradKeepsServing) {
       << status.output;
 }
 
+// ledra-ctl's own errors stay on one line whatever the command line holds.
+TEST_F(InputRefusal, ControlProgramErrorsQuoteArgumentsOnOneLine) {
+  std::string const socket = path("no\nsuch.sock");
+  auto const unreachable = ctl({"--control-socket", socket, "status"});
+  EXPECT_EQ(unreachable.status, 3);
+  EXPECT_EQ(unreachable.output, "ledra-ctl: cannot connect to " + path("no\\x0asuch.sock") +
+                                    ": No such file or directory\n");
+}
+
 }  // namespace

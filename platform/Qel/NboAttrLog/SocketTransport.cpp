@@ -299,13 +299,15 @@ std::string SocketTransport::entityStateFrame(String const& path, U32 seqno) con
 }
 
 void SocketTransport::enqueue(std::string const& frame) {
-  if (discarding_) return;
+  if (discarding_ || frameCut_) return;
   std::size_t const before = outputBuffered();
   if (outputOffset_ == output_.size()) {
     output_.clear();
     outputOffset_ = 0;
   }
   output_.append(frame);
+  queuedBytes_ += frame.size();
+  frameEnds_.push_back(queuedBytes_);
   outputChanged(before);
 }
 
@@ -313,6 +315,11 @@ void SocketTransport::dropOutput() {
   std::size_t const before = outputBuffered();
   std::string().swap(output_);
   outputOffset_ = 0;
+  // The socket took part of a frame whose rest is dropped: the stream can carry nothing more.
+  if (writtenBytes_ != frameEnd_) frameCut_ = true;
+  frameEnds_.clear();
+  queuedBytes_ = writtenBytes_;
+  frameEnd_ = writtenBytes_;
   outputChanged(before);
 }
 
@@ -334,6 +341,11 @@ bool SocketTransport::writeOutput() {
         ::send(fd_, output_.data() + outputOffset_, output_.size() - outputOffset_, MSG_NOSIGNAL);
     if (n > 0) {
       outputOffset_ += static_cast<std::size_t>(n);
+      writtenBytes_ += static_cast<U64>(n);
+      while (!frameEnds_.empty() && frameEnds_.front() <= writtenBytes_) {
+        frameEnd_ = frameEnds_.front();
+        frameEnds_.pop_front();
+      }
       continue;
     }
     if (n < 0 && errno == EINTR) continue;

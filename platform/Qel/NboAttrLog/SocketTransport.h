@@ -23,7 +23,10 @@
 // what the socket does not take waits in an output buffer, written as the socket becomes writable.
 // An agent that lets more than maxOutput() bytes pile up is closed ("agent does not read its
 // connection (N bytes waiting, limit M)"): what waits is discarded at once and the close follows
-// on a later turn (discardOutputAndClose). Every change of the bytes waiting is reported to the
+// on a later turn (discardOutputAndClose); when the socket has taken part of a frame by then,
+// nothing more is sent on the connection, not even the Close: written after that part, it would
+// read as the rest of the frame, and the agent sees its stream end inside the frame instead.
+// Every change of the bytes waiting is reported to the
 // owner (Owner::onOutputBuffered), which may bound the output of all its connections together.
 // Texts the agent writes for people (a Close's reason, a failed answer's exception text) are
 // taken in their printable form (printableText), so that they cannot break an output line.
@@ -36,6 +39,7 @@
 
 #include "Qel/Api.h"
 
+#include <deque>
 #include <map>
 #include <string>
 
@@ -148,6 +152,13 @@ class QEL_API SocketTransport final : public Transport {
   WireDecoder decoder_;
   std::string output_;
   std::size_t outputOffset_ = 0;
+  // Bytes ever queued and ever written, the ends (in queued bytes) of the frames not yet written
+  // whole, the end of the last frame written whole, and whether a frame was cut short.
+  U64 queuedBytes_ = 0;
+  U64 writtenBytes_ = 0;
+  std::deque<U64> frameEnds_;
+  U64 frameEnd_ = 0;
+  bool frameCut_ = false;
   std::size_t maxOutput_ = kDefaultMaxOutput;
   std::map<U32, String> unanswered_;
   bool helloSeen_ = false;

@@ -101,6 +101,7 @@ class TestAgent {
   }
 
   std::vector<WireMessage> received;
+  std::string bytes;  // everything received, as it came
   bool eof = false;
   std::string decodeError;
 
@@ -119,6 +120,7 @@ class TestAgent {
       ssize_t const n = ::read(fd_, buf, sizeof buf);
       if (n > 0) {
         decoder_.feed(std::string_view(buf, static_cast<std::size_t>(n)));
+        bytes.append(buf, static_cast<std::size_t>(n));
         continue;
       }
       if (n < 0 && errno == EAGAIN) break;
@@ -594,6 +596,27 @@ TEST_F(AgentListenerTest, AnAgentThatDoesNotReadIsClosed) {
   EXPECT_EQ(demuxer("agentA")->closeReason().rfind("agent does not read its connection (", 0), 0u)
       << demuxer("agentA")->closeReason();
   ASSERT_TRUE(run([&] { return gone("agentA"); }));
+}
+
+// Given up while its socket holds part of a frame, an agent that reads again gets nothing after
+// that part: a Close written there would read as the rest of the frame.
+TEST_F(AgentListenerTest, NothingFollowsAFrameCutShortWhenAnAgentIsGivenUp) {
+  bigThing("big", 100000);
+  TestAgent& a = connected("agentA");
+  a.stopReading();
+  auto const t = listener->transport("agentA");
+  t->maxOutputIs(150000);
+  char const* const flags[] = {"w", "Cnp"};
+  for (int i = 0; i < 300 && !t->discarding(); ++i)
+    mount("agentA", "/wiretest/big", flags[i % 2]);
+  ASSERT_TRUE(t->discarding());
+  a.readAgain();
+  ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
+  EXPECT_EQ(a.decodeError, "");
+  // The socket had taken part of a state (its label of 'x's): the stream ends inside it.
+  EXPECT_EQ(a.closeReason(), "<none>");
+  EXPECT_EQ(a.bytes.find("agent does not read"), std::string::npos);
+  EXPECT_EQ(a.bytes.back(), 'x');
 }
 
 // What a socket sends that breaks the protocol, and the reason it is closed with.
