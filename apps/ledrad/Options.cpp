@@ -198,6 +198,15 @@ Options parseOptions(std::vector<std::string> const& args) {
   if (o.socket.empty()) o.socket = defaultAgentSocket();
   if (o.controlSocket.empty()) o.controlSocket = defaultControlSocket();
   if (o.socket == o.controlSocket) throw UsageError("the agent and control sockets are the same");
+  // One mount request and the entity state behind it must fit, or an agent that reads would be
+  // closed as one that does not.
+  std::size_t const oneMount = 2 * (o.bounds.maxFrame + Qel::NboAttrLog::WireDecoder::kHeaderBytes);
+  if (o.bounds.maxAgentOutput < oneMount) {
+    throw UsageError("--max-agent-output (" + std::to_string(o.bounds.maxAgentOutput) +
+                     " bytes) cannot hold one mount request and its state (" +
+                     std::to_string(oneMount) + " bytes with --max-frame " +
+                     std::to_string(o.bounds.maxFrame) + ")");
+  }
   if (o.bounds.maxTotalOutput < o.bounds.maxAgentOutput) {
     throw UsageError("--max-total-output (" + std::to_string(o.bounds.maxTotalOutput) +
                      " bytes) is below --max-agent-output (" +

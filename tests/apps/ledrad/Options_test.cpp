@@ -109,8 +109,13 @@ TEST_F(OptionsTest, RefusalsSayWhy) {
             "--control-idle-timeout takes a positive number of seconds, not '0'");
   EXPECT_EQ(refusal({"--hello-timeout", "inf"}),
             "--hello-timeout takes a positive number of seconds, not 'inf'");
-  EXPECT_EQ(refusal({"--max-total-output", "1M", "--max-agent-output", "2M"}),
-            "--max-total-output (1048576 bytes) is below --max-agent-output (2097152 bytes)");
+  EXPECT_EQ(refusal({"--max-total-output", "3M", "--max-agent-output", "4M"}),
+            "--max-total-output (3145728 bytes) is below --max-agent-output (4194304 bytes)");
+  EXPECT_EQ(refusal({"--max-frame", "1K", "--max-agent-output", "2055"}),
+            "--max-agent-output (2055 bytes) cannot hold one mount request and its state "
+            "(2056 bytes with --max-frame 1024)");
+  EXPECT_EQ(parseOptions({"--max-frame", "1K", "--max-agent-output", "2056"}).bounds.maxAgentOutput,
+            2056u);
 }
 
 TEST(ConfigFilesIn, ListsMatchingRegularFilesInNameOrder) {
