@@ -15,13 +15,7 @@
 #include "apps/ledrad/ControlProtocol.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  std::string_view rest(reinterpret_cast<char const*>(data), size);
-  std::vector<std::string> args;
-  while (!rest.empty() && args.size() < 64) {
-    std::size_t const end = rest.find('\0');
-    args.emplace_back(rest.substr(0, end));
-    rest = end == std::string_view::npos ? std::string_view() : rest.substr(end + 1);
-  }
+  std::vector<std::string> const args = fuzzArguments(data, size);
   LedraCtl::CtlArguments options;
   try {
     options = LedraCtl::parseCtlArguments(args);
