@@ -141,7 +141,7 @@ void AgentListener::listen() {
 void AgentListener::accepted(int fd) {
   SocketTransport::Ptr t = SocketTransport::socketTransportNew(
       loop_.ptr(), fd, this, "agent socket " + std::to_string(fd));
-  t->maxFrameIs(maxFrame_);
+  t->maxFrameIs(std::min(maxFrame_, kMaxHelloFrame));
   t->maxOutputIs(maxOutput_);
   Connection& c = conns_[t.ptr()];
   c.transport = t;
@@ -211,6 +211,7 @@ void AgentListener::onHello(SocketTransport& t, Qel::NboAttrLog::WireHello const
     t.closeWith(why);
     return;
   }
+  t.maxFrameIs(maxFrame_);
   Qel::Name const name = hello.agentName;
   Connection& c = it->second;
   auto const table = Qel::MountTable::mountTableNew(name);
@@ -345,7 +346,7 @@ void AgentListener::maxFrameIs(std::size_t bytes) {
   QEL_ASSERT(bytes >= 1 && "a frame limit of at least one byte");
   maxFrame_ = bytes;
   for (auto const& [t, c] : conns_)
-    c.transport->maxFrameIs(bytes);
+    c.transport->maxFrameIs(c.demuxer ? bytes : std::min(bytes, kMaxHelloFrame));
 }
 
 void AgentListener::helloTimeoutIs(Qel::Time seconds) {

@@ -90,6 +90,10 @@ class QEL_API AgentListener : public Qel::RefCounted,
   // The transport of the connection of `agentName` (null when it has none).
   Qel::NboAttrLog::SocketTransport::Ptr transport(Qel::Name const& agentName) const;
 
+  // Until its hello is admitted a connection's frames may be at most this long (or maxFrame(),
+  // when that is less): a hello is a name of at most maxAgentName() bytes and an agent string,
+  // so a socket that never says hello holds no more than this until its hello timeout.
+  static constexpr std::size_t kMaxHelloFrame = 64 * 1024;
   std::size_t maxFrame() const { return maxFrame_; }
   // The largest frame body taken from or sent to an agent; applies to every connection.
   void maxFrameIs(std::size_t bytes);

@@ -385,7 +385,8 @@ TEST_F(FaultInjection, ClientsThatNeverReadAreHeldAsideAndOthersAreServed) {
 }
 
 // (b) Clients that stall in the middle of a frame: some in the middle of their hello (closed at
-// the hello timeout, with the reason), some after their hello in the middle of an answer declared
+// the hello timeout, with the reason; one whose first frame is longer than any hello at once),
+// some after their hello in the middle of an answer declared
 // nearly as long as the frame limit (held: an agent may be slow). An agent is served meanwhile;
 // once the stalled clients go, what they held is given back.
 TEST_F(FaultInjection, ClientsStalledMidFrameAreServedTheirTimeoutAndGiveBackWhatTheyHeld) {
@@ -402,8 +403,9 @@ TEST_F(FaultInjection, ClientsStalledMidFrameAreServedTheirTimeoutAndGiveBackWha
     midHello.push_back(std::make_unique<WireAgent>(path("agents.sock")));
     ASSERT_TRUE(midHello.back()->send(hello.substr(0, hello.size() / 2)));
   }
-  midHello.push_back(std::make_unique<WireAgent>(path("agents.sock")));
-  ASSERT_TRUE(midHello.back()->send(big));
+  // A first frame longer than any hello is refused as soon as its length is read.
+  WireAgent oversized(path("agents.sock"));
+  ASSERT_TRUE(oversized.send(big.substr(0, 5)));
   for (int i = 0; i < 4; ++i) {
     std::string const name = "node-stall" + std::to_string(i);
     names.insert(name);
@@ -423,6 +425,10 @@ TEST_F(FaultInjection, ClientsStalledMidFrameAreServedTheirTimeoutAndGiveBackWha
     EXPECT_TRUE(hungUp(c->fd(), deadlineIn(kWait), true, &received));
     EXPECT_EQ(closeReasonIn(received), std::optional<std::string>("no hello within 0.5 seconds"));
   }
+  std::string refused;
+  EXPECT_TRUE(hungUp(oversized.fd(), deadlineIn(kWait), true, &refused));
+  EXPECT_EQ(closeReasonIn(refused),
+            std::optional<std::string>("frame of 1000000 bytes exceeds the limit of 65536 bytes"));
   midHello.clear();
   // The clients stalled after their hello are still served: their end makes a truncated frame.
   auto const status = control({"status", "node-stall0"});

@@ -713,6 +713,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BadInput{"AnswerFirst", [](TestAgent& a) { a.answer(1, "/a"); },
                  "expected a Hello, got MountAnswer"},
+        BadInput{"HelloLongerThanAnyHello",
+                 [](TestAgent& a) { a.hello("agentA", std::string(64 * 1024, 's')); },
+                 "frame of 65555 bytes exceeds the limit of 65536 bytes"},
         BadInput{"CloseFirst", [](TestAgent& a) { a.send(WireClose{"changed my mind"}); },
                  "<none>"},
         BadInput{"NoName", [](TestAgent& a) { a.hello(""); }, "hello without an agent name"},
