@@ -882,11 +882,27 @@ std::vector<std::string> World::browseRecords() const {
   Browsed seen;
   for (auto const& [name, profile] : profiles_->agentProfile()) {
     browse(*profile, seen);
-    for (auto const& entry : profile->mountGroup())
-      browseElement(*profile, "mountGroup", std::string(entry.first), seen);
+    for (auto const& [position, key] : profile->templateKey())
+      browseElement(*profile, "templateKey", std::to_string(position), seen);
+    for (auto const& [alias, key] : profile->aliasKey())
+      browseElement(*profile, "aliasKey", std::string(alias), seen);
+    for (auto const& [groupName, group] : profile->mountGroup()) {
+      browseElement(*profile, "mountGroup", std::string(groupName), seen);
+      for (auto const& entry : group->conditionCol())
+        browseElement(*group, "conditionCol", std::to_string(entry.index), seen);
+      for (auto const& [condition, flag] : group->templateConditionCol())
+        browseElement(*group, "templateConditionCol", std::string(condition), seen);
+      for (auto const& [path, mount] : group->mountProfile())
+        browseElement(*group, "mountProfile", std::string(path), seen);
+    }
   }
-  for (auto const& entry : statuses_->agentStatus())
-    browse(*entry.second, seen);
+  for (auto const& [name, status] : statuses_->agentStatus()) {
+    browse(*status, seen);
+    for (auto const& [key, value] : status->templateValueDict())
+      browseElement(*status, "templateValueDict", std::string(key), seen);
+    for (auto const& [path, reference] : status->mountReference())
+      browseElement(*status, "mountReference", std::string(path), seen);
+  }
   auto const root = wrapper_ ? wrapper_->passiveEntityManagerRootSm() : nullptr;
   if (!root) return problems;
   browse(*root, seen);
