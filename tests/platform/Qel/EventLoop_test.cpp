@@ -11,6 +11,7 @@
 #include <cstring>
 #include <functional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -248,6 +249,20 @@ TEST_F(EventLoopTest, AHandlerMayReplaceItsOwnWatch) {
   loop->runOnce();
   loop->runOnce();
   EXPECT_EQ(log, (Strings{"hhhhh@0", "second@0"}));
+}
+
+TEST_F(EventLoopTest, ATaskThatThrowsLeavesTheRestQueuedAndTheNextTurnMayStart) {
+  std::vector<int> ran;
+  loop->post([&] {
+    ran.push_back(1);
+    throw std::runtime_error("task failed");
+  });
+  loop->post([&] { ran.push_back(2); });
+  EXPECT_THROW(loop->runOnce(), std::runtime_error);
+  EXPECT_EQ(ran, std::vector<int>{1});
+  loop->post([&] { ran.push_back(3); });
+  loop->runOnce();
+  EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
 }
 
 TEST_F(EventLoopTest, WatchingAClosedDescriptorThrows) {

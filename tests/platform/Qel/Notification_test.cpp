@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 #include "Qel/ActivityManagerConfig.h"
@@ -58,6 +59,31 @@ TEST_F(NotificationTest, SwitchedOffAndZombieNotifieesReceiveNothing) {
   c.qelDoZombieReactorsIs(false);
   g->systemNameIs("c");
   EXPECT_EQ(c.calls, 1);
+}
+
+// A notifiee that throws ends the delivery: the exception reaches the writer, the notifiees after
+// it miss this change, and the next change reaches everyone again (including a removal made
+// before the throw).
+TEST_F(NotificationTest, ANotifieeThatThrowsEndsOnlyThatDelivery) {
+  Counter first, thrower, after, removed;
+  first.notifierIs(g);
+  thrower.notifierIs(g);
+  removed.notifierIs(g);
+  after.notifierIs(g);
+  bool fail = true;
+  thrower.action = [&] {
+    removed.notifierIs(nullptr);
+    if (fail) throw std::runtime_error("notifiee failed");
+  };
+  EXPECT_THROW(g->systemNameIs("a"), std::runtime_error);
+  EXPECT_EQ(g->systemName(), "a");
+  EXPECT_EQ(first.calls + thrower.calls + after.calls + removed.calls, 2);
+  fail = false;
+  g->systemNameIs("b");
+  EXPECT_EQ(first.calls, 2);
+  EXPECT_EQ(thrower.calls, 2);
+  EXPECT_EQ(after.calls, 1);
+  EXPECT_EQ(removed.calls, 0);
 }
 
 // During one delivery: `first` removes `second` before its turn and adds `late`; `doomed` destroys
