@@ -15,6 +15,7 @@
 #include "Ledra/Cell.h"
 #include "Ledra/ConnMgrHelper.h"
 #include "PassiveEntityManager/ConditionRes.h"
+#include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmWrapper.h"
 #include "PassiveEntityManager/PathTemplates.h"
 #include "Qel/Exception.h"
@@ -441,6 +442,43 @@ TEST_F(RootSmTest, QueuedPeerReadyGroupIsDroppedBeforeItIsReached) {
 }
 
 // ---- The wrapper
+
+// Released while its engines wait on every kind of armed work: a retry timer for a missing
+// entity, a conditional reactor, a directory mounter. Time going on afterwards reaches none of it.
+TEST_F(RootSmTest, ReleasedWithArmedTimersReactorsAndMountersLeavesNothingToFire) {
+  auto const p = profile("agentA");
+  auto late = p->mountGroupIs("late", 1);
+  late->conditionColEnq("true == /peerTest/missing.enabled");
+  late->addProfile("/ledra/Ledra/data", "Qel::Dir", "r");
+  auto flagged = p->mountGroupIs("flagged", 1);
+  flagged->conditionColEnq("true == /peerTest/flag.enabled");
+  flagged->addProfile("/ledra/Ledra/data", "Qel::Dir", "r");
+  p->mountGroupIs("entries", 2)->addProfile("/ledra/Ledra/data/absent", "Qel::Dir", "rDB");
+  startRoot();
+  auto const a = agent("agentA");
+  a->connect();
+  testing::internal::CaptureStderr();  // the retry's "must be present" lines
+  run(1);
+  {
+    auto const engine = rootSm->passiveEntityManagerSm("agentA");
+    ASSERT_TRUE(engine);
+    EXPECT_EQ(engine->passiveDirMounterCol().size(), 1u);
+    ASSERT_EQ(engine->conditionalMountGroup().size(), 2u);
+    auto const flaggedSm = engine->conditionalMountGroup("flagged")->conditionalMountGroupSm();
+    EXPECT_TRUE(flaggedSm && flaggedSm->conditionalReactor());
+    EXPECT_GT(clock->timers(), 0u);
+  }
+  std::size_t const requests = a->mountRequests().size();
+  rootSm = nullptr;
+  EXPECT_EQ(clock->timers(), 0u);
+  run(60);
+  dir("data/absent");
+  Qel::globalDir()->dirIs("peerTest")->entryIs(ConditionRes::conditionResNew("missing"));
+  Qel::globalDir()->dirIs("peerTest")->entry("flag");
+  run(10);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(a->mountRequests().size(), requests);
+}
 
 TEST_F(RootSmTest, WrapperHoldsOneRootBuiltFromItsThreeArguments) {
   profile("agentA");
