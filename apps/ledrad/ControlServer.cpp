@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 
 #include "Ledra/TraceFacility.h"
 #include "Qel/Assert.h"
+#include "Qel/SecondsText.h"
 #include "apps/ledrad/UnixSocket.h"
 
 namespace Ledrad {
@@ -21,14 +21,6 @@ pid_t peerProcess(int fd) {
   socklen_t len = sizeof cred;
   if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return 0;
   return cred.pid;
-}
-
-std::string seconds(Qel::Time t) {
-  if (t == std::floor(t) && t < 1e15) return std::to_string(static_cast<long long>(t));
-  std::string s = std::to_string(t);
-  while (!s.empty() && s.back() == '0')
-    s.pop_back();
-  return s;
 }
 
 // Consumes what the client has sent and nobody will read (at most one request's worth) and
@@ -211,7 +203,8 @@ void ControlServer::expire() {
       continue;
     }
     answer(fd, c,
-           ControlReply{false, "no request within " + seconds(limits_.idleTimeout) + " seconds\n"});
+           ControlReply{
+               false, "no request within " + Qel::secondsText(limits_.idleTimeout) + " seconds\n"});
   }
   armTimer();
 }

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/NboAttrLog/WireText.h"
+#include "Qel/SecondsText.h"
 
 namespace Ledra {
 
@@ -31,14 +31,6 @@ constexpr int kBacklog = 64;
 
 std::string errnoText(int err) {
   return std::strerror(err);
-}
-
-std::string formatSeconds(Qel::Time t) {
-  if (t == std::floor(t) && t < 1e15) return std::to_string(static_cast<long long>(t));
-  std::string s = std::to_string(t);
-  while (!s.empty() && s.back() == '0')
-    s.pop_back();
-  return s;
 }
 
 [[noreturn]] void refuseToListen(std::string const& path, std::string const& reason) {
@@ -157,7 +149,7 @@ void AgentListener::helloExpired(SocketTransport* t) {
   auto it = conns_.find(t);
   if (it == conns_.end() || it->second.demuxer) return;
   SocketTransport::Ptr const keep = it->second.transport;
-  std::string const reason = "no hello within " + formatSeconds(helloTimeout_) + " seconds";
+  std::string const reason = "no hello within " + Qel::secondsText(helloTimeout_) + " seconds";
   TRACE(LedraPlatform, 3, "agent listener closes {}: {}", keep->name(), reason);
   keep->closeWith(reason);
 }
