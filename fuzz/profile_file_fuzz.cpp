@@ -1,6 +1,6 @@
-// A profile file with arbitrary content: it is refused with a FileError naming a line of the
-// file, or it parses and applies to an empty profile directory, and applying it a second time
-// changes nothing.
+// A profile file with arbitrary content: it is refused with a FileError whose every problem names a
+// line of the file, or it parses and applies to an empty profile directory, and applying it a
+// second time changes nothing.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -22,8 +22,12 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     FUZZ_CHECK(again.profilesCreated == 0 && again.profilesUpdated == 0);
   } catch (Ledrad::FileError const& e) {
     FUZZ_CHECK(e.file() == "fuzz.profile");
-    FUZZ_CHECK(e.line() >= 0 && e.line() <= lines);
-    FUZZ_CHECK(!e.reason().empty());
+    FUZZ_CHECK(!e.problems().empty() &&
+               e.problems().size() <= Ledrad::FileProblems::kMaxProblems + 1);
+    for (auto const& p : e.problems()) {
+      FUZZ_CHECK(p.line >= 0 && p.line <= lines);
+      FUZZ_CHECK(!p.reason.empty());
+    }
   }
   return 0;
 }

@@ -1,7 +1,7 @@
-// A state file with arbitrary content: it is refused with a FileError naming a line of the file,
-// or it parses. Parsing checks against the types and the tree as they stand and changes neither,
-// so inputs do not affect each other. (Applying is left to the tests: it registers types for the
-// life of the process.)
+// A state file with arbitrary content: it is refused with a FileError whose every problem names a
+// line of the file, or it parses. Parsing checks against the types and the tree as they stand and
+// changes neither, so inputs do not affect each other. (Applying is left to the tests: it registers
+// types for the life of the process.)
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -19,8 +19,12 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     (void)Ledrad::StateFile::parse(text, "fuzz.state", vars);
   } catch (Ledrad::FileError const& e) {
     FUZZ_CHECK(e.file() == "fuzz.state");
-    FUZZ_CHECK(e.line() >= 0 && e.line() <= lines);
-    FUZZ_CHECK(!e.reason().empty());
+    FUZZ_CHECK(!e.problems().empty() &&
+               e.problems().size() <= Ledrad::FileProblems::kMaxProblems + 1);
+    for (auto const& p : e.problems()) {
+      FUZZ_CHECK(p.line >= 0 && p.line <= lines);
+      FUZZ_CHECK(!p.reason.empty());
+    }
   }
   return 0;
 }

@@ -105,7 +105,8 @@ std::string ConfigLine::rest(std::size_t i) const {
   return r;
 }
 
-std::vector<ConfigLine> configLines(std::string_view text, std::string const& file) {
+std::vector<ConfigLine> configLines(std::string_view text, FileProblems& problems) {
+  std::string const& file = problems.file();
   std::vector<ConfigLine> lines;
   int number = 0;
   std::size_t pos = 0;
@@ -117,7 +118,7 @@ std::vector<ConfigLine> configLines(std::string_view text, std::string const& fi
     if (!raw.empty() && raw.back() == '\r') raw.pop_back();
     std::size_t const first = raw.find_first_not_of(" \t");
     if (first != std::string::npos && raw[first] != '#') {
-      lines.push_back(splitLine(std::move(raw), number, file));
+      problems.attempt([&] { lines.push_back(splitLine(std::move(raw), number, file)); });
     }
     if (nl == std::string_view::npos) break;
     pos = nl + 1;

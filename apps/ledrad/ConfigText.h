@@ -19,6 +19,8 @@
 
 namespace Ledrad {
 
+class FileProblems;
+
 struct ConfigWord {
   std::string text;       // unquoted and unescaped
   std::size_t begin = 0;  // offset of the word's first character in the line
@@ -36,8 +38,9 @@ struct ConfigLine {
   std::string rest(std::size_t i) const;
 };
 
-// Splits `text` (the contents of `file`, named in errors) into its meaningful lines.
-std::vector<ConfigLine> configLines(std::string_view text, std::string const& file);
+// Splits `text` (the contents of the file `problems` is about) into its meaningful lines. A line
+// that cannot be split is left out and its problem added to `problems`.
+std::vector<ConfigLine> configLines(std::string_view text, FileProblems& problems);
 
 // Reads the whole file; FileError "<file>: cannot read: <system error>" when it cannot.
 std::string readConfigFile(std::string const& file);

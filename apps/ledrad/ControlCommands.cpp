@@ -87,8 +87,11 @@ ControlReply ControlCommands::load(std::vector<std::string> const& args, bool pr
         done.push_back("loaded " + line);
       }
     } catch (FileError const& e) {
-      event(std::string("refused ") + e.what());
-      done.push_back(std::string("refused ") + e.what() + " (nothing of it applied)");
+      for (auto const& text : e.texts()) {
+        event("refused " + text);
+        done.push_back("refused " + text);
+      }
+      done.back() += " (nothing of it applied)";
       return {false, lines(done)};
     }
   }

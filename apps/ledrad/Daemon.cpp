@@ -71,6 +71,52 @@ class SignalWatch {
   int fd_ = -1;
 };
 
+// What loading the folders found.
+struct LoadResult {
+  std::size_t files = 0;
+  std::size_t refusedFiles = 0;
+  std::size_t problems = 0;
+};
+
+// Loads every *.state file and then every *.profile file, in name order, as a start does. Both
+// folders are listed before anything is loaded. Each file is applied only when it is wholly
+// valid, and a refused file does not stop the others, so one pass tells every problem: each as
+// "<file>:<line>: <reason>" on `err`, each loaded file on `out`.
+LoadResult loadFolders(Database& db, Options const& o, std::FILE* out, std::FILE* err) {
+  LoadResult result;
+  std::vector<std::string> state;
+  std::vector<std::string> profiles;
+  try {
+    state = configFilesIn(o.state, ".state");
+    profiles = configFilesIn(o.profiles, ".profile");
+  } catch (std::exception const& e) {
+    say(err, std::string("ledrad: ") + e.what());
+    result.problems = 1;
+    return result;
+  }
+  auto load = [&](std::string const& file, bool isProfile) {
+    ++result.files;
+    try {
+      for (auto const& line : isProfile ? db.loadProfiles({file}) : db.loadState({file}))
+        say(out, std::string("ledrad: loaded ") + (isProfile ? "profiles " : "state ") + line);
+      return;
+    } catch (FileError const& e) {
+      for (auto const& text : e.texts())
+        say(err, text);
+      result.problems += e.problems().size();
+    } catch (std::exception const& e) {
+      say(err, file + ": " + e.what());
+      ++result.problems;
+    }
+    ++result.refusedFiles;
+  };
+  for (auto const& file : state)
+    load(file, false);
+  for (auto const& file : profiles)
+    load(file, true);
+  return result;
+}
+
 }  // namespace
 
 std::vector<std::string> configFilesIn(std::string const& dir, std::string const& suffix) {
@@ -104,14 +150,26 @@ int runDaemon(Options const& o, std::FILE* out, std::FILE* err) {
   }
   std::signal(SIGPIPE, SIG_IGN);
   std::unique_ptr<Database> db;
+  LoadResult loaded;
   try {
     db = std::make_unique<Database>(Database::Config{o.systemName, o.cell});
-    for (auto const& line : db->loadState(configFilesIn(o.state, ".state")))
-      say(out, "ledrad: loaded state " + line);
-    for (auto const& line : db->loadProfiles(configFilesIn(o.profiles, ".profile")))
-      say(out, "ledrad: loaded profiles " + line);
+    loaded = loadFolders(*db, o, out, err);
   } catch (std::exception const& e) {
     say(err, std::string("ledrad: ") + e.what());
+    loaded.problems = 1;
+  }
+  if (o.check) {
+    if (loaded.problems == 0) {
+      say(out, "ledrad: check passed: " + plural(loaded.files, "file") + " without a problem");
+      return 0;
+    }
+    std::string const where = loaded.files == 0 ? std::string()
+                                                : " in " + std::to_string(loaded.refusedFiles) +
+                                                      " of " + plural(loaded.files, "file");
+    say(err, "ledrad: check failed: " + plural(loaded.problems, "problem") + where);
+    return 1;
+  }
+  if (loaded.problems != 0) {
     say(err, "ledrad: not started");
     return 1;
   }

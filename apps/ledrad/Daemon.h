@@ -1,13 +1,17 @@
 // Ledrad::runDaemon: ledrad from start to end.
 //
 // Start: apply the trace levels; build the Database (cell, system name, tree, root manager);
-// load every *.state file of the state folder, then every *.profile file of the profile folder,
-// in name order (a bad file stops the start with its "<file>:<line>: <reason>" and exit status
-// 1); listen for agents (AgentListener) and for the control program (ControlServer), each with
-// the bounds of the options; print "ledrad: ready ..." with both socket paths. Then serve on the
-// event loop until SIGTERM or SIGINT, printing one line per agent event (AgentEvents) and per
-// change made through the control socket. Stop: close the sockets (agents are told "database
-// shutting down"), let the connections go, release everything, exit status 0.
+// list both folders, then load every *.state file of the state folder and every *.profile file of
+// the profile folder, in name order. A bad file is not applied and the others are still read, so
+// that every problem is told, each as "<file>:<line>: <reason>" on `err`; any problem ends the
+// start with "ledrad: not started" and exit status 1. With --check, ledrad stops there: it tells
+// "ledrad: check passed: ..." (status 0) or "ledrad: check failed: N problems in M of K files"
+// (status 1) and serves nothing. Otherwise it goes on to listen for agents (AgentListener) and for
+// the control program (ControlServer), each with the bounds of the options; print "ledrad: ready
+// ..." with both socket paths. Then serve on the event loop until SIGTERM or SIGINT, printing one
+// line per agent event (AgentEvents) and per change made through the control socket. Stop: close
+// the sockets (agents are told "database shutting down"), let the connections go, release
+// everything, exit status 0.
 //
 // `out` receives the event lines and `err` the errors, each line flushed at once. Runs on the
 // calling thread, which owns the process's event loop; call it once per process.

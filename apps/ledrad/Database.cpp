@@ -1,5 +1,7 @@
 #include "apps/ledrad/Database.h"
 
+#include "apps/ledrad/ConfigText.h"
+
 #include <algorithm>
 #include <stdexcept>
 
@@ -15,11 +17,6 @@ namespace Ledrad {
 namespace {
 
 // "1 entity", "2 entities", "1 type", "2 types".
-std::string plural(unsigned n, std::string const& what) {
-  if (n == 1) return "1 " + what;
-  if (what.back() == 'y') return std::to_string(n) + " " + what.substr(0, what.size() - 1) + "ies";
-  return std::to_string(n) + " " + what + "s";
-}
 
 // The text of attribute `aid` (or of its element at `key`); "(none)" when there is none.
 std::string attributeText(Qel::Entity const& e, Qel::AttributeId aid,
@@ -100,6 +97,12 @@ Ledra::PassiveEntityManagerRootSm::Ptr Database::root() const {
   return wrapper_->passiveEntityManagerRootSm();
 }
 
+std::string plural(std::size_t n, std::string const& what) {
+  if (n == 1) return "1 " + what;
+  if (what.back() == 'y') return std::to_string(n) + " " + what.substr(0, what.size() - 1) + "ies";
+  return std::to_string(n) + " " + what + "s";
+}
+
 StateFile::Vars Database::templateVars() const {
   StateFile::Vars vars;
   for (auto const& [k, v] : Ledra::globalReservedTemplateKeyDict())
@@ -123,12 +126,15 @@ std::vector<std::string> Database::loadState(std::vector<std::string> const& fil
 std::vector<std::string> Database::loadProfiles(std::vector<std::string> const& files) {
   std::vector<std::string> lines;
   for (auto const& file : files) {
-    ProfileFile const pf = ProfileFile::load(file);
-    pf.checkConditions();
+    // Problems of the text and of its conditions against the state are told together.
+    FileProblems problems(file);
+    ProfileFile const pf = ProfileFile::parse(readConfigFile(file), problems);
+    pf.checkConditions(problems);
+    problems.throwIfAny();
     keepServedGroups();
     ProfileFile::Applied const a = pf.applyTo(*profileDir_);
-    lines.push_back(file + ": " + plural(static_cast<unsigned>(pf.profiles().size()), "profile") +
-                    " (" + std::to_string(a.profilesCreated) + " new, " +
+    lines.push_back(file + ": " + plural(pf.profiles().size(), "profile") + " (" +
+                    std::to_string(a.profilesCreated) + " new, " +
                     std::to_string(a.profilesUpdated) + " changed, " +
                     std::to_string(a.profilesUnchanged) + " unchanged)");
   }

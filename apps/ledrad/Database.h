@@ -12,11 +12,11 @@
 //
 // Loading. loadState and loadProfiles take files one after another: each file is parsed and
 // checked completely (StateFile, ProfileFile) and applied only when it is wholly valid. The first
-// bad file stops the loading with a FileError; the files before it stay applied, the bad one and
-// those after it are not. Both return one summary line per file. Engines keep serving the groups
-// they took from a profile before it was reloaded; before a profile file is applied the Database
-// notes those groups for each engine that has taken them, so that status() goes on showing what
-// the agent is served, for as long as that engine lives.
+// bad file stops the loading with a FileError holding every problem of that file; the files
+// before it stay applied, the bad one and those after it are not. Both return one summary line per
+// file. Engines keep serving the groups they took from a profile before it was reloaded; before a
+// profile file is applied the Database notes those groups for each engine that has taken them, so
+// that status() goes on showing what the agent is served, for as long as that engine lives.
 //
 // set() writes one attribute of one entity of the tree through the generic view, so that its
 // watchers (a conditional mount group waiting on it) are told; errors throw std::runtime_error.
@@ -86,5 +86,8 @@ class Database {
   Ledra::PassiveEntityManagerSmWrapper::Ptr wrapper_;
   std::map<std::string, std::unique_ptr<Served>> served_;  // by agent name
 };
+
+// "1 file", "2 files", "3 directories": a count and its noun for ledrad's messages.
+std::string plural(std::size_t n, std::string const& what);
 
 }  // namespace Ledrad

@@ -73,9 +73,11 @@ double positiveSeconds(std::string const& name, std::string const& v) {
 }  // namespace
 
 std::string usage() {
-  return "usage: ledrad [--socket PATH] [--control-socket PATH] [--cell 1|2] [--sysname NAME]\n"
-         "              [--trace LEVELS] [--profiles DIR] [--state DIR] [BOUND VALUE]... "
-         "[--help]\n"
+  return "usage: ledrad [--check] [--socket PATH] [--control-socket PATH] [--cell 1|2]\n"
+         "              [--sysname NAME] [--trace LEVELS] [--profiles DIR] [--state DIR]\n"
+         "              [BOUND VALUE]... [--help]\n"
+         "  --check                read the state and profile files as a start would, tell every\n"
+         "                         problem as FILE:LINE: REASON, serve nothing (exit 0 or 1)\n"
          "  --socket PATH          where agents connect (default " +
          defaultAgentSocket() +
          ")\n"
@@ -145,6 +147,10 @@ Options parseOptions(std::vector<std::string> const& args) {
     }
     if (name == "--help" || name == "-h") {
       o.help = true;
+      continue;
+    }
+    if (name == "--check" && !inlineValue) {
+      o.check = true;
       continue;
     }
     auto next = [&]() -> std::string {

@@ -1,6 +1,6 @@
 // Ledrad::Options: ledrad's command line, and the default places shared with ledra-ctl.
 //
-//   ledrad [--socket PATH] [--control-socket PATH] [--cell 1|2] [--sysname NAME]
+//   ledrad [--check] [--socket PATH] [--control-socket PATH] [--cell 1|2] [--sysname NAME]
 //          [--trace LEVELS] [--profiles DIR] [--state DIR] [BOUND VALUE]... [--help]
 //
 // Every option also takes the form --option=VALUE. Defaults: the sockets ledrad.sock and
@@ -51,6 +51,7 @@ struct Options {
   std::string profiles;
   std::string state;
   Bounds bounds;
+  bool check = false;  // read the files, tell every problem, serve nothing
   bool help = false;
 };
 

@@ -17,19 +17,25 @@ namespace {
 constexpr char const* kMountFlagLetters = "wfciSDB";
 constexpr char const* kRootFlagLetters = "wfciSN";
 
-// Reads one profile file line by line into `profiles`.
+// Reads one profile file line by line into `profiles`. A bad line is recorded in `problems` and
+// reading goes on; the lines that belong to a profile or group whose own line was refused are
+// passed over, since every one of them would only repeat that refusal.
 class Parser {
  public:
-  Parser(std::string const& file, std::vector<StagedProfile>& profiles)
-      : file_(file), profiles_(profiles) {}
+  Parser(FileProblems& problems, std::vector<StagedProfile>& profiles)
+      : problems_(problems), file_(problems.file()), profiles_(profiles) {}
 
   void line(ConfigLine const& l) {
     line_ = &l;
     std::string const& keyword = l.word(0);
     if (keyword == "profile") return profileLine();
+    if (skipping_ == Skipping::profile) return;
     if (keyword == "group") return groupLine();
     if (isProfileSetting(keyword)) return profileSetting(keyword);
-    if (isGroupSetting(keyword)) return groupSetting(keyword);
+    if (isGroupSetting(keyword)) {
+      if (skipping_ == Skipping::group) return;
+      return groupSetting(keyword);
+    }
     fail("unknown keyword '" + keyword + "'");
   }
 
@@ -49,9 +55,6 @@ class Parser {
 
   [[noreturn]] void fail(std::string const& reason) const {
     throw FileError(file_, line_->number, reason);
-  }
-  [[noreturn]] void failAt(int line, std::string const& reason) const {
-    throw FileError(file_, line, reason);
   }
 
   // Refuses the line with the reason a naming rule gave, if any.
@@ -113,8 +116,9 @@ class Parser {
   }
 
   void profileLine() {
-    words(2, 2, "profile NAME");
     if (profile_) finishProfile();
+    skipping_ = Skipping::profile;
+    words(2, 2, "profile NAME");
     std::string const& name = line_->word(1);
     named(wordNameProblem(name, "profile name"));
     if (name.find('/') != std::string::npos) fail("profile name '" + name + "' may not hold '/'");
@@ -130,11 +134,12 @@ class Parser {
     profile_->line = line_->number;
     group_ = nullptr;
     profileSeen_.clear();
+    skipping_ = Skipping::nothing;
   }
 
   void profileSetting(std::string const& keyword) {
     if (!profile_) fail("'" + keyword + "' outside a profile");
-    if (group_) {
+    if (group_ || skipping_ == Skipping::group) {
       fail("profile setting '" + keyword + "' must come before the first group of profile '" +
            profile_->name + "'");
     }
@@ -187,6 +192,9 @@ class Parser {
 
   void groupLine() {
     if (!profile_) fail("'group' outside a profile");
+    if (group_) finishGroup();
+    group_ = nullptr;
+    skipping_ = Skipping::group;
     words(3, 3, "group NAME PRIORITY");
     std::string const& name = line_->word(1);
     named(wordNameProblem(name, "group name"));
@@ -200,13 +208,13 @@ class Parser {
              "' (first at line " + std::to_string(g.line) + ")");
       }
     }
-    if (group_) finishGroup();
     profile_->groups.push_back(StagedGroup{});
     group_ = &profile_->groups.back();
     group_->name = name;
     group_->priority = priority;
     group_->line = line_->number;
     groupSeen_.clear();
+    skipping_ = Skipping::nothing;
   }
 
   void groupSetting(std::string const& keyword) {
@@ -276,8 +284,9 @@ class Parser {
 
   void finishProfile() {
     if (group_) finishGroup();
-    if (profile_->groups.empty()) {
-      failAt(profile_->line, "profile '" + profile_->name + "' has no mount group");
+    // A profile whose every group line was refused has had its problems told.
+    if (profile_->groups.empty() && skipping_ != Skipping::group) {
+      problems_.add(profile_->line, "profile '" + profile_->name + "' has no mount group");
     }
     checkParentTypes();
     profile_ = nullptr;
@@ -297,15 +306,20 @@ class Parser {
       if (slash == 0 || slash == std::string::npos) continue;
       auto parent = byPath.find(path.substr(0, slash));
       if (parent == byPath.end() || parent->second->type == "Qel::Dir") continue;
-      failAt(parent->second->line, "mount '" + parent->first + "' of type '" +
-                                       parent->second->type + "' holds the mount '" + path +
-                                       "' (line " + std::to_string(m->line) +
-                                       "); a parent mount must be of type Qel::Dir");
+      problems_.add(parent->second->line, "mount '" + parent->first + "' of type '" +
+                                              parent->second->type + "' holds the mount '" + path +
+                                              "' (line " + std::to_string(m->line) +
+                                              "); a parent mount must be of type Qel::Dir");
     }
   }
 
+  // What the lines after a refused "profile" or "group" line belong to.
+  enum class Skipping { nothing, profile, group };
+
+  FileProblems& problems_;
   std::string const& file_;
   std::vector<StagedProfile>& profiles_;
+  Skipping skipping_ = Skipping::nothing;
   ConfigLine const* line_ = nullptr;
   StagedProfile* profile_ = nullptr;
   StagedGroup* group_ = nullptr;
@@ -325,6 +339,40 @@ bool reservedPath(std::string const& path, std::string& out) {
   }
   out = Ledra::canonicalizePath(path, nullptr);
   return true;
+}
+
+// Why a condition cannot hold against the entity it names as the database has it now, or ""
+// when it can (or when the entity is not there yet: it is waited for at run time).
+std::string conditionProblem(std::string const& text) {
+  std::string reason;
+  auto c = ConditionText::parse(text, reason);
+  std::string path;
+  if (!c || !reservedPath(c->path, path)) return {};
+  Qel::Entity::Ptr const e = Qel::globalDir()->entity(path);
+  if (!e) return {};
+  Qel::QelType const* t = e->fwkType();
+  Qel::QelAttr const* a = t->attribute(Qel::Name(c->attribute));
+  if (!a) return "the " + t->name() + " at " + path + " has no attribute '" + c->attribute + "'";
+  bool const ordering = ConditionText::isOrdering(c->op);
+  if (c->len) {
+    if (a->isCollection()) return {};
+    return "len( needs a collection, and '" + c->attribute + "' is none";
+  }
+  if (a->kind() == Qel::QelAttr::Kind::pointer && ordering)
+    return "the pointer attribute '" + c->attribute + "' compares only with == and !=";
+  if (a->isCollection()) {
+    if (!ordering) return {};
+    return "the collection '" + c->attribute + "' compares only with == != in notin or len(";
+  }
+  if (a->kind() == Qel::QelAttr::Kind::enumeration &&
+      !a->type()->enumeratorValue(Qel::Name(c->constant))) {
+    return "'" + c->constant + "' is not an enumerator of " + a->type()->name();
+  }
+  if (a->kind() == Qel::QelAttr::Kind::value && !a->type()->isBuiltin()) {
+    return "the attribute '" + c->attribute + "' of type " + a->type()->name() +
+           " cannot be compared with a constant";
+  }
+  return {};
 }
 
 bool sameGroup(Ledra::PassiveMountGroup const& g, StagedGroup const& s) {
@@ -416,13 +464,20 @@ bool applyProfile(Ledra::PassiveAgentProfile& p, StagedProfile const& s) {
 
 }  // namespace
 
-ProfileFile ProfileFile::parse(std::string_view text, std::string const& file) {
+ProfileFile ProfileFile::parse(std::string_view text, FileProblems& problems) {
   ProfileFile pf;
-  pf.file_ = file;
-  Parser parser(pf.file_, pf.profiles_);
-  for (auto const& line : configLines(text, file))
-    parser.line(line);
+  pf.file_ = problems.file();
+  Parser parser(problems, pf.profiles_);
+  for (auto const& line : configLines(text, problems))
+    problems.attempt([&] { parser.line(line); });
   parser.finish();
+  return pf;
+}
+
+ProfileFile ProfileFile::parse(std::string_view text, std::string const& file) {
+  FileProblems problems(file);
+  ProfileFile pf = parse(text, problems);
+  problems.throwIfAny();
   return pf;
 }
 
@@ -438,45 +493,17 @@ StagedProfile const* ProfileFile::profile(std::string const& name) const {
 }
 
 void ProfileFile::checkConditions() const {
+  FileProblems problems(file_);
+  checkConditions(problems);
+  problems.throwIfAny();
+}
+
+void ProfileFile::checkConditions(FileProblems& problems) const {
   for (auto const& p : profiles_) {
     for (auto const& g : p.groups) {
       for (std::size_t i = 0; i < g.conditions.size(); ++i) {
-        std::string reason;
-        auto c = ConditionText::parse(g.conditions[i], reason);
-        std::string path;
-        if (!c || !reservedPath(c->path, path)) continue;
-        Qel::Entity::Ptr const e = Qel::globalDir()->entity(path);
-        if (!e) continue;
-        auto fail = [&](std::string const& why) {
-          throw FileError(file_, g.conditionLines[i], "condition: " + why);
-        };
-        Qel::QelType const* t = e->fwkType();
-        Qel::QelAttr const* a = t->attribute(Qel::Name(c->attribute));
-        if (!a)
-          fail("the " + t->name() + " at " + path + " has no attribute '" + c->attribute + "'");
-        bool const ordering = ConditionText::isOrdering(c->op);
-        if (c->len) {
-          if (!a->isCollection())
-            fail("len( needs a collection, and '" + c->attribute + "' is none");
-          continue;
-        }
-        if (a->kind() == Qel::QelAttr::Kind::pointer && ordering) {
-          fail("the pointer attribute '" + c->attribute + "' compares only with == and !=");
-        }
-        if (a->isCollection()) {
-          if (ordering) {
-            fail("the collection '" + c->attribute + "' compares only with == != in notin or len(");
-          }
-          continue;
-        }
-        if (a->kind() == Qel::QelAttr::Kind::enumeration &&
-            !a->type()->enumeratorValue(Qel::Name(c->constant))) {
-          fail("'" + c->constant + "' is not an enumerator of " + a->type()->name());
-        }
-        if (a->kind() == Qel::QelAttr::Kind::value && !a->type()->isBuiltin()) {
-          fail("the attribute '" + c->attribute + "' of type " + a->type()->name() +
-               " cannot be compared with a constant");
-        }
+        std::string const why = conditionProblem(g.conditions[i]);
+        if (!why.empty()) problems.add(g.conditionLines[i], "condition: " + why);
       }
     }
   }

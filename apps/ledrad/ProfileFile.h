@@ -8,8 +8,8 @@
 // condition and template-condition syntax, duplicates, and that every profile has a group and
 // that a mount holding other mounts is a directory. checkConditions() then checks the attribute
 // conditions against the entities already in the database (an entity that is not there yet is
-// accepted: it is waited for at run time). Any problem throws FileError "<file>:<line>: <reason>"
-// and nothing is applied.
+// accepted: it is waited for at run time). Reading goes on after a bad line, so every problem is
+// found: each is "<file>:<line>: <reason>" in a FileError, and a file with any is not applied.
 //
 // applyTo() makes the profile directory hold the staged profiles: each staged profile is created
 // or brought to exactly the staged content; profiles of other names are left alone (a profile is
@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "PassiveEntityManager/PassiveAgentProfileDir.h"
+#include "apps/ledrad/FileError.h"
 
 namespace Ledrad {
 
@@ -69,6 +70,9 @@ class ProfileFile {
     unsigned profilesUnchanged = 0;
   };
 
+  // What `text` stages; its problems are added to `problems` (named after their file).
+  static ProfileFile parse(std::string_view text, FileProblems& problems);
+  // The same, throwing a FileError with every problem found.
   static ProfileFile parse(std::string_view text, std::string const& file);
   static ProfileFile load(std::string const& file);
 
@@ -78,6 +82,8 @@ class ProfileFile {
 
   // Checks each attribute condition whose entity already exists (its path resolved with the
   // process's reserved template values; a path with agent-specific keys is not checked).
+  void checkConditions(FileProblems& problems) const;
+  // The same, throwing a FileError with every problem found.
   void checkConditions() const;
 
   Applied applyTo(Ledra::PassiveAgentProfileDir& dir) const;

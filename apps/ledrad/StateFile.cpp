@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <limits>
+#include <set>
 
 #include "Qel/Dir.h"
 #include "Qel/DynamicEntity.h"
@@ -59,20 +60,26 @@ std::vector<std::string> components(std::string const& path) {
 
 }  // namespace
 
-// Reads one state file line by line into a StateFile.
+// Reads one state file line by line into a StateFile. A bad line is recorded in `problems` and
+// reading goes on; the lines of a type or entity whose own line was refused, and the entities of
+// a refused type, are passed over, since every one of them would only repeat that refusal.
 class StateParser {
  public:
-  StateParser(StateFile& sf, StateFile::Vars const& vars) : sf_(sf), vars_(vars) {}
+  StateParser(StateFile& sf, FileProblems& problems, StateFile::Vars const& vars)
+      : sf_(sf), problems_(problems), vars_(vars) {}
 
   void line(ConfigLine const& l) {
     line_ = &l;
     std::string const& keyword = l.word(0);
     if (keyword == "enum") return enumLine();
     if (keyword == "type") return typeLine();
-    if (keyword == "attribute" || keyword == "collection") return attributeLine(keyword);
     if (keyword == "dir") return dirLine();
     if (keyword == "entity") return entityLine();
-    if (keyword == "set" || keyword == "put") return valueLine(keyword);
+    bool const attribute = keyword == "attribute" || keyword == "collection";
+    bool const value = keyword == "set" || keyword == "put";
+    if ((attribute || value) && skippingBlock_) return;
+    if (attribute) return attributeLine(keyword);
+    if (value) return valueLine(keyword);
     fail("unknown keyword '" + keyword + "'");
   }
 
@@ -86,13 +93,13 @@ class StateParser {
       } else if (Qel::Entity::Ptr const e = Qel::globalDir()->entity(t.path)) {
         type = e->fwkType()->name();
       } else {
-        throw FileError(sf_.file_, t.line,
-                        "no entity at " + t.path + " (neither in the database nor in this file)");
+        problems_.add(t.line,
+                      "no entity at " + t.path + " (neither in the database nor in this file)");
+        continue;
       }
       if (pointerTypeAccepts(t.type, type)) continue;
-      throw FileError(sf_.file_, t.line,
-                      "value of '" + t.attribute + "': the entity at " + t.path + " is a " + type +
-                          ", not a " + t.type);
+      problems_.add(t.line, "value of '" + t.attribute + "': the entity at " + t.path + " is a " +
+                                type + ", not a " + t.type);
     }
   }
 
@@ -114,6 +121,7 @@ class StateParser {
   void topLevel() {
     if (type_) finishType();
     entity_ = -1;
+    skippingBlock_ = false;
   }
 
   // ---- types
@@ -135,8 +143,17 @@ class StateParser {
     if (stagedEnum(name) || stagedType(name)) fail("type '" + name + "' is defined twice");
   }
 
+  // The type this line defines counts as refused until the line is accepted, unless the file
+  // already defined it (then the line is a duplicate, and the first definition stands).
+  void noteDefinition() {
+    if (line_->size() < 2) return;
+    std::string const& name = line_->word(1);
+    if (!stagedEnum(name) && !stagedType(name)) refusedTypes_.insert(name);
+  }
+
   void enumLine() {
     topLevel();
+    noteDefinition();
     if (line_->size() < 3) fail("expected: enum NAME ENUMERATOR[=VALUE]...");
     StagedEnum e;
     e.name = line_->word(1);
@@ -176,16 +193,21 @@ class StateParser {
       if (!same) fail("type '" + e.name + "' is already defined differently");
       e.registered = true;
     }
+    refusedTypes_.erase(e.name);
     sf_.enums_.push_back(std::move(e));
   }
 
   void typeLine() {
     topLevel();
+    skippingBlock_ = true;
+    noteDefinition();
     words(2, "type NAME");
     named(typeNameProblem(line_->word(1), "type name"));
     nameIsFree(line_->word(1));
+    refusedTypes_.erase(line_->word(1));
     sf_.types_.push_back(StagedType{line_->word(1), {}, false, line_->number});
     type_ = &sf_.types_.back();
+    skippingBlock_ = false;
   }
 
   // How a type name can be used as an attribute type: builtin, enum or entity; nullopt if unknown.
@@ -249,8 +271,10 @@ class StateParser {
       std::string const key = a->keyType() ? std::string(a->keyType()->name()) : std::string();
       same = a->name() == s.name && a->type()->name() == s.type && key == s.keyType;
     }
-    if (!same)
-      throw FileError(sf_.file_, t.line, "type '" + t.name + "' is already defined differently");
+    if (!same) {
+      problems_.add(t.line, "type '" + t.name + "' is already defined differently");
+      return;
+    }
     t.registered = true;
   }
 
@@ -351,9 +375,11 @@ class StateParser {
 
   void entityLine() {
     topLevel();
+    skippingBlock_ = true;
     words(3, "entity PATH TYPE");
     std::string const p = path(line_->word(1));
     std::string const& typeName = line_->word(2);
+    if (refusedTypes_.count(typeName)) return;
     if (StagedEntity const* s = staged(p)) {
       fail("'" + p + "' is already defined at line " + std::to_string(s->line));
     }
@@ -372,6 +398,7 @@ class StateParser {
       entity.exists = true;
     }
     stage(std::move(entity));
+    skippingBlock_ = false;
   }
 
   // ---- values
@@ -434,7 +461,12 @@ class StateParser {
   }
 
   StateFile& sf_;
+  FileProblems& problems_;
   StateFile::Vars const& vars_;
+  // The lines of the type or entity block at hand are passed over: its own line was refused.
+  bool skippingBlock_ = false;
+  // Names of enum and entity types whose definition was refused.
+  std::set<std::string> refusedTypes_;
   ConfigLine const* line_ = nullptr;
   StagedType* type_ = nullptr;
   int entity_ = -1;
@@ -455,10 +487,12 @@ bool pointerTypeAccepts(std::string const& attributeType, std::string const& ent
 StateFile StateFile::parse(std::string_view text, std::string const& file, Vars const& vars) {
   StateFile sf;
   sf.file_ = file;
-  StateParser parser(sf, vars);
-  for (auto const& line : configLines(text, file))
-    parser.line(line);
+  FileProblems problems(file);
+  StateParser parser(sf, problems, vars);
+  for (auto const& line : configLines(text, problems))
+    problems.attempt([&] { parser.line(line); });
   parser.finish();
+  problems.throwIfAny();
   return sf;
 }
 

@@ -62,8 +62,40 @@ struct Refusal {
 class ProfileFileRefusal : public ::testing::TestWithParam<Refusal> {};
 
 TEST_P(ProfileFileRefusal, NamesFileLineAndReason) {
-  EXPECT_EQ(outcome([] { ProfileFile::parse(GetParam().text, "bad.profile"); }),
-            "bad.profile:" + std::to_string(GetParam().line) + ": " + GetParam().reason);
+  try {
+    ProfileFile::parse(GetParam().text, "bad.profile");
+    ADD_FAILURE() << "accepted";
+  } catch (FileError const& e) {
+    EXPECT_EQ(e.texts().front(),
+              "bad.profile:" + std::to_string(GetParam().line) + ": " + GetParam().reason);
+  }
+}
+
+// Every bad line is told once; the lines that belong to a refused profile or group line are
+// passed over, and a profile whose only group was refused is not told again as groupless.
+TEST(ProfileFileParse, TellsEveryProblemOnceAndPassesOverWhatARefusedLineHolds) {
+  char const* const text =
+      "profile a\n"
+      "  bogus 1\n"
+      "  group g 0\n"
+      "    mount /x Qel::Dir\n"
+      "profile a\n"
+      "  group h 1\n"
+      "    mount /y Qel::Dir q\n"
+      "profile b\n"
+      "  group g 1\n"
+      "    mount /p Demo::Leaf\n"
+      "    mount /p/q Demo::Leaf\n"
+      "    condition 1 ~ /p.x\n"
+      "profile c\n";
+  EXPECT_EQ(outcome([&] { ProfileFile::parse(text, "f"); }),
+            "f:2: unknown keyword 'bogus'\n"
+            "f:3: priority must be a whole number from 1 to 99, not '0'\n"
+            "f:5: profile 'a' is defined twice (first at line 1)\n"
+            "f:12: condition: unknown operator '~' (one of == != <= >= < > in notin)\n"
+            "f:10: mount '/p' of type 'Demo::Leaf' holds the mount '/p/q' (line 11); a parent "
+            "mount must be of type Qel::Dir\n"
+            "f:13: profile 'c' has no mount group");
 }
 
 // clang-format off

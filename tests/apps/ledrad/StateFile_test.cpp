@@ -190,6 +190,34 @@ TEST_P(StateFileRefusal, NamesFileLineAndReason) {
             "bad.state:" + std::to_string(GetParam().line) + ": " + GetParam().reason);
 }
 
+// Every bad line is told once; the lines of a refused type or entity line, and the entities of
+// a refused type, are passed over.
+TEST(StateFileParse, TellsEveryProblemOnceAndPassesOverWhatARefusedLineHolds) {
+  EXPECT_EQ(refusal("type Many::1Bad\n"
+                    "  attribute x U32\n"
+                    "entity /stateTest/m1 Many::1Bad\n"
+                    "  set x 1\n"
+                    "type Many::T\n"
+                    "  attribute x U32\n"
+                    "  attribute y Nope\n"
+                    "entity /stateTest/m2 Many::T\n"
+                    "  set x many\n"
+                    "  set y 1\n"
+                    "entity /stateTest/m3 Nope::T\n"
+                    "  set x 1\n"
+                    "bogus\n"
+                    "entity /stateTest/m4 Many::T\n"
+                    "  set p /stateTest/none\n"),
+            "bad.state:1: type name 'Many::1Bad' must be identifiers (a letter or '_' followed by "
+            "letters, digits or '_') joined by '::'\n"
+            "bad.state:7: unknown type 'Nope'\n"
+            "bad.state:9: value of 'x': cannot read \"many\" as U32: not a number\n"
+            "bad.state:10: type Many::T has no attribute 'y'\n"
+            "bad.state:11: unknown type 'Nope::T'\n"
+            "bad.state:13: unknown keyword 'bogus'\n"
+            "bad.state:15: type Many::T has no attribute 'p'");
+}
+
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Lines, StateFileRefusal, ::testing::Values(
   Refusal{"enity /a U32\n", 1, "unknown keyword 'enity'"},

@@ -10,11 +10,18 @@
 namespace Ledrad {
 namespace {
 
-TEST(ConfigText, NumbersMeaningfulLinesAndSplitsWords) {
+TEST(ConfigText, NumbersMeaningfulLinesSplitsWordsAndLeavesOutBadLines) {
+  FileProblems problems("f");
   auto const lines = configLines(
       "# comment\n\n  a b\t c  \n   # indented comment\nq \"x y\" \"\"\n"
-      "e \"\\\"\\\\\\t\\n\"",
-      "f");
+      "e \"\\\"\\\\\\t\\n\"\nbad \"open\n\"x\"y",
+      problems);
+  EXPECT_THROW(
+      try { problems.throwIfAny(); } catch (FileError const& e) {
+        EXPECT_STREQ(e.what(), "f:7: unterminated quoted text\nf:8: text after a closing quote");
+        throw;
+      },
+      FileError);
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[0].number, 3);
   ASSERT_EQ(lines[0].size(), 3u);
@@ -37,6 +44,18 @@ TEST(ConfigText, BooleansAndFileErrorTexts) {
   EXPECT_FALSE(parseBool("1", v));
   EXPECT_STREQ(FileError("a.profile", 3, "why").what(), "a.profile:3: why");
   EXPECT_STREQ(FileError("a.profile", 0, "why").what(), "a.profile: why");
+  // A file with more problems than are kept says how many more there were.
+  FileProblems many("m");
+  for (int line = 1; line <= int(FileProblems::kMaxProblems) + 2; ++line)
+    many.add(line, "bad");
+  try {
+    many.throwIfAny();
+    ADD_FAILURE() << "no FileError";
+  } catch (FileError const& e) {
+    ASSERT_EQ(e.problems().size(), FileProblems::kMaxProblems + 1);
+    EXPECT_EQ(e.texts()[FileProblems::kMaxProblems - 1], "m:100: bad");
+    EXPECT_EQ(e.texts().back(), "m: 2 more problems not shown");
+  }
 }
 
 TEST(ConditionText, SplitsAtBlanksAndDotsOrSaysWhy) {

@@ -1,0 +1,117 @@
+// ledrad --check: the folders read as a start reads them, every problem told, nothing served.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "Ledra/Cell.h"
+#include "Ledra/ConnMgrHelper.h"
+#include "PassiveEntityManager/PathTemplates.h"
+#include "Qel/ActivityManagerConfig.h"
+#include "apps/ledrad/Daemon.h"
+#include "support/LeakCheck.h"
+
+namespace Ledrad {
+namespace {
+
+namespace fs = std::filesystem;
+
+// runDaemon sets process-wide state as a start does (cell, system name, reserved template keys,
+// the connection configuration made for each profile); each test puts it back, and the leak
+// check proves the check left nothing else behind.
+class CheckTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    Qel::ActivityManagerConfig::instanceIs(nullptr);
+    savedDict_ = Ledra::globalReservedTemplateKeyDict();
+    LeakCheckedTest::SetUp();
+    char tmpl[] = "/tmp/ledrad-check-XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    fs::create_directory(dir_ / "state");
+    fs::create_directory(dir_ / "profiles");
+  }
+  void TearDown() override {
+    Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
+    Qel::ActivityManagerConfig::instanceIs(nullptr);
+    Cell::cellIdIs(1);
+    Ledra::globalReservedTemplateKeyDict() = savedDict_;
+    fs::remove_all(dir_);
+    LeakCheckedTest::TearDown();
+  }
+
+  void write(std::string const& name, std::string const& text) {
+    std::ofstream(dir_ / name) << text;
+  }
+  std::string path(std::string const& name) const { return (dir_ / name).string(); }
+
+  // Runs ledrad --check on the folders; returns its exit status and keeps what it printed.
+  int check(std::string const& state = "state") {
+    Options o;
+    o.check = true;
+    o.state = path(state);
+    o.profiles = path("profiles");
+    std::FILE* out = std::tmpfile();
+    std::FILE* err = std::tmpfile();
+    int const status = runDaemon(o, out, err);
+    out_ = contents(out);
+    err_ = contents(err);
+    return status;
+  }
+
+  static std::string contents(std::FILE* f) {
+    std::string text;
+    std::rewind(f);
+    for (int c; (c = std::fgetc(f)) != EOF;)
+      text.push_back(static_cast<char>(c));
+    std::fclose(f);
+    return text;
+  }
+
+  fs::path dir_;
+  std::string out_;
+  std::string err_;
+  Ledra::ReservedTemplateKeyDict savedDict_;
+};
+
+TEST_F(CheckTest, TellsEveryProblemOfEveryFileAndTheConditionsAgainstTheStateThatLoaded) {
+  write("state/a.state",
+        "type Check::Box\n  attribute v U32\nentity /ledra/box Check::Box\n  set v 1\n");
+  write("state/b.state", "entity /ledra/x Check::None\n  set v 1\nbogus\n");
+  write("profiles/a.profile",
+        "profile a\n  group g 0\n    mount /a Qel::Dir\n"
+        "profile b\n  group g 1\n    mount /b Qel::Dir\n    condition 1 == /ledra/box.w\n");
+  write("profiles/b.profile", "profile c\n  group g 1\n    mount /c Qel::Dir\n");
+  EXPECT_EQ(check(), 1);
+  EXPECT_EQ(err_, path("state/b.state") + ":1: unknown type 'Check::None'\n" +
+                      path("state/b.state") + ":3: unknown keyword 'bogus'\n" +
+                      path("profiles/a.profile") +
+                      ":2: priority must be a whole number from 1 to 99, not '0'\n" +
+                      path("profiles/a.profile") +
+                      ":7: condition: the Check::Box at /ledra/box has no attribute 'w'\n"
+                      "ledrad: check failed: 4 problems in 2 of 4 files\n");
+  EXPECT_NE(out_.find("ledrad: loaded state " + path("state/a.state")), std::string::npos);
+  EXPECT_NE(out_.find("ledrad: loaded profiles " + path("profiles/b.profile")), std::string::npos);
+  EXPECT_EQ(out_.find("ready"), std::string::npos) << out_;
+}
+
+TEST_F(CheckTest, GoodFilesPass) {
+  write("state/a.state", "dir /ledra/d\n");
+  write("profiles/a.profile", "profile c\n  group g 1\n    mount /c Qel::Dir\n");
+  EXPECT_EQ(check(), 0) << err_;
+  EXPECT_EQ(err_, "");
+  EXPECT_NE(out_.find("ledrad: check passed: 2 files without a problem\n"), std::string::npos);
+}
+
+TEST_F(CheckTest, AMissingFolderIsRefusedBeforeAnythingIsLoaded) {
+  write("profiles/a.profile", "profile c\n  group g 1\n    mount /c Qel::Dir\n");
+  EXPECT_EQ(check("none"), 1);
+  EXPECT_EQ(out_, "");
+  EXPECT_EQ(err_, "ledrad: no folder " + path("none") + "\nledrad: check failed: 1 problem\n");
+}
+
+}  // namespace
+}  // namespace Ledrad
