@@ -16,8 +16,6 @@ namespace Ledrad {
 
 namespace {
 
-// "1 entity", "2 entities", "1 type", "2 types".
-
 // The text of attribute `aid` (or of its element at `key`); "(none)" when there is none.
 std::string attributeText(Qel::Entity const& e, Qel::AttributeId aid,
                           Qel::GenericIf::PtrConst const& key) {
