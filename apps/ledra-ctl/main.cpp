@@ -2,10 +2,10 @@
 //
 //   ledra-ctl [--control-socket PATH] [--timeout SECONDS] COMMAND [ARGUMENT...]
 //
-// The commands are those of ledrad (status [--json] [AGENT...], set PATH ATTRIBUTE VALUE,
-// load-profiles FILE..., load-state FILE...); the command line is read by CtlArguments. The
-// reply goes to standard output, an error reply to standard error. Exit status: 0 done, 1 ledrad
-// refused, 2 bad command line, 3 ledrad not reachable.
+// The commands are those of ledrad (status, get, ls, set, load-profiles, load-state: see
+// ControlCommands); the command line is read by CtlArguments. The reply goes to standard output,
+// an error reply to standard error. Exit status: 0 done, 1 ledrad refused, 2 bad command line,
+// 3 ledrad not reachable.
 #include <cstdio>
 #include <exception>
 #include <string>

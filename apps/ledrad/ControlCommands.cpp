@@ -22,6 +22,8 @@ std::string lines(std::vector<std::string> const& items) {
 std::string ControlCommands::usage() {
   return "commands:\n"
          "  status [--json] [AGENT...]\n"
+         "  get PATH [ATTRIBUTE | ATTRIBUTE[KEY]]\n"
+         "  ls PATH\n"
          "  set PATH ATTRIBUTE VALUE\n"
          "  load-profiles FILE...\n"
          "  load-state FILE...\n";
@@ -39,6 +41,14 @@ ControlReply ControlCommands::execute(std::vector<std::string> const& request) {
   try {
     if (command == "status") return status(args);
     if (command == "set") return set(args);
+    if (command == "get") {
+      if (args.empty() || args.size() > 2) return {false, "usage: get PATH [ATTRIBUTE]\n"};
+      return {true, db_.get(args[0], args.size() == 2 ? args[1] : std::string())};
+    }
+    if (command == "ls") {
+      if (args.size() != 1) return {false, "usage: ls PATH\n"};
+      return {true, db_.ls(args[0])};
+    }
     if (command == "load-profiles") return load(args, true);
     if (command == "load-state") return load(args, false);
     return {false, "unknown command '" + command + "'\n" + usage()};

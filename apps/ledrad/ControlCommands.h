@@ -1,8 +1,12 @@
 // Ledrad::ControlCommands: the commands of ledrad's control socket, run against the Database.
 //
 //   status [--json] [AGENT...]        the status report as a table or as JSON (StatusFormat)
+//   get PATH [ATTRIBUTE]               an entity's type and attributes, or one value
+//                                      (ATTRIBUTE[KEY] for a collection element)
+//   ls PATH                            the entries of a directory and their types
 //   set PATH ATTRIBUTE VALUE           write one attribute (ATTRIBUTE[KEY] for a collection
-//   element) load-profiles FILE...              load profile files (a refused file changes nothing)
+//                                      element)
+//   load-profiles FILE...              load profile files (a refused file changes nothing)
 //   load-state FILE...                 load state files (likewise)
 //
 // execute() never throws: every failure becomes an error reply with its reason, and ledrad keeps

@@ -3,6 +3,7 @@
 #include "apps/ledrad/ConfigText.h"
 
 #include <algorithm>
+#include <optional>
 #include <stdexcept>
 
 #include "Ledra/Cell.h"
@@ -10,6 +11,7 @@
 #include "Qel/ActivityManagerConfig.h"
 #include "Qel/Exception.h"
 #include "Qel/GenericValue.h"
+#include "Qel/NboAttrLog/WireText.h"
 #include "apps/ledrad/ProfileFile.h"
 
 namespace Ledrad {
@@ -139,45 +141,112 @@ std::vector<std::string> Database::loadProfiles(std::vector<std::string> const& 
   return lines;
 }
 
+namespace {
+
+// An attribute as a control client names it: "name", or "name[KEY]" for one element of a
+// collection, of the entity at `path`.
+struct AttributeRef {
+  Qel::Entity::Ptr entity;
+  Qel::QelAttr const* attr = nullptr;
+  std::string name;
+  std::optional<std::string> key;
+};
+
+Qel::Entity::Ptr entityAt(std::string const& path) {
+  Qel::Entity::Ptr e = path == "/" ? Qel::Entity::Ptr(Qel::globalDir())
+                                   : Qel::globalDir()->entity(Qel::String(path));
+  if (!e) throw std::runtime_error("no entity at " + path);
+  return e;
+}
+
+AttributeRef attributeRef(std::string const& path, std::string const& attribute) {
+  AttributeRef r{entityAt(path), nullptr, attribute, std::nullopt};
+  std::size_t const open = attribute.find('[');
+  if (open != std::string::npos && attribute.back() == ']') {
+    r.name = attribute.substr(0, open);
+    r.key = attribute.substr(open + 1, attribute.size() - open - 2);
+  }
+  r.attr = r.entity->qelType()->attribute(Qel::Name(r.name));
+  if (!r.attr) {
+    throw std::runtime_error(r.entity->qelType()->name() + " at " + path + " has no attribute '" +
+                             r.name + "'");
+  }
+  if (r.key && !r.attr->isCollection())
+    throw std::runtime_error("'" + r.name + "' is no collection");
+  return r;
+}
+
+std::string printable(std::string const& text) {
+  return Qel::NboAttrLog::printableText(text);
+}
+
+// A plain attribute's value, or "N elements" for a collection.
+std::string shortValue(Qel::Entity const& e, Qel::QelAttr const& a) {
+  if (!a.isCollection()) return printable(attributeText(e, a.id(), {}));
+  auto const n = e.colLength(a.id());
+  return plural(n ? n->valueAs<Qel::U32>() : 0, "element");
+}
+
+}  // namespace
+
 std::string Database::set(std::string const& path, std::string const& attribute,
                           std::string const& value) {
-  Qel::Entity::Ptr const e = Qel::globalDir()->entity(Qel::String(path));
-  if (!e) throw std::runtime_error("no entity at " + path);
-  std::string name = attribute;
-  std::string keyText;
-  std::size_t const open = attribute.find('[');
-  bool const keyed = open != std::string::npos && attribute.back() == ']';
-  if (keyed) {
-    name = attribute.substr(0, open);
-    keyText = attribute.substr(open + 1, attribute.size() - open - 2);
-  }
-  Qel::QelAttr const* a = e->qelType()->attribute(Qel::Name(name));
-  if (!a)
-    throw std::runtime_error(e->qelType()->name() + " at " + path + " has no attribute '" + name +
-                             "'");
-  if (a->isCollection() != keyed) {
-    throw std::runtime_error(keyed ? "'" + name + "' is no collection"
-                                   : "'" + name + "' is a collection: write " + name + "[KEY]");
+  AttributeRef const r = attributeRef(path, attribute);
+  if (r.attr->isCollection() && !r.key) {
+    throw std::runtime_error("'" + r.name + "' is a collection: write " + r.name + "[KEY]");
   }
   auto refuse = [&](std::string const& reason) {
     return std::runtime_error(path + " " + attribute + ": " + reason);
   };
   try {
     Qel::GenericIf::PtrConst key;
-    if (keyed) key = a->keyType()->valueFromText(Qel::String(keyText));
-    std::string const before = attributeText(*e, a->id(), key);
-    if (a->kind() == Qel::QelAttr::Kind::pointer || a->elementsArePointers()) {
+    if (r.key) key = r.attr->keyType()->valueFromText(Qel::String(*r.key));
+    std::string const before = attributeText(*r.entity, r.attr->id(), key);
+    if (r.attr->kind() == Qel::QelAttr::Kind::pointer || r.attr->elementsArePointers()) {
       std::string reason;
-      Qel::Entity::Ptr const target = pointee(*a, value, reason);
+      Qel::Entity::Ptr const target = pointee(*r.attr, value, reason);
       if (!reason.empty()) throw refuse(reason);
-      e->attributeIs(Qel::Name(name), Qel::GenericIf::PtrConst(target.ptr()), key);
+      r.entity->attributeIs(Qel::Name(r.name), Qel::GenericIf::PtrConst(target.ptr()), key);
     } else {
-      e->attributeIs(Qel::Name(name), Qel::String(value), Qel::String(keyText));
+      r.entity->attributeIs(Qel::Name(r.name), Qel::String(value), Qel::String(r.key.value_or("")));
     }
-    return path + " " + attribute + ": " + before + " -> " + attributeText(*e, a->id(), key);
+    return path + " " + attribute + ": " + before + " -> " +
+           attributeText(*r.entity, r.attr->id(), key);
   } catch (Qel::Exception const& x) {
     throw refuse(x.what());
   }
+}
+
+std::string Database::get(std::string const& path, std::string const& attribute) const {
+  if (!attribute.empty()) {
+    AttributeRef const r = attributeRef(path, attribute);
+    if (!r.key) return shortValue(*r.entity, *r.attr) + "\n";
+    try {
+      auto const key = r.attr->keyType()->valueFromText(Qel::String(*r.key));
+      return printable(attributeText(*r.entity, r.attr->id(), key)) + "\n";
+    } catch (Qel::Exception const& x) {
+      throw std::runtime_error(path + " " + attribute + ": " + x.what());
+    }
+  }
+  Qel::Entity::Ptr const e = entityAt(path);
+  std::string out = printable(path) + " " + e->fwkType()->name() + "\n";
+  Qel::QelType const* t = e->qelType();
+  for (std::size_t i = 0; i < t->attributes(); ++i) {
+    Qel::QelAttr const* a = t->attribute(static_cast<Qel::AttributeId>(i));
+    if (!a || a->isHandler() || a->name() == "name") continue;
+    out += "  " + a->name() + (a->isCollection() ? ": " : " = ") + shortValue(*e, *a) + "\n";
+  }
+  return out;
+}
+
+std::string Database::ls(std::string const& path) const {
+  Qel::Entity::Ptr const e = entityAt(path);
+  auto const* d = dynamic_cast<Qel::Dir const*>(e.ptr());
+  if (!d) throw std::runtime_error(path + " is a " + e->fwkType()->name() + ", not a directory");
+  std::string out;
+  for (auto const& [name, entry] : d->entryMap())
+    out += printable(std::string(name)) + " " + entry->fwkType()->name() + "\n";
+  return out;
 }
 
 void Database::keepServedGroups() {

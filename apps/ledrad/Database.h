@@ -68,6 +68,14 @@ class Database {
   // Writes `attribute` (or the element `attribute[key]` of a collection) of the entity at
   // `path` from `value`; returns "<path> <attribute>: <old> -> <new>".
   std::string set(std::string const& path, std::string const& attribute, std::string const& value);
+  // The entity at `path` ("/" is the top of the tree): its path and type, then one line per
+  // attribute ("  name = value", or "  name: N elements" for a collection). With `attribute`:
+  // its value alone ("N elements" for a collection), or the value of the element
+  // `attribute[key]` ("(none)" when there is none).
+  // Names and values are shown in printable form, so every line is one line.
+  std::string get(std::string const& path, std::string const& attribute = {}) const;
+  // The entries of the directory at `path`, in name order: "name Type" per line.
+  std::string ls(std::string const& path) const;
 
   StatusReport status(std::vector<std::string> const& only = {}) const;
 
