@@ -1,5 +1,7 @@
 #include "apps/ledrad/AgentEvents.h"
 
+#include "Qel/Clock.h"
+#include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/NboAttrLog/WireText.h"
 
@@ -30,25 +32,85 @@ class AgentEvents::DemuxerMgrWatcher : public Qel::NboAttrLog::DemuxerMgr::Notif
   AgentEvents& owner_;
 };
 
+// The requests, answers and protocol version of one connection, as its peer mount table has them.
+class AgentEvents::PeerTableWatcher : public Qel::MountTable::NotifieeConst {
+  using NotifieeConst = Qel::MountTable::NotifieeConst;
+
+ public:
+  PeerTableWatcher(AgentEvents& owner, Qel::Name name, Qel::MountTable::Ptr const& table)
+      : NotifieeConst(Weak::weak), owner_(owner), name_(std::move(name)) {
+    notifierIs(table);
+    onCurrentVersion();
+  }
+  ~PeerTableWatcher() override { notifierIs(nullptr); }
+
+  void onCurrentVersion() override {
+    auto const table = notifier();
+    if (!table) return;
+    Qel::U32 const v = table->currentVersion();
+    if (v == 0 || v == Qel::MountTable::kProtocolVersion || v == toldVersion_) return;
+    toldVersion_ = v;
+    owner_.line("agent " + shown(name_) + " speaks mount protocol version " + std::to_string(v) +
+                ", not " + std::to_string(Qel::MountTable::kProtocolVersion) +
+                ": it waits in init");
+  }
+
+  void onStatus(Qel::ConnectDesc const& cd) override {
+    auto const table = notifier();
+    if (!table) return;
+    Qel::MountTable::Stat const stat = table->stat(cd);
+    Metrics* const m = owner_.metrics_;
+    switch (stat.status()) {
+      case Qel::MountTable::inProgress_:
+        if (m) m->requestSent();
+        return;
+      case Qel::MountTable::complete_:
+        if (m) m->requestAnswered(false);
+        return;
+      case Qel::MountTable::failed_:
+        if (m) m->requestAnswered(true);
+        owner_.line(
+            "agent " + shown(name_) + ": mount of " + shown(cd.path()) + " failed" +
+            (stat.exceptionDesc().empty() ? std::string() : ": " + shown(stat.exceptionDesc())));
+        return;
+      case Qel::MountTable::none_:
+        return;
+    }
+  }
+
+ private:
+  AgentEvents& owner_;
+  Qel::Name const name_;
+  Qel::U32 toldVersion_ = 0;
+};
+
 class AgentEvents::DemuxerWatcher : public Qel::NboAttrLog::Demuxer::NotifieeConst {
   using NotifieeConst = Qel::NboAttrLog::Demuxer::NotifieeConst;
 
  public:
   DemuxerWatcher(AgentEvents& owner, Qel::NboAttrLog::Demuxer::Ptr const& d)
-      : NotifieeConst(Weak::weak), owner_(owner), name_(d->name()) {
+      : NotifieeConst(Weak::weak),
+        owner_(owner),
+        name_(d->name()),
+        connectedAt_(Qel::now()),
+        peer_(owner, d->name(), d->peer()) {
     notifierIs(d);
   }
   ~DemuxerWatcher() override { notifierIs(nullptr); }
   void onClosed() override {
     auto const d = notifier();
     if (!d || !d->closed()) return;
+    if (owner_.metrics_) owner_.metrics_->closed(d->closeReason());
     owner_.line("agent " + shown(name_) + " closed" +
                 (d->closeReason().empty() ? std::string() : ": " + shown(d->closeReason())));
   }
+  Qel::Time connectedAt() const { return connectedAt_; }
 
  private:
   AgentEvents& owner_;
   Qel::Name const name_;
+  Qel::Time const connectedAt_;
+  PeerTableWatcher peer_;
 };
 
 class AgentEvents::RootWatcher : public Ledra::PassiveEntityManagerRootSm::NotifieeConst {
@@ -74,9 +136,23 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
                 Ledra::PassiveEntityManagerSm::Ptr const& engine)
       : NotifieeConst(Weak::weak), owner_(owner), agentName_(std::move(agentName)) {
     notifierIs(engine);
+    queued_ = engine->readyMountGroups();
     onState();
   }
   ~EngineWatcher() override { notifierIs(nullptr); }
+
+  // A group leaves the queue one at a time while the engine mounts; a cleanup empties it at once.
+  void onReadyMountGroup() override {
+    auto const e = notifier();
+    if (!e) return;
+    std::size_t const now = e->readyMountGroups();
+    bool const taken = e->mountsInProgress() && now + 1 == queued_;
+    queued_ = now;
+    if (!taken) return;
+    groupDone();
+    groupSince_ = Qel::now();
+  }
+
   void onState() override {
     auto const e = notifier();
     if (!e) return;
@@ -93,17 +169,29 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
     }
     if (e->state() != Ledra::PassiveEntityManagerSm::mountComplete || reported_) return;
     reported_ = true;
+    groupDone();
+    if (owner_.metrics_) owner_.metrics_->completed(Qel::now() - owner_.connectedAt(agentName_));
     owner_.line("All mounts complete for " + shown(agentName_));
   }
 
  private:
+  // The group the engine was on, if any, is done.
+  void groupDone() {
+    if (groupSince_ == Qel::kNever) return;
+    if (owner_.metrics_) owner_.metrics_->groupTaken(Qel::now() - groupSince_);
+    groupSince_ = Qel::kNever;
+  }
+
   AgentEvents& owner_;
   Qel::Name const agentName_;
   bool reported_ = false;
+  std::size_t queued_ = 0;
+  Qel::Time groupSince_ = Qel::kNever;  // when the engine took the group it is on
 };
 
-AgentEvents::AgentEvents(Ledra::PassiveEntityManagerRootSm::Ptr const& root, Sink sink)
-    : root_(root.ptr()), sink_(std::move(sink)) {
+AgentEvents::AgentEvents(Ledra::PassiveEntityManagerRootSm::Ptr const& root, Sink sink,
+                         Metrics* metrics)
+    : root_(root.ptr()), sink_(std::move(sink)), metrics_(metrics) {
   demuxerMgrWatcher_ = std::make_unique<DemuxerMgrWatcher>(*this);
   rootWatcher_ = std::make_unique<RootWatcher>(*this, root);
   for (auto const& [name, d] : Qel::NboAttrLog::demuxerMgr()->demuxer()) {
@@ -126,8 +214,14 @@ void AgentEvents::demuxer(Qel::Name const& name) {
     if (demuxers_.erase(name)) line("agent " + shown(name) + " disconnected");
     return;
   }
-  demuxers_[name] = std::make_unique<DemuxerWatcher>(*this, d);
+  if (metrics_) metrics_->connected();
   line("agent " + shown(name) + " connected (connection " + std::to_string(d->epoch()) + ")");
+  demuxers_[name] = std::make_unique<DemuxerWatcher>(*this, d);
+}
+
+Qel::Time AgentEvents::connectedAt(Qel::Name const& agentName) const {
+  auto it = demuxers_.find(agentName);
+  return it == demuxers_.end() ? Qel::now() : it->second->connectedAt();
 }
 
 void AgentEvents::engine(Qel::Name const& agentName) {

@@ -4,14 +4,22 @@
 //   "agent NAME served by profile PROFILE"    the root manager made the agent's engine
 //   "agent NAME waits for group G: CONDITION" only conditional groups are left (one line each)
 //   "All mounts complete for NAME"            the engine has mounted everything
+//   "agent NAME: mount of PATH failed: TEXT"  the agent answered a mount request with a failure
+//   "agent NAME speaks mount protocol version V, not 5: it waits in init"
+//                                             the agent reported an older (or unknown) version
 //   "agent NAME closed: REASON"               the connection was closed (by either side)
 //   "agent NAME disconnected"                 the connection is gone
 // Every name and text in a line is in its printable form (Qel::NboAttrLog::printableText), so
 // whatever bytes an agent chose, each event is exactly one line and cannot pass for another.
 //
-// It watches the demuxer manager (connections), each demuxer (its close), the root manager (its
-// engines) and each engine (its state) with weak notifiees, so it never keeps any of them alive.
-// Destroy it before the root manager. Single-threaded: the event loop's thread.
+// With a Metrics, it also counts what it sees there: connections, closes by reason, mount
+// requests and their answers, completions with the time since the agent connected (Qel::now()),
+// and the time an engine spends on each group it takes from its ready queue.
+//
+// It watches the demuxer manager (connections), each demuxer (its close) and its peer mount table
+// (requests, answers, the protocol version), the root manager (its engines) and each engine (its
+// state, its ready queue) with weak notifiees, so it never keeps any of them alive. Destroy it
+// before the root manager. Single-threaded: the event loop's thread.
 #pragma once
 
 #include <functional>
@@ -20,6 +28,7 @@
 #include <string>
 
 #include "PassiveEntityManager/PassiveEntityManagerRootSm.h"
+#include "apps/ledrad/Metrics.h"
 
 namespace Ledrad {
 
@@ -27,7 +36,9 @@ class AgentEvents {
  public:
   using Sink = std::function<void(std::string const& line)>;
 
-  AgentEvents(Ledra::PassiveEntityManagerRootSm::Ptr const& root, Sink sink);
+  // `metrics` (may be null) must outlive this.
+  AgentEvents(Ledra::PassiveEntityManagerRootSm::Ptr const& root, Sink sink,
+              Metrics* metrics = nullptr);
   ~AgentEvents();
   AgentEvents(AgentEvents const&) = delete;
   AgentEvents& operator=(AgentEvents const&) = delete;
@@ -35,15 +46,19 @@ class AgentEvents {
  private:
   class DemuxerMgrWatcher;
   class DemuxerWatcher;
+  class PeerTableWatcher;
   class RootWatcher;
   class EngineWatcher;
 
   void demuxer(Qel::Name const& name);
   void engine(Qel::Name const& agentName);
   void line(std::string const& text) const;
+  // When the connection of `agentName` was registered; now when it is not known.
+  Qel::Time connectedAt(Qel::Name const& agentName) const;
 
   Ledra::PassiveEntityManagerRootSm* const root_;
   Sink const sink_;
+  Metrics* const metrics_;
   std::unique_ptr<DemuxerMgrWatcher> demuxerMgrWatcher_;
   std::unique_ptr<RootWatcher> rootWatcher_;
   std::map<Qel::Name, std::unique_ptr<DemuxerWatcher>> demuxers_;

@@ -24,6 +24,7 @@ std::string ControlCommands::usage() {
          "  status [--json] [AGENT...]\n"
          "  get PATH [ATTRIBUTE | ATTRIBUTE[KEY]]\n"
          "  ls PATH\n"
+         "  metrics\n"
          "  set PATH ATTRIBUTE VALUE\n"
          "  load-profiles FILE...\n"
          "  load-state FILE...\n";
@@ -44,6 +45,11 @@ ControlReply ControlCommands::execute(std::vector<std::string> const& request) {
     if (command == "get") {
       if (args.empty() || args.size() > 2) return {false, "usage: get PATH [ATTRIBUTE]\n"};
       return {true, db_.get(args[0], args.size() == 2 ? args[1] : std::string())};
+    }
+    if (command == "metrics") {
+      if (!args.empty()) return {false, "usage: metrics\n"};
+      if (!metrics_) return {false, "metrics: not counted by this database\n"};
+      return {true, metrics_->text()};
     }
     if (command == "ls") {
       if (args.size() != 1) return {false, "usage: ls PATH\n"};

@@ -4,6 +4,7 @@
 //   get PATH [ATTRIBUTE]               an entity's type and attributes, or one value
 //                                      (ATTRIBUTE[KEY] for a collection element)
 //   ls PATH                            the entries of a directory and their types
+//   metrics                            the Metrics as OpenMetrics text
 //   set PATH ATTRIBUTE VALUE           write one attribute (ATTRIBUTE[KEY] for a collection
 //                                      element)
 //   load-profiles FILE...              load profile files (a refused file changes nothing)
@@ -21,6 +22,7 @@
 
 #include "apps/ledrad/ControlProtocol.h"
 #include "apps/ledrad/Database.h"
+#include "apps/ledrad/Metrics.h"
 
 namespace Ledrad {
 
@@ -28,7 +30,9 @@ class ControlCommands {
  public:
   using Events = std::function<void(std::string const& line)>;
 
-  ControlCommands(Database& db, Events events) : db_(db), events_(std::move(events)) {}
+  // `metrics` (may be null: the command says so) must outlive this.
+  ControlCommands(Database& db, Events events, Metrics const* metrics = nullptr)
+      : db_(db), events_(std::move(events)), metrics_(metrics) {}
 
   ControlReply execute(std::vector<std::string> const& request);
 
@@ -42,6 +46,7 @@ class ControlCommands {
 
   Database& db_;
   Events events_;
+  Metrics const* metrics_;
 };
 
 }  // namespace Ledrad

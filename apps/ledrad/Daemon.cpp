@@ -176,8 +176,10 @@ int runDaemon(Options const& o, std::FILE* out, std::FILE* err) {
 
   Qel::EventLoop::Ptr const loop = Qel::EventLoop::eventLoopNew();
   auto print = [out](std::string const& line) { say(out, line); };
-  auto events = std::make_unique<AgentEvents>(db->root(), print);
-  ControlCommands commands(*db, [out](std::string const& line) { say(out, "ledrad: " + line); });
+  Metrics metrics;
+  auto events = std::make_unique<AgentEvents>(db->root(), print, &metrics);
+  ControlCommands commands(
+      *db, [out](std::string const& line) { say(out, "ledrad: " + line); }, &metrics);
   Ledra::AgentListener::Ptr listener;
   std::unique_ptr<ControlServer> control;
   try {
