@@ -91,11 +91,18 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ledra-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 # The runtime package declares its libraries (shlibs), so that packages built against them
-# depend on it.
+# depend on it at this version or a later one of the same SONAME.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# The packages carry stripped binaries; the build tree keeps the debug information.
+set(CPACK_STRIP_FILES ON)
 find_program(LEDRA_DPKG_SHLIBDEPS dpkg-shlibdeps)
 if(LEDRA_DPKG_SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  # dpkg-shlibdeps runs in the staged folder of the package it examines: the programs find the
+  # project's libraries in the runtime package's staged folder beside it (their package
+  # dependency comes from the component dependency below).
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ../runtime/usr/${CMAKE_INSTALL_LIBDIR})
 else()
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6, libstdc++6, libgcc-s1")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libc6, libstdc++6, libgcc-s1")
