@@ -3,11 +3,11 @@
 # Components (one Debian package each):
 #   runtime  the shared libraries: lib/libLedra<Name>.so.<version>, named by their SONAME
 #            libLedra<Name>.so.<major>.<minor>
-#   dev      the public headers under one include root, include/ledra, so that -I<prefix>/include/ledra
-#            resolves the same #include paths as inside this tree ("Qel/Ptr.h",
-#            "PassiveEntityManager/PassiveEntityManager.h"); the libLedra<Name>.so links; the
-#            exported targets Ledra::<Name> with LedraConfig.cmake and LedraConfigVersion.cmake under
-#            lib/cmake/Ledra; lib/pkgconfig/ledra.pc
+#   dev      the public headers under one include root, include/ledra, so that
+#            -I<prefix>/include/ledra resolves the same #include paths as inside this tree
+#            ("Qel/Ptr.h", "PassiveEntityManager/PassiveEntityManager.h"); the libLedra<Name>.so
+#            links; the exported targets Ledra::<Name> with LedraConfig.cmake and
+#            LedraConfigVersion.cmake under lib/cmake/Ledra; lib/pkgconfig/ledra.pc
 #   tools    every program defined under apps/, in bin/, and the example profiles and state in
 #            share/ledra/examples (ledrad --profiles ... --state ...)
 # The libraries are those that publish headers (ledra_public_headers); their export name is the

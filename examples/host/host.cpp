@@ -75,7 +75,7 @@ int main() {
 
   auto entMgr = Ledra::EntityManager::entityManagerNew("entityManager");
   auto wrapper = Ledra::passiveEntityManagerSmWrapperFactory("passiveEntityManagerSmWrapper");
-  auto const root = wrapper->passiveEntityManagerRootSmIs(profiles, statuses, entMgr);
+  wrapper->passiveEntityManagerRootSmIs(profiles, statuses, entMgr);
 
   std::vector<Ledra::LoopbackAgent::Ptr> agents;
   for (int slot = 1; slot <= kAgents; ++slot) {
@@ -85,7 +85,8 @@ int main() {
   }
   auto allComplete = [&] {
     for (auto const& a : agents) {
-      auto const engine = root->passiveEntityManagerSm(a->agentName());
+      auto const engine =
+          wrapper->passiveEntityManagerRootSm()->passiveEntityManagerSm(a->agentName());
       if (!engine || engine->state() != Ledra::PassiveEntityManagerSm::mountComplete) return false;
     }
     return true;
@@ -99,7 +100,9 @@ int main() {
     std::printf("\n");
   }
 
-  // Release the root and the connections before the framework's own state goes.
+  // Release the root (and with it every engine) and the connections before the framework's own
+  // state goes.
+  wrapper->passiveEntityManagerRootSmDel();
   wrapper = nullptr;
   agents.clear();
   loop->runFor(0.01);
@@ -107,6 +110,7 @@ int main() {
   Qel::globalDir()->entryDel("ledra");
   Trace::textSinkIs(previous);
   Trace::timeSourceIs(nullptr);
+  Qel::ActivityManagerConfig::instanceIs(nullptr);
 
   if (!done || sink.lines != kAgents) {
     std::fprintf(stderr, "ledra-host: %d of %d agents completed\n", sink.lines, kAgents);
