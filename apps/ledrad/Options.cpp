@@ -123,7 +123,10 @@ std::string examplesDir() {
   fs::path const exe = fs::read_symlink("/proc/self/exe", ec);
   if (!ec) {
     for (fs::path dir = exe.parent_path(); !dir.empty(); dir = dir.parent_path()) {
-      if (isFolder(dir / "examples" / "profiles")) return (dir / "examples").string();
+      // A build tree or source tree has examples/; an installed prefix share/ledra/examples/.
+      for (fs::path const& examples : {dir / "examples", dir / "share" / "ledra" / "examples"}) {
+        if (isFolder(examples / "profiles")) return examples.string();
+      }
       if (dir == dir.root_path()) break;
     }
   }

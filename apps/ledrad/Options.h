@@ -63,8 +63,9 @@ std::string usage();
 std::string defaultRuntimeDir();
 std::string defaultAgentSocket();
 std::string defaultControlSocket();
-// The bundled examples: the first "examples" folder holding profiles/ found going up from the
-// running executable's folder, else the source tree's; empty when neither exists.
+// The bundled examples: the first "examples" (or, under an installed prefix,
+// "share/ledra/examples") folder holding profiles/ found going up from the running executable's
+// folder, else the source tree's; empty when none exists.
 std::string examplesDir();
 
 }  // namespace Ledrad
