@@ -193,9 +193,9 @@ class QEL_API DirMounter : public Qel::Entity {
 
   // The derived class's part; see the header comment.
   virtual void handleInit() {}
-  virtual void handleExistingDirEntry(Qel::Entity::Ptr const& entity, Qel::String path) {}
+  virtual void handleExistingDirEntry(Qel::Entity::Ptr const& /*entity*/, Qel::String /*path*/) {}
   virtual void handleMountRequest() = 0;
-  virtual void handleComplete(Qel::Entity::Ptr const& entity) {}
+  virtual void handleComplete(Qel::Entity::Ptr const& /*entity*/) {}
 
   Qel::QelType const* fwkType() const override { return staticType(); }
   static Qel::QelType const* staticType();

@@ -64,7 +64,7 @@ class QEL_API Clock : public RefCounted {
   // Fires the timers due at or before `target`, in order, one at a time.
   void fireUpTo(Time target);
   // Called just before the timer armed for `t` fires; a simulated clock shows t as now().
-  virtual void firingTimeIs(Time t) {}
+  virtual void firingTimeIs(Time /*t*/) {}
 
  private:
   friend class Notifiee;

@@ -58,7 +58,7 @@ template <class N>
 class Dir::NotifieeT : public BasicNotifiee<N> {
  public:
   using BasicNotifiee<N>::BasicNotifiee;
-  virtual void onEntry(Name const& name) {}
+  virtual void onEntry(Name const& /*name*/) {}
   void qelDispatch(AttributeId aid, NotifyKey const& key) override {
     if (aid == kEntry) onEntry(*static_cast<Name const*>(key.native));
   }

@@ -37,7 +37,7 @@ class QEL_API Entity : public GenericIf {
   // The descendant at `path`, or null.
   Ptr entity(String const& path) const;
   // The child called `name` (for path lookup); entities without children have none.
-  virtual Ptr child(Name const& name) const { return nullptr; }
+  virtual Ptr child(Name const& /*name*/) const { return nullptr; }
 
   // Set by the collection that owns this entity; null when it is removed from it.
   void qelParentIs(Entity* parent) { parent_ = parent; }

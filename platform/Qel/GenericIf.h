@@ -104,7 +104,7 @@ class GenericIf::NotifieeConst : public BasicNotifiee<GenericIf const> {
   ~NotifieeConst() override = default;
 
   // `key` is empty for a plain attribute and holds the changed key for a collection.
-  virtual void onAttribute(AttributeId aid, PtrConst& key) {}
+  virtual void onAttribute(AttributeId /*aid*/, PtrConst& /*key*/) {}
 
   void qelDispatch(AttributeId aid, NotifyKey const& key) override;
 };

@@ -31,7 +31,7 @@ class QEL_API Transport : public RefCounted {
   virtual void close(String const& reason, bool removeStatus) = 0;
 
   // The database's report that `path` is served by a mount already in place (or no longer).
-  virtual void pathServed(String const& path, bool served) {}
+  virtual void pathServed(String const& /*path*/, bool /*served*/) {}
 
  protected:
   Transport() = default;
