@@ -67,11 +67,11 @@ constexpr std::size_t kNodeMounts = 7;
 // ledrad longer to stop.
 #ifdef LEDRA_SANITIZE
 constexpr long kMemoryTolerance = 96 << 10;  // KiB
-constexpr int kConnectionBatches = 4;
+constexpr int kConnectionsPerRound = 16;
 constexpr double kStopWithin = 5.0;
 #else
 constexpr long kMemoryTolerance = 4 << 10;  // KiB
-constexpr int kConnectionBatches = 10;
+constexpr int kConnectionsPerRound = 40;
 constexpr double kStopWithin = 1.5;
 #endif
 constexpr long kGrowth = kMemoryTolerance + 8 * 1024;
@@ -116,22 +116,9 @@ std::optional<std::string> closeReason(int fd) {
   return std::nullopt;
 }
 
-// Sends `bytes` whole (as far as ledrad takes them).
-void sendAll(int fd, std::string const& bytes) {
-  for (std::size_t done = 0; done < bytes.size();) {
-    ssize_t const n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return;
-    done += static_cast<std::size_t>(n);
-  }
-}
-
 std::string helloFrame(std::string const& name) {
   return Wire::wireFrame(Wire::WireHello{5, name, name});
 }
-
-std::string const kAnswer =
-    Wire::wireFrame(Wire::WireMountAnswer{1, "/ftest/Ledra", true, "", 0x0f, 0});
 
 // An agent on the wire, in this process: it says hello and answers every mount request (after
 // its state, when one follows), or stops after a given number of frames as if killed.
@@ -156,9 +143,7 @@ class WireAgent {
     }
     return true;
   }
-  bool hello(std::string const& name) {
-    return send(Wire::wireFrame(Wire::WireHello{5, name, name}));
-  }
+  bool hello(std::string const& name) { return send(helloFrame(name)); }
 
   // Receives frames, answering requests, until `answers` requests are answered or `frames` frames
   // are received (the last one unanswered); false when the stream ends or the deadline passes
@@ -178,8 +163,7 @@ class WireAgent {
         decoder_.feed(std::string_view(buf, static_cast<std::size_t>(n)));
         continue;
       }
-      ++frames_;
-      if (frames_ == frames) return true;
+      if (++frames_ == frames) return true;
       if (std::holds_alternative<Wire::WireClose>(m)) return false;
       if (auto const* req = std::get_if<Wire::WireMountRequest>(&m)) {
         std::string const path = req->uri.substr(0, req->uri.find('?'));
@@ -191,16 +175,13 @@ class WireAgent {
       }
       if (auto const* st = std::get_if<Wire::WireEntityState>(&m)) {
         auto const it = awaitingState_.find(st->seqno);
-        if (it == awaitingState_.end()) return false;
-        std::string const path = it->second;
+        if (it == awaitingState_.end() || !answer(st->seqno, it->second)) return false;
         awaitingState_.erase(it);
-        if (!answer(st->seqno, path)) return false;
       }
     }
     return true;
   }
 
-  // The frame of the next answer this agent would send (for the seqno after the last answered).
   static std::string answerFrame(Qel::U32 seqno, std::string const& path) {
     return Wire::wireFrame(Wire::WireMountAnswer{seqno, path, true, "", 0x0f, 0});
   }
@@ -233,7 +214,7 @@ class FaultInjection : public test::LedradFolder {
   FaultInjection() : LedradFolder(kState, kProfiles) {}
 
   void TearDown() override {
-    closeAll();
+    clients_.clear();
     LedradFolder::TearDown();
   }
 
@@ -284,16 +265,7 @@ class FaultInjection : public test::LedradFolder {
         << "VmRSS " << now.rssKiB << " KiB, baseline " << base.rssKiB << " KiB";
   }
 
-  // A ledra-agent `name` is served to its end, then stops and is gone.
-  void serveWellBehaved(std::string const& name) {
-    ChildProcess& a = agent(name);
-    EXPECT_TRUE(ledrad_->waitForLine("All mounts complete for " + name, kWait)) << a.output();
-    a.signal(SIGTERM);
-    EXPECT_EQ(a.waitExit(kWait), std::optional<int>(0)) << a.output();
-    EXPECT_TRUE(ledrad_->waitForLine("agent " + name + " disconnected", kWait));
-  }
-
-  // The same, on the wire from this process.
+  // An agent on the wire, served to its end, then gone.
   void serveWireAgent(std::string const& name) {
     WireAgent a(path("agents.sock"));
     ASSERT_TRUE(a.hello(name));
@@ -305,15 +277,10 @@ class FaultInjection : public test::LedradFolder {
   }
 
   // A connection to the agent socket that has sent `bytes`; closed at the end of the test.
-  int connectAgent(std::string const& bytes) {
-    fds_.push_back(Ledrad::connectUnixSocket(path("agents.sock")));
-    sendAll(fds_.back(), bytes);
-    return fds_.back();
-  }
-  void closeAll() {
-    for (int fd : fds_)
-      ::close(fd);
-    fds_.clear();
+  WireAgent& connectAgent(std::string const& bytes) {
+    clients_.push_back(std::make_unique<WireAgent>(path("agents.sock")));
+    clients_.back()->send(bytes);
+    return *clients_.back();
   }
 
   // Waits for ledrad's "agent NAME disconnected" of every name in `names`.
@@ -331,7 +298,7 @@ class FaultInjection : public test::LedradFolder {
     }
   }
 
-  std::vector<int> fds_;
+  std::vector<std::unique_ptr<WireAgent>> clients_;
 };
 
 // (a) Clients that never read while ledrad pushes to them: ledrad holds for each what its socket
@@ -349,41 +316,37 @@ TEST_F(FaultInjection, ClientsThatNeverReadOrStallMidFrameAreHeldOrTimedOutAndGi
   std::string const hello = helloFrame("node-half");
   // A frame of 1,000,000 body bytes of which all but one arrive.
   std::string const big = std::string("\x00\x0f\x42\x40", 4) + std::string(999999, '\x04');
-  std::vector<int> timedOut;
+  std::string const answer = WireAgent::answerFrame(1, "/ftest/Ledra");
   for (int i = 0; i < 4; ++i)
-    timedOut.push_back(connectAgent(i % 2 ? hello.substr(0, hello.size() / 2) : ""));
-  int const oversized = connectAgent(big.substr(0, 5));
+    connectAgent(i % 2 ? hello.substr(0, hello.size() / 2) : "");
+  WireAgent& oversized = connectAgent(big.substr(0, 5));
   std::set<std::string> names;
-  for (int i = 0; i < 6; ++i) {
-    names.insert("node-deaf" + std::to_string(i));
-    connectAgent(helloFrame("node-deaf" + std::to_string(i)));
-  }
-  std::vector<std::unique_ptr<WireAgent>> stalled;
-  for (int i = 6; i < 10; ++i) {
-    names.insert("node-stall" + std::to_string(i));
-    stalled.push_back(std::make_unique<WireAgent>(path("agents.sock")));
-    ASSERT_TRUE(stalled.back()->hello("node-stall" + std::to_string(i)));
-    ASSERT_TRUE(stalled.back()->serve(SIZE_MAX, 2));  // the root's request and state
-    ASSERT_TRUE(stalled.back()->send(i % 2 ? kAnswer.substr(0, kAnswer.size() - 1) : big));
+  for (int i = 0; i < 10; ++i) {
+    std::string const name = (i < 6 ? "node-deaf" : "node-stall") + std::to_string(i);
+    names.insert(name);
+    WireAgent& c = connectAgent(helloFrame(name));
+    if (i < 6) continue;
+    ASSERT_TRUE(c.serve(SIZE_MAX, 2));  // the root's request and state
+    ASSERT_TRUE(c.send(i % 2 ? answer.substr(0, answer.size() - 1) : big));
   }
   for (auto const& name : names)
     EXPECT_TRUE(ledrad_->printed("agent " + name + " served by profile node-", kWait)) << name;
-  serveWellBehaved("node-1");
+  serveWireAgent("node-1");
   // The faulty clients are still connected, each with the root's mount request unanswered.
   auto const status = control({"status", "--json", "node-deaf5"});
   EXPECT_NE(status.find("\"outstandingRequests\": 1"), std::string::npos) << status;
   Usage const during = usage();
-  EXPECT_LE(during.fds, base.fds + fds_.size() + stalled.size());
+  EXPECT_LE(during.fds, base.fds + clients_.size());
   EXPECT_LE(during.rssKiB, base.rssKiB + kGrowth) << during.rssKiB;
-  for (int fd : timedOut)
-    EXPECT_EQ(closeReason(fd), std::optional<std::string>("no hello within 0.5 seconds"));
-  EXPECT_EQ(closeReason(oversized),
+  for (int i = 0; i < 4; ++i)
+    EXPECT_EQ(closeReason(clients_[i]->fd()),
+              std::optional<std::string>("no hello within 0.5 seconds"));
+  EXPECT_EQ(closeReason(oversized.fd()),
             std::optional<std::string>("frame of 1000000 bytes exceeds the limit of 65536 bytes"));
   EXPECT_TRUE(startsWith(control({"status", "node-stall6"}), "ok\n"));
-  closeAll();
-  stalled.clear();
+  clients_.clear();
   std::string const answerCut =
-      std::to_string(kAnswer.size() - 5) + " of " + std::to_string(kAnswer.size() - 4);
+      std::to_string(answer.size() - 5) + " of " + std::to_string(answer.size() - 4);
   for (int i = 6; i < 10; ++i) {
     EXPECT_TRUE(ledrad_->printed(
         "agent node-stall" + std::to_string(i) + " closed: truncated frame: " +
@@ -395,23 +358,27 @@ TEST_F(FaultInjection, ClientsThatNeverReadOrStallMidFrameAreHeldOrTimedOutAndGi
   expectBackTo(base);
 }
 
-// (c) 2,000 connections (800 in the sanitizer build) opened and dropped, half to the agent socket
-// (nothing, a hello, half a hello, a hello and half an answer, or bytes that are no frame) and
-// half to the control socket (nothing, half a request, a whole request whose reply is not read,
-// or a whole exchange), in batches held open together. ledrad serves an agent afterwards and holds
-// nothing of them.
-TEST_F(FaultInjection, ThousandsOfConnectionsOpenedAndDroppedLeaveNothingBehind) {
+// (c) 2,000 connections (800 in the sanitizer build) opened and dropped in 50 rounds, held open
+// together within a round: to the agent socket (nothing, a hello, half a hello, a hello and half
+// an answer, or bytes that are no frame) or to the control socket (nothing, half a request, a
+// whole request whose reply is not read, or a whole exchange). (d) In each round an agent killed
+// at a seeded point: a wire agent that drops its connection after k frames received (now and
+// then half-way through its next answer), every tenth time a ledra-agent SIGKILLed after k
+// mounts. After each round ledrad has let them all go (the control status no longer knows the
+// agent) and serves the next agent to its end; at the end it holds nothing of them.
+TEST_F(FaultInjection, ConnectionsDroppedAndAgentsKilledAtSeededPointsLeaveNothingBehind) {
   Usage const base = warmLedrad();
-  std::mt19937 rng(20261123);
+  std::mt19937 rng(1114);
+  // Every frame of a whole serving: a request per mount, and a state for each entity there.
+  constexpr std::size_t kFrames = 2 * kNodeMounts - 1;
   long peak = 0;
-  for (int batch = 0; batch < kConnectionBatches; ++batch) {
+  for (int round = 0; round < 50; ++round) {
     std::vector<int> fds;
     std::set<std::string> named;
-    for (int i = 0; i < 150; ++i) {
-      bool const agent = i < 100;
-      int const fd = Ledrad::connectUnixSocket(path(agent ? "agents.sock" : "ctl.sock"));
-      fds.push_back(fd);
-      std::string const name = "node-c" + std::to_string(batch * 100 + i);
+    for (int i = 0; i < kConnectionsPerRound; ++i) {
+      bool const agent = i % 3 != 0;
+      fds.push_back(Ledrad::connectUnixSocket(path(agent ? "agents.sock" : "ctl.sock")));
+      std::string const name = "node-c" + std::to_string(round * 100 + i);
       std::string const hello = helloFrame(name);
       std::string bytes = agent ? "" : "status\n";
       switch (rng() % (agent ? 5 : 4)) {
@@ -427,42 +394,20 @@ TEST_F(FaultInjection, ThousandsOfConnectionsOpenedAndDroppedLeaveNothingBehind)
           break;
         case 3:
           if (!agent) {
-            (void)::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            hungUp(fd);
+            (void)::send(fds.back(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            hungUp(fds.back());
             continue;
           }
-          bytes = hello + kAnswer.substr(0, 9);
+          bytes = hello + WireAgent::answerFrame(1, "/ftest/Ledra").substr(0, 9);
           named.insert(name);
           break;
         default:
           bytes = "GET / HTTP/1.0\r\n\r\n";
           break;
       }
-      (void)::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      (void)::send(fds.back(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
-    peak = std::max(peak, usage().rssKiB);
-    for (int fd : fds)
-      ::close(fd);
-    awaitDisconnected(named);
-  }
-  serveWellBehaved("node-1");
-  EXPECT_LE(peak, base.rssKiB + kGrowth);
-  expectBackTo(base);
-}
-
-// (d) Agents killed at 50 seeded points: wire agents that drop their connection after k frames
-// received (now and then half-way through their next answer), and every tenth time a ledra-agent
-// SIGKILLed after k mounts. After each, ledrad has let the agent go (the control status no longer
-// knows it) and serves the next agent to its end.
-TEST_F(FaultInjection, AgentsKilledAtSeededPointsAreCleanedUpAndOthersServed) {
-  Usage const base = warmLedrad();
-  std::mt19937 rng(1114);
-  // Every frame of a whole serving: a request per mount, and a state for each entity there.
-  constexpr std::size_t kFrames = 2 * kNodeMounts - 1;
-  long peak = 0;
-  for (int round = 0; round < 50; ++round) {
     std::string const victim = "node-k" + std::to_string(round);
-    bool named = true;
     if (round % 10 == 9) {
       // ledra-agent prints "connected as" before its hello: killed then, it may never say hello.
       std::size_t const k = 1 + rng() % kNodeMounts;
@@ -472,27 +417,24 @@ TEST_F(FaultInjection, AgentsKilledAtSeededPointsAreCleanedUpAndOthersServed) {
         ASSERT_TRUE(a.waitForLine([](auto const& l) { return startsWith(l, "mount "); }, kWait));
       a.signal(SIGKILL);
       EXPECT_EQ(a.waitExit(kWait), std::optional<int>(128 + SIGKILL));
-    } else {
-      std::size_t const k = rng() % (kFrames + 2);
+      named.insert(victim);
+    } else if (std::size_t const k = rng() % (kFrames + 2); k > 0) {
       WireAgent a(path("agents.sock"));
-      named = k > 0;
-      if (named) {
-        ASSERT_TRUE(a.hello(victim));
-        // Past the last frame: served to the end, then dropped.
-        EXPECT_TRUE(a.serve(k > kFrames ? kNodeMounts : SIZE_MAX, k)) << round;
-        if (rng() % 3 == 0) {
-          std::string const answer = a.answerFrame(static_cast<Qel::U32>(k), "/ftest/Ledra/a");
-          (void)a.send(answer.substr(0, rng() % answer.size()));
-        }
-      }
-      a.drop();
+      ASSERT_TRUE(a.hello(victim));
+      // Past the last frame: served to the end, then dropped.
+      EXPECT_TRUE(a.serve(k > kFrames ? kNodeMounts : SIZE_MAX, k)) << round;
+      std::string const answer = a.answerFrame(static_cast<Qel::U32>(k), "/ftest/Ledra/a");
+      if (rng() % 3 == 0) (void)a.send(answer.substr(0, rng() % answer.size()));
+      named.insert(victim);
     }
-    if (named) {
-      EXPECT_TRUE(ledrad_->waitForLine("agent " + victim + " disconnected", kWait)) << victim;
+    peak = std::max(peak, usage().rssKiB);
+    for (int fd : fds)
+      ::close(fd);
+    awaitDisconnected(named);
+    if (named.count(victim) != 0) {
       EXPECT_EQ(control({"status", victim}), "error\nstatus: no agent '" + victim + "'\n");
     }
     serveWireAgent("node-g" + std::to_string(round));
-    peak = std::max(peak, usage().rssKiB);
   }
   EXPECT_LE(peak, base.rssKiB + kGrowth);
   expectBackTo(base);
@@ -535,8 +477,8 @@ TEST_F(FaultInjection, SigtermWhileAgentsAreServedStopsPromptlyAndRemovesTheSock
     EXPECT_TRUE(a->printed("closed: database shutting down", kWait)) << a->output();
     EXPECT_EQ(a->waitExit(kWait), std::optional<int>(0));
   }
-  for (int fd : fds_)
-    EXPECT_TRUE(hungUp(fd));
+  for (auto const& c : clients_)
+    EXPECT_TRUE(hungUp(c->fd()));
 }
 
 }  // namespace

@@ -68,15 +68,11 @@ TEST_F(OptionsTest, EveryOptionInBothSpellings) {
                                  "--max-remembered-agents", "10", "--max-control-clients", "5",
                                  "--max-control-per-process=2", "--control-idle-timeout", "0.5"})
                        .bounds;
-  EXPECT_EQ(b.maxFrame, 64u << 10);
-  EXPECT_EQ(b.helloTimeout, 2.5);
-  EXPECT_EQ(b.maxAgentName, 100u);
-  EXPECT_EQ(b.maxAgentOutput, 3u << 20);
-  EXPECT_EQ(b.maxTotalOutput, std::size_t(1) << 30);
-  EXPECT_EQ(b.maxRememberedAgents, 10u);
-  EXPECT_EQ(b.control.maxClients, 5u);
-  EXPECT_EQ(b.control.maxClientsPerProcess, 2u);
-  EXPECT_EQ(b.control.idleTimeout, 0.5);
+  EXPECT_EQ(std::vector<double>({double(b.maxFrame), b.helloTimeout, double(b.maxAgentName),
+                                 double(b.maxAgentOutput), double(b.maxTotalOutput),
+                                 double(b.maxRememberedAgents), double(b.control.maxClients),
+                                 double(b.control.maxClientsPerProcess), b.control.idleTimeout}),
+            std::vector<double>({64 << 10, 2.5, 100, 3 << 20, 1 << 30, 10, 5, 2, 0.5}));
   // The bounds on output may meet exactly.
   EXPECT_EQ(
       refusal({"--max-frame", "1K", "--max-agent-output", "2056", "--max-total-output", "2056"}),
