@@ -1,5 +1,5 @@
 // The profile file format: every field, every refusal with its file, line and reason, and
-// applying a file to the profile directory (minimal changes, groups replaced, never deleted).
+// applying a file to the profile directory (a second time it changes nothing).
 #include "apps/ledrad/ProfileFile.h"
 
 #include <gtest/gtest.h>
@@ -186,35 +186,6 @@ TEST_F(ProfileFileTest, ReadsAndAppliesEveryField) {
   EXPECT_EQ(pf.applyTo(*dir_).profilesUnchanged, 2u);
   EXPECT_TRUE(counter.seen.empty());
   EXPECT_EQ(p->mountGroup("base"), base);
-}
-
-TEST_F(ProfileFileTest, ChangedGroupIsReplacedOthersKeptStaleRemovedOtherProfilesLeftAlone) {
-  ProfileFile::parse("profile b\n group g 1\n  mount /b Qel::Dir\n", "zero").applyTo(*dir_);
-  ProfileFile::parse(
-      "profile a\n rootFlags N\n group keep 1\n  mount /k Qel::Dir\n"
-      " group change 2\n  mount /c Qel::Dir\n group drop 3\n  mount /d Qel::Dir\n",
-      "one")
-      .applyTo(*dir_);
-  auto p = dir_->agentProfile("a");
-  auto const keep = p->mountGroup("keep");
-  auto const change = p->mountGroup("change");
-  GroupCounter counter;
-  counter.notifierIs(p);
-  auto const applied = ProfileFile::parse(
-                           "profile a\n group keep 1\n  mount /k Qel::Dir\n"
-                           " group change 5\n  mount /c Qel::Dir w\n",
-                           "two")
-                           .applyTo(*dir_);
-  EXPECT_EQ(applied.profilesUpdated, 1u);
-  EXPECT_EQ(p->mountGroup("keep"), keep);
-  EXPECT_NE(p->mountGroup("change"), change);
-  EXPECT_EQ(describe(p->mountGroup("change")), "5 {} | /c Qel::Dir w");
-  // The engine holding the old group still reads it as it was.
-  EXPECT_EQ(describe(change), "2 {} | /c Qel::Dir ");
-  EXPECT_EQ(describe(p->mountGroup("drop")), "no group");
-  EXPECT_EQ(p->rootFlags(), "");
-  EXPECT_EQ(counter.seen, (Strings{"rootFlags", "drop", "change", "change"}));
-  EXPECT_TRUE(dir_->agentProfile("b"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // The state file format: every field, every refusal with its file, line and reason, nothing
-// registered or inserted for a refused file, and applying (types, tree, values, watchers told).
+// registered or inserted for a refused file, and applying (types, tree, values).
 #include "apps/ledrad/StateFile.h"
 
 #include <gtest/gtest.h>
@@ -85,40 +85,6 @@ entity /%sysname/tree/n%cellId ApplyTest::Node
   EXPECT_EQ(text(holder, "node") + " " + text(holder, "any"),
             "/stateTest/tree/n2 /stateTest/empty/deep");
   EXPECT_TRUE(dynamic_cast<Qel::Dir*>(at("/stateTest/empty/deep").ptr()));
-}
-
-class ValueWatcher : public Qel::GenericIf::NotifieeConst {
- public:
-  std::vector<std::string> seen;
-  void onAttribute(Qel::AttributeId aid, Qel::GenericIf::PtrConst& key) override {
-    seen.push_back(std::string(notifier()->attributeName(aid)) +
-                   (key ? "[" + key->text() + "]" : ""));
-  }
-};
-
-TEST_F(StateFileTest, LoadingAgainUpdatesExistingEntitiesAndTellsTheirWatchers) {
-  char const* first = R"(type AgainTest::Box
-  attribute level U32
-  collection tags string bool
-  attribute box Qel::Entity
-entity /%sysname/box AgainTest::Box
-  set level 1
-  set box /%sysname/box
-)";
-  StateFile::parse(first, "first.state", kVars).applyTo();
-  auto const box = at("/stateTest/box");
-  ValueWatcher watcher;
-  watcher.notifierIs(box);
-  // The same type again is accepted; the entity is updated in place.
-  StateFile::Applied const a =
-      StateFile::parse(std::string(first) + "  set level 5\n  put tags x true\n  set box null\n",
-                       "again.state", kVars)
-          .applyTo();
-  EXPECT_EQ(a.typesDefined + a.entitiesCreated + a.directoriesCreated, 0u);
-  EXPECT_EQ(at("/stateTest/box"), box);
-  EXPECT_EQ(text(box, "level") + " " + text(box, "box"), "5 null");
-  // level 1 and the pointer are stored again (no change, nobody told), then the changes.
-  EXPECT_EQ(watcher.seen, (std::vector<std::string>{"level", "tags[x]", "box"}));
 }
 
 TEST_F(StateFileTest, WhatIsRegisteredOrInTheTreeMustMatchARefusedFileChangesNothing) {

@@ -90,7 +90,7 @@ TEST_F(StatusReportTest, EachAgentShowsItsGroupsMountsAndWhatItWaitsFor) {
   EXPECT_EQ(summary("node-3"),
             "readyMountGroupPending; only-one 5 skipped, first 10 failed, second 20 queued; "
             "/dbTest/Ledra complete, /dbTest/Ledra/a failed; failed mount /dbTest/Ledra/a");
-  EXPECT_EQ(report("node-3").failed[0].reason, "no room");
+  EXPECT_EQ(report("node-3").failed.at(0).reason, "no room");
   EXPECT_EQ(db->status().agents.size(), 4u);  // the stranger has no report
   db->set("/dbTest/Ledra/box", "power", "on");
   held->holdAnswersIs(false);
