@@ -1,6 +1,6 @@
 // The common ground of the integration tests: a temporary folder holding profiles/ and state/ (and
-// ledrad's sockets), the command line of a ledrad serving it, ledra-ctl and other programs run to
-// their end, and the folder removed after the test.
+// ledrad's sockets), a ledrad serving it, ledra-agent processes, ledra-ctl and other programs run
+// to their end, and the folder removed after the test.
 #pragma once
 
 #include <stdlib.h>
@@ -19,6 +19,13 @@
 namespace test {
 
 inline constexpr double kWait = 30.0;
+
+inline bool startsWith(std::string const& s, std::string const& prefix) {
+  return s.rfind(prefix, 0) == 0;
+}
+inline bool contains(std::string const& s, std::string const& part) {
+  return s.find(part) != std::string::npos;
+}
 
 class LedradFolder : public ::testing::Test {
  protected:
@@ -40,13 +47,16 @@ class LedradFolder : public ::testing::Test {
     if (*profiles_) write("profiles/test.profile", profiles_);
   }
 
-  // A ledrad still running is stopped and must exit 0; then the folder goes.
+  // A ledrad still running is stopped and must exit 0 with its last line; then the agents and the
+  // folder go.
   void TearDown() override {
     if (ledrad_ && ledrad_->running()) {
       ledrad_->signal(SIGTERM);
-      EXPECT_EQ(ledrad_->waitExit(kWait), std::optional<int>(0))
-          << ledrad_->output() << stderrText();
+      EXPECT_EQ(ledrad_->waitExit(kWait), std::optional<int>(0));
+      EXPECT_EQ(ledrad_->lines().back(), "ledrad: stopped");
     }
+    if (HasFailure() && ledrad_) std::cerr << "ledrad:\n" << ledrad_->output() << stderrText();
+    agents_.clear();
     ledrad_.reset();
     std::error_code ec;
     std::filesystem::remove_all(dir_, ec);
@@ -73,6 +83,26 @@ class LedradFolder : public ::testing::Test {
     return argv;
   }
 
+  // Starts ledradArgs(sysname, extra) and waits until it is ready. Its standard error (the
+  // traces) joins its output when `mergeStderr`, else goes to stderr.txt.
+  void startLedrad(char const* sysname, std::vector<std::string> const& extra = {},
+                   bool mergeStderr = false) {
+    ledrad_ =
+        std::make_unique<ChildProcess>(ledradArgs(sysname, extra), path("stderr.txt"), mergeStderr);
+    ASSERT_TRUE(
+        ledrad_->waitForLine([](auto const& l) { return startsWith(l, "ledrad: ready"); }, kWait))
+        << ledrad_->output() << stderrText();
+  }
+
+  // A ledra-agent named `name` with `extra` options, connected to ledrad.
+  ChildProcess& agent(std::string const& name, std::vector<std::string> const& extra = {}) {
+    std::vector<std::string> argv = {LEDRA_AGENT_PATH, "--socket", path("agents.sock"), "--name",
+                                     name};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    agents_.push_back(std::make_unique<ChildProcess>(argv, path("stderr.txt")));
+    return *agents_.back();
+  }
+
   // Runs `argv` to its end (standard error joined to its output).
   Result run(std::vector<std::string> const& argv) {
     ChildProcess p(argv, "", true);
@@ -86,6 +116,7 @@ class LedradFolder : public ::testing::Test {
 
   std::filesystem::path dir_;
   std::unique_ptr<ChildProcess> ledrad_;
+  std::vector<std::unique_ptr<ChildProcess>> agents_;
 
  private:
   char const* state_;

@@ -1,35 +1,43 @@
 // ledrad end to end: the real daemon, real agent processes and the control program over Unix
-// sockets in a temporary folder. Every wait is for a line of output, with a deadline; nothing
-// sleeps.
+// sockets in a temporary folder. Agents are served, wait for conditions or are refused; hostile
+// input from files, agents and control clients is refused with a reason while ledrad goes on
+// serving (or, at start-up, stops with exit status 1); idle control connections and a lack of
+// descriptors cost it a bounded amount. Every wait is for a line of output, a reply or an exit,
+// with a deadline; nothing sleeps.
 #include <poll.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 
 #include <gtest/gtest.h>
 
-#include "Qel/NboAttrLog/WireMessage.h"
 #include "apps/ledrad/UnixSocket.h"
 #include "integration/ChildProcess.h"
 #include "integration/LedradFolder.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using test::ChildProcess;
+using test::contains;
 using test::kWait;
-namespace Wire = Qel::NboAttrLog;
+namespace fs = std::filesystem;
+using test::startsWith;
 
 constexpr char const* kState = R"(enum Test::Power off on
 type Test::Box
   attribute power Test::Power
-  attribute level U32
+type Test::Fan
+  attribute box Test::Box
 entity /%sysname/Ledra/a/box Test::Box
   set power off
+entity /%sysname/Ledra/fan Test::Fan
 )";
 
 // The groups are written in the reverse of their priorities: the priority decides the order.
@@ -49,14 +57,21 @@ profile waiter
     mount /%sysname/Ledra/a/box Test::Box
 )";
 
-std::vector<std::string> expectedNodeMounts(std::string const& n) {
-  return {"mount 1 /itest/Ledra flags=Cnp type=", "mount 2 /itest/Ledra/a flags=Cnp type=",
-          "mount 3 /itest/Ledra/a/box flags=Cnp type=",
-          "mount 4 /itest/Ledra/a/node-" + n + " flags=wnp type="};
-}
-
-bool startsWith(std::string const& s, std::string const& prefix) {
-  return s.rfind(prefix, 0) == 0;
+// What ledrad writes on `fd` until it closes it; "<timeout>" appended when kWait passes first.
+std::string readToEnd(int fd) {
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  std::string out;
+  char buf[4096];
+  while (true) {
+    auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())
+                          .count();
+    pollfd p{fd, POLLIN, 0};
+    if (left <= 0 || ::poll(&p, 1, static_cast<int>(left)) <= 0) return out + "<timeout>";
+    ssize_t const n = ::recv(fd, buf, sizeof buf, 0);
+    if (n <= 0) return out;
+    out.append(buf, static_cast<std::size_t>(n));
+  }
 }
 
 class LedradIntegration : public test::LedradFolder {
@@ -64,43 +79,23 @@ class LedradIntegration : public test::LedradFolder {
   LedradIntegration() : LedradFolder(kState, kProfiles) {}
 
   void TearDown() override {
-    if (ledrad_ && ledrad_->running()) {
-      ledrad_->signal(SIGTERM);
-      auto const status = ledrad_->waitExit(kWait);
-      EXPECT_EQ(status, std::optional<int>(0)) << ledrad_->output() << stderrText();
-      EXPECT_TRUE(!ledrad_->lines().empty() && ledrad_->lines().back() == "ledrad: stopped")
-          << ledrad_->output();
-    }
-    agents_.clear();
-    if (HasFailure()) std::cerr << "standard error of the processes:\n" << stderrText();
+    for (int fd : sockets_)
+      ::close(fd);
     LedradFolder::TearDown();
   }
 
-  std::vector<std::string> ledradArgs() const { return LedradFolder::ledradArgs("itest"); }
-
-  void startLedrad() {
-    ledrad_ = std::make_unique<ChildProcess>(ledradArgs(), path("stderr.txt"));
-    ASSERT_TRUE(
-        ledrad_->waitForLine([](auto const& l) { return startsWith(l, "ledrad: ready"); }, kWait))
-        << ledrad_->output() << stderrText();
-  }
-
-  ChildProcess& agent(std::string const& name, std::vector<std::string> extra = {}) {
-    std::vector<std::string> argv = {LEDRA_AGENT_PATH, "--socket", path("agents.sock"), "--name",
-                                     name};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    agents_.push_back(std::make_unique<ChildProcess>(argv, path("stderr.txt")));
-    return *agents_.back();
+  int connectTo(char const* socket) {
+    sockets_.push_back(Ledrad::connectUnixSocket(path(socket)));
+    return sockets_.back();
   }
 
   // Waits for ledrad's line `exact`.
   void expectLedradLine(std::string const& exact) {
-    EXPECT_TRUE(ledrad_->printed(exact, kWait)) << "no line \"" << exact << "\" from ledrad:\n"
-                                                << ledrad_->output();
+    EXPECT_TRUE(ledrad_->printed(exact, kWait)) << "no line \"" << exact << "\" from ledrad";
   }
 
   // The agent's mount lines, once it has printed `count` of them.
-  std::vector<std::string> mounts(ChildProcess& a, std::size_t count) {
+  static std::vector<std::string> mounts(ChildProcess& a, std::size_t count) {
     std::vector<std::string> out;
     while (out.size() < count) {
       auto l = a.waitForLine([](auto const& line) { return startsWith(line, "mount "); }, kWait);
@@ -110,186 +105,144 @@ class LedradIntegration : public test::LedradFolder {
     return out;
   }
 
-  std::vector<std::unique_ptr<ChildProcess>> agents_;
+  std::vector<int> sockets_;
 };
 
-TEST_F(LedradIntegration, FamilyMembersReceiveTheirMountsInPriorityOrder) {
-  startLedrad();
-  ChildProcess& one = agent("node-1");
-  ChildProcess& two = agent("node-2");
-  EXPECT_TRUE(one.waitForLine("connected as node-1", kWait)) << one.output();
-  EXPECT_EQ(mounts(one, 4), expectedNodeMounts("1"));
-  EXPECT_EQ(mounts(two, 4), expectedNodeMounts("2"));
+TEST_F(LedradIntegration, AgentsAreServedInPriorityOrderWaitForConditionsOrAreRefused) {
+  startLedrad("itest");
+  ChildProcess& node = agent("node-1");
+  ChildProcess& waiter = agent("waiter");
+  ChildProcess& stranger = agent("stranger-1");
+  EXPECT_EQ(mounts(node, 4),
+            (std::vector<std::string>{
+                "mount 1 /itest/Ledra flags=Cnp type=", "mount 2 /itest/Ledra/a flags=Cnp type=",
+                "mount 3 /itest/Ledra/a/box flags=Cnp type=",
+                "mount 4 /itest/Ledra/a/node-1 flags=wnp type="}));
   expectLedradLine("All mounts complete for node-1");
-  expectLedradLine("All mounts complete for node-2");
   auto const status = ctl({"status", "--json", "node-1"});
   EXPECT_EQ(status.status, 0) << status.output;
-  EXPECT_NE(status.output.find("\"profile\": \"node-\""), std::string::npos) << status.output;
-  EXPECT_NE(status.output.find("\"%n\": \"1\""), std::string::npos) << status.output;
-  EXPECT_NE(status.output.find("\"state\": \"mountComplete\""), std::string::npos) << status.output;
-  // Nothing beyond the profile's mounts was sent.
-  one.signal(SIGTERM);
-  EXPECT_EQ(one.waitExit(kWait), std::optional<int>(0));
-  EXPECT_EQ(one.lines().back(), "/itest/Ledra/a/node-1");
-  EXPECT_EQ(std::count_if(one.lines().begin(), one.lines().end(),
-                          [](auto const& l) { return startsWith(l, "mount "); }),
-            4);
-}
+  EXPECT_TRUE(contains(status.output, "\"%n\": \"1\"")) << status.output;
+  EXPECT_TRUE(contains(status.output, "\"state\": \"mountComplete\"")) << status.output;
 
-TEST_F(LedradIntegration, ConditionalGroupWaitsUntilTheControlProgramSatisfiesIt) {
-  startLedrad();
-  ChildProcess& waiter = agent("waiter");
+  // The stranger has no profile: it is told so and leaves with status 0.
+  EXPECT_TRUE(stranger.waitForLine("closed: no agent profile", kWait)) << stranger.output();
+  EXPECT_EQ(stranger.waitExit(kWait), std::optional<int>(0));
+  expectLedradLine("agent stranger-1 closed: no agent profile");
+  expectLedradLine("agent stranger-1 disconnected");
+  auto const gone = ctl({"status", "stranger-1"});
+  EXPECT_EQ(gone.status, 1);
+  EXPECT_EQ(gone.output, "status: no agent 'stranger-1'\n");
+
+  // The waiter's last group waits until the control program satisfies its condition.
   expectLedradLine("agent waiter waits for group gated: on == /%sysname/Ledra/a/box.power");
-  EXPECT_EQ(mounts(waiter, 2),
-            (std::vector<std::string>{"mount 1 /itest/Ledra flags=Cnp type=",
-                                      "mount 2 /itest/Ledra/a flags=Cnp type="}));
-  auto const before = ctl({"status", "--json", "waiter"});
-  EXPECT_NE(before.output.find("\"state\": \"conditionalMountGroupPending\""), std::string::npos)
-      << before.output;
-  EXPECT_NE(before.output.find("\"entity\": \"/itest/Ledra/a/box\""), std::string::npos)
-      << before.output;
-  EXPECT_NE(before.output.find("\"currentValue\": \"off\""), std::string::npos) << before.output;
-
+  EXPECT_EQ(mounts(waiter, 2).size(), 2u);
   auto const set = ctl({"set", "/itest/Ledra/a/box", "power", "on"});
   EXPECT_EQ(set.status, 0) << set.output;
   EXPECT_EQ(set.output, "/itest/Ledra/a/box power: off -> on\n");
   EXPECT_EQ(mounts(waiter, 1),
             (std::vector<std::string>{"mount 3 /itest/Ledra/a/box flags=Cnp type="}));
   expectLedradLine("All mounts complete for waiter");
-  auto const table = ctl({"status"});
-  EXPECT_NE(table.output.find("base (10) mounted; gated (30) mounted"), std::string::npos)
-      << table.output;
-}
 
-TEST_F(LedradIntegration, AgentWithoutProfileIsRefused) {
-  startLedrad();
-  ChildProcess& stranger = agent("stranger-1");
-  EXPECT_TRUE(stranger.waitForLine("closed: no agent profile", kWait)) << stranger.output();
-  EXPECT_EQ(stranger.waitExit(kWait), std::optional<int>(0));
-  expectLedradLine("agent stranger-1 closed: no agent profile");
-  expectLedradLine("agent stranger-1 disconnected");
-  auto const status = ctl({"status", "stranger-1"});
-  EXPECT_EQ(status.status, 1);
-  EXPECT_EQ(status.output, "status: no agent 'stranger-1'\n");
-}
-
-TEST_F(LedradIntegration, AgentKilledMidMountIsCleanedUpAndServedAgainOnReconnect) {
-  startLedrad();
-  // The agent never answers the mount of the first group, so the second one is never sent.
-  ChildProcess& first = agent("node-7", {"--hold", "/itest/Ledra/a"});
-  EXPECT_EQ(mounts(first, 2), (std::vector<std::string>{"mount 1 /itest/Ledra flags=Cnp type=",
-                                                        "mount 2 /itest/Ledra/a flags=Cnp type="}));
-  auto const waiting = ctl({"status", "--json", "node-7"});
-  EXPECT_NE(waiting.output.find("\"inProgress\": [\n          \"/itest/Ledra/a\"\n        ]"),
-            std::string::npos)
-      << waiting.output;
-  EXPECT_NE(waiting.output.find("\"state\": \"readyMountGroupPending\""), std::string::npos)
-      << waiting.output;
-  EXPECT_NE(waiting.output.find("\"outstandingRequests\": 1"), std::string::npos);
-
-  first.signal(SIGKILL);
-  EXPECT_EQ(first.waitExit(kWait), std::optional<int>(128 + SIGKILL));
-  EXPECT_TRUE(ledrad_->waitForLine(
-      [](auto const& l) { return startsWith(l, "agent node-7 closed"); }, kWait))
-      << ledrad_->output();
-  expectLedradLine("agent node-7 disconnected");
-  auto const gone = ctl({"status", "node-7"});
-  EXPECT_EQ(gone.output, "status: no agent 'node-7'\n");
-
-  ChildProcess& second = agent("node-7");
-  EXPECT_EQ(mounts(second, 4), expectedNodeMounts("7"));
-  expectLedradLine("All mounts complete for node-7");
-  auto const served = ctl({"status", "--json", "node-7"});
-  EXPECT_NE(served.output.find("\"epoch\": 2"), std::string::npos) << served.output;
-  EXPECT_NE(served.output.find("\"state\": \"mountComplete\""), std::string::npos);
-}
-
-// Reads from `fd` until the peer closes, returning the Close reason it sent (if any).
-std::optional<std::string> readUntilClosed(int fd) {
-  Wire::WireDecoder decoder;
-  std::optional<std::string> reason;
-  char buf[4096];
-  while (true) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(kWait * 1000)) <= 0) return std::string("<no close>");
-    ssize_t const n = ::read(fd, buf, sizeof buf);
-    if (n <= 0) return reason;
-    decoder.feed(std::string_view(buf, static_cast<std::size_t>(n)));
-    Wire::WireMessage m;
-    while (decoder.next(m) == Wire::WireDecoder::Result::message) {
-      if (auto const* c = std::get_if<Wire::WireClose>(&m)) reason = c->reason;
-    }
-  }
-}
-
-void sendAll(int fd, std::string const& bytes) {
-  ASSERT_EQ(::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(bytes.size()));
-}
-
-TEST_F(LedradIntegration, MalformedMessagesCloseOnlyTheirConnection) {
-  startLedrad();
-  ChildProcess& bystander = agent("node-3");
-  EXPECT_EQ(mounts(bystander, 4), expectedNodeMounts("3"));
-
-  // An oversized frame before any hello.
-  int const raw = Ledrad::connectUnixSocket(path("agents.sock"));
-  sendAll(raw, std::string("\x7f\xff\xff\xff", 4));
-  EXPECT_NE(readUntilClosed(raw), std::optional<std::string>("<no close>"));
-  ::close(raw);
-
-  // A proper hello, then a frame of an unknown kind.
-  int const bad = Ledrad::connectUnixSocket(path("agents.sock"));
-  sendAll(bad, Wire::wireFrame(Wire::WireHello{5, "node-4", "node-4"}));
-  sendAll(bad, std::string("\0\0\0\2\x09\x00", 6));
-  auto const reason = readUntilClosed(bad);
-  ::close(bad);
-  ASSERT_TRUE(reason);
-  EXPECT_FALSE(reason->empty());
-  expectLedradLine("agent node-4 connected (connection 1)");
-  expectLedradLine("agent node-4 closed: " + *reason);
-  expectLedradLine("agent node-4 disconnected");
-
-  // ledrad still serves: the bystander keeps its connection, a newcomer is served.
-  ChildProcess& newcomer = agent("node-5");
-  EXPECT_EQ(mounts(newcomer, 4), expectedNodeMounts("5"));
-  expectLedradLine("All mounts complete for node-5");
-  auto const status = ctl({"status", "--json", "node-3"});
-  EXPECT_NE(status.output.find("\"connected\": true"), std::string::npos) << status.output;
-}
-
-TEST_F(LedradIntegration, RefusedProfileFileChangesNothingAndLedradKeepsServing) {
-  startLedrad();
-  write("bad.profile",
-        "profile late-\n  group g 1\n    mount /itest/Ledra/a Qel::Dir\n"
-        "  group h 0\n");
-  auto const refused = ctl({"load-profiles", path("bad.profile")});
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_EQ(refused.output, "refused " + path("bad.profile") +
-                                ":4: priority must be a whole number from 1 to 99, not '0' "
-                                "(nothing of it applied)\n");
-  ChildProcess& early = agent("late-1");
-  EXPECT_TRUE(early.waitForLine("closed: no agent profile", kWait)) << early.output();
-
-  write("good.profile", "profile late-\n  group g 1\n    mount /itest/Ledra/a Qel::Dir\n");
-  auto const loaded = ctl({"load-profiles", path("good.profile")});
-  EXPECT_EQ(loaded.status, 0) << loaded.output;
+  // A profile loaded while ledrad runs serves the agents that come later.
+  write("late.profile", "profile late-\n  group g 1\n    mount /itest/Ledra/a Qel::Dir\n");
+  auto const loaded = ctl({"load-profiles", path("late.profile")});
   EXPECT_EQ(loaded.output,
-            "loaded " + path("good.profile") + ": 1 profile (1 new, 0 changed, 0 unchanged)\n");
-  ChildProcess& late = agent("late-2");
-  EXPECT_EQ(mounts(late, 2), (std::vector<std::string>{"mount 1 /itest/Ledra flags=Cnp type=",
-                                                       "mount 2 /itest/Ledra/a flags=Cnp type="}));
+            "loaded " + path("late.profile") + ": 1 profile (1 new, 0 changed, 0 unchanged)\n");
+  agent("late-2");
   expectLedradLine("All mounts complete for late-2");
+
+  // On SIGTERM an agent prints what it holds and leaves with status 0.
+  node.signal(SIGTERM);
+  EXPECT_EQ(node.waitExit(kWait), std::optional<int>(0));
+  EXPECT_EQ(node.lines().back(), "/itest/Ledra/a/node-1");
 }
 
-TEST_F(LedradIntegration, BadFileAtStartIsReportedAndLedradDoesNotStart) {
-  write("state/zz.state", "entity /%sysname/Ledra/a/box Test::Nothing\n");
-  ledrad_ = std::make_unique<ChildProcess>(ledradArgs(), path("stderr.txt"));
-  EXPECT_EQ(ledrad_->waitExit(kWait), std::optional<int>(1));
-  EXPECT_NE(stderrText().find(path("state/zz.state") + ":1: unknown type 'Test::Nothing'"),
-            std::string::npos)
+TEST_F(LedradIntegration, StartUpStopsOnAProfileWithoutANameWithItsReason) {
+  write("profiles/nameless.profile",
+        "profile \"\"\n  group base 10\n    mount /%sysname/Ledra Qel::Dir\n");
+  ledrad_ = std::make_unique<ChildProcess>(ledradArgs("itest"), path("stderr.txt"));
+  EXPECT_EQ(ledrad_->waitExit(kWait), std::optional<int>(1)) << stderrText();
+  EXPECT_TRUE(contains(stderrText(), path("profiles") +
+                                         "/nameless.profile:1: profile name must not be empty\n"
+                                         "ledrad: not started"))
       << stderrText();
-  EXPECT_NE(stderrText().find("ledrad: not started"), std::string::npos);
+}
+
+TEST_F(LedradIntegration, AgentsAndControlClientsAreRefusedWithTheReasonAndLedradKeepsServing) {
+  startLedrad("itest", {}, true);
+  // A name holding a newline would print a line of its own in ledrad's event output: the agent
+  // is refused at its hello and told why.
+  std::string const forged = "fan-1\nAll mounts complete for fan-1\nagent fan-1";
+  auto const refused = run({LEDRA_AGENT_PATH, "--socket", path("agents.sock"), "--name", forged});
+  EXPECT_EQ(refused.status, 0) << refused.output;
+  EXPECT_TRUE(contains(refused.output,
+                       "closed: agent name fan-1\\x0aAll mounts complete for fan-1\\x0aagent "
+                       "fan-1 holds control character U+000A at byte 5"))
+      << refused.output;
+  auto const mistyped = ctl({"set", "/itest/Ledra/fan", "box", "/itest/Ledra/fan"});
+  EXPECT_EQ(mistyped.status, 1);
+  EXPECT_EQ(mistyped.output,
+            "/itest/Ledra/fan box: the entity at /itest/Ledra/fan is a Test::Fan, not a "
+            "Test::Box\n");
+  // A later change is printed after anything the refused agent could have caused.
+  EXPECT_EQ(ctl({"set", "/itest/Ledra/fan", "box", "/itest/Ledra/a/box"}).status, 0);
+  ASSERT_TRUE(ledrad_->waitForLine("ledrad: set /itest/Ledra/fan box: (none) -> /itest/Ledra/a/box",
+                                   kWait));
+  for (auto const& l : ledrad_->lines())
+    EXPECT_FALSE(contains(l, "All mounts complete")) << l;
+  // ledra-ctl's own errors stay on one line whatever the command line holds.
+  auto const unreachable = ctl({"--control-socket", path("no\nsuch.sock"), "status"});
+  EXPECT_EQ(unreachable.status, 3);
+  EXPECT_EQ(unreachable.output, "ledra-ctl: cannot connect to " + path("no\\x0asuch.sock") +
+                                    ": No such file or directory\n");
+}
+
+// A ledra-ctl refused at a limit prints ledrad's reason (not "Connection reset by peer"); once
+// the idle connections time out it is served again.
+TEST_F(LedradIntegration, ARefusedLedraCtlPrintsWhyAndIdleConnectionsTimeOut) {
+  startLedrad("itest", {"--max-control-clients", "2", "--control-idle-timeout", "0.5"}, true);
+  int const a = connectTo("ctl.sock");
+  int const b = connectTo("ctl.sock");
+  auto const refused = ctl({"status"});
+  EXPECT_EQ(refused.status, 1) << refused.output;
+  EXPECT_EQ(refused.output,
+            "ledrad serves at most 2 control connections at once; try again later\n");
+  for (int fd : {a, b})
+    EXPECT_EQ(readToEnd(fd), "error\nno request within 0.5 seconds\n");
+  EXPECT_EQ(ctl({"status"}).status, 0);
+}
+
+// With its descriptors used up, ledrad pauses accepting on both sockets (instead of spinning on
+// the control socket) and serves the waiting ledra-ctl once agents leave.
+TEST_F(LedradIntegration, OutOfDescriptorsAWaitingControlClientIsServedOnceSomeAreFree) {
+#ifdef LEDRA_SANITIZE
+  // UBSan tests whether memory is readable through a pipe: with no descriptor left it takes every
+  // object for unreadable and reports it. The normal build runs this test.
+  GTEST_SKIP() << "needs descriptors the sanitizers cannot do without";
+#endif
+  startLedrad("itest", {"--trace", "LedraPlatform=1"}, true);
+  std::size_t open = 0;
+  for (auto const& e : fs::directory_iterator("/proc/" + std::to_string(ledrad_->pid()) + "/fd")) {
+    (void)e;
+    ++open;
+  }
+  rlimit const low{open + 2, open + 2};
+  ASSERT_EQ(::prlimit(ledrad_->pid(), RLIMIT_NOFILE, &low, nullptr), 0) << std::strerror(errno);
+  for (int i = 0; i < 4; ++i)
+    connectTo("agents.sock");
+  auto paused = [](char const* what) {
+    return [what](std::string const& l) {
+      return contains(l, what) && contains(l, "cannot accept: Too many open files");
+    };
+  };
+  ASSERT_TRUE(ledrad_->waitForLine(paused("agent listener on "), kWait));
+  ChildProcess waiting({LEDRA_CTL_PATH, "--control-socket", path("ctl.sock"), "status"}, "", true);
+  ASSERT_TRUE(ledrad_->waitForLine(paused("control socket "), kWait));
+  for (int fd : sockets_)
+    ::close(fd);
+  sockets_.clear();
+  EXPECT_EQ(waiting.waitExit(kWait), std::optional<int>(0)) << waiting.output();
+  EXPECT_TRUE(contains(waiting.output(), "ledrad: system itest")) << waiting.output();
 }
 
 }  // namespace
