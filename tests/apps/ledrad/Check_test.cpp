@@ -1,46 +1,26 @@
 // ledrad --check: the folders read as a start reads them, every problem told, nothing served.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
-#include "Ledra/Cell.h"
-#include "Ledra/ConnMgrHelper.h"
-#include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/ActivityManagerConfig.h"
 #include "apps/ledrad/Daemon.h"
-#include "support/LeakCheck.h"
+#include "tests/apps/ledrad/DatabaseFixture.h"
 
 namespace Ledrad {
 namespace {
 
 namespace fs = std::filesystem;
 
-// runDaemon sets process-wide state as a start does (cell, system name, reserved template keys,
-// the connection configuration made for each profile); each test puts it back, and the leak
-// check proves the check left nothing else behind.
-class CheckTest : public Ledra::test::LeakCheckedTest {
+// runDaemon sets process-wide state as a start does; each test puts it back.
+class CheckTest : public test::ProcessStateTest {
  protected:
   void SetUp() override {
-    Qel::ActivityManagerConfig::instanceIs(nullptr);
-    savedDict_ = Ledra::globalReservedTemplateKeyDict();
-    LeakCheckedTest::SetUp();
-    char tmpl[] = "/tmp/ledrad-check-XXXXXX";
-    ASSERT_NE(::mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    ProcessStateTest::SetUp();
     fs::create_directory(dir_ / "state");
     fs::create_directory(dir_ / "profiles");
-  }
-  void TearDown() override {
-    Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
-    Qel::ActivityManagerConfig::instanceIs(nullptr);
-    Cell::cellIdIs(1);
-    Ledra::globalReservedTemplateKeyDict() = savedDict_;
-    fs::remove_all(dir_);
-    LeakCheckedTest::TearDown();
   }
 
   void write(std::string const& name, std::string const& text) {
@@ -71,10 +51,8 @@ class CheckTest : public Ledra::test::LeakCheckedTest {
     return text;
   }
 
-  fs::path dir_;
   std::string out_;
   std::string err_;
-  Ledra::ReservedTemplateKeyDict savedDict_;
 };
 
 TEST_F(CheckTest, TellsEveryProblemOfEveryFileAndTheConditionsAgainstTheStateThatLoaded) {

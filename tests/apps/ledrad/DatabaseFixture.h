@@ -23,7 +23,11 @@
 
 namespace Ledrad::test {
 
-class DatabaseFixture : public Ledra::test::LeakCheckedTest {
+// What a database process sets for the whole process (its configuration, cell and reserved
+// template keys, the connection configuration made for each profile), put back after each test,
+// and a temporary folder for the files the test writes; the leak check proves nothing else
+// stayed.
+class ProcessStateTest : public Ledra::test::LeakCheckedTest {
  protected:
   void SetUp() override {
     Qel::ActivityManagerConfig::instanceIs(nullptr);
@@ -32,6 +36,27 @@ class DatabaseFixture : public Ledra::test::LeakCheckedTest {
     char tmpl[] = "/tmp/ledrad-test-XXXXXX";
     ASSERT_NE(::mkdtemp(tmpl), nullptr);
     dir_ = tmpl;
+  }
+  void TearDown() override {
+    Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
+    Qel::ActivityManagerConfig::instanceIs(nullptr);
+    Cell::cellIdIs(1);
+    Ledra::globalReservedTemplateKeyDict() = savedDict_;
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+    LeakCheckedTest::TearDown();
+  }
+
+  std::filesystem::path dir_;
+
+ private:
+  Ledra::ReservedTemplateKeyDict savedDict_;
+};
+
+class DatabaseFixture : public ProcessStateTest {
+ protected:
+  void SetUp() override {
+    ProcessStateTest::SetUp();
     clock = Qel::SimulatedClock::simulatedClockNew();
     Qel::ActivityManagerConfig::instance()->clockIs(clock);
     loop = Qel::EventLoop::eventLoopNew(clock);
@@ -42,15 +67,9 @@ class DatabaseFixture : public Ledra::test::LeakCheckedTest {
     agents.clear();
     loop->runFor(0.01);  // connection teardown
     db.reset();
-    Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
     loop = nullptr;
-    Qel::ActivityManagerConfig::instanceIs(nullptr);
     clock = nullptr;
-    Cell::cellIdIs(1);
-    Ledra::globalReservedTemplateKeyDict() = savedDict_;
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-    LeakCheckedTest::TearDown();
+    ProcessStateTest::TearDown();
   }
 
   // Writes `text` to a file of the test's folder; returns its path.
@@ -67,14 +86,10 @@ class DatabaseFixture : public Ledra::test::LeakCheckedTest {
 
   void run(Qel::Time seconds = 0.1) { loop->runFor(seconds); }
 
-  std::filesystem::path dir_;
   Qel::SimulatedClock::Ptr clock;
   Qel::EventLoop::Ptr loop;
   std::unique_ptr<Database> db;
   std::vector<Ledra::LoopbackAgent::Ptr> agents;
-
- private:
-  Ledra::ReservedTemplateKeyDict savedDict_;
 };
 
 }  // namespace Ledrad::test
