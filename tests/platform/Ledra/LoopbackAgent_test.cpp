@@ -147,8 +147,11 @@ TEST_F(LoopbackAgentTest, HeldAnswersAreReleasedOutOfOrder) {
   EXPECT_FALSE(agent->answerRelease("/b"));
   EXPECT_EQ(status("/b"), MountTable::complete_);
   EXPECT_EQ(status("/a"), MountTable::inProgress_);
+  agent->holdAnswersIs(false);
+  mount("/d");  // scheduled, not held: no release answers it early
+  EXPECT_FALSE(agent->answerRelease("/d"));
   EXPECT_EQ(agent->answersRelease(), 2u);
-  EXPECT_EQ(outstanding(), 0u);
+  EXPECT_EQ(outstanding(), 1u);
 }
 
 // The database closes; the connection goes on a later turn, its answers with it, and the agent
