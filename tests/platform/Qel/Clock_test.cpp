@@ -31,15 +31,11 @@ class Recorder : public Clock::Notifiee {
  public:
   Recorder(int id, Firings& log) : id_(id), log_(log) {}
   std::function<void()> action;
-  int rebinds = 0;
 
   void onTime() override {
     log_.push_back({id_, notifier()->now()});
     if (action) action();
   }
-
- protected:
-  void onNotifierIs() override { ++rebinds; }
 
  private:
   int id_;
@@ -121,33 +117,6 @@ TEST_F(SimulatedClockTest, DeadNotifieesAreForgottenEvenWhileFiring) {
   EXPECT_EQ(log, (Firings{{1, 1}, {4, 1}}));
   EXPECT_EQ(a, nullptr);
   EXPECT_EQ(clock->timers(), 0u);
-}
-
-TEST_F(SimulatedClockTest, TheClockLivesWhileNotifieesHoldIt) {
-  long const base = Qel::RefCounted::liveInstances();
-  auto a = recorder(1);
-  a->timeMinIs(4);
-  SimulatedClock* raw = clock.ptr();
-  clock = nullptr;
-  EXPECT_EQ(Qel::RefCounted::liveInstances(), base);
-  raw->advance(4);
-  EXPECT_EQ(log, (Firings{{1, 4}}));
-  a.reset();
-  EXPECT_EQ(Qel::RefCounted::liveInstances(), base - 1);
-}
-
-TEST_F(SimulatedClockTest, RebindingCarriesTheArmedTimeToTheNewClock) {
-  auto other = SimulatedClock::simulatedClockNew(10);
-  auto a = recorder(1);
-  EXPECT_EQ(a->rebinds, 1);
-  a->timeMinIs(12);
-  a->notifierIs(other);
-  EXPECT_EQ(a->rebinds, 2);
-  EXPECT_EQ(clock->timers(), 0u);
-  clock->nowIs(20);
-  EXPECT_TRUE(log.empty());
-  other->nowIs(12);
-  EXPECT_EQ(log, (Firings{{1, 12}}));
 }
 
 // Arms, re-arms and disarms many timers at random and compares the wake-ups (each at its own time)

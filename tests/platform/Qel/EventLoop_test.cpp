@@ -122,11 +122,11 @@ TEST_F(EventLoopTest, RunUntilStopsAtTheDeadlineRunningWhatIsDueAtIt) {
       loop->post(noting("chained"));
     });
   });
+  Timer b(clock, noting("b")), now(clock, noting("now"));
   Timer a(clock, [&] {
     note("a");
     loop->post(noting("after a"));
   });
-  Timer b(clock, noting("b"));
   poster.timeMinIs(2);
   a.timeMinIs(3);
   b.timeMinIs(3.5);
@@ -137,6 +137,10 @@ TEST_F(EventLoopTest, RunUntilStopsAtTheDeadlineRunningWhatIsDueAtIt) {
   EXPECT_FALSE(loop->runUntil([] { return false; }, 3.25));
   EXPECT_EQ(clock->now(), 3.25);
   EXPECT_EQ(log.size(), 4u);
+  // A timer due at the deadline still fires.
+  now.timeMinIs(3.25);
+  EXPECT_FALSE(loop->runUntil([] { return false; }, 3.25));
+  EXPECT_EQ(log.back(), "now@3.25");
 }
 
 TEST_F(EventLoopTest, RunReturnsOnStopOrWhenNothingIsLeft) {
@@ -199,8 +203,7 @@ TEST_F(EventLoopTest, WritableAndHangupAreReported) {
   EXPECT_EQ(seen, (std::vector<unsigned>{EventLoop::writable}));
   seen.clear();
   loop->watch(sp.fd[0], EventLoop::readable, [&](unsigned ready) { seen.push_back(ready); });
-  ::close(sp.fd[1]);
-  sp.fd[1] = -1;
+  ::shutdown(sp.fd[1], SHUT_WR);  // the peer's end of stream alone is a hangup
   loop->runOnce();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0] & (EventLoop::readable | EventLoop::hangup),
