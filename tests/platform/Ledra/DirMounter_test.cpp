@@ -127,36 +127,6 @@ TEST_F(DirMounterTest, ExistingEntriesAreSeenThenMountedInNameOrderThenComplete)
   EXPECT_EQ(e->notifiees(), 0u);
 }
 
-TEST_F(DirMounterTest, PresentEntriesNotQueuedStillWaitForLaterOnes) {
-  auto d = root->dirIs("d");
-  d->dirIs("a");
-  auto m = mounter();
-  m->queueExistingEntriesIs(false);
-  // A later entry that appears while the derived class handles the present ones is queued.
-  m->onExisting = [&](Qel::String const&) { d->dirIs("b"); };
-  m->start();
-  EXPECT_EQ(m->log,
-            (Log{"init", "existing /dmTest/d/a", "mount /dmTest/d/b w", "complete /dmTest/d"}));
-  EXPECT_TRUE(m->complete());
-}
-
-TEST_F(DirMounterTest, EntryNotReadyIsRetriedOnTheClockUntilItIs) {
-  auto d = dirWithPlainX();
-  auto m = mounter();
-  m->start();
-  EXPECT_EQ(m->log, (Log{"init", "existing /dmTest/d/x", "delay /dmTest/d/x"}));
-  EXPECT_EQ(m->timeMin(), 1.0);
-  // x turns up between retries: it is queued no second time, and the next retry mounts it.
-  clock->nowIs(2.5);
-  xTurnsUp(d);
-  EXPECT_EQ(m->deferredMounts(), 1u);
-  clock->nowIs(3.5);
-  EXPECT_EQ(m->mountTimes, (std::vector<Qel::Time>{3.0}));
-  EXPECT_EQ(m->log.back(), "complete /dmTest/d");
-  EXPECT_EQ(std::count(m->log.begin(), m->log.end(), "delay /dmTest/d/x"), 3);
-  EXPECT_EQ(clock->timers(), 0u);
-}
-
 TEST_F(DirMounterTest, EntriesAppearingLaterAreQueuedBehindTheWaitingOne) {
   auto d = dirWithPlainX();
   auto m = mounter();
@@ -374,19 +344,6 @@ TEST_F(DirMounterSettleTest, MountedDirectoryReplacedWhileSettlingIsFollowed) {
   EXPECT_EQ(d->notifiees(), 0u);
   EXPECT_EQ(d2->notifiees(), 0u);
   EXPECT_EQ(root->notifiees(), 0u);
-}
-
-TEST_F(DirMounterSettleTest, WaitingEntryKeepsTheMounterPastTheQuietPeriod) {
-  auto d = dirWithPlainX();
-  auto m = settling(0.5);
-  m->start();
-  clock->nowIs(2.0);
-  EXPECT_FALSE(m->complete());
-  xTurnsUp(d);  // at 2.0, after the retry of 2.0: mounted at 3.0
-  clock->nowIs(3.0);
-  EXPECT_EQ(m->mountTimes, (std::vector<Qel::Time>{3.0}));
-  // Quiet since 2.0 for longer than 0.5 s: complete with the mount.
-  EXPECT_TRUE(m->complete());
 }
 
 // A mount request made by the owner, for an entry that is not there yet.
