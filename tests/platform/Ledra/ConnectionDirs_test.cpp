@@ -1,13 +1,11 @@
-// The process's connection configuration and status directories and the status record of one
-// connection: idempotent registration, appearance and departure notified by name, fields
-// notified once per change.
+// The process's connection status directory and the status record of one connection: appearance
+// and departure notified by name, fields notified once per change.
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "Ledra/ConnMgrHelper.h"
 #include "Qel/Exception.h"
-#include "Qel/QelType.h"
 #include "support/LeakCheck.h"
 
 namespace {
@@ -19,29 +17,10 @@ using Log = std::vector<std::string>;
 class ConnectionDirsTest : public Ledra::test::LeakCheckedTest {
  protected:
   void TearDown() override {
-    ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
     ConnMgrHelper::connectionStatusDir()->passiveConnectionStatusDelAll();
     LeakCheckedTest::TearDown();
   }
 };
-
-class ConfigWatch : public Ledra::ConnectionConfigDir::NotifieeConst {
- public:
-  std::vector<Qel::Name> names;
-  void onPassiveConnectionConfig(Qel::Name const& n) override { names.push_back(n); }
-};
-
-TEST_F(ConnectionDirsTest, PassiveConnectionConfigIsIdempotent) {
-  auto const& dir = ConnMgrHelper::connectionConfigDir();
-  ConfigWatch watch;
-  watch.notifierIs(dir);
-  auto first = dir->passiveConnectionConfigIs("agent-");
-  EXPECT_EQ(dir->passiveConnectionConfigIs("agent-"), first);
-  dir->passiveConnectionConfigDel("agent-");
-  dir->passiveConnectionConfigDel("agent-");
-  EXPECT_EQ(first->parent(), nullptr);
-  EXPECT_EQ(watch.names, (std::vector<Qel::Name>{"agent-", "agent-"}));
-}
 
 // Tells appearance from departure the way a watcher must: by looking the name up.
 class StatusDirWatch : public Ledra::ConnectionStatusDir::NotifieeConst {

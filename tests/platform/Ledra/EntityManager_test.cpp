@@ -1,10 +1,8 @@
-// The entity manager: role switching notified as onLocal(), the write-mount grant, the generic
-// view of the role enum.
+// The entity manager: role switching notified as onLocal(), the write-mount grant.
 #include "Ledra/EntityManager.h"
 
 #include <gtest/gtest.h>
 
-#include "Qel/Exception.h"
 #include "support/LeakCheck.h"
 
 namespace {
@@ -40,15 +38,6 @@ TEST_F(EntityManagerTest, EachChangeOfRoleOrGrantNotifiesOnce) {
   em->writeMountsGrantedIs(false);
   EXPECT_EQ(w.grants, 2);
   EXPECT_TRUE(EntityManager::entityManagerNew("other")->active());
-}
-
-TEST_F(EntityManagerTest, RoleIsAnEnumInTheGenericView) {
-  auto em = EntityManager::entityManagerNew("entMgr", Role::backup);
-  Qel::GenericIf::PtrConst g(em.ptr());
-  EXPECT_EQ(g->attribute(g->attributeId("local"))->text(), "backup");
-  em->attributeIs("local", Qel::String("active"));
-  EXPECT_TRUE(em->active());
-  EXPECT_THROW(em->attributeIs("local", Qel::String("primary")), Qel::ParseException);
 }
 
 }  // namespace

@@ -39,21 +39,15 @@ std::uint64_t tickAtOrAfter(TimerWheel const& w, Time t) {
   return k;
 }
 
-// Logs each wake-up; `action` runs inside onTime, `onBound` after every rebinding.
+// Logs each wake-up; `action` runs inside onTime.
 class Recorder : public TimerWheel::Notifiee {
  public:
   Recorder(int id, Firings& log) : id_(id), log_(log) {}
   std::function<void()> action;
-  std::function<void()> onBound;
 
   void onTime() override {
     log_.push_back({id_, notifier()->clock()->now()});
     if (action) action();
-  }
-
- protected:
-  void onNotifierIs() override {
-    if (onBound) onBound();
   }
 
  private:
@@ -161,25 +155,6 @@ TEST_F(TimerWheelTest, DestroyingANotifieeCancelsItAlsoInsideOnTime) {
   clock->nowIs(30);
   EXPECT_EQ(log, (Firings{{1, 0.005}, {3, 0.005}}));
   EXPECT_EQ(wheel->timers(), 0u);
-}
-
-TEST_F(TimerWheelTest, ARebindingMovesTheTimerToTheNewWheel) {
-  auto other = TimerWheel::timerWheelNew(clock, 0.01);
-  auto r = recorder(1);
-  int armedOnBinding = 0;
-  r->onBound = [&] {
-    if (!r->notifier()) return;
-    ++armedOnBinding;
-    r->timeMinIs(clock->now() + 0.1);
-  };
-  r->timeMinIs(0.005);
-  r->notifierIs(other);
-  EXPECT_EQ(armedOnBinding, 1);
-  EXPECT_EQ(wheel->timers(), 0u);
-  clock->nowIs(0.05);
-  EXPECT_TRUE(log.empty());
-  clock->nowIs(1);
-  EXPECT_EQ(log, (Firings{{1, 0.1}}));
 }
 
 // The wheel lives while notifiees hold it; the last one may let it go from inside onTime.

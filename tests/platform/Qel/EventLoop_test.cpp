@@ -100,19 +100,6 @@ TEST_F(EventLoopTest, ATurnRunsTheTasksPostedBeforeItThenDueTimersWithoutMovingT
   EXPECT_EQ(log, (Strings{"a@0", "b@0", "timer@0", "from a@0", "from timer@0"}));
 }
 
-TEST_F(EventLoopTest, RunUntilChecksThePredicateBeforeTheFirstTurnAndAfterEachTimer) {
-  loop->post(noting("task"));
-  EXPECT_TRUE(loop->runUntil([] { return true; }, 10));
-  EXPECT_TRUE(log.empty());
-  Timer a(clock, noting("a")), b(clock, noting("b")), c(clock, noting("c"));
-  a.timeMinIs(1);
-  b.timeMinIs(2);
-  c.timeMinIs(3);
-  EXPECT_TRUE(loop->runUntil([&] { return log.size() == 3; }, 10));
-  EXPECT_EQ(log, (Strings{"task@0", "a@1", "b@2"}));
-  EXPECT_EQ(c.timeMin(), 3);
-}
-
 // Tasks run before the time moves on; at the deadline, timers due then fire and the tasks they
 // post still run, later timers do not.
 TEST_F(EventLoopTest, RunUntilStopsAtTheDeadlineRunningWhatIsDueAtIt) {
@@ -141,23 +128,6 @@ TEST_F(EventLoopTest, RunUntilStopsAtTheDeadlineRunningWhatIsDueAtIt) {
   now.timeMinIs(3.25);
   EXPECT_FALSE(loop->runUntil([] { return false; }, 3.25));
   EXPECT_EQ(log.back(), "now@3.25");
-}
-
-TEST_F(EventLoopTest, RunReturnsOnStopOrWhenNothingIsLeft) {
-  Timer periodic(clock);
-  periodic.fn = [&] {
-    note("tick");
-    periodic.timeMinIs(clock->now() + 1);
-  };
-  periodic.timeMinIs(1);
-  Timer stopper(clock, [&] { loop->stop(); });
-  stopper.timeMinIs(4.5);
-  loop->run();
-  EXPECT_EQ(clock->now(), 4.5);
-  EXPECT_EQ(log, (Strings{"tick@1", "tick@2", "tick@3", "tick@4"}));
-  periodic.timeMinIs(kNever);
-  loop->run();  // idle: returns at once
-  EXPECT_EQ(clock->now(), 4.5);
 }
 
 TEST_F(EventLoopTest, ALoopDroppedByItsOwnTaskLivesToTheEndOfTheTurn) {

@@ -109,30 +109,6 @@ TEST_F(TraceRingTest, WrapsManyTimesKeepsExactlyTheNewestRecords) {
   EXPECT_LE(bytes, global().capacity());
 }
 
-// Records of one fixed size walk through every alignment against the end of the buffer.
-class TraceFixedSizeRecordTest : public TraceRingTest,
-                                 public testing::WithParamInterface<std::size_t> {};
-
-TEST_P(TraceFixedSizeRecordTest, SequenceStaysContiguousAcrossLaps) {
-  std::string const text(GetParam(), 'r');
-  std::string const kept = text.size() <= 255 ? text : text.substr(0, 252) + "...";
-  for (std::uint32_t sequence = 1; global().laps() < 4; ++sequence) {
-    RINGLOG(TraceTest, 1, "{} {}", sequence - 1, text);
-    std::size_t counted = 0;
-    global().forEachRecord([&counted](std::span<std::uint8_t const>) { ++counted; });
-    ASSERT_EQ(counted, global().records());
-    if (sequence % 61 != 0 && global().laps() < 4) continue;
-    std::vector<Line> const lines = ring();
-    ASSERT_FALSE(lines.empty());
-    std::uint32_t const oldest = sequence - static_cast<std::uint32_t>(lines.size());
-    for (std::size_t i = 0; i < lines.size(); ++i)
-      ASSERT_EQ(lines[i].message, std::to_string(oldest + i) + " " + kept) << "line " << i;
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(StringLengths, TraceFixedSizeRecordTest,
-                         testing::Values(0u, 1u, 2u, 3u, 255u, 256u));
-
 // The text line keeps a string whole; the ring keeps up to 255 bytes, else 252 and an ellipsis,
 // never splitting a UTF-8 sequence, for a C string and a std::string alike.
 TEST_F(TraceRingTest, LongStringsAreCutInTheRecordOnly) {
