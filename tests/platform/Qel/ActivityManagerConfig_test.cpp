@@ -6,8 +6,6 @@
 #include "support/LeakCheck.h"
 
 #include "Qel/Exception.h"
-#include "Qel/MonotonicClock.h"
-#include "Qel/SimulatedClock.h"
 
 namespace {
 
@@ -38,26 +36,6 @@ class GenericWatcher : public Qel::GenericIf::NotifieeConst {
   std::vector<AttributeId> seen;
   void onAttribute(AttributeId aid, Qel::GenericIf::PtrConst&) override { seen.push_back(aid); }
 };
-
-TEST_F(ActivityManagerConfigTest, TheDefaultInstanceIsMadeOnFirstUseAndForgotten) {
-  ActivityManagerConfig::Ptr c = ActivityManagerConfig::instance();
-  EXPECT_EQ(c->systemName(), "ledra");
-  EXPECT_NE(dynamic_cast<Qel::MonotonicClock*>(c->clock().ptr()), nullptr);
-  EXPECT_EQ(ActivityManagerConfig::instance(), c);
-
-  ActivityManagerConfig::instanceIs(nullptr);
-  EXPECT_EQ(c->refCount(), 1u);  // only the test holds it now
-  EXPECT_NE(ActivityManagerConfig::instance(), c);
-}
-
-TEST_F(ActivityManagerConfigTest, NowReadsTheInstalledClock) {
-  auto clock = Qel::SimulatedClock::simulatedClockNew(42);
-  auto c = ActivityManagerConfig::activityManagerConfigNew("test");
-  c->clockIs(clock);
-  ActivityManagerConfig::instanceIs(c);
-  clock->advance(0.5);
-  EXPECT_EQ(Qel::now(), 42.5);
-}
 
 TEST_F(ActivityManagerConfigTest, SystemNameNotifiesOnlyRealChangesAndIsWritableByName) {
   auto c = ActivityManagerConfig::instance();

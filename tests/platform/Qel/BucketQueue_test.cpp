@@ -81,22 +81,6 @@ TEST_F(BucketQueueTest, ExplicitKeysLookupsAndErasures) {
   EXPECT_EQ(str(q.enqueue(1, "g")), "1.11");  // clear() does not reset the counter
 }
 
-TEST_F(BucketQueueTest, CopiesAreIndependentAndMovesLeaveAnEmptyQueue) {
-  q.enqueue(2, "a");
-  Queue copy = q;
-  copy.enqueue(1, "c");
-  for (auto [key, value] : copy)
-    value += "!";  // iteration writes through
-  EXPECT_EQ(show(q), "[1/1] 2.0=a");
-  EXPECT_EQ(show(copy), "[2/2] 1.1=c! 2.0=a!");
-  EXPECT_EQ(str(q.enqueue(1, "d")), "1.1");  // the copy carried the counter on
-  Queue moved = std::move(copy);
-  EXPECT_EQ(show(copy), "[0/0]");  // NOLINT(bugprone-use-after-move): moved-from is empty
-  q = std::move(moved);
-  EXPECT_EQ(str(q.enqueue(5, "f")), "5.2");  // the counter moves along
-  EXPECT_EQ(drain(q), "c!a!f");
-}
-
 TEST_F(BucketQueueTest, FailedEnqueueLeavesNoEmptyBucket) {
   BucketQueue<int, CopyThrows> p;
   CopyThrows const bad(1);

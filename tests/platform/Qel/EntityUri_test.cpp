@@ -1,11 +1,8 @@
-// Entity URIs (path, query, scheme) and connect descriptors.
+// Entity URIs: path, query and scheme.
 #include "Qel/EntityUri.h"
 
 #include <gtest/gtest.h>
 
-#include <unordered_set>
-
-#include "Qel/ConnectDesc.h"
 #include "Qel/Exception.h"
 #include "support/ExactText.h"
 
@@ -52,14 +49,6 @@ TEST(EntityUriTest, OtherSchemesAndEmptyPathsAreRefused) {
 TEST(EntityUriTest, FlagsComeFromTheQueryAndPartsPrintCanonically) {
   EXPECT_EQ(EntityUri(Qel::String("/a?flags=wiSnp")).flags().text(), "wiSnp");
   EXPECT_EQ(EntityUri("/a/b", "flags=Cp"), EntityUri(Qel::String("entity:/a/b?flags=Cp")));
-}
-
-TEST(ConnectDescTest, OrderedHashedAndPrintedByPath) {
-  Qel::ConnectDesc const a("/a"), b("/a/b"), c("/b");
-  EXPECT_LT(a, b);
-  EXPECT_LT(b, c);
-  EXPECT_EQ(b.text(), "/a/b");
-  EXPECT_EQ(std::unordered_set<Qel::ConnectDesc>({a, b, Qel::ConnectDesc("/a")}).size(), 2u);
 }
 
 }  // namespace

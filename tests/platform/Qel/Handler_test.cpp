@@ -1,12 +1,10 @@
-// Handlers in the reflection: listed with their parameters and result among the attributes,
-// invoked by name with arguments by name, and every kind of bad invocation refused with its text
-// before the handler runs. Beside them, a pointer to a reflected object that is no entity.
+// Handlers in the reflection: invoked by name with arguments by name, and every kind of bad
+// invocation refused with its text before the handler runs.
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <vector>
 
-#include "Qel/BoxedPtr.h"
 #include "Qel/Dir.h"
 #include "Qel/Exception.h"
 #include "Qel/TypeBuilder.h"
@@ -18,26 +16,6 @@ namespace {
 using Qel::GenericIf;
 using Qel::U32;
 
-// A reflected object that is not an entity, reached through a pointer.
-class Gauge : public Qel::RefCounted {
- public:
-  explicit Gauge(U32 level) : level_(level) {}
-  U32 level() const { return level_; }
-  Qel::String text() const { return Qel::String("gauge at " + std::to_string(level_)); }
-  static Qel::QelType const* staticType() {
-    using Boxed = Qel::BoxedPtr<Gauge>;
-    static Qel::QelType const* t =
-        Qel::TypeBuilder<Boxed>("test::Gauge", Qel::QelType::Kind::value)
-            .value<U32>("level", [](Boxed const& b) { return b.target()->level(); })
-            .done();
-    return t;
-  }
-
- private:
-  ~Gauge() override = default;
-  U32 level_;
-};
-
 // A counter that adds, resets and follows another entity.
 class Counter : public Qel::Entity {
  public:
@@ -46,7 +24,6 @@ class Counter : public Qel::Entity {
 
   U32 total = 0;
   Qel::Entity::PtrConst peer;
-  Qel::Ptr<Gauge const> gauge;
 
   Qel::QelType const* fwkType() const override { return staticType(); }
   static Qel::QelType const* staticType() {
@@ -58,7 +35,6 @@ class Counter : public Qel::Entity {
                      [](C& c, U32 amount, U32 times) { return c.total += amount * times; })
             .handler("reset", [](C& c) { c.total = 0; })
             .handler("follow", {"peer"}, [](C& c, Qel::Entity::PtrConst const& p) { c.peer = p; })
-            .value<Qel::Ptr<Gauge const>>("gauge", [](C const& c) { return c.gauge; })
             .done();
     return t;
   }
@@ -129,16 +105,6 @@ TEST_F(HandlerTest, BadInvocationsAreRefusedBeforeTheHandlerRuns) {
   for (Case const& c : cases)
     EXPECT_EQ(Ledra::test::errorOf<Qel::Exception>(c.invoke), c.error);
   EXPECT_EQ(counter->total, 5u);
-}
-
-TEST_F(HandlerTest, PointerToAReflectedObjectReadsThroughIt) {
-  EXPECT_FALSE(counter->attribute(counter->attributeId("gauge")));
-  counter->gauge = new Gauge(7);
-  GenericIf::PtrConst g = counter->attribute(counter->attributeId("gauge"));
-  ASSERT_TRUE(g);
-  EXPECT_EQ(g->text(), "gauge at 7");
-  EXPECT_EQ(g->attribute(g->attributeId("level"))->valueAs<U32>(), 7u);
-  EXPECT_EQ(Qel::ValueTraits<Qel::Ptr<Gauge const>>::unbox(g), counter->gauge);
 }
 
 }  // namespace

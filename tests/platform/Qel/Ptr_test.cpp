@@ -55,12 +55,4 @@ TEST(PtrTest, CopiesCountMovesDoNotAndTheLastReferenceDestroysOnce) {
   EXPECT_EQ(destroyed, 2);
 }
 
-TEST(PtrTest, CastsFollowTheDynamicType) {
-  int destroyed = 0;
-  Qel::Ptr<Probe> p(new DerivedProbe(&destroyed));
-  EXPECT_TRUE(Qel::ptrCast<DerivedProbe>(p) == p);
-  EXPECT_FALSE(Qel::ptrCast<DerivedProbe>(Qel::Ptr<Probe>(new Probe(&destroyed))));
-  EXPECT_EQ(destroyed, 1);
-}
-
 }  // namespace
