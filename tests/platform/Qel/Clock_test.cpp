@@ -31,15 +31,11 @@ class Recorder : public Clock::Notifiee {
  public:
   Recorder(int id, Firings& log) : id_(id), log_(log) {}
   std::function<void()> action;
-  int rebinds = 0;
 
   void onTime() override {
     log_.push_back({id_, notifier()->now()});
     if (action) action();
   }
-
- protected:
-  void onNotifierIs() override { ++rebinds; }
 
  private:
   int id_;
@@ -64,7 +60,6 @@ TEST_F(SimulatedClockTest, TimersArmedWhileFiringUpToTheTargetFireInTheSameMove)
   periodic->timeMinIs(1);
   clock->nowIs(3.5);
   EXPECT_EQ(log, (Firings{{1, 1}, {1, 2}, {1, 3}}));
-  EXPECT_EQ(periodic->timeMin(), 4);
 
   // Re-armed for the present time: fires again in the same call, at the same time.
   int left = 2;
@@ -124,44 +119,6 @@ TEST_F(SimulatedClockTest, DeadNotifieesAreForgottenEvenWhileFiring) {
   EXPECT_EQ(clock->timers(), 0u);
 }
 
-TEST_F(SimulatedClockTest, TheClockLivesWhileNotifieesHoldIt) {
-  long const base = Qel::RefCounted::liveInstances();
-  auto a = recorder(1);
-  a->timeMinIs(4);
-  SimulatedClock* raw = clock.ptr();
-  clock = nullptr;
-  EXPECT_EQ(Qel::RefCounted::liveInstances(), base);
-  EXPECT_EQ(a->notifier().ptr(), raw);
-  raw->advance(4);
-  EXPECT_EQ(log, (Firings{{1, 4}}));
-  a.reset();
-  EXPECT_EQ(Qel::RefCounted::liveInstances(), base - 1);
-}
-
-TEST_F(SimulatedClockTest, RebindingCarriesTheArmedTimeToTheNewClock) {
-  auto other = SimulatedClock::simulatedClockNew(10);
-  auto a = recorder(1);
-  EXPECT_EQ(a->rebinds, 1);
-  a->timeMinIs(12);
-  a->notifierIs(other);
-  EXPECT_EQ(a->rebinds, 2);
-  EXPECT_EQ(clock->timers(), 0u);
-  EXPECT_EQ(other->timers(), 1u);
-  clock->nowIs(20);
-  EXPECT_TRUE(log.empty());
-  other->nowIs(12);
-  EXPECT_EQ(log, (Firings{{1, 12}}));
-
-  // Unbound, the time is kept and armed on the next clock.
-  a->notifierIs(nullptr);
-  a->timeMinIs(25);
-  EXPECT_EQ(a->rebinds, 3);
-  a->notifierIs(clock);
-  EXPECT_EQ(clock->nextTimerTime(), 25);
-  clock->nowIs(30);
-  EXPECT_EQ(log.back(), (Firing{1, 25}));
-}
-
 // Arms, re-arms and disarms many timers at random and compares the wake-ups (each at its own time)
 // with a plain sort by (time, arming order): equal times fire in arming order, re-arming replaces
 // the earlier time and moves to the back, kNever disarms, a timer due exactly at the target fires.
@@ -216,7 +173,6 @@ using SimulatedClockDeathTest = SimulatedClockTest;
 TEST_F(SimulatedClockDeathTest, TimeNeverGoesBackwardsAndTimersNeedANumber) {
   clock->nowIs(3);
   EXPECT_DEATH(clock->nowIs(2), "\"simulated time moved backwards\"");
-  EXPECT_DEATH(clock->advance(-1), "\"simulated time moved backwards\"");
   EXPECT_DEATH(clock->nowIs(kNever), "\"simulated time must be finite\"");
   auto a = recorder(1);
   EXPECT_DEATH(a->timeMinIs(std::nan("")), "\"timer armed for a time that is not a number\"");
@@ -236,7 +192,6 @@ TEST(MonotonicClockTest, ReadsClockMonotonicAndRunsDueTimers) {
   clock_gettime(CLOCK_MONOTONIC, &ts);
   Time const t = clock->now();
   EXPECT_NEAR(t, static_cast<Time>(ts.tv_sec) + static_cast<Time>(ts.tv_nsec) * 1e-9, 1.0);
-  EXPECT_LE(t, Qel::MonotonicClock::monotonicClockNew()->now());
   Firings log;
   Recorder past(1, log), future(2, log);
   past.notifierIs(clock);

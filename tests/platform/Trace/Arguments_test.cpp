@@ -12,12 +12,6 @@
 
 namespace {
 
-// A framework-style string class.
-class Name : public std::string {
- public:
-  using std::string::string;
-};
-
 class TraceArgumentTest : public TraceTesting::TraceFixture {
  protected:
   TraceArgumentTest() { LEDRA_TRACE_FACILITY(TraceTest).levelIs(9); }
@@ -29,7 +23,6 @@ class TraceArgumentTest : public TraceTesting::TraceFixture {
     std::vector<Trace::Line> const lines = ring();
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back().message, expected);
-    EXPECT_EQ(lines.back().facility, "TraceTest");
   }
 };
 
@@ -44,8 +37,7 @@ TYPED_TEST_SUITE(TraceIntegerArgumentTest, IntegerTypes);
 TYPED_TEST(TraceIntegerArgumentTest, PrintsDecimalAndHexAtTheLimitsOfTheType) {
   using T = TypeParam;
   using Limits = std::numeric_limits<T>;
-  for (T const value : {Limits::min(), Limits::max(), T{0}, T{1}, static_cast<T>(Limits::max() / 3),
-                        static_cast<T>(-1)}) {
+  for (T const value : {Limits::min(), Limits::max(), T{0}, static_cast<T>(-1)}) {
     TRACE(TraceTest, 1, "d={} x={:x}", value, value);
     char hex[32];
     std::snprintf(hex, sizeof hex, "%llx",
@@ -54,54 +46,25 @@ TYPED_TEST(TraceIntegerArgumentTest, PrintsDecimalAndHexAtTheLimitsOfTheType) {
   }
 }
 
-TEST_F(TraceArgumentTest, BoolCharAndPointers) {
-  TRACE(TraceTest, 1, "{} {}", true, false);
-  expectBoth("true false");
-  TRACE(TraceTest, 1, "[{}] {:x} [{}] {:x}", 'A', 'A', '{', static_cast<char>(-1));
-  expectBoth("[A] 41 [{] ff");
+TEST_F(TraceArgumentTest, EveryOtherKindPrintsInBothForms) {
   auto* const pointer = reinterpret_cast<void*>(std::uintptr_t{0x7f12ab34});
-  auto const* const bytes = reinterpret_cast<unsigned char const*>(std::uintptr_t{0xbeef});
   int* const nullInt = nullptr;
-  TRACE(TraceTest, 1, "{} 0x{:x} {} {} {}", pointer, pointer, bytes, nullInt, nullptr);
-  expectBoth("0x7f12ab34 0x7f12ab34 0xbeef 0x0 0x0");
-}
-
-TEST_F(TraceArgumentTest, FloatingPointUsesTheShortestRoundTripForm) {
-  TRACE(TraceTest, 1, "{} {} {} {} {}", 1.5, 5.0, 0.1 + 0.2, 1e20, -0.0);
-  expectBoth("1.5 5 0.30000000000000004 1e+20 -0");
-  TRACE(TraceTest, 1, "{} {} {}", 1.5f, 0.1f, 3.0f);
-  expectBoth("1.5 0.1 3");
-  TRACE(TraceTest, 1, "{} {} {}", std::numeric_limits<double>::infinity(),
-        -std::numeric_limits<float>::infinity(), std::nan(""));
-  expectBoth("inf -inf nan");
-  TRACE(TraceTest, 1, "{} {}", std::numeric_limits<double>::max(),
-        std::numeric_limits<double>::denorm_min());
-  expectBoth("1.7976931348623157e+308 5e-324");
-}
-
-TEST_F(TraceArgumentTest, StringsOfEveryFormPrintAsText) {
-  char const* const literal = "c-string";
+  TRACE(TraceTest, 1, "{} {} [{}] {:x} {} 0x{:x} {}", true, false, '{', static_cast<char>(-1),
+        pointer, pointer, nullInt);
+  expectBoth("true false [{] ff 0x7f12ab34 0x7f12ab34 0x0");
+  TRACE(TraceTest, 1, "{} {} {} {} {} {}", 0.1 + 0.2, 1e20, -0.0, 0.1f,
+        std::numeric_limits<double>::infinity(), std::nan(""));
+  expectBoth("0.30000000000000004 1e+20 -0 0.1 inf nan");
   char buffer[16] = "array";
-  char* mutableText = buffer;
-  std::string const text = "std-string";
-  std::string_view const view = std::string_view("a view, not terminated").substr(2, 4);
-  TRACE(TraceTest, 1, "{}|{}|{}|{}|{}|{}|{}", literal, buffer, mutableText, text, view,
-        Name("derived"), "literal");
-  expectBoth("c-string|array|array|std-string|view|derived|literal");
   char const* const null = nullptr;
-  TRACE(TraceTest, 1, "[{}][{}][{}]", "", null, std::string("a\0b", 3));
-  expectBoth(std::string("[][(null)][a\0b]", 15));
-}
-
-TEST_F(TraceArgumentTest, NoArgumentsLiteralBracesAndSixteenMixedArguments) {
-  TRACE(TraceTest, 1, "plain text");
-  expectBoth("plain text");
-  TRACE(TraceTest, 1, "{{{}}} }}{{", 3);
-  expectBoth("{3} }{");
-  TRACE(TraceTest, 1, "{}{}{}{}{}{}{}{}{}{}{}{}{}{}{}{:x}", 1, 'b', true, 2.5, "s", 3u, -4L,
-        std::string("t"), 5.5f, std::int8_t{-6}, std::uint16_t{7}, std::string_view("u"), 8LL,
+  std::string_view const view = std::string_view("a view, not terminated").substr(2, 4);
+  TRACE(TraceTest, 1, "{}|{}|{}|{}|{}|[{}]", "c-string", buffer, std::string("std"), view, null,
+        std::string("a\0b", 3));
+  expectBoth(std::string("c-string|array|std|view|(null)|[a\0b]", 36));
+  TRACE(TraceTest, 1, "{{{}}} }}{{{}{}{}{}{}{}{}{}{}{}{}{}{}{}{:x}", 1, 'b', true, 2.5, "s", 3u,
+        -4L, std::string("t"), 5.5f, std::int8_t{-6}, std::uint16_t{7}, std::string_view("u"), 8LL,
         false, 'z', std::uint64_t{255});
-  expectBoth("1btrue2.5s3-4t5.5-67u8falsezff");
+  expectBoth("{1} }{btrue2.5s3-4t5.5-67u8falsezff");
 }
 
 }  // namespace

@@ -31,25 +31,16 @@ TEST_F(TraceDecodeToolTest, PrintsTheTextLinesOfAWrappedDump) {
   TempPath const file("tool.bin");
   Trace::Ringlog::global().dumpTo(file.path);
   ASSERT_EQ(run({"ringlog-decode", file.path.c_str()}), 0);
-  EXPECT_EQ(err_.text(), "");
-  std::vector<Trace::Line> const lines = Trace::RingDump::read(file.path);
-  ASSERT_GT(lines.size(), 100u);
-  ASSERT_LT(lines.size(), 1500u);
   std::string expected;
-  for (Trace::Line const& line : lines)
+  for (Trace::Line const& line : Trace::RingDump::read(file.path))
     expected += line.text() + "\n";
   EXPECT_EQ(out_.text(), expected);
   EXPECT_TRUE(out_.text().ends_with("TraceTest/4 tool line 1499 of many\n"));
+  EXPECT_EQ(err_.text(), "");
 }
 
-TEST_F(TraceDecodeToolTest, AWrongCommandLinePrintsUsage) {
-  EXPECT_EQ(run({"ringlog-decode"}), 2);
+TEST_F(TraceDecodeToolTest, UsageUnreadableAndDamagedDumpsAreReportedAndPrintNothing) {
   EXPECT_EQ(run({"ringlog-decode", "a", "b"}), 2);
-  EXPECT_EQ(err_.text(), "usage: ringlog-decode <dump file>\nusage: ringlog-decode <dump file>\n");
-  EXPECT_EQ(out_.text(), "");
-}
-
-TEST_F(TraceDecodeToolTest, AnUnreadableOrDamagedDumpIsReportedAndPrintsNothing) {
   EXPECT_EQ(run({"ringlog-decode", "/nonexistent-dir/x.bin"}), 1);
   TempPath const file("damaged.bin");
   TRACE(TraceTest, 1, "some {}", 1);
@@ -59,8 +50,10 @@ TEST_F(TraceDecodeToolTest, AnUnreadableOrDamagedDumpIsReportedAndPrintsNothing)
   Trace::RingDump::write(file.path, bytes);
   EXPECT_EQ(run({"x", file.path.c_str()}), 1);
   EXPECT_EQ(err_.text(),
-            "ringlog-decode: /nonexistent-dir/x.bin: cannot read /nonexistent-dir/x.bin: No such "
-            "file or directory\nringlog-decode: " +
+            "usage: ringlog-decode <dump file>\n"
+            "ringlog-decode: /nonexistent-dir/x.bin: cannot read "
+            "/nonexistent-dir/x.bin: No such file or directory\n"
+            "ringlog-decode: " +
                 file.path + ": dump is truncated in the records\n");
   EXPECT_EQ(out_.text(), "");
 }
