@@ -31,6 +31,22 @@ struct Avoid {
   bool oldProtocol = false;   // agents speaking a protocol version other than 5
 };
 
+// What a control client or the database process does on an idle step (third generator): the
+// world carries it out with the generic, by-name view of the entities where there is one.
+enum class Control {
+  none,
+  trimGroup,      // one condition, mount profile or template condition of a group removed
+  extendGroup,    // a mount profile, template condition or blocking flag of a group changed
+  profileByName,  // a switch, the root flags, a template key or an alias key written by name
+  refused,        // a request the library refuses (priority, type name, another root)
+  records,        // the records beside the sensors created, written or deleted
+  graft,          // a directory created with what it holds, in one piece
+  placeholder,    // a non-directory entity where a directory may stand
+  engineByName,   // an engine asked a template condition, or told to close, by name
+  sensorWrite,    // an attribute of the kinds added last written
+};
+inline constexpr unsigned kControls = 10;
+
 enum class Kind {
   connect,
   disconnect,
@@ -56,18 +72,21 @@ enum class Kind {
 };
 
 char const* kindName(Kind k);
+char const* controlName(Control c);
 
 struct Event {
   Kind kind = Kind::idle;
-  unsigned agent = 0;          // index into the agent table
-  unsigned profile = 0;        // index into the profile table
-  unsigned index = 0;          // a path, sensor, group, ... chosen by the kind
-  unsigned value = 0;          // a value chosen by the kind
-  ProfilePlan newProfile;      // reloadProfile
-  GroupPlan newGroup;          // addGroup
-  ConditionPlan newCondition;  // editGroup
-  std::string traceLevels;     // traceLevels
-  double dt = 0;               // simulated time run after the event
+  unsigned agent = 0;               // index into the agent table
+  unsigned profile = 0;             // index into the profile table
+  unsigned index = 0;               // a path, sensor, group, ... chosen by the kind
+  unsigned value = 0;               // a value chosen by the kind
+  ProfilePlan newProfile;           // reloadProfile
+  GroupPlan newGroup;               // addGroup
+  ConditionPlan newCondition;       // editGroup
+  std::string traceLevels;          // traceLevels
+  double dt = 0;                    // simulated time run after the event
+  Control control = Control::none;  // idle: what is done instead of nothing (third generator)
+  unsigned detail = 0;              // idle: the control's choices (third generator)
 };
 
 class Generator {
@@ -82,6 +101,9 @@ class Generator {
   // A number below n from the second generator: for choices added after the first generator's
   // sequence was fixed, so that every seed still draws the events it drew before.
   unsigned extra(unsigned n) { return static_cast<unsigned>(extra_() % n); }
+  // A number below n from the third generator: for the control actions and the attribute kinds
+  // added after the second generator's sequence was fixed.
+  unsigned aside(unsigned n) { return static_cast<unsigned>(aside_() % n); }
   ProfilePlan profile(std::string const& name);
 
   // The fixed tables the events index into.
@@ -94,6 +116,11 @@ class Generator {
   // name-typed one; conditions on them are drawn by the second generator.
   static std::vector<std::string> const& numericAttributes();
   static constexpr char const* kNameAttribute = "site";
+  // The records of library types that stand beside the sensors, made by type name.
+  static constexpr char const* kGate = "gate";      // a Ledra::ConditionRes
+  static constexpr char const* kLedger = "ledger";  // a Ledra::PassiveAgentStatus
+  // An entity path that never exists: a pointer condition naming it is never evaluated.
+  static constexpr char const* kNowhere = "/ledra/Ledra/sensors/nowhere";
 
  private:
   unsigned below(unsigned n);
@@ -105,11 +132,13 @@ class Generator {
   GroupPlan group(std::string const& name, bool withTemplateConditions);
   MountPlan mount();
   ConditionPlan condition();
+  void asideCondition(ConditionPlan& c);
   std::string traceLevelText();
   double runTime();
 
   std::mt19937_64 rng_;
   std::mt19937_64 extra_;
+  std::mt19937_64 aside_;
   Avoid avoid_;
   unsigned groupSerial_ = 0;
 };

@@ -87,7 +87,10 @@ class World {
   std::string canonical(AgentState const& a, std::string const& path) const;
   std::string entitlement(std::string const& agent, std::string const& path) const;
   void applyProfile(ProfilePlan const& plan);
-  void fillGroup(Ledra::PassiveMountGroup& g, GroupPlan const& s);
+  // `byName`: through the generic view, as a control client writes (the outcome is the same).
+  void fillGroup(Ledra::PassiveMountGroup& g, GroupPlan const& s, bool byName);
+  void applyProfileByName(Ledra::PassiveAgentProfile& p, ProfilePlan const& plan,
+                          ProfilePlan const* before);
   void makeDir(std::string const& relative);
   std::string removeDir(std::string const& relative);
   Qel::DynamicEntity::Ptr sensor(unsigned i) const;
@@ -102,6 +105,35 @@ class World {
   static long numericConstant(ConditionPlan const& c);
   static bool numeric(std::string const& attribute);
   std::string agentChange(AgentState& a, Event const& e);
+
+  // The control actions of idle steps (see Control).
+  std::string control(Event const& e);
+  std::string trimGroup(unsigned d);
+  std::string extendGroup(unsigned d);
+  std::string profileByName(unsigned d);
+  std::string refused(unsigned d);
+  std::string records(unsigned d);
+  std::string engineByName(unsigned d);
+  std::string graft(unsigned d);
+  std::string placeholder(unsigned d);
+  // Whether a conditional group record of some engine holds `g` (its state machine took in the
+  // conditions g had then).
+  bool held(Ledra::PassiveMountGroup const& g) const;
+  // The attributes added last and the records beside the sensors.
+  static bool asideAttribute(std::string const& attribute);
+  std::string writeAside(unsigned sensor, unsigned what);
+  bool asideHolds(ConditionPlan const& c, Qel::DynamicEntity const& s) const;
+  void asideSetTrue(ConditionPlan const& c, Qel::DynamicEntity& s);
+  Qel::Entity::Ptr record(std::string const& name) const;
+  std::string createRecord(std::string const& name, bool byTypeName);
+  bool recordHolds(ConditionPlan const& c) const;
+  void recordSetTrue(ConditionPlan const& c);
+  // Whether the engine waits on a group whose pointer condition names no entity (never evaluated).
+  bool waitsOnNowhere(Ledra::PassiveEntityManagerSm const& engine) const;
+  // Reads the engine's keyed collections by key and refuses keys typed wrong, as a control
+  // client's look-ups do.
+  void browseEngine(Ledra::PassiveEntityManagerSm const& engine,
+                    std::set<Qel::GenericIf const*>& seen) const;
   void becomeActive(Ledra::EntityManager::Role role);
   bool waitsOnReplacedEntity(Ledra::PassiveEntityManagerSm const& engine) const;
 
