@@ -220,7 +220,8 @@ Event Generator::next() {
       e.traceLevels = traceLevelText();
       break;
     case Kind::idle:
-      if (aside(100) < 70) e.control = static_cast<Control>(1 + aside(kControls - 1));
+      if (!avoid_.controls && aside(100) < 70)
+        e.control = static_cast<Control>(1 + aside(kControls - 1));
       e.detail = aside(1u << 30);
       break;
     default:
@@ -362,9 +363,10 @@ ConditionPlan Generator::condition() {
     c.op = extra(10) < 7 ? "==" : "!=";
     c.constant = extra(2) ? "up" : "NULL";
     c.len = false;
-  } else if (aside(100) < 45) {
+  } else if (!avoid_.controls && aside(100) < 45) {
     asideCondition(c);
   }
+  if (avoid_.controls) return c;
   c.spaced = aside(10) == 0;
   c.closed = c.len && aside(2) == 0;
   return c;

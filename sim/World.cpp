@@ -233,7 +233,8 @@ World::World(Generator& generator, Avoid avoid, bool traced, History& history)
     if (generator_.number(100) < 60) createSensor(i);
   }
   for (char const* name : {Generator::kGate, Generator::kLedger}) {
-    if (generator_.aside(100) < 60) createRecord(name, generator_.aside(2) == 0);
+    if (!avoid_.controls && generator_.aside(100) < 60)
+      createRecord(name, generator_.aside(2) == 0);
   }
   profiles_ = Ledra::passiveAgentProfileDirFactory("profiles");
   statuses_ = Ledra::passiveAgentStatusDirFactory("statuses");
@@ -773,7 +774,8 @@ std::string World::write(unsigned i, unsigned what, unsigned value) {
     done += std::string(", ") + Generator::kNameAttribute + " = '" + v + "'";
   }
   // And the attributes added last (third generator).
-  if (s && generator_.aside(100) < 40) done += ", " + writeAside(i, generator_.aside(1000));
+  if (s && !avoid_.controls && generator_.aside(100) < 40)
+    done += ", " + writeAside(i, generator_.aside(1000));
   observer_->sensorsChanged();
   return done;
 }
@@ -1414,19 +1416,15 @@ std::string World::records(unsigned d) {
 std::string World::engineByName(unsigned d) {
   auto& a = agents_[d % agents_.size()];
   std::string const name(a.agent->agentName());
-  auto const engine =
-      wrapper_->passiveEntityManagerRootSm()->passiveEntityManagerSm(Qel::Name(name));
+  auto const root = wrapper_->passiveEntityManagerRootSm();
+  auto const engine = root->passiveEntityManagerSm(Qel::Name(name));
   if (!engine) return "engine of " + name + ": none";
-  auto const text = [](std::string const& v) { return Qel::ValueTraits<Qel::String>::box(v); };
-  if ((d / 8) % 10 == 0) {
-    // An operator closes the agent's connection through its engine.
-    engine->invoke("handleClose", {{"reason", text("sim: closed by the operator")}});
-    return "close " + name + " through its engine";
-  }
+  // An operator asks how a template condition reads for the agent.
   static std::vector<std::string> const conditions{"%unit == 1", "%slot != NULL", "%u == 3",
                                                    "%cellId == 1"};
   std::string const condition = conditions[(d / 8) % conditions.size()];
-  auto const holds = engine->invoke("evaluateTemplateCondition", {{"cond", text(condition)}});
+  auto const holds = engine->invoke("evaluateTemplateCondition",
+                                    {{"cond", Qel::ValueTraits<Qel::String>::box(condition)}});
   return "ask the engine of " + name + " whether " + condition + ": " +
          (holds ? std::string(holds->text()) : "?");
 }
@@ -1506,8 +1504,9 @@ void World::settle() {
     makeDir(d);
   for (unsigned i = 0; i < Generator::kSensors; ++i)
     createSensor(i);
-  for (char const* name : {Generator::kGate, Generator::kLedger})
-    createRecord(name, false);
+  for (char const* name : {Generator::kGate, Generator::kLedger}) {
+    if (!avoid_.controls) createRecord(name, false);
+  }
   auto release = [this] {
     for (auto& a : agents_) {
       a.agent->holdAnswersIs(false);

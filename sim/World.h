@@ -6,8 +6,17 @@
 // (an event that does not fit, such as disconnecting an agent that is not connected, does
 // nothing). Profiles are changed the way the reference database process reloads them: a profile
 // is never deleted; a group whose content changes is replaced by a new group object, so that an
-// engine still holding the old one is undisturbed (editGroup, which adds a condition to a group
-// in place, is the one exception, and can be avoided).
+// engine still holding the old one is undisturbed. Half of the time the profile and its groups
+// are written through the generic, by-name view instead of the typed accessors, with the same
+// outcome. The exceptions, all avoided with in-place-edit: editGroup adds a condition to a group
+// in place, and the control actions of idle steps (see Control) remove single conditions, mount
+// profiles and template conditions, add mount profiles and template conditions and change the
+// blocking flag of groups in place, never taking a condition from a group whose state machine
+// took it in, nor clearing the flag of a blocking group an engine holds.
+//
+// Beside the sensors stand two records of library types, a ConditionRes ("gate") and a
+// PassiveAgentStatus ("ledger"), made by type name or by their factories, whose attributes
+// conditions watch too.
 //
 // The world also knows, independently of the library, which paths each agent is entitled to
 // (entitlement()), and how to bring every agent to the end of its work (settle()): answers
