@@ -220,7 +220,7 @@ Event Generator::next() {
       e.traceLevels = traceLevelText();
       break;
     case Kind::idle:
-      if (!avoid_.controls && aside(100) < 70)
+      if (!avoid_.controls && aside(100) < 45)
         e.control = static_cast<Control>(1 + aside(kControls - 1));
       e.detail = aside(1u << 30);
       break;

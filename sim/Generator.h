@@ -7,6 +7,11 @@
 // same events whatever happens in between, which is what lets a seed replay exactly and lets a
 // traced run be compared with an untraced one.
 //
+// Choices added later come from two further generators derived from the same seed (extra(),
+// then aside()), so that the first one, and with it the events of every seed, stays as it was:
+// the second one draws the attributes of other number types, the third one the control actions
+// of idle steps, the attribute kinds and records added with them, and the condition forms.
+//
 // Switches (Avoid) keep the generator away from fault classes that are known and being fixed,
 // so that a regression run can stay green meanwhile; by default everything is exercised.
 //

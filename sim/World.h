@@ -150,6 +150,7 @@ class World {
   Avoid const avoid_;
   bool const traced_;
   History& history_;
+  mutable unsigned looks_ = 0;  // browseRecords calls that read a key typed wrong
   Qel::SimulatedClock::Ptr clock_;
   Qel::EventLoop::Ptr loop_;
   Qel::Dir::Ptr root_;
