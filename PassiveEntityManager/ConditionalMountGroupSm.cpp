@@ -284,6 +284,9 @@ void ConditionalMountGroupSm::handleCondition(Qel::String const& condition) {
   if (!created.reactor) {
     TRACE(PassiveEntityManager, kTraceDecision, "Conditional Reactor Not created");
     currentPendingConditionIs(Qel::String());
+    // The reactor of an earlier, satisfied condition must not report again: nothing is pending
+    // that it could report for.
+    conditionalReactorIs(nullptr);
     return;
   }
   if (conditionRes_->enabled()) {

@@ -97,10 +97,40 @@ char const* kindName(Kind k) {
   return "?";
 }
 
+char const* controlName(Control c) {
+  switch (c) {
+    case Control::none:
+      return "none";
+    case Control::trimGroup:
+      return "trimGroup";
+    case Control::extendGroup:
+      return "extendGroup";
+    case Control::profileByName:
+      return "profileByName";
+    case Control::refused:
+      return "refused";
+    case Control::records:
+      return "records";
+    case Control::graft:
+      return "graft";
+    case Control::placeholder:
+      return "placeholder";
+    case Control::engineByName:
+      return "engineByName";
+    case Control::sensorWrite:
+      return "sensorWrite";
+  }
+  return "?";
+}
+
 std::string Generator::describe(Event const& e) {
+  std::string const control =
+      e.control == Control::none
+          ? ""
+          : std::string(", control ") + controlName(e.control) + " " + std::to_string(e.detail);
   return std::string(kindName(e.kind)) + " (agent " + agentNames()[e.agent] + ", profile " +
          profileNames()[e.profile] + ", " + std::to_string(e.index) + ", " +
-         std::to_string(e.value) + ", then " + std::to_string(e.dt) + " s)";
+         std::to_string(e.value) + control + ", then " + std::to_string(e.dt) + " s)";
 }
 
 std::vector<std::string> const& Generator::agentNames() {
@@ -141,7 +171,10 @@ std::vector<std::string> const& Generator::numericAttributes() {
 }
 
 Generator::Generator(std::uint64_t seed, Avoid avoid)
-    : rng_(seed), extra_(seed ^ 0x9e3779b97f4a7c15ULL), avoid_(avoid) {}
+    : rng_(seed),
+      extra_(seed ^ 0x9e3779b97f4a7c15ULL),
+      aside_(seed ^ 0xc2b2ae3d27d4eb4fULL),
+      avoid_(avoid) {}
 
 unsigned Generator::below(unsigned n) {
   return static_cast<unsigned>(rng_() % n);
@@ -185,6 +218,11 @@ Event Generator::next() {
       break;
     case Kind::traceLevels:
       e.traceLevels = traceLevelText();
+      break;
+    case Kind::idle:
+      if (!avoid_.controls && aside(100) < 45)
+        e.control = static_cast<Control>(1 + aside(kControls - 1));
+      e.detail = aside(1u << 30);
       break;
     default:
       break;
@@ -236,7 +274,7 @@ GroupPlan Generator::group(std::string const& name, bool withTemplateConditions)
   }
   if (g.name == "peerReady" && g.conditions.empty()) {
     // The group that waits for the process to be active: its condition never holds by itself.
-    g.conditions.push_back({0, "label", "==", "never", false});
+    g.conditions.push_back({0, "label", "==", "never", false, "", false, false});
     g.blocking = true;
   }
   if (withTemplateConditions && chance(20))
@@ -325,8 +363,83 @@ ConditionPlan Generator::condition() {
     c.op = extra(10) < 7 ? "==" : "!=";
     c.constant = extra(2) ? "up" : "NULL";
     c.len = false;
+  } else if (!avoid_.controls && aside(100) < 45) {
+    asideCondition(c);
   }
+  if (avoid_.controls) return c;
+  c.spaced = aside(10) == 0;
+  c.closed = c.len && aside(2) == 0;
   return c;
+}
+
+void Generator::asideCondition(ConditionPlan& c) {
+  static std::vector<std::string> const ordered{"==", "!=", "<", "<=", ">", ">="};
+  auto membership = [&](char const* attribute, std::vector<char const*> const& keys) {
+    c.attribute = attribute;
+    c.op = aside(10) < 6 ? "in" : "notin";
+    c.constant = keys[aside(static_cast<unsigned>(keys.size()))];
+  };
+  c.len = false;
+  switch (aside(10)) {
+    case 0:
+      c.attribute = "ch";
+      c.op = ordered[aside(6)];
+      c.constant = std::string(1, "bcd"[aside(3)]);
+      return;
+    case 1: {
+      // A character pointer constant is a copy of its text: it equals no pointer the attribute
+      // can hold, so only NULL is compared with "==".
+      c.attribute = aside(2) ? "cp" : "ccp";
+      c.constant = aside(3) ? "NULL" : "on";
+      c.op = c.constant == "NULL" && aside(2) ? "==" : "!=";
+      return;
+    }
+    case 2: {
+      c.attribute = "ptr";
+      unsigned const k = aside(20);
+      c.constant = k < 5    ? "NULL"
+                   : k < 7  ? "0"
+                   : k < 13 ? std::string(kRoot) + "/sensors"
+                   : k < 19 ? std::string(kRoot)
+                            : std::string(kNowhere);
+      c.op = aside(2) ? "==" : "!=";
+      return;
+    }
+    case 3:
+      return membership("slots", {"1", "2", "3"});
+    case 4:
+      return membership("modes", {"on", "fault"});
+    case 5:
+      return membership("peers", {"a", "b"});
+    case 6:
+      if (aside(2)) return membership("flags", {"true", "false"});
+      return membership("offsets", {"-1", "2"});
+    case 7:
+      return membership("weights", {"1", "2"});
+    case 8:
+      c.record = kGate;
+      c.attribute = "enabled";
+      c.op = aside(2) ? "==" : "!=";
+      c.constant = aside(2) ? "true" : "false";
+      return;
+    default:
+      c.record = kLedger;
+      switch (aside(3)) {
+        case 0:
+          c.attribute = "agentString";
+          c.op = aside(10) < 7 ? "==" : "!=";
+          c.constant = aside(2) ? "up" : "NULL";
+          return;
+        case 1:
+          return membership("templateValueDict", {"k1", "k2"});
+        default:
+          c.attribute = "templateCache";
+          c.len = true;
+          c.op = ordered[aside(6)];
+          c.constant = std::to_string(c.op == ">" ? 1 + aside(2) : aside(3));
+          return;
+      }
+  }
 }
 
 std::string Generator::traceLevelText() {
@@ -342,11 +455,14 @@ std::string Generator::traceLevelText() {
 }
 
 std::string ConditionPlan::sensorPath() const {
+  if (!record.empty()) return std::string(kRoot) + "/sensors/" + record;
   return std::string(kRoot) + "/sensors/s" + std::to_string(sensor);
 }
 
 std::string ConditionPlan::text() const {
-  return constant + " " + op + " " + (len ? "len( " : "") + sensorPath() + "." + attribute;
+  std::string const blank = spaced ? "  " : " ";
+  return (spaced ? " " : "") + constant + blank + op + blank + (len ? "len(" + blank : "") +
+         sensorPath() + "." + attribute + (closed ? ")" : "");
 }
 
 }  // namespace Sim

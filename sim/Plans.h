@@ -20,13 +20,18 @@ struct MountPlan {
   bool operator==(MountPlan const&) const = default;
 };
 
-// "<constant> <op> [len( ]<sensor path>.<attribute>", constant on the left.
+// "<constant> <op> [len( ]<sensor path>.<attribute>[)]", constant on the left. The entity is
+// sensor `sensor`, or the record `record` beside the sensors when that is set. `spaced` writes the
+// text with a leading blank and two blanks between its tokens; `closed` closes "len(" with ")".
 struct ConditionPlan {
   int sensor = 0;
   std::string attribute;
   std::string op;
   std::string constant;
   bool len = false;
+  std::string record;
+  bool spaced = false;
+  bool closed = false;
 
   std::string sensorPath() const;
   std::string text() const;

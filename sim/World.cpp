@@ -4,6 +4,7 @@
 
 #include "Ledra/Cell.h"
 #include "Ledra/ConnMgrHelper.h"
+#include "PassiveEntityManager/MountGroupReactor.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmText.h"
 #include "Qel/ActivityManagerConfig.h"
 #include "Trace/Facilities.h"
@@ -35,9 +36,59 @@ Qel::QelType const* sensorType() {
                                            {"s8", "S8"},
                                            {"lng", "long"},
                                            {"dbl", "double"},
-                                           {Generator::kNameAttribute, "name"}});
+                                           {Generator::kNameAttribute, "name"},
+                                           {"ch", "char"},
+                                           {"cp", "char*"},
+                                           {"ccp", "const char*"},
+                                           {"ptr", "Qel::Dir"},
+                                           {"slots", "bool", "U16"},
+                                           {"modes", "bool", mode->name()},
+                                           {"peers", "bool", "name"},
+                                           {"flags", "bool", "bool"},
+                                           {"offsets", "bool", "S16"},
+                                           {"weights", "bool", "F64"}});
   }();
   return t;
+}
+
+// "sim::Placeholder": an entity that is no directory, standing where a directory may come.
+Qel::QelType const* placeholderType() {
+  static Qel::QelType const* const t = Qel::defineType("sim::Placeholder", {{"note", "string"}});
+  return t;
+}
+
+// The keys the collections added last are written with.
+std::vector<std::string> const& asideKeys(std::string const& attribute) {
+  static std::map<std::string, std::vector<std::string>> const keys{
+      {"slots", {"1", "2", "3"}},   {"modes", {"off", "on", "fault"}}, {"peers", {"a", "b", "c"}},
+      {"flags", {"true", "false"}}, {"offsets", {"-1", "2", "5"}},     {"weights", {"1", "2"}}};
+  static std::vector<std::string> const none;
+  auto it = keys.find(attribute);
+  return it == keys.end() ? none : it->second;
+}
+
+// What the character pointer attributes point at: texts the database process keeps.
+char const kOnText[] = "on";
+char const kOffText[] = "off";
+
+Qel::GenericIf::PtrConst charPointer(Qel::DynamicEntity const& s, Qel::AttributeId aid,
+                                     char const* chars) {
+  return s.qelType()->attribute(aid)->type()->newValue(Qel::Value(static_cast<void const*>(chars)));
+}
+
+// "k op v", the constant on the left; "in" and "notin" as "==" and "!=".
+template <class K, class V>
+bool compareBy(std::string const& op, K const& k, V const& v) {
+  if (op == "==" || op == "in") return k == v;
+  if (op == "!=" || op == "notin") return k != v;
+  if (op == "<") return k < v;
+  if (op == "<=") return k <= v;
+  if (op == ">") return k > v;
+  return k >= v;
+}
+
+bool isNullText(std::string const& text) {
+  return text == "NULL" || text == "0";
 }
 
 std::vector<std::string> const kTags{"hot", "cold", "warm", "dry"};
@@ -69,9 +120,10 @@ namespace {
 using Browsed = std::set<Qel::GenericIf const*>;
 
 // Reads every plain attribute of `e` by name as text and every collection's length; follows
-// pointers to other entities once.
+// pointers to other entities once, and into values that have attributes of their own.
 void browse(Qel::GenericIf const& e, Browsed& seen) {
-  if (!seen.insert(&e).second) return;
+  // Values are read afresh each time: only entities are remembered.
+  if (dynamic_cast<Qel::Entity const*>(&e) && !seen.insert(&e).second) return;
   Qel::QelType const* const type = e.qelType();
   for (Qel::AttributeId aid = 1; aid < type->attributes(); ++aid) {
     Qel::QelAttr const* const a = type->attribute(aid);
@@ -84,7 +136,7 @@ void browse(Qel::GenericIf const& e, Browsed& seen) {
     auto const v = e.attribute(aid);
     if (!v) continue;
     (void)v->text();
-    if (a->kind() == Qel::QelAttr::Kind::pointer) browse(*v, seen);
+    if (!v->asValue()) browse(*v, seen);
   }
 }
 
@@ -97,7 +149,66 @@ void browseElement(Qel::GenericIf const& e, char const* name, std::string const&
   auto const v = e.attribute(aid, a->keyType()->valueFromText(Qel::String(keyText)));
   if (!v) return;
   (void)v->text();
-  if (a->elementsArePointers()) browse(*v, seen);
+  if (!v->asValue()) browse(*v, seen);
+}
+
+// What a condition reactor reports for, read through the reactor of its constant's type.
+struct ReactorView {
+  bool found = false;
+  Ledra::ConditionalMountGroupSm const* sm = nullptr;
+  std::string condition;
+  Qel::AttributeId aid = 0;
+  Qel::QelAttr const* attr = nullptr;
+  Qel::QelType const* entityType = nullptr;
+  bool len = false;
+};
+
+template <class T>
+void viewAs(Orn::CountedNotifiee const& reactor, ReactorView& view) {
+  if (view.found) return;
+  auto const* r = dynamic_cast<Ledra::MountGroupReactor<T> const*>(&reactor);
+  if (!r) return;
+  view.found = true;
+  view.sm = r->conditionSm();
+  view.condition = r->condition();
+  view.aid = r->aid();
+  view.attr = r->attr();
+  view.entityType = r->entityType();
+  view.len = r->len();
+  (void)r->value();
+  (void)r->logicalOp();
+}
+
+ReactorView viewOf(Orn::CountedNotifiee const& reactor) {
+  ReactorView view;
+#define SIM_VIEW_AS(T) viewAs<T>(reactor, view);
+  ORN_FOR_EACH_CONSTANT_TYPE(SIM_VIEW_AS)
+#undef SIM_VIEW_AS
+  return view;
+}
+
+// Problems of the reactor a state machine has installed: it must report to that state machine,
+// for its pending condition, on the attribute of the watched entity's type the condition names.
+void checkReactor(std::string const& who, Ledra::ConditionalMountGroupSm const& sm,
+                  std::vector<std::string>& problems) {
+  auto const& reactor = sm.conditionalReactor();
+  if (!reactor) return;
+  ReactorView const view = viewOf(*reactor);
+  std::string const what = who + " group " + std::string(sm.name()) + ": reactor ";
+  if (!view.found) {
+    problems.push_back(what + "of no known kind");
+    return;
+  }
+  if (view.sm != &sm) problems.push_back(what + "reports to another state machine");
+  if (view.condition != sm.currentPendingCondition())
+    problems.push_back(what + "for '" + view.condition + "' while '" +
+                       sm.currentPendingCondition() + "' is pending");
+  auto const watched = reactor->notifier();
+  if (!view.attr || view.attr->id() != view.aid || !watched ||
+      watched->qelType() != view.entityType)
+    problems.push_back(what + "watches another attribute than it names");
+  if (view.len != (view.condition.find("len(") != std::string::npos))
+    problems.push_back(what + "counts elements or not against its condition");
 }
 
 }  // namespace
@@ -120,6 +231,10 @@ World::World(Generator& generator, Avoid avoid, bool traced, History& history)
   }
   for (unsigned i = 0; i < Generator::kSensors; ++i) {
     if (generator_.number(100) < 60) createSensor(i);
+  }
+  for (char const* name : {Generator::kGate, Generator::kLedger}) {
+    if (!avoid_.controls && generator_.aside(100) < 60)
+      createRecord(name, generator_.aside(2) == 0);
   }
   profiles_ = Ledra::passiveAgentProfileDirFactory("profiles");
   statuses_ = Ledra::passiveAgentStatusDirFactory("statuses");
@@ -303,7 +418,7 @@ std::string World::apply(Event const& e) {
       }
       return "trace levels " + e.traceLevels + (traced_ ? "" : " (not in this run)");
     case Kind::idle:
-      return "idle";
+      return control(e);
   }
   return "?";
 }
@@ -467,17 +582,41 @@ std::string World::entitlement(std::string const& agent, std::string const& path
 
 // --- profiles
 
-void World::fillGroup(Ledra::PassiveMountGroup& g, GroupPlan const& s) {
-  if (!s.conditions.empty()) g.entireConditionIs(join(s.conditions));
-  for (auto const& c : s.conditions) {
-    g.conditionColEnq(c.text());
+void World::fillGroup(Ledra::PassiveMountGroup& g, GroupPlan const& s, bool byName) {
+  for (auto const& c : s.conditions)
     conditions_[c.text()] = c;
+  if (!byName) {
+    if (!s.conditions.empty()) g.entireConditionIs(join(s.conditions));
+    for (auto const& c : s.conditions)
+      g.conditionColEnq(c.text());
+    g.blockingConditionalIs(s.blocking);
+    for (auto const& t : s.templateConditions)
+      g.templateConditionColIs(t, true);
+    for (auto const& m : s.mounts)
+      g.addProfile(m.path, m.type, m.flags);
+    return;
   }
-  g.blockingConditionalIs(s.blocking);
+  // A condition is appended empty and then written by its index, the way a control client
+  // fills a queue it cannot append to by name.
+  if (!s.conditions.empty()) g.attributeIs("entireCondition", Qel::String(join(s.conditions)));
+  for (auto const& c : s.conditions) {
+    Qel::U32 const index = g.conditionColEnq("");
+    g.attributeIs("conditionCol", Qel::String(c.text()), Qel::String(std::to_string(index)));
+  }
+  g.attributeIs("blockingConditional", Qel::String(s.blocking ? "true" : "false"));
   for (auto const& t : s.templateConditions)
-    g.templateConditionColIs(t, true);
-  for (auto const& m : s.mounts)
-    g.addProfile(m.path, m.type, m.flags);
+    g.attributeIs("templateConditionCol", Qel::String("true"), Qel::String(t));
+  auto const text = [](std::string const& v) { return Qel::ValueTraits<Qel::String>::box(v); };
+  for (std::size_t i = 0; i < s.mounts.size(); ++i) {
+    MountPlan const& m = s.mounts[i];
+    if (i % 2 == 0) {
+      g.invoke("addProfile",
+               {{"path", text(m.path)}, {"qelType", text(m.type)}, {"flags", text(m.flags)}});
+      continue;
+    }
+    g.attributeIs("mountProfile", Qel::ValueTraits<Ledra::Mount>::box({m.path, m.type, m.flags}),
+                  text(m.path));
+  }
 }
 
 void World::applyProfile(ProfilePlan const& given) {
@@ -498,38 +637,81 @@ void World::applyProfile(ProfilePlan const& given) {
   }
   auto const before = plans_.find(plan.name);
   auto p = profiles_->agentProfileIs(Qel::Name(plan.name));
-  p->rootFlagsIs(plan.rootFlags);
-  p->hybridMountIs(plan.hybrid);
-  p->lowMountPrioIs(plan.lowPrio);
-  if (before == plans_.end() || before->second.templateKeys != plan.templateKeys) {
-    p->templateKeyDelAll();
-    for (auto const& [position, key] : plan.templateKeys)
-      p->templateKeyIs(position, key);
+  bool const byName = generator_.aside(2) == 0;
+  if (byName) {
+    applyProfileByName(*p, plan, before == plans_.end() ? nullptr : &before->second);
+  } else {
+    p->rootFlagsIs(plan.rootFlags);
+    p->hybridMountIs(plan.hybrid);
+    p->lowMountPrioIs(plan.lowPrio);
+    if (before == plans_.end() || before->second.templateKeys != plan.templateKeys) {
+      p->templateKeyDelAll();
+      for (auto const& [position, key] : plan.templateKeys)
+        p->templateKeyIs(position, key);
+    }
+    if (before == plans_.end() || before->second.aliases != plan.aliases) {
+      p->aliasKeyDelAll();
+      for (auto const& [alias, key] : plan.aliases)
+        p->aliasKeyIs(alias, key);
+    }
   }
-  if (before == plans_.end() || before->second.aliases != plan.aliases) {
-    p->aliasKeyDelAll();
-    for (auto const& [alias, key] : plan.aliases)
-      p->aliasKeyIs(alias, key);
-  }
+  auto const unchanged = [&](GroupPlan const& gs) {
+    if (before == plans_.end() || !p->mountGroup(Qel::Name(gs.name))) return false;
+    return std::any_of(before->second.groups.begin(), before->second.groups.end(),
+                       [&](GroupPlan const& old) { return old == gs; });
+  };
   std::vector<Qel::Name> stale;
   for (auto const& [name, g] : p->mountGroup()) {
     if (!names.count(std::string(name))) stale.push_back(name);
   }
+  if (std::none_of(plan.groups.begin(), plan.groups.end(), unchanged)) {
+    // Nothing stays: every group goes at once.
+    p->mountGroupDelAll();
+    stale.clear();
+  }
   for (auto const& name : stale)
     p->mountGroupDel(name);
   for (auto const& gs : plan.groups) {
-    if (p->mountGroup(Qel::Name(gs.name))) {
-      bool same = false;
-      if (before != plans_.end()) {
-        for (auto const& old : before->second.groups)
-          same = same || old == gs;
-      }
-      if (same) continue;
+    std::optional<Qel::LinkQueueMetadata> numbering;
+    if (auto const old = p->mountGroup(Qel::Name(gs.name))) {
+      if (unchanged(gs)) continue;
+      // The replacement goes on numbering its conditions where the group it replaces stopped.
+      numbering = old->conditionColMetadata();
       p->mountGroupDel(Qel::Name(gs.name));
     }
-    fillGroup(*p->mountGroupIs(Qel::Name(gs.name), gs.priority), gs);
+    auto const g = p->mountGroupIs(Qel::Name(gs.name), gs.priority);
+    if (numbering && !byName) g->conditionColMetadataIs({numbering->next, numbering->next});
+    fillGroup(*g, gs, byName);
   }
   plans_[plan.name] = plan;
+}
+
+void World::applyProfileByName(Ledra::PassiveAgentProfile& p, ProfilePlan const& plan,
+                               ProfilePlan const* before) {
+  auto const flag = [](bool v) { return Qel::String(v ? "true" : "false"); };
+  p.attributeIs("rootFlags", Qel::String(plan.rootFlags));
+  p.attributeIs("hybridMount", flag(plan.hybrid));
+  p.attributeIs("lowMountPrio", flag(plan.lowPrio));
+  if (!before || before->templateKeys != plan.templateKeys) {
+    std::vector<Qel::U32> stale;
+    for (auto const& [position, key] : p.templateKey()) {
+      if (!plan.templateKeys.count(position)) stale.push_back(position);
+    }
+    for (auto const position : stale)
+      p.attributeIs("templateKey", Qel::String(), Qel::String(std::to_string(position)));
+    for (auto const& [position, key] : plan.templateKeys)
+      p.attributeIs("templateKey", Qel::String(key), Qel::String(std::to_string(position)));
+  }
+  if (!before || before->aliases != plan.aliases) {
+    std::vector<std::string> stale;
+    for (auto const& [alias, key] : p.aliasKey()) {
+      if (!plan.aliases.count(alias)) stale.push_back(alias);
+    }
+    for (auto const& alias : stale)
+      p.attributeIs("aliasKey", Qel::String(), Qel::String(alias));
+    for (auto const& [alias, key] : plan.aliases)
+      p.attributeIs("aliasKey", Qel::String(key), Qel::String(alias));
+  }
 }
 
 // --- the tree
@@ -540,7 +722,13 @@ void World::makeDir(std::string const& relative) {
   while (d && pos <= relative.size()) {
     std::size_t end = relative.find('/', pos);
     if (end == std::string::npos) end = relative.size();
-    if (end > pos) d = d->dirIs(Qel::Name(relative.substr(pos, end - pos)));
+    if (end > pos) {
+      Qel::Name const name(relative.substr(pos, end - pos));
+      // A placeholder gives way to the directory.
+      auto const e = d->entry(name);
+      if (e && !dynamic_cast<Qel::Dir*>(e.ptr())) d->entryDel(name);
+      d = d->dirIs(name);
+    }
     pos = end + 1;
   }
 }
@@ -585,6 +773,9 @@ std::string World::write(unsigned i, unsigned what, unsigned value) {
     s->attributeIs(Qel::Name(Generator::kNameAttribute), Qel::String(v));
     done += std::string(", ") + Generator::kNameAttribute + " = '" + v + "'";
   }
+  // And the attributes added last (third generator).
+  if (s && !avoid_.controls && generator_.aside(100) < 30)
+    done += ", " + writeAside(i, generator_.aside(1000));
   observer_->sensorsChanged();
   return done;
 }
@@ -635,8 +826,16 @@ void World::makeTrue(ConditionPlan const& c) {
 }
 
 void World::setTrue(ConditionPlan const& c) {
+  if (!c.record.empty()) {
+    recordSetTrue(c);
+    return;
+  }
   auto s = sensor(static_cast<unsigned>(c.sensor));
   if (!s) return;
+  if (asideAttribute(c.attribute)) {
+    asideSetTrue(c, *s);
+    return;
+  }
   bool const eq = c.op == "==" || c.op == "in";
   if (c.len || numeric(c.attribute)) {
     long const k = c.len ? std::stol(c.constant) : numericConstant(c);
@@ -678,8 +877,10 @@ bool World::holds(std::string const& text) const {
   auto it = conditions_.find(text);
   if (it == conditions_.end()) return false;
   ConditionPlan const& c = it->second;
+  if (!c.record.empty()) return recordHolds(c);
   auto const s = sensor(static_cast<unsigned>(c.sensor));
   if (!s) return false;
+  if (asideAttribute(c.attribute)) return asideHolds(c, *s);
   Qel::AttributeId const aid = s->attributeId(Qel::Name(c.attribute));
   auto compare = [&c](auto k, auto v) {
     if (c.op == "==" || c.op == "in") return k == v;
@@ -705,6 +906,592 @@ bool World::holds(std::string const& text) const {
   return compare(c.constant == "NULL" ? std::string() : c.constant, now);
 }
 
+// --- the attributes added last and the records beside the sensors
+
+bool World::asideAttribute(std::string const& attribute) {
+  return attribute == "ch" || attribute == "cp" || attribute == "ccp" || attribute == "ptr" ||
+         !asideKeys(attribute).empty();
+}
+
+std::string World::writeAside(unsigned i, unsigned what) {
+  auto s = sensor(i);
+  std::string const name = "s" + std::to_string(i);
+  if (!s) return "write sensor " + name + ": absent";
+  unsigned const v = what / 8;
+  switch (what % 8) {
+    case 0: {
+      std::string const ch(1, static_cast<char>('a' + v % 5));
+      s->attributeIs("ch", Qel::String(ch));
+      return name + ".ch = '" + ch + "'";
+    }
+    case 1:
+    case 2: {
+      char const* const attribute = what % 8 == 1 ? "cp" : "ccp";
+      Qel::AttributeId const aid = s->attributeId(Qel::Name(attribute));
+      char const* const chars = v % 3 == 0 ? nullptr : v % 3 == 1 ? kOnText : kOffText;
+      if (!chars) {
+        // The text form of the null pointer, as a control client writes it.
+        s->attributeIs(Qel::Name(attribute), Qel::String(v % 2 ? "null" : "0"));
+      } else {
+        s->attributeIs(Qel::Name(attribute), charPointer(*s, aid, chars));
+      }
+      return name + "." + attribute + " = " + (chars ? chars : "null");
+    }
+    case 3: {
+      std::string const target = v % 3 == 0   ? ""
+                                 : v % 3 == 1 ? std::string(kRoot) + "/sensors"
+                                              : std::string(kRoot);
+      s->attributeIs("ptr", Qel::String(target));
+      return name + ".ptr = " + (target.empty() ? "null" : target);
+    }
+    default: {
+      static std::vector<std::string> const sets{"slots", "modes",   "peers",
+                                                 "flags", "offsets", "weights"};
+      std::string const attribute = sets[(what % 8 - 4 + 4 * (v % 2)) % sets.size()];
+      auto const& keys = asideKeys(attribute);
+      std::string const key = keys[(v / 2) % keys.size()];
+      bool const add = (v / 8) % 2 == 0;
+      s->attributeIs(Qel::Name(attribute), Qel::String(add ? "true" : ""), Qel::String(key));
+      return name + "." + attribute + (add ? " + " : " - ") + key;
+    }
+  }
+}
+
+bool World::asideHolds(ConditionPlan const& c, Qel::DynamicEntity const& s) const {
+  Qel::AttributeId const aid = s.attributeId(Qel::Name(c.attribute));
+  if (!asideKeys(c.attribute).empty()) {
+    auto const key = s.qelType()->attribute(aid)->keyType()->valueFromText(Qel::String(c.constant));
+    bool const member = s.isMember(aid, key)->valueAs<bool>();
+    return c.op == "in" ? member : !member;
+  }
+  auto const value = s.attribute(aid);
+  if (c.attribute == "ch") {
+    auto const k = static_cast<signed char>(c.constant.empty() ? '\0' : c.constant[0]);
+    auto const v = static_cast<signed char>(value ? value->valueAs<char>() : '\0');
+    return compareBy(c.op, k, v);
+  }
+  if (c.attribute == "ptr") {
+    Qel::Entity::Ptr target;
+    if (!isNullText(c.constant)) {
+      target = Qel::globalDir()->entity(Qel::String(c.constant));
+      if (!target) return false;  // no reactor: the condition is never evaluated
+    }
+    bool const same = value.ptr() == static_cast<Qel::GenericIf const*>(target.ptr());
+    return c.op == "==" ? same : !same;
+  }
+  // A character pointer: the reactor's constant is its own copy of the text, so only two null
+  // pointers are equal.
+  bool const same = c.constant == "NULL" && (!value || !value->valueAs<char const*>());
+  return c.op == "==" ? same : !same;
+}
+
+void World::asideSetTrue(ConditionPlan const& c, Qel::DynamicEntity& s) {
+  Qel::AttributeId const aid = s.attributeId(Qel::Name(c.attribute));
+  if (!asideKeys(c.attribute).empty()) {
+    bool const add = c.op == "in";
+    s.attributeIs(Qel::Name(c.attribute), Qel::String(add ? "true" : ""), Qel::String(c.constant));
+    return;
+  }
+  if (c.attribute == "ch") {
+    int v = c.constant.empty() ? 0 : c.constant[0];
+    if (c.op == "!=" || c.op == "<") ++v;
+    if (c.op == ">") --v;
+    s.attributeIs("ch", Qel::String(std::string(1, static_cast<char>(v))));
+    return;
+  }
+  if (c.attribute == "ptr") {
+    Qel::Entity::Ptr target;
+    if (!isNullText(c.constant)) target = Qel::globalDir()->entity(Qel::String(c.constant));
+    Qel::Entity::Ptr const other = target ? nullptr : Qel::Entity::Ptr(sensors_);
+    s.attributeIs("ptr", Qel::GenericIf::PtrConst((c.op == "==" ? target : other).ptr()));
+    return;
+  }
+  if (c.constant != "NULL") return;  // "!=" with a text holds for every pointer
+  s.attributeIs(Qel::Name(c.attribute), charPointer(s, aid, c.op == "==" ? nullptr : kOnText));
+}
+
+Qel::Entity::Ptr World::record(std::string const& name) const {
+  return sensors_->entry(Qel::Name(name));
+}
+
+std::string World::createRecord(std::string const& name, bool byTypeName) {
+  if (record(name)) return "create record " + name + ": present";
+  bool const gate = name == Generator::kGate;
+  char const* const typeName = gate ? "Ledra::ConditionRes" : "Ledra::PassiveAgentStatus";
+  Qel::Entity::Ptr e;
+  if (byTypeName) {
+    e = Qel::QelType::typeOrThrow(typeName).newEntity(Qel::Name(name));
+  } else if (gate) {
+    e = Ledra::conditionResFactory(Qel::Name(name));
+  } else {
+    e = Ledra::passiveAgentStatusFactory(Qel::Name(name));
+  }
+  sensors_->entryIs(e);
+  if (observer_) observer_->sensorsChanged();
+  return "create record " + name + (byTypeName ? " by type name " : " by its factory ") + typeName;
+}
+
+bool World::recordHolds(ConditionPlan const& c) const {
+  auto const e = record(c.record);
+  if (!e) return false;
+  Qel::AttributeId const aid = e->attributeId(Qel::Name(c.attribute));
+  if (c.len) {
+    auto const n = static_cast<long>(e->colLength(aid)->valueAs<Qel::U32>());
+    return compareBy(c.op, std::stol(c.constant), n);
+  }
+  if (c.attribute == "templateValueDict") {
+    auto const key =
+        e->qelType()->attribute(aid)->keyType()->valueFromText(Qel::String(c.constant));
+    bool const member = e->isMember(aid, key)->valueAs<bool>();
+    return c.op == "in" ? member : !member;
+  }
+  auto const value = e->attribute(aid);
+  if (c.attribute == "enabled")
+    return compareBy(c.op, c.constant == "true", value && value->valueAs<bool>());
+  std::string const now = value ? std::string(value->text()) : "";
+  return compareBy(c.op, c.constant == "NULL" ? std::string() : c.constant, now);
+}
+
+void World::recordSetTrue(ConditionPlan const& c) {
+  createRecord(c.record, false);
+  auto const e = record(c.record);
+  bool const eq = c.op == "==" || c.op == "in";
+  if (c.len) {
+    // Entries k0, k1, ... of the cache until the count v satisfies "k op v".
+    long const k = std::stol(c.constant);
+    long v = k;
+    if (c.op == "!=" || c.op == "<") v = k + 1;
+    if (c.op == ">") v = k - 1;
+    for (long i = 0; i < 4; ++i) {
+      e->attributeIs(Qel::Name(c.attribute), Qel::String(i < v ? "/ledra/Ledra" : ""),
+                     Qel::String("k" + std::to_string(i)));
+    }
+    return;
+  }
+  if (c.attribute == "templateValueDict") {
+    e->attributeIs(Qel::Name(c.attribute), Qel::String(eq ? "1" : ""), Qel::String(c.constant));
+    return;
+  }
+  if (c.attribute == "enabled") {
+    bool const k = c.constant == "true";
+    e->attributeIs("enabled", Qel::String(k == eq ? "true" : "false"));
+    return;
+  }
+  std::string const k = c.constant == "NULL" ? "" : c.constant;
+  e->attributeIs(Qel::Name(c.attribute), Qel::String(eq ? k : k + "x"));
+}
+
+// --- control actions
+
+std::string World::control(Event const& e) {
+  unsigned const d = e.detail;
+  switch (e.control) {
+    case Control::none:
+      return "idle";
+    case Control::trimGroup:
+      return trimGroup(d);
+    case Control::extendGroup:
+      return extendGroup(d);
+    case Control::profileByName:
+      return profileByName(d);
+    case Control::refused:
+      return refused(d);
+    case Control::records:
+      return records(d);
+    case Control::graft:
+      return graft(d);
+    case Control::placeholder:
+      return placeholder(d);
+    case Control::engineByName:
+      return engineByName(d);
+    case Control::sensorWrite: {
+      std::string const done = writeAside(d % Generator::kSensors, d / Generator::kSensors);
+      observer_->sensorsChanged();
+      return done;
+    }
+  }
+  return "?";
+}
+
+bool World::held(Ledra::PassiveMountGroup const& g) const {
+  auto const root = wrapper_->passiveEntityManagerRootSm();
+  for (auto const& [agent, engine] : root->passiveEntityManagerSm()) {
+    for (auto const& [name, r] : engine->conditionalMountGroup()) {
+      if (r && r->mountGroup().ptr() == &g) return true;
+    }
+  }
+  return false;
+}
+
+std::string World::trimGroup(unsigned d) {
+  if (avoid_.inPlaceEdit) return "trim group: avoided";
+  if (plans_.empty()) return "trim group: no profile";
+  auto it = plans_.begin();
+  std::advance(it, d % plans_.size());
+  ProfilePlan& plan = it->second;
+  if (plan.groups.empty()) return "trim group: none in " + plan.name;
+  GroupPlan& gs = plan.groups[(d / 8) % plan.groups.size()];
+  auto const g = profiles_->agentProfile(Qel::Name(plan.name))->mountGroup(Qel::Name(gs.name));
+  if (!g) return "trim group " + gs.name + ": gone";
+  std::string const what = "trim group " + gs.name + " of " + plan.name + ": ";
+  bool const byName = (d / 64) % 2 == 0;
+  switch ((d / 128) % 3) {
+    case 0: {
+      if (gs.mounts.empty()) return what + "no mount profile";
+      std::string const path = gs.mounts[(d / 512) % gs.mounts.size()].path;
+      std::erase_if(gs.mounts, [&](MountPlan const& m) { return m.path == path; });
+      if (gs.mounts.empty() && !byName) {
+        g->mountProfileDelAll();
+      } else if (byName) {
+        g->attributeIs("mountProfile", Qel::String(), Qel::String(path));
+      } else {
+        g->mountProfileDel(path);
+      }
+      return what + "mount profile " + path + " removed";
+    }
+    case 1: {
+      if (gs.conditions.empty()) return what + "no condition";
+      // The conditions a state machine took in are the ones it waits for: none of those goes.
+      if (held(*g)) return what + "held by an engine";
+      std::size_t const at = byName ? (d / 512) % gs.conditions.size() : 0;
+      std::string const text = gs.conditions[at].text();
+      gs.conditions.erase(gs.conditions.begin() + static_cast<std::ptrdiff_t>(at));
+      if (gs.conditions.empty() && d % 2) {
+        g->conditionColDelAll();
+      } else if (byName) {
+        auto entry = g->conditionCol().begin();
+        std::advance(entry, at);
+        g->attributeIs("conditionCol", Qel::String(), Qel::String(std::to_string((*entry).index)));
+      } else {
+        g->conditionColDeq();
+      }
+      g->attributeIs("entireCondition", Qel::String(join(gs.conditions)));
+      return what + "condition '" + text + "' removed";
+    }
+    default: {
+      if (gs.templateConditions.empty()) return what + "no template condition";
+      std::string const text = gs.templateConditions.front();
+      gs.templateConditions.erase(gs.templateConditions.begin());
+      if (gs.templateConditions.empty() && d % 2) {
+        g->templateConditionColDelAll();
+      } else if (byName) {
+        g->attributeIs("templateConditionCol", Qel::String(), Qel::String(text));
+      } else {
+        g->templateConditionColDel(text);
+      }
+      return what + "template condition '" + text + "' removed";
+    }
+  }
+}
+
+std::string World::extendGroup(unsigned d) {
+  if (avoid_.inPlaceEdit) return "extend group: avoided";
+  if (plans_.empty()) return "extend group: no profile";
+  auto it = plans_.begin();
+  std::advance(it, d % plans_.size());
+  ProfilePlan& plan = it->second;
+  if (plan.groups.empty()) return "extend group: none in " + plan.name;
+  GroupPlan& gs = plan.groups[(d / 8) % plan.groups.size()];
+  auto const g = profiles_->agentProfile(Qel::Name(plan.name))->mountGroup(Qel::Name(gs.name));
+  if (!g) return "extend group " + gs.name + ": gone";
+  std::string const what = "extend group " + gs.name + " of " + plan.name + ": ";
+  bool const byName = (d / 64) % 2 == 0;
+  switch ((d / 128) % 3) {
+    case 0: {
+      static std::vector<std::string> const flags{"r", "w", "", "i", "S", "wS"};
+      auto const& dirs = Generator::directories();
+      MountPlan const m{std::string(kRoot) + "/" + dirs[(d / 512) % dirs.size()], "Qel::Dir",
+                        flags[(d / 16384) % flags.size()]};
+      std::erase_if(gs.mounts, [&](MountPlan const& old) { return old.path == m.path; });
+      gs.mounts.push_back(m);
+      auto const text = [](std::string const& v) { return Qel::ValueTraits<Qel::String>::box(v); };
+      if (byName) {
+        g->invoke("addProfile",
+                  {{"path", text(m.path)}, {"qelType", text(m.type)}, {"flags", text(m.flags)}});
+      } else {
+        g->addProfile(m.path, m.type, m.flags);
+      }
+      entitleAll();
+      return what + "mount profile " + m.path + "?flags=" + m.flags;
+    }
+    case 1: {
+      if (avoid_.allSkipped) return what + "template conditions avoided";
+      static std::vector<std::string> const texts{"%unit == 1", "%slot != NULL", "%u == 3"};
+      std::string const text = texts[(d / 512) % texts.size()];
+      if (std::find(gs.templateConditions.begin(), gs.templateConditions.end(), text) ==
+          gs.templateConditions.end())
+        gs.templateConditions.push_back(text);
+      if (byName) {
+        g->attributeIs("templateConditionCol", Qel::String("true"), Qel::String(text));
+      } else {
+        g->templateConditionColIs(text, true);
+      }
+      return what + "template condition '" + text + "'";
+    }
+    default: {
+      if (gs.conditions.empty()) return what + "no condition";
+      // An engine holding a blocking group removes the group's whole condition from what blocks
+      // it once the conditions hold: while it does, the flag stays set and the text unchanged.
+      bool const holding = held(*g);
+      if (holding && gs.blocking) return what + "blocking and held: left";
+      if (holding && (d / 512) % 2) {
+        std::string const text = join(gs.conditions) + " ";
+        g->attributeIs("entireCondition", Qel::String(text));
+        return what + "whole condition '" + text + "'";
+      }
+      gs.blocking = !gs.blocking;
+      g->attributeIs("blockingConditional", Qel::String(gs.blocking ? "true" : "false"));
+      return what + (gs.blocking ? "blocking" : "not blocking");
+    }
+  }
+}
+
+std::string World::profileByName(unsigned d) {
+  if (plans_.empty()) return "profile by name: no profile";
+  auto it = plans_.begin();
+  std::advance(it, d % plans_.size());
+  ProfilePlan& plan = it->second;
+  auto const p = profiles_->agentProfile(Qel::Name(plan.name));
+  std::string const what = "profile " + plan.name + " by name: ";
+  auto const flag = [](bool v) { return Qel::String(v ? "true" : "false"); };
+  // The hybrid switch is left to reloads (applyProfileByName writes it by name): flipped here as
+  // well, it made the runs much longer without reaching anything new.
+  switch ((d / 8) % 5) {
+    case 0:
+      plan.rootFlags = plan.rootFlags.empty() ? "N" : "";
+      p->attributeIs("rootFlags", Qel::String(plan.rootFlags));
+      return what + "rootFlags '" + plan.rootFlags + "'";
+    case 1:
+      plan.lowPrio = !plan.lowPrio;
+      p->attributeIs("lowMountPrio", flag(plan.lowPrio));
+      return what + "lowMountPrio " + flag(plan.lowPrio);
+    case 2: {
+      bool const v = !p->noDefaultMountGroup();
+      p->attributeIs("noDefaultMountGroup", flag(v));
+      return what + "noDefaultMountGroup " + flag(v);
+    }
+    case 3: {
+      // The second template key comes and goes.
+      bool const add = !plan.templateKeys.count(2);
+      if (add) {
+        plan.templateKeys[2] = "%slot";
+      } else {
+        plan.templateKeys.erase(2);
+      }
+      p->attributeIs("templateKey", Qel::String(add ? "%slot" : ""), Qel::String("2"));
+      return what + "templateKey[2] " + (add ? "%slot" : "removed");
+    }
+    default: {
+      bool const add = !plan.aliases.count("%u");
+      if (add) {
+        plan.aliases["%u"] = "%unit";
+      } else {
+        plan.aliases.erase("%u");
+      }
+      p->attributeIs("aliasKey", Qel::String(add ? "%unit" : ""), Qel::String("%u"));
+      return what + "aliasKey[%u] " + (add ? "%unit" : "removed");
+    }
+  }
+}
+
+std::string World::refused(unsigned d) {
+  try {
+    switch (d % 6) {
+      case 0: {
+        // A group created again with another priority.
+        if (plans_.empty()) return "refused: no profile";
+        auto it = plans_.begin();
+        std::advance(it, (d / 8) % plans_.size());
+        if (it->second.groups.empty()) return "refused: no group";
+        GroupPlan const& gs = it->second.groups.front();
+        profiles_->agentProfile(Qel::Name(it->first))
+            ->mountGroupIs(Qel::Name(gs.name), gs.priority % 99 + 1);
+        return "group " + gs.name + " created again with another priority: accepted";
+      }
+      case 1: {
+        if (plans_.empty()) return "refused: no profile";
+        Qel::U32 const priority = (d / 8) % 2 ? 100 : 0;
+        profiles_->agentProfile(Qel::Name(plans_.begin()->first))
+            ->mountGroupIs("outOfRange", priority);
+        return "group of priority " + std::to_string(priority) + ": accepted";
+      }
+      case 2: {
+        static std::vector<char const*> const types{"Ledra::PassiveMountGroup",
+                                                    "Ledra::PassiveDirMounter",
+                                                    "Ledra::PassiveEntityManagerSm"};
+        char const* const type = types[(d / 8) % types.size()];
+        Qel::QelType::typeOrThrow(type).newEntity("made");
+        return std::string(type) + " made by type name: accepted";
+      }
+      case 3: {
+        // The process asks for its root again: the present one, with the same directories.
+        auto const root = wrapper_->passiveEntityManagerRootSmIs(profiles_, statuses_, entMgr_);
+        if (root != wrapper_->passiveEntityManagerRootSm()) return "root asked again: a new one";
+        wrapper_->passiveEntityManagerRootSmIs(
+            (d / 8) % 2 ? Ledra::passiveAgentProfileDirFactory("other") : profiles_,
+            (d / 8) % 2 ? statuses_ : Ledra::passiveAgentStatusDirFactory("other"), entMgr_);
+        return "root asked for with another directory: accepted";
+      }
+      case 4: {
+        // A spare wrapper made by type name holds no root.
+        auto const spare =
+            Qel::QelType::typeOrThrow("Ledra::PassiveEntityManagerSmWrapper").newEntity("spare");
+        auto const root = spare->attribute(spare->attributeId("passiveEntityManagerRootSm"));
+        if (root) return "spare wrapper made by type name holds a root";
+        // Asked for a root without a profile directory, it refuses.
+        dynamic_cast<Ledra::PassiveEntityManagerSmWrapper&>(*spare).passiveEntityManagerRootSmIs(
+            nullptr, statuses_, entMgr_);
+        return "spare wrapper made a root without profiles: accepted";
+      }
+      default: {
+        // A profile made by its factory stands outside the directory: nobody serves it.
+        auto const draft = Ledra::passiveAgentProfileFactory("draft");
+        draft->mountGroupIs("g", 1)->addProfile(std::string(kRoot) + "/d0", "Qel::Dir", "r");
+        return "draft profile outside the directory, " + std::to_string(draft->mountGroups()) +
+               " group";
+      }
+    }
+  } catch (Qel::Exception const& x) {
+    return std::string("refused: ") + x.what();
+  }
+}
+
+std::string World::records(unsigned d) {
+  std::string const name = d % 2 ? Generator::kGate : Generator::kLedger;
+  std::string done;
+  switch ((d / 2) % 5) {
+    case 0:
+      done = createRecord(name, (d / 16) % 2 == 0);
+      break;
+    case 1:
+      if (!record(name)) return "delete record " + name + ": absent";
+      sensors_->entryDel(Qel::Name(name));
+      done = "delete record " + name;
+      break;
+    default: {
+      auto const e = record(name);
+      if (!e) return "write record " + name + ": absent";
+      unsigned const v = d / 16;
+      if (name == Generator::kGate) {
+        e->attributeIs("enabled", Qel::String(v % 2 ? "true" : "false"));
+        done = name + ".enabled = " + (v % 2 ? "true" : "false");
+        break;
+      }
+      auto* const ledger = dynamic_cast<Ledra::PassiveAgentStatus*>(e.ptr());
+      std::string const key = "k" + std::to_string(v % 3);
+      switch (v % 5) {
+        case 0: {
+          std::string const text = v % 3 == 0 ? "" : "up";
+          e->attributeIs("agentString", Qel::String(text));
+          done = name + ".agentString = '" + text + "'";
+          break;
+        }
+        case 1:
+        case 2: {
+          char const* const attribute = v % 5 == 1 ? "templateValueDict" : "templateCache";
+          bool const add = (v / 8) % 2 == 0;
+          e->attributeIs(attribute, Qel::String(add ? "1" : ""), Qel::String(key));
+          done = name + "." + attribute + (add ? " + " : " - ") + key;
+          break;
+        }
+        case 3:
+          ledger->templateValueDictDelAll();
+          ledger->templateCacheDelAll();
+          done = name + " emptied";
+          break;
+        default:
+          ledger->mountReferenceIs(Qel::Name(key))->attributeIs("complete", Qel::String("true"));
+          if ((v / 8) % 2) ledger->mountReferenceDelAll();
+          done = name + " references " + std::to_string(ledger->mountReferences());
+          break;
+      }
+    }
+  }
+  observer_->sensorsChanged();
+  return done;
+}
+
+std::string World::engineByName(unsigned d) {
+  auto& a = agents_[d % agents_.size()];
+  std::string const name(a.agent->agentName());
+  auto const root = wrapper_->passiveEntityManagerRootSm();
+  auto const engine = root->passiveEntityManagerSm(Qel::Name(name));
+  if (!engine) return "engine of " + name + ": none";
+  // An operator asks how a template condition reads for the agent.
+  static std::vector<std::string> const conditions{"%unit == 1", "%slot != NULL", "%u == 3",
+                                                   "%cellId == 1"};
+  std::string const condition = conditions[(d / 8) % conditions.size()];
+  auto const holds = engine->invoke("evaluateTemplateCondition",
+                                    {{"cond", Qel::ValueTraits<Qel::String>::box(condition)}});
+  return "ask the engine of " + name + " whether " + condition + ": " +
+         (holds ? std::string(holds->text()) : "?");
+}
+
+std::string World::graft(unsigned d) {
+  auto const& dirs = Generator::directories();
+  std::string const relative = dirs[d % dirs.size()];
+  std::string const path = std::string(kRoot) + "/" + relative;
+  auto const slash = path.rfind('/');
+  auto const parent = Qel::globalDir()->entity(path.substr(0, slash));
+  auto* const dir = dynamic_cast<Qel::Dir*>(parent.ptr());
+  Qel::Name const name(path.substr(slash + 1));
+  if (!dir || dir->entry(name)) return "graft " + relative + ": no parent, or present";
+  // Built aside with everything below it, then put in place in one piece.
+  auto const top = Qel::Dir::dirNew(name);
+  unsigned entries = 0;
+  for (auto const& below : dirs) {
+    if (below.size() <= relative.size() || below.compare(0, relative.size(), relative) != 0 ||
+        below[relative.size()] != '/')
+      continue;
+    Qel::Dir::Ptr at = top;
+    std::string const rest = below.substr(relative.size() + 1);
+    for (std::size_t pos = 0; pos <= rest.size();) {
+      std::size_t end = rest.find('/', pos);
+      if (end == std::string::npos) end = rest.size();
+      at = at->dirIs(Qel::Name(rest.substr(pos, end - pos)));
+      pos = end + 1;
+    }
+    ++entries;
+  }
+  dir->entryIs(top);
+  return "graft " + relative + " with " + std::to_string(entries) + " directories below";
+}
+
+std::string World::placeholder(unsigned d) {
+  auto const& dirs = Generator::directories();
+  std::string const relative = dirs[d % dirs.size()];
+  std::string const path = std::string(kRoot) + "/" + relative;
+  auto const slash = path.rfind('/');
+  auto const parent = Qel::globalDir()->entity(path.substr(0, slash));
+  auto* const dir = dynamic_cast<Qel::Dir*>(parent.ptr());
+  Qel::Name const name(path.substr(slash + 1));
+  if (!dir || dir->entry(name)) return "placeholder " + relative + ": no parent, or present";
+  dir->entryIs(Qel::DynamicEntity::entityNew(placeholderType(), name));
+  return "placeholder at " + relative;
+}
+
+bool World::waitsOnNowhere(Ledra::PassiveEntityManagerSm const& engine) const {
+  for (auto const& [g, r] : engine.conditionalMountGroup()) {
+    std::vector<std::string> texts;
+    if (r->mountGroup()) {
+      for (auto const& entry : r->mountGroup()->conditionCol())
+        texts.push_back(entry.value);
+    }
+    if (auto const& sm = r->conditionalMountGroupSm()) {
+      texts.push_back(sm->currentPendingCondition());
+      texts.push_back(sm->retryCondition());
+    }
+    for (auto const& t : texts) {
+      if (t.find(Generator::kNowhere) == std::string::npos) continue;
+      history_.add(
+          0, clock_->now(),
+          std::string(engine.agentName()) + " waits on a condition naming no entity: " + t);
+      return true;
+    }
+  }
+  return false;
+}
+
 // --- the end of a run
 
 void World::settle() {
@@ -715,6 +1502,9 @@ void World::settle() {
     makeDir(d);
   for (unsigned i = 0; i < Generator::kSensors; ++i)
     createSensor(i);
+  for (char const* name : {Generator::kGate, Generator::kLedger}) {
+    if (!avoid_.controls) createRecord(name, false);
+  }
   auto release = [this] {
     for (auto& a : agents_) {
       a.agent->holdAnswersIs(false);
@@ -750,6 +1540,14 @@ void World::settle() {
       for (auto const& [name, record] : engine->conditionalMountGroup()) {
         for (auto const& entry : record->mountGroup()->conditionCol())
           waiting.push_back(entry.value);
+        // A condition removed from the group since its state machine took it in is still
+        // awaited there.
+        if (auto const& sm = record->conditionalMountGroupSm()) {
+          waiting.push_back(sm->currentPendingCondition());
+          for (auto const& entry : sm->conditionLocalQueue())
+            waiting.push_back(entry.value);
+          waiting.push_back(sm->retryCondition());
+        }
       }
     }
     for (auto const& text : waiting) {
@@ -797,7 +1595,7 @@ std::vector<std::string> World::unfinishedAgents() const {
       continue;
     }
     if (engine->state() == Ledra::PassiveEntityManagerSm::mountComplete) continue;
-    if (waitsOnReplacedEntity(*engine)) continue;
+    if (waitsOnReplacedEntity(*engine) || waitsOnNowhere(*engine)) continue;
     std::string why = name + " is in state " + std::to_string(engine->state()) + " (ready " +
                       std::to_string(engine->readyMountGroups()) + ", conditional";
     for (auto const& [g, r] : engine->conditionalMountGroup()) {
@@ -847,12 +1645,20 @@ std::vector<std::string> World::leftoversAfterDisconnect() {
 
 std::size_t World::release() {
   observer_->rootIs(nullptr);
+  // As the database process shuts down: the root first, then its profiles.
+  wrapper_->passiveEntityManagerRootSmDel();
   wrapper_ = nullptr;
   agents_.clear();
   loop_->runFor(0.01);
   Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
+  profiles_->agentProfileDelAll();
+  statuses_->agentStatusDelAll();
   profiles_ = nullptr;
   statuses_ = nullptr;
+  // A sensor pointing at a directory above it would keep the tree alive.
+  for (unsigned i = 0; i < Generator::kSensors; ++i) {
+    if (auto s = sensor(i)) s->attributeIs("ptr", Qel::GenericIf::PtrConst());
+  }
   entMgr_ = nullptr;
   sensors_ = nullptr;
   root_ = nullptr;
@@ -876,11 +1682,27 @@ std::vector<std::string> World::requestsSent() const {
   return out;
 }
 
+void World::browseEngine(Ledra::PassiveEntityManagerSm const& engine, Browsed& seen) const {
+  for (auto const& [path, mount] : engine.pendingMountProfile())
+    browseElement(engine, "pendingMountProfile", std::string(path), seen);
+  for (auto const& entry : engine.convertableMounts())
+    browseElement(engine, "convertableMounts", std::to_string(entry.index), seen);
+  for (auto const& [path, mounter] : engine.passiveDirMounterCol())
+    browseElement(engine, "passiveDirMounterCol", std::string(path), seen);
+  for (auto const& [condition, flag] : engine.blockingConditionals())
+    browseElement(engine, "blockingConditionals", std::string(condition), seen);
+  for (auto const& [path, real] : engine.templateCache())
+    browseElement(engine, "templateCache", std::string(path), seen);
+  for (auto const& [path, mount] : engine.allMountPaths())
+    browseElement(engine, "allMountPaths", std::string(path), seen);
+}
+
 std::vector<std::string> World::browseRecords() const {
   using Engine = Ledra::PassiveEntityManagerSm;
   std::vector<std::string> problems;
   Browsed seen;
   for (auto const& [name, profile] : profiles_->agentProfile()) {
+    browseElement(*profiles_, "agentProfile", std::string(name), seen);
     browse(*profile, seen);
     for (auto const& [position, key] : profile->templateKey())
       browseElement(*profile, "templateKey", std::to_string(position), seen);
@@ -888,6 +1710,9 @@ std::vector<std::string> World::browseRecords() const {
       browseElement(*profile, "aliasKey", std::string(alias), seen);
     for (auto const& [groupName, group] : profile->mountGroup()) {
       browseElement(*profile, "mountGroup", std::string(groupName), seen);
+      // A group is also found by its path below the profile directory.
+      if (profiles_->entity(Qel::String(name + "/" + groupName)) != group)
+        problems.push_back("group " + groupName + " of " + name + " not found by its path");
       for (auto const& entry : group->conditionCol())
         browseElement(*group, "conditionCol", std::to_string(entry.index), seen);
       for (auto const& [condition, flag] : group->templateConditionCol())
@@ -897,6 +1722,9 @@ std::vector<std::string> World::browseRecords() const {
     }
   }
   for (auto const& [name, status] : statuses_->agentStatus()) {
+    browseElement(*statuses_, "agentStatus", std::string(name), seen);
+    if (statuses_->entity(Qel::String(name)) != status)
+      problems.push_back("status record " + name + " not found by its path");
     browse(*status, seen);
     for (auto const& [key, value] : status->templateValueDict())
       browseElement(*status, "templateValueDict", std::string(key), seen);
@@ -905,10 +1733,37 @@ std::vector<std::string> World::browseRecords() const {
   }
   auto const root = wrapper_ ? wrapper_->passiveEntityManagerRootSm() : nullptr;
   if (!root) return problems;
+  // The root by name through the wrapper, and by its path below it.
+  browse(*wrapper_, seen);
+  if (wrapper_->entity(Qel::String(root->name())) != root || wrapper_->entity("elsewhere"))
+    problems.push_back("the wrapper does not lead to its root, and only to it, by name");
   browse(*root, seen);
+  for (auto const& [name, reactor] : root->connStatus())
+    browseElement(*root, "connStatus", std::string(name), seen);
   for (auto const& [name, engine] : root->passiveEntityManagerSm()) {
+    browseElement(*root, "passiveEntityManagerSm", std::string(name), seen);
     if (!engine) continue;
     browse(*engine, seen);
+    browseEngine(*engine, seen);
+    // A key of the ready queue as a user may type it wrong, one per look: it is refused.
+    static std::string const type = "'Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex'";
+    static std::vector<std::string> const typedWrong{
+        "Value(" + type + ", ** {'index0': 5",
+        "Value('Ledra::Mount', ** {'index0': 1, 'index1': 2})",
+        "Value(" + type + ", ** {'index2': 1, 'index1': 2})",
+        "Value(" + type + ", ** {'index0': 99999999999, 'index1': 0})",
+        "Value(" + type + ", ** {'index0': 1, 'index1': 2}) 3",
+        "Value(\"Ledra::\\n\\tIndex\", ** {})",
+        "Valeur(" + type + ", ** {'index0': 1, 'index1': 2})",
+    };
+    std::string const& wrong = typedWrong[looks_++ % typedWrong.size()];
+    try {
+      Qel::AttributeId const aid = engine->attributeId("readyMountGroup");
+      (void)engine->attribute(aid,
+                              engine->qelType()->attribute(aid)->keyType()->valueFromText(wrong));
+      problems.push_back(std::string(name) + ": ready group key " + wrong + " accepted");
+    } catch (Qel::Exception const&) {
+    }
     Qel::String const state = Ledra::valueToStrep(engine->state());
     if (Ledra::strepToValue<Engine::State>(state) != engine->state())
       problems.push_back(std::string(name) + ": state " + state + " reads back otherwise");
@@ -919,12 +1774,26 @@ std::vector<std::string> World::browseRecords() const {
       if (Ledra::strepToValue<Engine::ReadyMountGroupCompoundIndex>(text) != index)
         problems.push_back(std::string(name) + ": ready group index " + text +
                            " reads back otherwise");
+      // The key as a control client gives it: read from its text, it prints that text again.
+      auto const key = engine->qelType()
+                           ->attribute(engine->attributeId("readyMountGroup"))
+                           ->keyType()
+                           ->valueFromText(text);
+      browse(*key, seen);
+      if (key->text() != text)
+        problems.push_back(std::string(name) + ": ready group key " + text + " prints as " +
+                           key->text());
       browseElement(*engine, "readyMountGroup", text, seen);
     }
     for (auto const& [group, record] : engine->conditionalMountGroup()) {
       browseElement(*engine, "conditionalMountGroup", std::string(group), seen);
-      if (record && record->conditionalMountGroupSm())
-        browse(*record->conditionalMountGroupSm(), seen);
+      if (record && record->conditionalMountGroupSm()) {
+        auto const& sm = *record->conditionalMountGroupSm();
+        browse(sm, seen);
+        checkReactor(std::string(name), sm, problems);
+        for (auto const& entry : sm.conditionLocalQueue())
+          browseElement(sm, "conditionLocalQueue", std::to_string(entry.index), seen);
+      }
     }
   }
   return problems;

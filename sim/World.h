@@ -6,8 +6,17 @@
 // (an event that does not fit, such as disconnecting an agent that is not connected, does
 // nothing). Profiles are changed the way the reference database process reloads them: a profile
 // is never deleted; a group whose content changes is replaced by a new group object, so that an
-// engine still holding the old one is undisturbed (editGroup, which adds a condition to a group
-// in place, is the one exception, and can be avoided).
+// engine still holding the old one is undisturbed. Half of the time the profile and its groups
+// are written through the generic, by-name view instead of the typed accessors, with the same
+// outcome. The exceptions, all avoided with in-place-edit: editGroup adds a condition to a group
+// in place, and the control actions of idle steps (see Control) remove single conditions, mount
+// profiles and template conditions, add mount profiles and template conditions and change the
+// blocking flag of groups in place, never taking a condition from a group whose state machine
+// took it in, nor clearing the flag of a blocking group an engine holds.
+//
+// Beside the sensors stand two records of library types, a ConditionRes ("gate") and a
+// PassiveAgentStatus ("ledger"), made by type name or by their factories, whose attributes
+// conditions watch too.
 //
 // The world also knows, independently of the library, which paths each agent is entitled to
 // (entitlement()), and how to bring every agent to the end of its work (settle()): answers
@@ -87,7 +96,10 @@ class World {
   std::string canonical(AgentState const& a, std::string const& path) const;
   std::string entitlement(std::string const& agent, std::string const& path) const;
   void applyProfile(ProfilePlan const& plan);
-  void fillGroup(Ledra::PassiveMountGroup& g, GroupPlan const& s);
+  // `byName`: through the generic view, as a control client writes (the outcome is the same).
+  void fillGroup(Ledra::PassiveMountGroup& g, GroupPlan const& s, bool byName);
+  void applyProfileByName(Ledra::PassiveAgentProfile& p, ProfilePlan const& plan,
+                          ProfilePlan const* before);
   void makeDir(std::string const& relative);
   std::string removeDir(std::string const& relative);
   Qel::DynamicEntity::Ptr sensor(unsigned i) const;
@@ -102,6 +114,35 @@ class World {
   static long numericConstant(ConditionPlan const& c);
   static bool numeric(std::string const& attribute);
   std::string agentChange(AgentState& a, Event const& e);
+
+  // The control actions of idle steps (see Control).
+  std::string control(Event const& e);
+  std::string trimGroup(unsigned d);
+  std::string extendGroup(unsigned d);
+  std::string profileByName(unsigned d);
+  std::string refused(unsigned d);
+  std::string records(unsigned d);
+  std::string engineByName(unsigned d);
+  std::string graft(unsigned d);
+  std::string placeholder(unsigned d);
+  // Whether a conditional group record of some engine holds `g` (its state machine took in the
+  // conditions g had then).
+  bool held(Ledra::PassiveMountGroup const& g) const;
+  // The attributes added last and the records beside the sensors.
+  static bool asideAttribute(std::string const& attribute);
+  std::string writeAside(unsigned sensor, unsigned what);
+  bool asideHolds(ConditionPlan const& c, Qel::DynamicEntity const& s) const;
+  void asideSetTrue(ConditionPlan const& c, Qel::DynamicEntity& s);
+  Qel::Entity::Ptr record(std::string const& name) const;
+  std::string createRecord(std::string const& name, bool byTypeName);
+  bool recordHolds(ConditionPlan const& c) const;
+  void recordSetTrue(ConditionPlan const& c);
+  // Whether the engine waits on a group whose pointer condition names no entity (never evaluated).
+  bool waitsOnNowhere(Ledra::PassiveEntityManagerSm const& engine) const;
+  // Reads the engine's keyed collections by key and refuses keys typed wrong, as a control
+  // client's look-ups do.
+  void browseEngine(Ledra::PassiveEntityManagerSm const& engine,
+                    std::set<Qel::GenericIf const*>& seen) const;
   void becomeActive(Ledra::EntityManager::Role role);
   bool waitsOnReplacedEntity(Ledra::PassiveEntityManagerSm const& engine) const;
 
@@ -109,6 +150,7 @@ class World {
   Avoid const avoid_;
   bool const traced_;
   History& history_;
+  mutable unsigned looks_ = 0;  // browseRecords calls that read a key typed wrong
   Qel::SimulatedClock::Ptr clock_;
   Qel::EventLoop::Ptr loop_;
   Qel::Dir::Ptr root_;

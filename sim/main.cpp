@@ -6,7 +6,8 @@
 // Runs seeds S .. S+K-1, each for N steps, twice: untraced and with random trace level changes
 // (into the ring only), and compares what every agent was sent. --single skips the second run.
 // --avoid takes a comma-separated list of fault classes to stay away from: shared-create,
-// in-place-edit, all-skipped, root-refusal (the known ones: known names all four) and old-protocol.
+// in-place-edit, all-skipped, root-refusal (the known ones: known names all four) and old-protocol;
+// and controls, the idle-step control actions and what came with them (see Sim::Avoid).
 // --keep-going runs every seed in a child process and reports every failing seed at the end instead
 // of stopping at the first; --open S1,S2 names seeds of known faults still open, whose failure is
 // reported but does not fail the run. What the library writes to standard error is kept aside and
@@ -47,7 +48,7 @@ struct Options {
   std::fprintf(
       stderr,
       "ledra-sim: %s\nusage: ledra-sim [--seed S] [--seeds K] [--steps N] "
-      "[--avoid shared-create,in-place-edit,all-skipped,root-refusal,old-protocol|known] "
+      "[--avoid shared-create,in-place-edit,all-skipped,root-refusal,old-protocol,controls|known] "
       "[--keep-going] [--open SEEDS] [--single] [--verbose] [--history LINES] [--trace LEVELS]\n",
       why);
   std::exit(2);
@@ -91,8 +92,10 @@ Options parse(int argc, char** argv) {
         if (known || item == "all-skipped") o.avoid.allSkipped = true;
         if (known || item == "root-refusal") o.avoid.rootRefusal = true;
         if (item == "old-protocol") o.avoid.oldProtocol = true;
+        if (item == "controls") o.avoid.controls = true;
         if (!known && item != "shared-create" && item != "in-place-edit" && item != "all-skipped" &&
-            item != "root-refusal" && item != "old-protocol" && !item.empty()) {
+            item != "root-refusal" && item != "old-protocol" && item != "controls" &&
+            !item.empty()) {
           usage("unknown fault class");
         }
       }

@@ -182,6 +182,21 @@ TEST_F(MountGroupReactorTest, APointerConstantNamingNoEntityCreatesNoReactor) {
   EXPECT_FALSE(enabled());
 }
 
+TEST_F(MountGroupReactorTest, APointerConstantNamingNoEntityReleasesTheSatisfiedConditionsReactor) {
+  condition("5 == " + on("a_U32"));
+  condition("/condTest/nowhere == " + on("peer"));
+  start();
+  set("a_U32", "5");
+  EXPECT_TRUE(capture.contains("Conditional Reactor Not created"));
+  EXPECT_TRUE(sm->currentPendingCondition().empty());
+  ASSERT_EQ(sm->conditionalReactor(), nullptr) << "the first condition's reactor is released";
+  // The first condition turning true again reports to nobody.
+  set("a_U32", "6");
+  set("a_U32", "5");
+  EXPECT_FALSE(enabled());
+  EXPECT_TRUE(sm->currentPendingCondition().empty());
+}
+
 TEST_F(MountGroupReactorTest, CharacterPointerConstantsAreOwnedCharactersOrNull) {
   static char const text[] = "abc";
   condition("NULL == " + on("a_charptr"));
