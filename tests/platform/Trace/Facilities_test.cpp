@@ -62,7 +62,7 @@ class TraceLevelSettingTest : public TraceFixture {
 };
 
 TEST_F(TraceLevelSettingTest, EntriesApplyInOrderMalformedOnesAreSkippedUnknownNamesListed) {
-  EXPECT_EQ(apply("*=7,TraceTest=0"), "0 7");
+  EXPECT_EQ(apply("*=9,TraceTest=0"), "0 9");
   EXPECT_EQ(apply("TraceTest=2,*=5"), "5 5");
   EXPECT_EQ(apply(" TraceTest = 4 ,, \tTraceOther=06 ,"), "4 6");
   EXPECT_EQ(apply("NoSuchFacility=3,TraceTest=2,NoSuchFacility=4,Other=2"),
