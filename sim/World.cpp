@@ -1123,17 +1123,28 @@ bool World::held(Ledra::PassiveMountGroup const& g) const {
   return false;
 }
 
-std::string World::trimGroup(unsigned d) {
-  if (avoid_.inPlaceEdit) return "trim group: avoided";
-  if (plans_.empty()) return "trim group: no profile";
+// The group an in-place edit works on, picked by `d`; `refusal` says why there is none.
+World::GroupPick World::pickGroup(std::string const& action, unsigned d) {
+  GroupPick p;
+  if (avoid_.inPlaceEdit) return p.refused(action + ": avoided");
+  if (plans_.empty()) return p.refused(action + ": no profile");
   auto it = plans_.begin();
   std::advance(it, d % plans_.size());
-  ProfilePlan& plan = it->second;
-  if (plan.groups.empty()) return "trim group: none in " + plan.name;
-  GroupPlan& gs = plan.groups[(d / 8) % plan.groups.size()];
-  auto const g = profiles_->agentProfile(Qel::Name(plan.name))->mountGroup(Qel::Name(gs.name));
-  if (!g) return "trim group " + gs.name + ": gone";
-  std::string const what = "trim group " + gs.name + " of " + plan.name + ": ";
+  p.plan = &it->second;
+  if (p.plan->groups.empty()) return p.refused(action + ": none in " + p.plan->name);
+  p.gs = &p.plan->groups[(d / 8) % p.plan->groups.size()];
+  p.g = profiles_->agentProfile(Qel::Name(p.plan->name))->mountGroup(Qel::Name(p.gs->name));
+  if (!p.g) return p.refused(action + " " + p.gs->name + ": gone");
+  p.what = action + " " + p.gs->name + " of " + p.plan->name + ": ";
+  return p;
+}
+
+std::string World::trimGroup(unsigned d) {
+  GroupPick const pick = pickGroup("trim group", d);
+  if (!pick.refusal.empty()) return pick.refusal;
+  GroupPlan& gs = *pick.gs;
+  auto const& g = pick.g;
+  std::string const& what = pick.what;
   bool const byName = (d / 64) % 2 == 0;
   switch ((d / 128) % 3) {
     case 0: {
@@ -1185,16 +1196,11 @@ std::string World::trimGroup(unsigned d) {
 }
 
 std::string World::extendGroup(unsigned d) {
-  if (avoid_.inPlaceEdit) return "extend group: avoided";
-  if (plans_.empty()) return "extend group: no profile";
-  auto it = plans_.begin();
-  std::advance(it, d % plans_.size());
-  ProfilePlan& plan = it->second;
-  if (plan.groups.empty()) return "extend group: none in " + plan.name;
-  GroupPlan& gs = plan.groups[(d / 8) % plan.groups.size()];
-  auto const g = profiles_->agentProfile(Qel::Name(plan.name))->mountGroup(Qel::Name(gs.name));
-  if (!g) return "extend group " + gs.name + ": gone";
-  std::string const what = "extend group " + gs.name + " of " + plan.name + ": ";
+  GroupPick const pick = pickGroup("extend group", d);
+  if (!pick.refusal.empty()) return pick.refusal;
+  GroupPlan& gs = *pick.gs;
+  auto const& g = pick.g;
+  std::string const& what = pick.what;
   bool const byName = (d / 64) % 2 == 0;
   switch ((d / 128) % 3) {
     case 0: {

@@ -117,6 +117,20 @@ class World {
 
   // The control actions of idle steps (see Control).
   std::string control(Event const& e);
+  // The profile plan, group plan and group an in-place edit works on, and the start of its
+  // history line; `refusal` is set when there is none.
+  struct GroupPick {
+    ProfilePlan* plan = nullptr;
+    GroupPlan* gs = nullptr;
+    Ledra::PassiveMountGroup::Ptr g;
+    std::string what;
+    std::string refusal;
+    GroupPick& refused(std::string text) {
+      refusal = std::move(text);
+      return *this;
+    }
+  };
+  GroupPick pickGroup(std::string const& action, unsigned d);
   std::string trimGroup(unsigned d);
   std::string extendGroup(unsigned d);
   std::string profileByName(unsigned d);
