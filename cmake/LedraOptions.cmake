@@ -27,13 +27,20 @@ if(LEDRA_SANITIZE)
   target_link_options(ledra_options INTERFACE -fsanitize=address,undefined)
 endif()
 
-# ledra_sources(<var> <dir>...): every .cpp below the given folders.
-function(ledra_sources out)
+# ledra_files(<var> <extension> <dir>...): every file ending in .<extension> below the given
+# folders (relative to the calling list), as absolute paths.
+function(ledra_files out extension)
   set(files)
   foreach(dir IN LISTS ARGN)
-    file(GLOB_RECURSE found CONFIGURE_DEPENDS ${dir}/*.cpp)
+    file(GLOB_RECURSE found CONFIGURE_DEPENDS ${dir}/*.${extension})
     list(APPEND files ${found})
   endforeach()
+  set(${out} ${files} PARENT_SCOPE)
+endfunction()
+
+# ledra_sources(<var> <dir>...): every .cpp below the given folders.
+function(ledra_sources out)
+  ledra_files(files cpp ${ARGN})
   set(${out} ${files} PARENT_SCOPE)
 endfunction()
 
@@ -45,11 +52,7 @@ endfunction()
 # shares one installed include root, so two libraries may not publish the same include path.
 function(ledra_public_headers target)
   cmake_parse_arguments(ARG "" "ROOT" "DIRS;PRIVATE" ${ARGN})
-  set(files)
-  foreach(dir IN LISTS ARG_DIRS)
-    file(GLOB_RECURSE found CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/*.h)
-    list(APPEND files ${found})
-  endforeach()
+  ledra_files(files h ${ARG_DIRS})
   set(public)
   get_property(published GLOBAL PROPERTY LEDRA_PUBLISHED_HEADERS)
   foreach(file IN LISTS files)
