@@ -42,6 +42,7 @@
 #include "Ledra/LoopbackAgent.h"
 #include "PassiveEntityManager/PassiveEntityManagerRootSm.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "sim/Expectation.h"
 #include "sim/History.h"
 
 namespace Sim {
@@ -53,6 +54,16 @@ class Observer {
   using Entitlement = std::function<std::string(std::string const& agent, std::string const& path)>;
   // Whether a condition of a profile holds in the tree now, evaluated by the world.
   using Holds = std::function<bool(std::string const& condition)>;
+  // What the world knows, beside the library, about what each connection must be sent.
+  struct Oracle {
+    // The model of connection `epoch` of `agent`; null when there is none.
+    std::function<Expectation const*(std::string const& agent, unsigned epoch)> expectation;
+    std::function<bool()> writesGranted;
+    // The root flags of a profile now.
+    std::function<std::string(std::string const& profile)> rootFlags;
+    // Whether an entity stands at a path now.
+    std::function<bool(std::string const& path)> exists;
+  };
 
   Observer(History& history, Entitlement entitlement, Holds holds);
   ~Observer();
@@ -80,22 +91,34 @@ class Observer {
   // Forgets the watches of objects that have died.
   void prune();
 
+  void oracleIs(Oracle oracle) { oracle_ = std::move(oracle); }
+  // The connection `epoch` of `agent` was made: `closeReasons` are those it was closed with while
+  // it was being made. Checks them and the profile that serves it against the model.
+  void connectionMade(std::string const& agent, unsigned epoch, bool whiteListed,
+                      std::vector<std::string> const& closeReasons);
+  // After every step: nothing of a completed engine or a waiting condition is left armed.
+  void stepEnded();
+
  private:
   class DemuxerMgrWatch;
   class TableWatch;
   class RootWatch;
   class EngineWatch;
   class ConditionWatch;
+  class RetryWatch;
   friend class DemuxerMgrWatch;
   friend class TableWatch;
   friend class RootWatch;
   friend class EngineWatch;
   friend class ConditionWatch;
+  friend class RetryWatch;
 
   struct Connection {
     std::string agent;
     unsigned epoch = 0;
     bool failed = false;
+    std::set<std::string> sent;       // every path requested
+    std::set<std::string> toConvert;  // paths last requested "C" with a conversion queued
   };
 
   void connectionSeen(Qel::Name const& name);
@@ -108,6 +131,12 @@ class Observer {
   void groupReleased(std::string const& agent, std::string const& group,
                      std::vector<std::string> const& conditions,
                      std::set<std::string> const& sinceHeld);
+  // A mount request of `path` on a connection: checked against the model, when there is one,
+  // else against the world's entitlement (`label` empty: not entitled).
+  void requestSeen(std::string const& agent, unsigned epoch, std::string const& path,
+                   std::string const& letters, std::string const& type, std::string const& label);
+  // The engine of connection `epoch` of `agent` reached its complete state.
+  void engineCompleted(std::string const& agent, unsigned epoch);
   void violation(std::string text);
   void note(std::string text, bool logged);
 
@@ -122,6 +151,8 @@ class Observer {
   std::vector<std::unique_ptr<TableWatch>> tables_;
   std::vector<std::unique_ptr<EngineWatch>> engines_;
   std::vector<std::unique_ptr<ConditionWatch>> conditionWatches_;
+  std::vector<std::unique_ptr<RetryWatch>> retryWatches_;
+  Oracle oracle_;
   std::map<std::pair<std::string, unsigned>, Connection> connections_;
   std::vector<std::string> violations_;
   std::vector<std::string> log_;

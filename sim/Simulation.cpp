@@ -56,6 +56,7 @@ Result runSeed(std::uint64_t seed, unsigned steps, Avoid avoid, bool traced, His
       fail(step, std::string("exception: ") + ex.what());
       break;
     }
+    world.observer().stepEnded();
     if (step % 64 == 0) world.observer().prune();
     if (step % 16 == 0) {
       for (auto const& problem : world.browseRecords())

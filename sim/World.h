@@ -31,6 +31,7 @@
 #include "Qel/DynamicEntity.h"
 #include "Qel/EventLoop.h"
 #include "Qel/SimulatedClock.h"
+#include "sim/Expectation.h"
 #include "sim/Generator.h"
 #include "sim/History.h"
 #include "sim/Observer.h"
@@ -66,6 +67,9 @@ class World {
   std::vector<std::string> browseRecords() const;
   // What each agent was sent, "agent#epoch path?flags=letters type", for comparing runs.
   std::vector<std::string> requestsSent() const;
+  // The model of what connection `epoch` of `agent` must be sent (see Expectation); null when this
+  // world did not make that connection.
+  Expectation const* expectation(std::string const& agent, unsigned epoch) const;
 
  private:
   struct AgentState {
@@ -121,6 +125,14 @@ class World {
   std::map<std::string, ConditionPlan> conditions_;  // every condition ever given, by its text
   std::vector<AgentState> agents_;
   std::unique_ptr<Observer> observer_;
+
+  // The model of the connection `a` is about to make; returns the count of its close reasons.
+  std::size_t expect(AgentState const& a);
+  // Tells the observer how the connection `a` has just made came out.
+  void connected(AgentState const& a, std::size_t closeReasonsBefore);
+  // Profile `name` changed: the models of the agents connected under it see the new version.
+  void profileChanged(std::string const& name);
+  std::map<std::string, std::pair<unsigned, std::unique_ptr<Expectation>>> expected_;
 };
 
 }  // namespace Sim
