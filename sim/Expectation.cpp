@@ -293,6 +293,31 @@ void Expectation::derive() {
     prefixesOf(path, sources);
   for (auto const& [path, sources] : directories_)
     prefixesOf(path + "/*", sources);
+
+  // The occasions on which each path may be mounted: once per kept entry, once per child
+  // mounted below it, without bound for a directory mount's entries.
+  std::map<std::string, int> occasions;
+  for (auto const& version : versions_) {
+    for (auto const& g : version.groups) {
+      if (!kept(g)) continue;
+      for (auto const& m : mountsOf(g))
+        ++occasions[canonical(m.path)];
+    }
+  }
+  for (auto const& [path, sources] : nested_) {
+    for (std::string p = parentOf(path); belowRoot(p); p = parentOf(p))
+      ++occasions[p];
+  }
+  for (auto const& [path, sources] : directories_)
+    occasions[path] += 2;
+  conflictPossible_ = std::any_of(occasions.begin(), occasions.end(), [this](auto const& o) {
+    if (o.second < 2) return false;
+    if (prefixes_.count(o.first)) return true;
+    auto const it = nested_.find(o.first);
+    if (it == nested_.end()) return false;
+    return std::any_of(it->second.begin(), it->second.end(),
+                       [](Source const& s) { return has(s.flags, 'w') || has(s.flags, 'f'); });
+  });
 }
 
 Expectation::Sources Expectation::candidates(std::string const& path, bool exists) const {

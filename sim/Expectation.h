@@ -78,6 +78,10 @@ class Expectation {
   bool queuesConversion(std::string const& path, std::string const& letters,
                         std::string const& type, bool granted, std::string const& rootFlags,
                         bool exists) const;
+  // Whether the engine may mount some path twice with other flags, and so close the connection
+  // for an invalid mount profile: a path it may mount on two occasions (two groups, a group and
+  // a child, two children, entries of a directory mount), one of them with 'w'.
+  bool conflictPossible() const { return conflictPossible_; }
   // The paths a completed connection must have been sent, with why.
   std::map<std::string, std::string> const& required() const { return required_; }
 
@@ -104,6 +108,7 @@ class Expectation {
   std::map<std::string, Sources> prefixes_;     // mounted on the way to a deeper path
   std::map<std::string, Sources> directories_;  // directory mounts: how their entries are mounted
   std::map<std::string, std::string> required_;
+  bool conflictPossible_ = false;
 };
 
 }  // namespace Sim

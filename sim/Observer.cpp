@@ -76,6 +76,26 @@ class Observer::TableWatch : public Qel::MountTable::NotifieeConst {
   unsigned const epoch_;
 };
 
+// One connection: the reason the database closes it with.
+class Observer::CloseWatch : public Qel::NboAttrLog::Demuxer::NotifieeConst {
+ public:
+  CloseWatch(Observer& o, std::string agent, unsigned epoch)
+      : Qel::NboAttrLog::Demuxer::NotifieeConst(NotifieeBase::Reference::weak),
+        o_(o),
+        agent_(std::move(agent)),
+        epoch_(epoch) {}
+
+  void onCloseReason() override {
+    auto const d = notifier();
+    if (d && !d->closeReason().empty()) o_.closed(agent_, epoch_, d->closeReason());
+  }
+
+ private:
+  Observer& o_;
+  std::string const agent_;
+  unsigned const epoch_;
+};
+
 // The root manager's engines, as it creates them.
 class Observer::RootWatch : public Ledra::PassiveEntityManagerRootSm::NotifieeConst {
  public:
@@ -308,6 +328,8 @@ void Observer::connectionSeen(Qel::Name const& name) {
   connections_[{agent, d->epoch()}] = Connection{agent, d->epoch(), false, {}, {}};
   tables_.push_back(std::make_unique<TableWatch>(*this, agent, d->epoch()));
   tables_.back()->notifierIs(d->peer());
+  closeWatches_.push_back(std::make_unique<CloseWatch>(*this, agent, d->epoch()));
+  closeWatches_.back()->notifierIs(d);
 }
 
 void Observer::engineSeen(Qel::Name const& agent) {
@@ -410,6 +432,16 @@ void Observer::requestSeen(std::string const& agent, unsigned epoch, std::string
   }
 }
 
+void Observer::closed(std::string const& agent, unsigned epoch, std::string const& reason) {
+  Expectation const* model = oracle_.expectation ? oracle_.expectation(agent, epoch) : nullptr;
+  note(agent + "#" + std::to_string(epoch) + " closed: " + reason, false);
+  if (!model || reason != "Processed an invalid mount profile. " + agent) return;
+  if (model->conflictPossible()) return;
+  violation("close: " + agent + "#" + std::to_string(epoch) + " was closed with '" + reason +
+            "'; expected no such close: no path of profile " + model->profile() +
+            " may be mounted twice with other flags");
+}
+
 void Observer::engineCompleted(std::string const& agent, unsigned epoch) {
   Expectation const* model = oracle_.expectation ? oracle_.expectation(agent, epoch) : nullptr;
   if (!model) return;
@@ -479,6 +511,7 @@ void Observer::prune() {
   std::erase_if(engines_, [](auto const& e) { return !e->notifier(); });
   std::erase_if(conditionWatches_, [](auto const& w) { return w->done(); });
   std::erase_if(retryWatches_, [](auto const& w) { return w->done(); });
+  std::erase_if(closeWatches_, [](auto const& w) { return !w->notifier(); });
 }
 
 void Observer::violation(std::string text) {

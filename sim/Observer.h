@@ -11,7 +11,10 @@
 //     started;
 //   - on each engine's conditional groups: the result record of each, whose enabled flag turning
 //     true is the group being released to the engine (a group whose conditions all hold at once
-//     is found already released when its record joins the engine).
+//     is found already released when its record joins the engine);
+//   - on each connection, whose close reason is set when the database closes it;
+//   - on each conditional group's state machine, whose retry delay changes at each retry of a
+//     condition whose entity is missing.
 // What it sees goes into the run's History and, as trace-independent lines, into log(), which two
 // runs of one seed must produce identically.
 //
@@ -20,7 +23,27 @@
 //     every earlier request completed, and no mount is pending;
 //   - order: the groups of one engine leave the ready queue in ascending priority;
 //   - parent: a path is requested only after its parent path was requested on that connection;
-//   - entitlement: every requested path is one the agent's profile entitles it to (see World);
+//   - entitlement: every requested path is one the model of the connection (Expectation, made by
+//     the world from its own plans) allows: a path of a group the template conditions keep, a
+//     listed parent, a prefix on the way, an entry of a directory mount; without a model, one
+//     the agent's profile entitles it to at all (see World);
+//   - flags: every request carries exactly the flag bits and type the model gives one of the
+//     ways the path may be mounted, under the write grant and root flags of that moment;
+//   - close and profile: as a connection is made it is closed with exactly the reason the model
+//     expects (no profile, no template value) or served, and then by the profile the model
+//     resolves from the agent's name; later it is closed for an invalid mount profile only if
+//     the model finds a path the engine may mount twice with other flags;
+//   - completeness: when the engine reaches its complete state, every path the model requires
+//     (the root, every path of a kept group but directory mounts; for a profile changed while
+//     connected, those of every version it had) was sent on that connection;
+//   - conversion: when the engine completes, no path is left as last sent "C" by a mount that
+//     asked to write (such a mount is sent again with "w" once writes are granted);
+//   - retry: a condition waiting for its entity retries after 0.01 s, doubling each time up to
+//     the maximum of 5.0 s (one wait of 5.12 s, then 5.0 s), its timer armed for now plus the
+//     wait;
+//   - leftovers: a completed engine's retry timer is disarmed by the pass that completed it and
+//     stays so; a condition that waits for its entity holds no reactor (checked at each retry
+//     and after every step, stepEnded()).
 //   - condition: when a conditional group is released, each of its conditions holds now, read
 //     from the tree by the world (see Holds), not from the library. The group's conditions are
 //     taken one after the other, and one that held may turn false again while a later one is
@@ -106,12 +129,14 @@ class Observer {
   class EngineWatch;
   class ConditionWatch;
   class RetryWatch;
+  class CloseWatch;
   friend class DemuxerMgrWatch;
   friend class TableWatch;
   friend class RootWatch;
   friend class EngineWatch;
   friend class ConditionWatch;
   friend class RetryWatch;
+  friend class CloseWatch;
 
   struct Connection {
     std::string agent;
@@ -135,6 +160,8 @@ class Observer {
   // else against the world's entitlement (`label` empty: not entitled).
   void requestSeen(std::string const& agent, unsigned epoch, std::string const& path,
                    std::string const& letters, std::string const& type, std::string const& label);
+  // The database closed connection `epoch` of `agent` with `reason`.
+  void closed(std::string const& agent, unsigned epoch, std::string const& reason);
   // The engine of connection `epoch` of `agent` reached its complete state.
   void engineCompleted(std::string const& agent, unsigned epoch);
   void violation(std::string text);
@@ -152,6 +179,7 @@ class Observer {
   std::vector<std::unique_ptr<EngineWatch>> engines_;
   std::vector<std::unique_ptr<ConditionWatch>> conditionWatches_;
   std::vector<std::unique_ptr<RetryWatch>> retryWatches_;
+  std::vector<std::unique_ptr<CloseWatch>> closeWatches_;
   Oracle oracle_;
   std::map<std::pair<std::string, unsigned>, Connection> connections_;
   std::vector<std::string> violations_;
