@@ -487,7 +487,7 @@ void Observer::connectionMade(std::string const& agent, unsigned epoch, bool whi
             model->profile() + "'");
 }
 
-void Observer::stepEnded() {
+void Observer::checkLeftovers() {
   auto const root = rootWatch_ ? rootWatch_->notifier() : nullptr;
   if (!root) return;
   for (auto const& [agent, engine] : root->passiveEntityManagerSm()) {

@@ -42,8 +42,8 @@
 //     the maximum of 5.0 s (one wait of 5.12 s, then 5.0 s), its timer armed for now plus the
 //     wait;
 //   - leftovers: a completed engine's retry timer is disarmed by the pass that completed it and
-//     stays so; a condition that waits for its entity holds no reactor (checked at each retry
-//     and after every step, stepEnded()).
+//     stays so; a condition that waits for its entity holds no reactor (checked at each retry,
+//     and after every event and every step: checkLeftovers()).
 //   - condition: when a conditional group is released, each of its conditions holds now, read
 //     from the tree by the world (see Holds), not from the library. The group's conditions are
 //     taken one after the other, and one that held may turn false again while a later one is
@@ -119,8 +119,9 @@ class Observer {
   // it was being made. Checks them and the profile that serves it against the model.
   void connectionMade(std::string const& agent, unsigned epoch, bool whiteListed,
                       std::vector<std::string> const& closeReasons);
-  // After every step: nothing of a completed engine or a waiting condition is left armed.
-  void stepEnded();
+  // Nothing of a completed engine is left armed, and no condition that waits for its entity
+  // holds a reactor; called after every event and after every step.
+  void checkLeftovers();
 
  private:
   class DemuxerMgrWatch;
