@@ -111,6 +111,12 @@ Expectation::Expectation(std::string agent, ProfilePlan const* plan, int cellId,
   derive();
 }
 
+void Expectation::peerReadyDropped() {
+  if (peerReadyDropped_ || !closeReason_.empty()) return;
+  peerReadyDropped_ = true;
+  derive();
+}
+
 void Expectation::versionSeen(ProfilePlan const& plan) {
   if (!closeReason_.empty() || plan.name != profile_) return;
   versions_.push_back(plan);
@@ -243,7 +249,8 @@ void Expectation::derive() {
       for (auto const& m : mountsOf(g)) {
         std::string const path = canonical(m.path);
         nested_[path].insert({m.flags, m.type, "group " + g.name});
-        if (!has(m.flags, 'D')) required.emplace(path, "group " + g.name);
+        if (has(m.flags, 'D') || (peerReadyDropped_ && g.name == "peerReady")) continue;
+        required.emplace(path, "group " + g.name);
       }
     }
     if (first) required_ = required;

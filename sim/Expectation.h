@@ -20,8 +20,10 @@
 // A profile changed while the agent stays connected adds a version (versionSeen): the engine
 // queues the groups of the version of its first pass, which is one of them. The paths and flags
 // allowed are then those of any version (their union), the paths required those of every version
-// (their intersection); with a single version both are exact. Template values and the table of
-// mount paths stay those of the connection, as the engine's do; the root flags are read live.
+// (their intersection); with a single version both are exact. The switch to active drops the
+// "peerReady" group from the engine, whose paths are then no longer required. Template values and
+// the table of mount paths stay those of the connection, as the engine's do; the root flags are
+// read live.
 //
 // Pure computation; single-threaded.
 #pragma once
@@ -68,6 +70,9 @@ class Expectation {
   // Another version of the profile, seen while the agent stays connected.
   void versionSeen(ProfilePlan const& plan);
   std::size_t versions() const { return versions_.size(); }
+  // The process became active while the agent is connected: its engine drops the "peerReady"
+  // group, whose paths it may then never be sent.
+  void peerReadyDropped();
 
   // Whether the engine may send `path` at all.
   bool allowed(std::string const& path) const;
@@ -109,6 +114,7 @@ class Expectation {
   std::map<std::string, Sources> directories_;  // directory mounts: how their entries are mounted
   std::map<std::string, std::string> required_;
   bool conflictPossible_ = false;
+  bool peerReadyDropped_ = false;
 };
 
 }  // namespace Sim

@@ -451,9 +451,6 @@ void Observer::engineCompleted(std::string const& agent, unsigned epoch) {
     violation("conversion: " + who + " completed while " + path +
               " is mounted 'C' and was never converted to 'w'");
   }
-  // Completed by the switch to active, which drops the "peerReady" groups: the world's plans
-  // follow only after the switch.
-  if (dropping_) return;
   std::string const versions =
       model->versions() == 1 ? "" : " (" + std::to_string(model->versions()) + " profile versions)";
   for (auto const& [path, why] : model->required()) {

@@ -319,6 +319,7 @@ std::string World::apply(Event const& e) {
 void World::becomeActive(Ledra::EntityManager::Role role) {
   // Only a change of role is told; becoming active removes every "peerReady" group.
   bool const activated = role == Ledra::EntityManager::Role::active && !entMgr_->active();
+  if (activated) peerReadyDropped();
   observer_->droppingIs(true);
   entMgr_->localIs(role);
   observer_->droppingIs(false);
@@ -975,6 +976,14 @@ void World::profileChanged(std::string const& name) {
     if (it == expected_.end() || !a.agent->connected() || it->second.first != a.agent->epoch())
       continue;
     it->second.second->versionSeen(plan->second);
+  }
+}
+
+void World::peerReadyDropped() {
+  for (auto const& a : agents_) {
+    auto it = expected_.find(std::string(a.agent->agentName()));
+    if (it != expected_.end() && a.agent->connected() && it->second.first == a.agent->epoch())
+      it->second.second->peerReadyDropped();
   }
 }
 

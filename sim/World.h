@@ -132,6 +132,8 @@ class World {
   void connected(AgentState const& a, std::size_t closeReasonsBefore);
   // Profile `name` changed: the models of the agents connected under it see the new version.
   void profileChanged(std::string const& name);
+  // The process becomes active: the engines of connected agents drop their "peerReady" groups.
+  void peerReadyDropped();
   std::map<std::string, std::pair<unsigned, std::unique_ptr<Expectation>>> expected_;
 };
 
