@@ -259,21 +259,30 @@ void Expectation::derive() {
   }
   required_[kRoot] = "the root";
 
-  // A path whose parent is listed in the table mounts that parent first, with the listed flags.
+  // A path whose parent is listed in the table mounts that parent first, with the listed flags;
+  // so does an entry of a directory mount (written "<directory>/*").
   std::vector<std::string> work;
   for (auto const& [path, sources] : nested_)
     work.push_back(path);
   std::set<std::string> listedParents;
+  std::set<std::string> withEntries;
   while (!work.empty()) {
-    std::string const child = work.back();
-    work.pop_back();
-    std::string const parent = parentOf(child);
-    auto const listed = mountPaths_.find(parent);
-    if (!belowRoot(parent) || listed == mountPaths_.end()) continue;
-    if (!listedParents.insert(parent).second) continue;
-    for (auto const& s : listed->second)
-      nested_[parent].insert({s.flags, s.type, s.why + ", as parent of " + child});
-    work.push_back(parent);
+    while (!work.empty()) {
+      std::string const child = work.back();
+      work.pop_back();
+      std::string const parent = parentOf(child);
+      auto const listed = mountPaths_.find(parent);
+      if (!belowRoot(parent) || listed == mountPaths_.end()) continue;
+      if (!listedParents.insert(parent).second) continue;
+      for (auto const& s : listed->second)
+        nested_[parent].insert({s.flags, s.type, s.why + ", as parent of " + child});
+      work.push_back(parent);
+    }
+    for (auto const& [path, sources] : nested_) {
+      bool const directory = std::any_of(sources.begin(), sources.end(),
+                                         [](Source const& s) { return has(s.flags, 'D'); });
+      if (directory && withEntries.insert(path).second) work.push_back(path + "/*");
+    }
   }
 
   // A directory mount mounts its entries: those standing when its mounter starts read-only, the
@@ -352,22 +361,21 @@ std::string Expectation::request(std::string const& path, std::string const& sen
     if (sent == expected && type.empty()) return "";
     return expected + " (the root, flags '" + rootFlags + "')";
   }
-  Sources const sources = candidates(path, exists);
-  if (sources.empty()) {
-    std::string groups;
-    for (auto const& v : versions_) {
-      for (auto const& g : v.groups)
-        groups += std::string(groups.empty() ? "" : ",") + g.name + (kept(g) ? "" : "(skipped)");
-    }
-    return "no such path in profile " + profile_ + " (groups " + groups + ")";
+  std::string groups;
+  for (auto const& v : versions_) {
+    for (auto const& g : v.groups)
+      groups += std::string(groups.empty() ? "" : ",") + g.name + (kept(g) ? "" : "(skipped)");
+    groups += ";";
   }
+  Sources const sources = candidates(path, exists);
+  if (sources.empty()) return "no such path in profile " + profile_ + " (groups " + groups + ")";
   std::string expected;
   for (auto const& s : sources) {
     if (letters(s.flags, granted, rootFlags) == sent && (has(s.flags, 'c') ? s.type : "") == type)
       return "";
     expected += (expected.empty() ? "" : " or ") + describe(s, granted, rootFlags);
   }
-  return expected;
+  return expected + " (profile " + profile_ + ", groups " + groups + ")";
 }
 
 bool Expectation::queuesConversion(std::string const& path, std::string const& sent,
