@@ -361,20 +361,22 @@ std::string Expectation::request(std::string const& path, std::string const& sen
     if (sent == expected && type.empty()) return "";
     return expected + " (the root, flags '" + rootFlags + "')";
   }
+  Sources const sources = candidates(path, exists);
+  for (auto const& s : sources) {
+    if (letters(s.flags, granted, rootFlags) == sent && (has(s.flags, 'c') ? s.type : "") == type)
+      return "";
+  }
+  // The groups of each version, those the template conditions skip marked.
   std::string groups;
   for (auto const& v : versions_) {
     for (auto const& g : v.groups)
       groups += std::string(groups.empty() ? "" : ",") + g.name + (kept(g) ? "" : "(skipped)");
     groups += ";";
   }
-  Sources const sources = candidates(path, exists);
   if (sources.empty()) return "no such path in profile " + profile_ + " (groups " + groups + ")";
   std::string expected;
-  for (auto const& s : sources) {
-    if (letters(s.flags, granted, rootFlags) == sent && (has(s.flags, 'c') ? s.type : "") == type)
-      return "";
+  for (auto const& s : sources)
     expected += (expected.empty() ? "" : " or ") + describe(s, granted, rootFlags);
-  }
   return expected + " (profile " + profile_ + ", groups " + groups + ")";
 }
 

@@ -417,15 +417,17 @@ void Observer::requestSeen(std::string const& agent, unsigned epoch, std::string
   std::string const rootFlags = oracle_.rootFlags(model->profile());
   bool const exists = oracle_.exists(path);
   std::string const sent = path + "?flags=" + letters + (type.empty() ? "" : " type " + type);
-  if (!model->allowed(path)) {
-    violation("entitlement: " + who + " was sent " + sent + "; expected " +
-              model->request(path, letters, type, granted, rootFlags, exists));
-  } else if (auto const wrong = model->request(path, letters, type, granted, rootFlags, exists);
-             !wrong.empty()) {
-    violation("flags: " + who + " was sent " + sent + " (write mounts " +
-              (granted ? "granted" : "not granted") + "); expected " + wrong);
+  if (auto const wrong = model->request(path, letters, type, granted, rootFlags, exists);
+      !wrong.empty()) {
+    if (!model->allowed(path)) {
+      violation("entitlement: " + who + " was sent " + sent + "; expected " + wrong);
+    } else {
+      violation("flags: " + who + " was sent " + sent + " (write mounts " +
+                (granted ? "granted" : "not granted") + "); expected " + wrong);
+    }
   }
-  if (model->queuesConversion(path, letters, type, granted, rootFlags, exists)) {
+  if (letters.starts_with('C') &&
+      model->queuesConversion(path, letters, type, granted, rootFlags, exists)) {
     c.toConvert.insert(path);
   } else if (!letters.empty() && letters[0] == 'w') {
     c.toConvert.erase(path);

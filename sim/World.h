@@ -12,7 +12,9 @@
 // The world also knows, independently of the library, which paths each agent is entitled to
 // (entitlement()), and how to bring every agent to the end of its work (settle()): answers
 // released, failures lifted, every directory a directory mount waits for created, every
-// condition made true, writes granted and the process active.
+// condition made true, writes granted and the process active. For every connection it makes it
+// builds the model of what that connection must be sent (Expectation, expectation()), told of
+// every later version of the profile and of the switch to active while the agent stays connected.
 //
 // Construction takes the process configuration, clock, event loop and global tree entries for
 // itself; destruction gives them all back. One World at a time. Single-threaded.
