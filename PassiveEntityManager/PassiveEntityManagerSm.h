@@ -178,6 +178,8 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   void stateIs(State s);
   bool mountsInProgress() const { return mountsInProgress_; }
   void mountsInProgressIs(bool v);
+  // When the retry timer fires next; Qel::kNever when it is not armed.
+  Qel::Time retryTime() const;
 
   // Mounts deferred until their parent (or their blocking directory mounter) is ready.
   PendingMountProfileCol const& pendingMountProfile() const { return pendingMountProfile_; }

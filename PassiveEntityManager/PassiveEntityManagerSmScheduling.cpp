@@ -170,6 +170,10 @@ void PassiveEntityManagerSm::armRetryTimer() {
   qelTimerWheel_->timeMinIs(qelTimerWheel_->notifier()->clock()->now());
 }
 
+Qel::Time PassiveEntityManagerSm::retryTime() const {
+  return qelTimerWheel_ ? qelTimerWheel_->timeMin() : Qel::kNever;
+}
+
 void PassiveEntityManagerSm::completionTest() {
   if (!readyMountGroup_.empty() || !conditionalMountGroup_.empty() ||
       !pendingMountProfile_.empty() || !passiveDirMounterCol_.empty() ||

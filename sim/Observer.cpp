@@ -1,7 +1,9 @@
 #include "sim/Observer.h"
 
 #include <algorithm>
+#include <cmath>
 
+#include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 #include "sim/Plans.h"
@@ -45,7 +47,7 @@ class Observer::TableWatch : public Qel::MountTable::NotifieeConst {
                 (label.empty() ? "NOT ENTITLED" : label) +
                 "] unanswered before: " + std::to_string(unanswered),
             true);
-    if (label.empty()) o_.violation("entitlement: " + who() + " was sent " + path);
+    o_.requestSeen(agent_, epoch_, path, conf.flags().text(), conf.type(), label);
     if (path == kRoot) return;
     std::string const parent = path.substr(0, path.rfind('/'));
     if (table->conf(parent).empty()) {
@@ -67,6 +69,26 @@ class Observer::TableWatch : public Qel::MountTable::NotifieeConst {
   }
 
   std::string who() const { return agent_ + "#" + std::to_string(epoch_); }
+
+ private:
+  Observer& o_;
+  std::string const agent_;
+  unsigned const epoch_;
+};
+
+// One connection: the reason the database closes it with.
+class Observer::CloseWatch : public Qel::NboAttrLog::Demuxer::NotifieeConst {
+ public:
+  CloseWatch(Observer& o, std::string agent, unsigned epoch)
+      : Qel::NboAttrLog::Demuxer::NotifieeConst(NotifieeBase::Reference::weak),
+        o_(o),
+        agent_(std::move(agent)),
+        epoch_(epoch) {}
+
+  void onCloseReason() override {
+    auto const d = notifier();
+    if (d && !d->closeReason().empty()) o_.closed(agent_, epoch_, d->closeReason());
+  }
 
  private:
   Observer& o_;
@@ -127,6 +149,19 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
     auto const engine = notifier();
     if (!engine) return;
     o_.note(agent_ + " engine state " + std::to_string(engine->state()), false);
+    if (engine->state() != Ledra::PassiveEntityManagerSm::mountComplete || completed_) return;
+    completed_ = true;
+    if (auto const d = engine->demuxer()) o_.engineCompleted(agent_, d->epoch());
+  }
+
+  // The pass that completed the engine has ended: its retry timer must have been disarmed.
+  void onMountsInProgress() override {
+    auto const engine = notifier();
+    if (!engine || engine->mountsInProgress() || !completed_ || disarmChecked_) return;
+    disarmChecked_ = true;
+    if (engine->retryTime() == Qel::kNever) return;
+    o_.violation("leftover: " + agent_ + " completed with its retry timer armed for " +
+                 std::to_string(engine->retryTime()));
   }
 
  private:
@@ -164,6 +199,8 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
   std::vector<Key> queue_;
   std::vector<std::string> names_;
   Qel::U32 lastPriority_ = 0;
+  bool completed_ = false;
+  bool disarmChecked_ = false;
 };
 
 // One conditional group of one engine, from the moment its record joins the engine: its result
@@ -216,6 +253,54 @@ class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
   bool released_ = false;
 };
 
+// The retry of one conditional group's state machine while the entity of a condition is missing:
+// each retry arms the timer with the present delay and doubles it, up to the maximum, after
+// which every retry waits the maximum (0.01, 0.02, ..., 2.56, 5.12, then 5.0 s). A state machine
+// that waits for an entity holds no reactor of an earlier condition.
+class Observer::RetryWatch : public Ledra::ConditionalMountGroupSm::NotifieeConst {
+ public:
+  static constexpr double kMaxDelay = 5.0;
+
+  RetryWatch(Observer& o, std::string agent, std::string group, double delay)
+      : Ledra::ConditionalMountGroupSm::NotifieeConst(NotifieeBase::Reference::weak),
+        o_(o),
+        agent_(std::move(agent)),
+        group_(std::move(group)),
+        delay_(delay) {}
+
+  void onRetryDelay() override {
+    auto const sm = notifier();
+    if (!sm) return;
+    double const armed = delay_;
+    delay_ = sm->retryDelay();
+    std::string const who =
+        agent_ + " group " + group_ + " retrying '" + sm->retryCondition() + "'";
+    double const next = armed >= kMaxDelay ? kMaxDelay : armed * 2;
+    if (std::abs(delay_ - next) > 1e-9) {
+      o_.violation("retry: " + who + " after a wait of " + std::to_string(armed) +
+                   " s set the next wait to " + std::to_string(delay_) + " s; expected " +
+                   std::to_string(next) + " s");
+    }
+    auto const wheel = sm->timerWheel();
+    double const now = wheel ? wheel->clock()->now() : 0;
+    if (wheel && std::abs(sm->retryTime() - (now + armed)) > 1e-9) {
+      o_.violation("retry: " + who + " armed its timer for " + std::to_string(sm->retryTime()) +
+                   " at " + std::to_string(now) + "; expected " + std::to_string(now + armed));
+    }
+    if (sm->conditionalReactor()) {
+      o_.violation("leftover: " + who + " waits for its entity while a reactor is still set");
+    }
+  }
+
+  bool done() const { return !notifier(); }
+
+ private:
+  Observer& o_;
+  std::string const agent_;
+  std::string const group_;
+  double delay_;
+};
+
 Observer::Observer(History& history, Entitlement entitlement, Holds holds)
     : history_(history), entitlement_(std::move(entitlement)), holds_(std::move(holds)) {
   demuxerMgrWatch_ = std::make_unique<DemuxerMgrWatch>(*this);
@@ -240,9 +325,11 @@ void Observer::connectionSeen(Qel::Name const& name) {
     if (t->notifier().ptr() == d->peer().ptr()) return;
   }
   std::string const agent(name);
-  connections_[{agent, d->epoch()}] = Connection{agent, d->epoch(), false};
+  connections_[{agent, d->epoch()}] = Connection{agent, d->epoch(), false, {}, {}};
   tables_.push_back(std::make_unique<TableWatch>(*this, agent, d->epoch()));
   tables_.back()->notifierIs(d->peer());
+  closeWatches_.push_back(std::make_unique<CloseWatch>(*this, agent, d->epoch()));
+  closeWatches_.back()->notifierIs(d);
 }
 
 void Observer::engineSeen(Qel::Name const& agent) {
@@ -270,6 +357,11 @@ void Observer::conditionalGroupSeen(
       conditions.push_back(entry.value);
     groupReleased(agent, std::string(group->name()), conditions, {});
     return;
+  }
+  if (auto const& sm = record.conditionalMountGroupSm()) {
+    retryWatches_.push_back(
+        std::make_unique<RetryWatch>(*this, agent, std::string(group->name()), sm->retryDelay()));
+    retryWatches_.back()->notifierIs(sm);
   }
   auto const res = record.conditionRes();
   if (!res) return;
@@ -310,10 +402,115 @@ bool Observer::failedAnswer(std::string const& agent, unsigned epoch) const {
   return it != connections_.end() && it->second.failed;
 }
 
+void Observer::requestSeen(std::string const& agent, unsigned epoch, std::string const& path,
+                           std::string const& letters, std::string const& type,
+                           std::string const& label) {
+  Connection& c = connections_[{agent, epoch}];
+  c.sent.insert(path);
+  std::string const who = agent + "#" + std::to_string(epoch);
+  Expectation const* model = oracle_.expectation ? oracle_.expectation(agent, epoch) : nullptr;
+  if (!model) {
+    if (label.empty()) violation("entitlement: " + who + " was sent " + path);
+    return;
+  }
+  bool const granted = oracle_.writesGranted();
+  std::string const rootFlags = oracle_.rootFlags(model->profile());
+  bool const exists = oracle_.exists(path);
+  std::string const sent = path + "?flags=" + letters + (type.empty() ? "" : " type " + type);
+  if (auto const wrong = model->request(path, letters, type, granted, rootFlags, exists);
+      !wrong.empty()) {
+    if (!model->allowed(path)) {
+      violation("entitlement: " + who + " was sent " + sent + "; expected " + wrong);
+    } else {
+      violation("flags: " + who + " was sent " + sent + " (write mounts " +
+                (granted ? "granted" : "not granted") + "); expected " + wrong);
+    }
+  }
+  if (letters.starts_with('C') &&
+      model->queuesConversion(path, letters, type, granted, rootFlags, exists)) {
+    c.toConvert.insert(path);
+  } else if (!letters.empty() && letters[0] == 'w') {
+    c.toConvert.erase(path);
+  }
+}
+
+void Observer::closed(std::string const& agent, unsigned epoch, std::string const& reason) {
+  Expectation const* model = oracle_.expectation ? oracle_.expectation(agent, epoch) : nullptr;
+  note(agent + "#" + std::to_string(epoch) + " closed: " + reason, false);
+  if (!model || reason != "Processed an invalid mount profile. " + agent) return;
+  if (model->conflictPossible()) return;
+  violation("close: " + agent + "#" + std::to_string(epoch) + " was closed with '" + reason +
+            "'; expected no such close: no path of profile " + model->profile() +
+            " may be mounted twice with other flags");
+}
+
+void Observer::engineCompleted(std::string const& agent, unsigned epoch) {
+  Expectation const* model = oracle_.expectation ? oracle_.expectation(agent, epoch) : nullptr;
+  if (!model) return;
+  Connection& c = connections_[{agent, epoch}];
+  std::string const who = agent + "#" + std::to_string(epoch);
+  for (auto const& path : c.toConvert) {
+    violation("conversion: " + who + " completed while " + path +
+              " is mounted 'C' and was never converted to 'w'");
+  }
+  std::string const versions =
+      model->versions() == 1 ? "" : " (" + std::to_string(model->versions()) + " profile versions)";
+  for (auto const& [path, why] : model->required()) {
+    if (c.sent.count(path)) continue;
+    violation("completeness: " + who + " completed" + versions + " without being sent " + path +
+              "; expected it for " + why + " of profile " + model->profile());
+  }
+}
+
+void Observer::connectionMade(std::string const& agent, unsigned epoch, bool whiteListed,
+                              std::vector<std::string> const& closeReasons) {
+  Expectation const* model = oracle_.expectation ? oracle_.expectation(agent, epoch) : nullptr;
+  if (!model || whiteListed) return;
+  std::string const who = agent + "#" + std::to_string(epoch);
+  std::string const& expected = model->closeReason();
+  std::string const actual = closeReasons.empty() ? "" : closeReasons.front();
+  if (actual != expected) {
+    violation("close: " + who +
+              (actual.empty() ? " was served" : " was closed with '" + actual + "'") +
+              " as it connected; expected " +
+              (expected.empty() ? "it served by profile " + model->profile()
+                                : "it closed with '" + expected + "'"));
+    return;
+  }
+  if (!expected.empty() || !rootWatch_ || !rootWatch_->notifier()) return;
+  auto const engine = rootWatch_->notifier()->passiveEntityManagerSm(Qel::Name(agent));
+  std::string const served =
+      engine && engine->agentProfile() ? std::string(engine->agentProfile()->name()) : "";
+  if (served == model->profile()) return;
+  violation("profile: " + who + " is served by profile '" + served + "'; expected '" +
+            model->profile() + "'");
+}
+
+void Observer::checkLeftovers() {
+  auto const root = rootWatch_ ? rootWatch_->notifier() : nullptr;
+  if (!root) return;
+  for (auto const& [agent, engine] : root->passiveEntityManagerSm()) {
+    if (!engine) continue;
+    if (engine->state() == Ledra::PassiveEntityManagerSm::mountComplete &&
+        engine->retryTime() != Qel::kNever) {
+      violation("leftover: " + std::string(agent) + " is complete with its retry timer armed for " +
+                std::to_string(engine->retryTime()));
+    }
+    for (auto const& [group, record] : engine->conditionalMountGroup()) {
+      auto const sm = record ? record->conditionalMountGroupSm() : nullptr;
+      if (!sm || sm->retryTime() == Qel::kNever || !sm->conditionalReactor()) continue;
+      violation("leftover: " + std::string(agent) + " group " + std::string(group) +
+                " waits to retry '" + sm->retryCondition() + "' while a reactor is still set");
+    }
+  }
+}
+
 void Observer::prune() {
   std::erase_if(tables_, [](auto const& t) { return !t->notifier(); });
   std::erase_if(engines_, [](auto const& e) { return !e->notifier(); });
   std::erase_if(conditionWatches_, [](auto const& w) { return w->done(); });
+  std::erase_if(retryWatches_, [](auto const& w) { return w->done(); });
+  std::erase_if(closeWatches_, [](auto const& w) { return !w->notifier(); });
 }
 
 void Observer::violation(std::string text) {

@@ -11,7 +11,10 @@
 //     started;
 //   - on each engine's conditional groups: the result record of each, whose enabled flag turning
 //     true is the group being released to the engine (a group whose conditions all hold at once
-//     is found already released when its record joins the engine).
+//     is found already released when its record joins the engine);
+//   - on each connection, whose close reason is set when the database closes it;
+//   - on each conditional group's state machine, whose retry delay changes at each retry of a
+//     condition whose entity is missing.
 // What it sees goes into the run's History and, as trace-independent lines, into log(), which two
 // runs of one seed must produce identically.
 //
@@ -20,7 +23,27 @@
 //     every earlier request completed, and no mount is pending;
 //   - order: the groups of one engine leave the ready queue in ascending priority;
 //   - parent: a path is requested only after its parent path was requested on that connection;
-//   - entitlement: every requested path is one the agent's profile entitles it to (see World);
+//   - entitlement: every requested path is one the model of the connection (Expectation, made by
+//     the world from its own plans) allows: a path of a group the template conditions keep, a
+//     listed parent, a prefix on the way, an entry of a directory mount; without a model, one
+//     the agent's profile entitles it to at all (see World);
+//   - flags: every request carries exactly the flag bits and type the model gives one of the
+//     ways the path may be mounted, under the write grant and root flags of that moment;
+//   - close and profile: as a connection is made it is closed with exactly the reason the model
+//     expects (no profile, no template value) or served, and then by the profile the model
+//     resolves from the agent's name; later it is closed for an invalid mount profile only if
+//     the model finds a path the engine may mount twice with other flags;
+//   - completeness: when the engine reaches its complete state, every path the model requires
+//     (the root, every path of a kept group but directory mounts; for a profile changed while
+//     connected, those of every version it had) was sent on that connection;
+//   - conversion: when the engine completes, no path is left as last sent "C" by a mount that
+//     asked to write (such a mount is sent again with "w" once writes are granted);
+//   - retry: a condition waiting for its entity retries after 0.01 s, doubling each time up to
+//     the maximum of 5.0 s (one wait of 5.12 s, then 5.0 s), its timer armed for now plus the
+//     wait;
+//   - leftovers: a completed engine's retry timer is disarmed by the pass that completed it and
+//     stays so; a condition that waits for its entity holds no reactor (checked at each retry,
+//     and after every event and every step: checkLeftovers()).
 //   - condition: when a conditional group is released, each of its conditions holds now, read
 //     from the tree by the world (see Holds), not from the library. The group's conditions are
 //     taken one after the other, and one that held may turn false again while a later one is
@@ -42,6 +65,7 @@
 #include "Ledra/LoopbackAgent.h"
 #include "PassiveEntityManager/PassiveEntityManagerRootSm.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "sim/Expectation.h"
 #include "sim/History.h"
 
 namespace Sim {
@@ -53,6 +77,16 @@ class Observer {
   using Entitlement = std::function<std::string(std::string const& agent, std::string const& path)>;
   // Whether a condition of a profile holds in the tree now, evaluated by the world.
   using Holds = std::function<bool(std::string const& condition)>;
+  // What the world knows, beside the library, about what each connection must be sent.
+  struct Oracle {
+    // The model of connection `epoch` of `agent`; null when there is none.
+    std::function<Expectation const*(std::string const& agent, unsigned epoch)> expectation;
+    std::function<bool()> writesGranted;
+    // The root flags of a profile now.
+    std::function<std::string(std::string const& profile)> rootFlags;
+    // Whether an entity stands at a path now.
+    std::function<bool(std::string const& path)> exists;
+  };
 
   Observer(History& history, Entitlement entitlement, Holds holds);
   ~Observer();
@@ -80,22 +114,37 @@ class Observer {
   // Forgets the watches of objects that have died.
   void prune();
 
+  void oracleIs(Oracle oracle) { oracle_ = std::move(oracle); }
+  // The connection `epoch` of `agent` was made: `closeReasons` are those it was closed with while
+  // it was being made. Checks them and the profile that serves it against the model.
+  void connectionMade(std::string const& agent, unsigned epoch, bool whiteListed,
+                      std::vector<std::string> const& closeReasons);
+  // Nothing of a completed engine is left armed, and no condition that waits for its entity
+  // holds a reactor; called after every event and after every step.
+  void checkLeftovers();
+
  private:
   class DemuxerMgrWatch;
   class TableWatch;
   class RootWatch;
   class EngineWatch;
   class ConditionWatch;
+  class RetryWatch;
+  class CloseWatch;
   friend class DemuxerMgrWatch;
   friend class TableWatch;
   friend class RootWatch;
   friend class EngineWatch;
   friend class ConditionWatch;
+  friend class RetryWatch;
+  friend class CloseWatch;
 
   struct Connection {
     std::string agent;
     unsigned epoch = 0;
     bool failed = false;
+    std::set<std::string> sent;       // every path requested
+    std::set<std::string> toConvert;  // paths last requested "C" with a conversion queued
   };
 
   void connectionSeen(Qel::Name const& name);
@@ -108,6 +157,14 @@ class Observer {
   void groupReleased(std::string const& agent, std::string const& group,
                      std::vector<std::string> const& conditions,
                      std::set<std::string> const& sinceHeld);
+  // A mount request of `path` on a connection: checked against the model, when there is one,
+  // else against the world's entitlement (`label` empty: not entitled).
+  void requestSeen(std::string const& agent, unsigned epoch, std::string const& path,
+                   std::string const& letters, std::string const& type, std::string const& label);
+  // The database closed connection `epoch` of `agent` with `reason`.
+  void closed(std::string const& agent, unsigned epoch, std::string const& reason);
+  // The engine of connection `epoch` of `agent` reached its complete state.
+  void engineCompleted(std::string const& agent, unsigned epoch);
   void violation(std::string text);
   void note(std::string text, bool logged);
 
@@ -122,6 +179,9 @@ class Observer {
   std::vector<std::unique_ptr<TableWatch>> tables_;
   std::vector<std::unique_ptr<EngineWatch>> engines_;
   std::vector<std::unique_ptr<ConditionWatch>> conditionWatches_;
+  std::vector<std::unique_ptr<RetryWatch>> retryWatches_;
+  std::vector<std::unique_ptr<CloseWatch>> closeWatches_;
+  Oracle oracle_;
   std::map<std::pair<std::string, unsigned>, Connection> connections_;
   std::vector<std::string> violations_;
   std::vector<std::string> log_;

@@ -51,11 +51,14 @@ Result runSeed(std::uint64_t seed, unsigned steps, Avoid avoid, bool traced, His
     try {
       std::string const what = world.apply(e);
       history.add(step, world.now(), std::string(kindName(e.kind)) + ": " + what);
+      // Leftovers are looked for before the loop runs on, as an armed timer may fire, and after.
+      world.observer().checkLeftovers();
       world.run(e.dt);
     } catch (std::exception const& ex) {
       fail(step, std::string("exception: ") + ex.what());
       break;
     }
+    world.observer().checkLeftovers();
     if (step % 64 == 0) world.observer().prune();
     if (step % 16 == 0) {
       for (auto const& problem : world.browseRecords())

@@ -255,6 +255,14 @@ World::World(Generator& generator, Avoid avoid, bool traced, History& history)
     a.agent = LoopbackAgent::loopbackAgentNew(loop_, name, name);
     agents_.push_back(std::move(a));
   }
+  observer_->oracleIs(
+      {[this](std::string const& agent, unsigned epoch) { return expectation(agent, epoch); },
+       [this] { return entMgr_ && entMgr_->writeMountsGranted(); },
+       [this](std::string const& profile) {
+         auto it = plans_.find(profile);
+         return it == plans_.end() ? std::string() : it->second.rootFlags;
+       },
+       [](std::string const& path) { return bool(Qel::globalDir()->entity(path)); }});
 }
 
 World::~World() {
@@ -426,12 +434,15 @@ std::string World::apply(Event const& e) {
 void World::becomeActive(Ledra::EntityManager::Role role) {
   // Only a change of role is told; becoming active removes every "peerReady" group.
   bool const activated = role == Ledra::EntityManager::Role::active && !entMgr_->active();
+  if (activated) peerReadyDropped();
   observer_->droppingIs(true);
   entMgr_->localIs(role);
   observer_->droppingIs(false);
   if (!activated) return;
-  for (auto& [name, plan] : plans_)
-    std::erase_if(plan.groups, [](GroupPlan const& g) { return g.name == "peerReady"; });
+  for (auto& [name, plan] : plans_) {
+    if (std::erase_if(plan.groups, [](GroupPlan const& g) { return g.name == "peerReady"; }))
+      profileChanged(name);
+  }
   if (!avoid_.allSkipped) return;
   auto const plans = plans_;
   for (auto const& [name, plan] : plans)
@@ -484,7 +495,9 @@ std::string World::connect(AgentState& a, Event const& e) {
     }
   }
   entitle(a);
+  std::size_t const closes = expect(a);
   a.agent->connect();
+  connected(a, closes);
   return "connect " + name + " (profile " + (a.profile.empty() ? "none" : a.profile) + ", " +
          std::to_string(a.agent->answerTurns()) + " turns, delay " +
          std::to_string(a.agent->answerDelay()) + (a.agent->holdAnswers() ? ", holding" : "") +
@@ -674,7 +687,8 @@ void World::applyProfile(ProfilePlan const& given) {
   for (auto const& gs : plan.groups) {
     std::optional<Qel::LinkQueueMetadata> numbering;
     if (auto const old = p->mountGroup(Qel::Name(gs.name))) {
-      if (unchanged(gs)) continue;
+      // Stated again, as a reload states every group: an unchanged group keeps its object.
+      if (unchanged(gs) && p->mountGroupIs(Qel::Name(gs.name), gs.priority)) continue;
       // The replacement goes on numbering its conditions where the group it replaces stopped.
       numbering = old->conditionColMetadata();
       p->mountGroupDel(Qel::Name(gs.name));
@@ -684,6 +698,7 @@ void World::applyProfile(ProfilePlan const& given) {
     fillGroup(*g, gs, byName);
   }
   plans_[plan.name] = plan;
+  profileChanged(plan.name);
 }
 
 void World::applyProfileByName(Ledra::PassiveAgentProfile& p, ProfilePlan const& plan,
@@ -1803,6 +1818,54 @@ std::vector<std::string> World::browseRecords() const {
     }
   }
   return problems;
+}
+
+// --- the model of each connection
+
+std::size_t World::expect(AgentState const& a) {
+  std::string const name(a.agent->agentName());
+  std::string const profile = Expectation::profileFor(name, plans_);
+  auto isDir = [](std::string const& path) {
+    return dynamic_cast<Qel::Dir const*>(Qel::globalDir()->entity(path).ptr()) != nullptr;
+  };
+  expected_[name] = {
+      a.agent->epoch() + 1,
+      std::make_unique<Expectation>(name, profile.empty() ? nullptr : &plans_.at(profile),
+                                    Cell::cellId(), isDir)};
+  return a.agent->closeReasons().size();
+}
+
+void World::connected(AgentState const& a, std::size_t closeReasonsBefore) {
+  auto const& reasons = a.agent->closeReasons();
+  std::vector<std::string> const closed(reasons.begin() + static_cast<long>(closeReasonsBefore),
+                                        reasons.end());
+  observer_->connectionMade(std::string(a.agent->agentName()), a.agent->epoch(),
+                            a.agent->whiteList(), closed);
+}
+
+void World::profileChanged(std::string const& name) {
+  auto const plan = plans_.find(name);
+  if (plan == plans_.end()) return;
+  for (auto const& a : agents_) {
+    auto it = expected_.find(std::string(a.agent->agentName()));
+    if (it == expected_.end() || !a.agent->connected() || it->second.first != a.agent->epoch())
+      continue;
+    it->second.second->versionSeen(plan->second);
+  }
+}
+
+void World::peerReadyDropped() {
+  for (auto const& a : agents_) {
+    auto it = expected_.find(std::string(a.agent->agentName()));
+    if (it != expected_.end() && a.agent->connected() && it->second.first == a.agent->epoch())
+      it->second.second->peerReadyDropped();
+  }
+}
+
+Expectation const* World::expectation(std::string const& agent, unsigned epoch) const {
+  auto it = expected_.find(agent);
+  if (it == expected_.end() || it->second.first != epoch) return nullptr;
+  return it->second.second.get();
 }
 
 }  // namespace Sim

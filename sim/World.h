@@ -21,7 +21,9 @@
 // The world also knows, independently of the library, which paths each agent is entitled to
 // (entitlement()), and how to bring every agent to the end of its work (settle()): answers
 // released, failures lifted, every directory a directory mount waits for created, every
-// condition made true, writes granted and the process active.
+// condition made true, writes granted and the process active. For every connection it makes it
+// builds the model of what that connection must be sent (Expectation, expectation()), told of
+// every later version of the profile and of the switch to active while the agent stays connected.
 //
 // Construction takes the process configuration, clock, event loop and global tree entries for
 // itself; destruction gives them all back. One World at a time. Single-threaded.
@@ -40,6 +42,7 @@
 #include "Qel/DynamicEntity.h"
 #include "Qel/EventLoop.h"
 #include "Qel/SimulatedClock.h"
+#include "sim/Expectation.h"
 #include "sim/Generator.h"
 #include "sim/History.h"
 #include "sim/Observer.h"
@@ -75,6 +78,9 @@ class World {
   std::vector<std::string> browseRecords() const;
   // What each agent was sent, "agent#epoch path?flags=letters type", for comparing runs.
   std::vector<std::string> requestsSent() const;
+  // The model of what connection `epoch` of `agent` must be sent (see Expectation); null when this
+  // world did not make that connection.
+  Expectation const* expectation(std::string const& agent, unsigned epoch) const;
 
  private:
   struct AgentState {
@@ -177,6 +183,16 @@ class World {
   std::map<std::string, ConditionPlan> conditions_;  // every condition ever given, by its text
   std::vector<AgentState> agents_;
   std::unique_ptr<Observer> observer_;
+
+  // The model of the connection `a` is about to make; returns the count of its close reasons.
+  std::size_t expect(AgentState const& a);
+  // Tells the observer how the connection `a` has just made came out.
+  void connected(AgentState const& a, std::size_t closeReasonsBefore);
+  // Profile `name` changed: the models of the agents connected under it see the new version.
+  void profileChanged(std::string const& name);
+  // The process becomes active: the engines of connected agents drop their "peerReady" groups.
+  void peerReadyDropped();
+  std::map<std::string, std::pair<unsigned, std::unique_ptr<Expectation>>> expected_;
 };
 
 }  // namespace Sim

@@ -307,6 +307,24 @@ TEST_F(EngineTest, MountWaitingForItsParentHoldsLaterGroupsAndRetriesEachTick) {
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
 }
 
+TEST_F(EngineTest, RetryTimerIsArmedWhileAMountWaitsAndDisarmedByTheCompletingPass) {
+  group("parent", 1, "p");
+  group("child", 2, "p/q");
+  MountTable::PathState notSynced;
+  notSynced.mountedIs(true).completeIs(true).mountPointIs(true);
+  agent->pathStateOnAnswerIs("/ledra/Ledra/p", notSynced);
+  startEngine();
+  run();
+  ASSERT_TRUE(engine->pendingMountProfile("/ledra/Ledra/p/q"));
+  EXPECT_LE(engine->retryTime(), clock->now() + 0.001);
+  // A pass run before the next tick makes the waiting mount and completes: the timer it leaves
+  // armed is disarmed by the completion.
+  agent->pathStateIs("/ledra/Ledra/p", MountTable::PathState(notSynced).synchronisedIs(true));
+  engine->doInitiateMounts();
+  ASSERT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
+  EXPECT_EQ(engine->retryTime(), Qel::kNever);
+}
+
 TEST_F(EngineTest, WriteMountsAreConvertedOnceWritingIsGranted) {
   group("g", 1, "w", "w");
   startEngine();
