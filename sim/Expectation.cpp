@@ -118,7 +118,7 @@ void Expectation::peerReadyDropped() {
 }
 
 void Expectation::versionSeen(ProfilePlan const& plan) {
-  if (!closeReason_.empty() || plan.name != profile_) return;
+  if (!closeReason_.empty() || plan.name != profile_ || plan == versions_.back()) return;
   versions_.push_back(plan);
   derive();
 }

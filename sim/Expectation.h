@@ -17,12 +17,13 @@
 //     the type only for a creating mount;
 //   - which paths a completed connection must have been sent: the root and every path of a kept
 //     group that is not a directory mount.
-// A profile changed while the agent stays connected adds a version (versionSeen): the engine
-// queues the groups of the version of its first pass, which is one of them. The paths and flags
-// allowed are then those of any version (their union), the paths required those of every version
-// (their intersection); with a single version both are exact. The switch to active drops the
-// "peerReady" group from the engine, whose paths are then no longer required. Template values and
-// the table of mount paths stay those of the connection, as the engine's do; the root flags are
+// A profile changed while the agent stays connected adds a version (versionSeen), whether it was
+// reloaded or one of its groups edited in place: the engine queues the groups of the version of
+// its first pass, which is one of them, and reads a group's entries when it serves it. The paths
+// and flags allowed are then those of any version (their union), the paths required those of every
+// version (their intersection); with a single version both are exact. The switch to active drops
+// the "peerReady" group from the engine, whose paths are then no longer required. Template values
+// and the table of mount paths stay those of the connection, as the engine's do; the root flags are
 // read live.
 //
 // Pure computation; single-threaded.

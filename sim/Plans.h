@@ -56,6 +56,7 @@ struct ProfilePlan {
   std::map<unsigned, std::string> templateKeys;
   std::map<std::string, std::string> aliases;
   std::vector<GroupPlan> groups;
+  bool operator==(ProfilePlan const&) const = default;
 };
 
 }  // namespace Sim

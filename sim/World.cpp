@@ -405,6 +405,7 @@ std::string World::apply(Event const& e) {
       g->conditionColEnq(e.newCondition.text());
       conditions_[e.newCondition.text()] = e.newCondition;
       gs.conditions.push_back(e.newCondition);
+      profileChanged(profileName);
       return "edit group " + gs.name + " of " + profileName + " in place: add condition " +
              e.newCondition.text();
     }
@@ -1099,6 +1100,14 @@ void World::recordSetTrue(ConditionPlan const& c) {
 // --- control actions
 
 std::string World::control(Event const& e) {
+  std::string const done = controlAction(e);
+  // An edit in place changes a plan without a reload: every connection sees the new version.
+  for (auto const& [name, plan] : plans_)
+    profileChanged(name);
+  return done;
+}
+
+std::string World::controlAction(Event const& e) {
   unsigned const d = e.detail;
   switch (e.control) {
     case Control::none:
