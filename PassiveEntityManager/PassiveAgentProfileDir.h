@@ -1,62 +1,55 @@
 // Ledra::PassiveAgentProfileDir: the directory of agent profiles, one per agent name (or per
 // family: a name ending in "-"). It owns the profiles. agentProfileIs(name) returns the existing
 // profile or creates, inserts and notifies onAgentProfile(name); agentProfileDel(name) removes
-// and notifies. Single-threaded.
+// and notifies. The collection's behaviour is that of Qel::NamedEntityDir. Single-threaded.
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveAgentProfile.h"
-#include "Qel/EntityMap.h"
+#include "Qel/NamedEntityDir.h"
 
 namespace Ledra {
 
-class LEDRA_PEM_EXPORT PassiveAgentProfileDir : public Qel::Entity {
+class LEDRA_PEM_EXPORT PassiveAgentProfileDir
+    : public Qel::NamedEntityDir<PassiveAgentProfileDir, PassiveAgentProfile,
+                                 &PassiveAgentProfile::agentProfileNew> {
  public:
-  using Ptr = Qel::Ptr<PassiveAgentProfileDir>;
-  using PtrConst = Qel::Ptr<PassiveAgentProfileDir const>;
-  using AgentProfileCol = Qel::EntityMap<PassiveAgentProfile>::Map;
-  static constexpr Qel::AttributeId kAgentProfile = 1;
+  using AgentProfileCol = EntryMap;
+  static constexpr Qel::AttributeId kAgentProfile = kEntry;
+  static constexpr Qel::NamedEntityDirNames kNames{"Ledra::PassiveAgentProfileDir", "agentProfile",
+                                                   "agent profile"};
 
   template <class N>
-  class NotifieeT : public Qel::BasicNotifiee<N> {
+  class NotifieeT : public EntryNotifieeT<N> {
    public:
-    using Qel::BasicNotifiee<N>::BasicNotifiee;
-    virtual void onAgentProfile(Qel::Name const& name) {}
+    using EntryNotifieeT<N>::EntryNotifieeT;
+    virtual void onAgentProfile(Qel::Name const& /*name*/) {}
     virtual void onAgentProfileqelImmediate() {}
     virtual void onAgentProfile() {}
-    void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
-      if (aid != kAgentProfile) return;
-      return this->dispatchInTurn(
-          [&] { onAgentProfile(*static_cast<Qel::Name const*>(key.native)); },
-          [&] { onAgentProfileqelImmediate(); }, [&] { onAgentProfile(); });
-    }
+
+   private:
+    void onEntry(Qel::Name const& name) final { onAgentProfile(name); }
+    void onEntryqelImmediate() final { onAgentProfileqelImmediate(); }
+    void onEntry() final { onAgentProfile(); }
   };
   using Notifiee = NotifieeT<PassiveAgentProfileDir>;
   using NotifieeConst = NotifieeT<PassiveAgentProfileDir const>;
 
-  static Ptr agentProfileDirNew(Qel::Name const& name) {
-    return Ptr(new PassiveAgentProfileDir(name));
-  }
+  static Ptr agentProfileDirNew(Qel::Name const& name) { return dirNew(name); }
 
-  AgentProfileCol const& agentProfile() const { return agentProfile_.map(); }
-  PassiveAgentProfile::Ptr agentProfile(Qel::Name const& name) const {
-    return agentProfile_.find(name);
-  }
-  std::size_t agentProfiles() const { return agentProfile_.size(); }
-  PassiveAgentProfile::Ptr agentProfileIs(Qel::Name const& name);
-  void agentProfileDel(Qel::Name const& name);
-  void agentProfileDelAll();
+  AgentProfileCol const& agentProfile() const { return entryMap(); }
+  PassiveAgentProfile::Ptr agentProfile(Qel::Name const& name) const { return entry(name); }
+  std::size_t agentProfiles() const { return entries(); }
+  PassiveAgentProfile::Ptr agentProfileIs(Qel::Name const& name) { return entryIs(name); }
+  void agentProfileDel(Qel::Name const& name) { entryDel(name); }
+  void agentProfileDelAll() { entryDelAll(); }
 
-  Qel::Entity::Ptr child(Qel::Name const& name) const override { return agentProfile(name); }
-  Qel::QelType const* fwkType() const override { return staticType(); }
   static Qel::QelType const* staticType();
 
  protected:
-  explicit PassiveAgentProfileDir(Qel::Name name) : Entity(std::move(name)), agentProfile_(this) {}
+  friend NamedEntityDir;
+  using NamedEntityDir::NamedEntityDir;
   ~PassiveAgentProfileDir() override = default;
-
- private:
-  Qel::EntityMap<PassiveAgentProfile> agentProfile_;
 };
 
 }  // namespace Ledra

@@ -13,6 +13,7 @@
 #include "PassiveEntityManager/TraceFacility.h"
 #include "Qel/EntityUri.h"
 #include "Qel/Exception.h"
+#include "Qel/Path.h"
 
 namespace Ledra {
 
@@ -32,13 +33,8 @@ Qel::String parentOf(Qel::String const& path) {
 // The components of a "/"-separated path, empty ones skipped.
 std::vector<Qel::Name> componentsOf(Qel::String const& path) {
   std::vector<Qel::Name> out;
-  std::size_t pos = 0;
-  while (pos < path.size()) {
-    std::size_t end = path.find('/', pos);
-    if (end == std::string::npos) end = path.size();
-    if (end > pos) out.emplace_back(path.substr(pos, end - pos));
-    pos = end + 1;
-  }
+  for (std::string_view const component : Qel::pathComponents(path))
+    out.emplace_back(component);
   return out;
 }
 

@@ -7,6 +7,7 @@
 #include "PassiveEntityManager/MountGroupReactor.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmText.h"
 #include "Qel/ActivityManagerConfig.h"
+#include "Qel/Path.h"
 #include "Trace/Facilities.h"
 
 namespace Sim {
@@ -734,18 +735,12 @@ void World::applyProfileByName(Ledra::PassiveAgentProfile& p, ProfilePlan const&
 
 void World::makeDir(std::string const& relative) {
   Qel::Dir::Ptr d = root_;
-  std::size_t pos = 0;
-  while (d && pos <= relative.size()) {
-    std::size_t end = relative.find('/', pos);
-    if (end == std::string::npos) end = relative.size();
-    if (end > pos) {
-      Qel::Name const name(relative.substr(pos, end - pos));
-      // A placeholder gives way to the directory.
-      auto const e = d->entry(name);
-      if (e && !dynamic_cast<Qel::Dir*>(e.ptr())) d->entryDel(name);
-      d = d->dirIs(name);
-    }
-    pos = end + 1;
+  for (std::string_view const component : Qel::pathComponents(relative)) {
+    Qel::Name const name(component);
+    // A placeholder gives way to the directory.
+    auto const e = d->entry(name);
+    if (e && !dynamic_cast<Qel::Dir*>(e.ptr())) d->entryDel(name);
+    d = d->dirIs(name);
   }
 }
 
@@ -1474,13 +1469,9 @@ std::string World::graft(unsigned d) {
         below[relative.size()] != '/')
       continue;
     Qel::Dir::Ptr at = top;
-    std::string const rest = below.substr(relative.size() + 1);
-    for (std::size_t pos = 0; pos <= rest.size();) {
-      std::size_t end = rest.find('/', pos);
-      if (end == std::string::npos) end = rest.size();
-      at = at->dirIs(Qel::Name(rest.substr(pos, end - pos)));
-      pos = end + 1;
-    }
+    std::string_view const rest = std::string_view(below).substr(relative.size() + 1);
+    for (std::string_view const component : Qel::pathComponents(rest, Qel::EmptyComponents::keep))
+      at = at->dirIs(Qel::Name(component));
     ++entries;
   }
   dir->entryIs(top);

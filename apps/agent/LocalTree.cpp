@@ -1,15 +1,14 @@
 #include "LocalTree.h"
 
+#include "Qel/Path.h"
+
 namespace LedraAgent {
 
 std::string LocalTree::normalised(std::string const& path) {
   std::string out;
-  std::size_t pos = 0;
-  while (pos < path.size()) {
-    std::size_t slash = path.find('/', pos);
-    if (slash == std::string::npos) slash = path.size();
-    if (slash > pos) out += "/" + path.substr(pos, slash - pos);
-    pos = slash + 1;
+  for (std::string_view const component : Qel::pathComponents(path)) {
+    out += '/';
+    out += component;
   }
   return out.empty() ? "/" : out;
 }

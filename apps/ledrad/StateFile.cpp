@@ -7,6 +7,7 @@
 #include "Qel/Dir.h"
 #include "Qel/DynamicEntity.h"
 #include "Qel/Exception.h"
+#include "Qel/Path.h"
 #include "Qel/QelType.h"
 #include "apps/ledrad/ConfigText.h"
 #include "apps/ledrad/FileError.h"
@@ -47,14 +48,11 @@ std::string signedNumber(std::string const& text, std::int64_t& out) {
 
 std::vector<std::string> components(std::string const& path) {
   std::vector<std::string> out;
-  std::size_t pos = 1;
-  while (pos <= path.size()) {
-    std::size_t const slash = path.find('/', pos);
-    std::size_t const end = slash == std::string::npos ? path.size() : slash;
-    out.push_back(path.substr(pos, end - pos));
-    if (slash == std::string::npos) break;
-    pos = slash + 1;
-  }
+  if (path.empty()) return out;
+  // Below the leading "/", empty components kept: they are what a path check refuses.
+  for (std::string_view const component :
+       Qel::pathComponents(std::string_view(path).substr(1), Qel::EmptyComponents::keep))
+    out.emplace_back(component);
   return out;
 }
 

@@ -4,64 +4,58 @@
 // passiveConnectionConfigIs(agentName) registers a passive connection configuration for an agent
 // name (or a family name ending in "-"): idempotent, it returns the existing record when there is
 // one and notifies only when it creates one. passiveConnectionConfig(name) looks one up;
-// passiveConnectionConfigDel(name) removes it (notified). Single-threaded.
+// passiveConnectionConfigDel(name) removes it (notified). The collection's behaviour is that of
+// Qel::NamedEntityDir. Single-threaded.
 #pragma once
 
 #include "Ledra/PassiveConnectionConfig.h"
 #include "Qel/Api.h"
-#include "Qel/EntityMap.h"
+#include "Qel/NamedEntityDir.h"
 
 namespace Ledra {
 
-class QEL_API ConnectionConfigDir : public Qel::Entity {
+class QEL_API ConnectionConfigDir
+    : public Qel::NamedEntityDir<ConnectionConfigDir, PassiveConnectionConfig,
+                                 &PassiveConnectionConfig::passiveConnectionConfigNew> {
  public:
-  using Ptr = Qel::Ptr<ConnectionConfigDir>;
-  using PtrConst = Qel::Ptr<ConnectionConfigDir const>;
-  using PassiveConnectionConfigCol = Qel::EntityMap<PassiveConnectionConfig>::Map;
-  static constexpr Qel::AttributeId kPassiveConnectionConfig = 1;
+  using PassiveConnectionConfigCol = EntryMap;
+  static constexpr Qel::AttributeId kPassiveConnectionConfig = kEntry;
+  static constexpr Qel::NamedEntityDirNames kNames{
+      "Ledra::ConnectionConfigDir", "passiveConnectionConfig", "connection configuration"};
 
   template <class N>
-  class NotifieeT : public Qel::BasicNotifiee<N> {
+  class NotifieeT : public EntryNotifieeT<N> {
    public:
-    using Qel::BasicNotifiee<N>::BasicNotifiee;
-    virtual void onPassiveConnectionConfig(Qel::Name const& name) {}
-    void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
-      if (aid == kPassiveConnectionConfig) {
-        onPassiveConnectionConfig(*static_cast<Qel::Name const*>(key.native));
-      }
-    }
+    using EntryNotifieeT<N>::EntryNotifieeT;
+    virtual void onPassiveConnectionConfig(Qel::Name const& /*name*/) {}
+    virtual void onPassiveConnectionConfigqelImmediate() {}
+    virtual void onPassiveConnectionConfig() {}
+
+   private:
+    void onEntry(Qel::Name const& name) final { onPassiveConnectionConfig(name); }
+    void onEntryqelImmediate() final { onPassiveConnectionConfigqelImmediate(); }
+    void onEntry() final { onPassiveConnectionConfig(); }
   };
   using Notifiee = NotifieeT<ConnectionConfigDir>;
   using NotifieeConst = NotifieeT<ConnectionConfigDir const>;
 
-  static Ptr connectionConfigDirNew(Qel::Name const& name) {
-    return Ptr(new ConnectionConfigDir(name));
-  }
+  static Ptr connectionConfigDirNew(Qel::Name const& name) { return dirNew(name); }
 
-  PassiveConnectionConfigCol const& passiveConnectionConfig() const {
-    return passiveConnectionConfig_.map();
-  }
+  PassiveConnectionConfigCol const& passiveConnectionConfig() const { return entryMap(); }
   PassiveConnectionConfig::Ptr passiveConnectionConfig(Qel::Name const& agentName) const {
-    return passiveConnectionConfig_.find(agentName);
+    return entry(agentName);
   }
-  std::size_t passiveConnectionConfigs() const { return passiveConnectionConfig_.size(); }
+  std::size_t passiveConnectionConfigs() const { return entries(); }
   PassiveConnectionConfig::Ptr passiveConnectionConfigIs(Qel::Name const& agentName);
-  void passiveConnectionConfigDel(Qel::Name const& agentName);
-  void passiveConnectionConfigDelAll();
+  void passiveConnectionConfigDel(Qel::Name const& agentName) { entryDel(agentName); }
+  void passiveConnectionConfigDelAll() { entryDelAll(); }
 
-  Qel::Entity::Ptr child(Qel::Name const& name) const override {
-    return passiveConnectionConfig(name);
-  }
-  Qel::QelType const* fwkType() const override { return staticType(); }
   static Qel::QelType const* staticType();
 
  protected:
-  explicit ConnectionConfigDir(Qel::Name name)
-      : Entity(std::move(name)), passiveConnectionConfig_(this) {}
+  friend NamedEntityDir;
+  using NamedEntityDir::NamedEntityDir;
   ~ConnectionConfigDir() override = default;
-
- private:
-  Qel::EntityMap<PassiveConnectionConfig> passiveConnectionConfig_;
 };
 
 }  // namespace Ledra

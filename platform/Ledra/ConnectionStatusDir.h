@@ -6,66 +6,61 @@
 // another record under a name in use throws NameInUseException); passiveConnectionStatusIs(name)
 // returns the record of that name, creating and adding an empty one when there is none.
 // passiveConnectionStatusDel(name) removes it. onPassiveConnectionStatus(name) is notified when a
-// record appears and when it leaves; a watcher tells the two apart by looking the name up.
-// Single-threaded.
+// record appears and when it leaves; a watcher tells the two apart by looking the name up. The
+// collection's behaviour is that of Qel::NamedEntityDir. Single-threaded.
 #pragma once
 
 #include "Ledra/PassiveConnectionStatus.h"
 #include "Qel/Api.h"
-#include "Qel/EntityMap.h"
+#include "Qel/NamedEntityDir.h"
 
 namespace Ledra {
 
-class QEL_API ConnectionStatusDir : public Qel::Entity {
+class QEL_API ConnectionStatusDir
+    : public Qel::NamedEntityDir<ConnectionStatusDir, PassiveConnectionStatus,
+                                 &PassiveConnectionStatus::passiveConnectionStatusNew> {
  public:
-  using Ptr = Qel::Ptr<ConnectionStatusDir>;
-  using PtrConst = Qel::Ptr<ConnectionStatusDir const>;
-  using PassiveConnectionStatusCol = Qel::EntityMap<PassiveConnectionStatus>::Map;
-  static constexpr Qel::AttributeId kPassiveConnectionStatus = 1;
+  using PassiveConnectionStatusCol = EntryMap;
+  static constexpr Qel::AttributeId kPassiveConnectionStatus = kEntry;
+  static constexpr Qel::NamedEntityDirNames kNames{"Ledra::ConnectionStatusDir",
+                                                   "passiveConnectionStatus", "connection status"};
 
   template <class N>
-  class NotifieeT : public Qel::BasicNotifiee<N> {
+  class NotifieeT : public EntryNotifieeT<N> {
    public:
-    using Qel::BasicNotifiee<N>::BasicNotifiee;
-    virtual void onPassiveConnectionStatus(Qel::Name const& name) {}
-    void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
-      if (aid == kPassiveConnectionStatus) {
-        onPassiveConnectionStatus(*static_cast<Qel::Name const*>(key.native));
-      }
-    }
+    using EntryNotifieeT<N>::EntryNotifieeT;
+    virtual void onPassiveConnectionStatus(Qel::Name const& /*name*/) {}
+    virtual void onPassiveConnectionStatusqelImmediate() {}
+    virtual void onPassiveConnectionStatus() {}
+
+   private:
+    void onEntry(Qel::Name const& name) final { onPassiveConnectionStatus(name); }
+    void onEntryqelImmediate() final { onPassiveConnectionStatusqelImmediate(); }
+    void onEntry() final { onPassiveConnectionStatus(); }
   };
   using Notifiee = NotifieeT<ConnectionStatusDir>;
   using NotifieeConst = NotifieeT<ConnectionStatusDir const>;
 
-  static Ptr connectionStatusDirNew(Qel::Name const& name) {
-    return Ptr(new ConnectionStatusDir(name));
-  }
+  static Ptr connectionStatusDirNew(Qel::Name const& name) { return dirNew(name); }
 
-  PassiveConnectionStatusCol const& passiveConnectionStatus() const {
-    return passiveConnectionStatus_.map();
-  }
+  PassiveConnectionStatusCol const& passiveConnectionStatus() const { return entryMap(); }
   PassiveConnectionStatus::Ptr passiveConnectionStatus(Qel::Name const& name) const {
-    return passiveConnectionStatus_.find(name);
+    return entry(name);
   }
-  std::size_t passiveConnectionStatuses() const { return passiveConnectionStatus_.size(); }
+  std::size_t passiveConnectionStatuses() const { return entries(); }
   void passiveConnectionStatusIs(PassiveConnectionStatus::Ptr const& record);
-  PassiveConnectionStatus::Ptr passiveConnectionStatusIs(Qel::Name const& name);
-  void passiveConnectionStatusDel(Qel::Name const& name);
-  void passiveConnectionStatusDelAll();
-
-  Qel::Entity::Ptr child(Qel::Name const& name) const override {
-    return passiveConnectionStatus(name);
+  PassiveConnectionStatus::Ptr passiveConnectionStatusIs(Qel::Name const& name) {
+    return entryIs(name);
   }
-  Qel::QelType const* fwkType() const override { return staticType(); }
+  void passiveConnectionStatusDel(Qel::Name const& name) { entryDel(name); }
+  void passiveConnectionStatusDelAll() { entryDelAll(); }
+
   static Qel::QelType const* staticType();
 
  protected:
-  explicit ConnectionStatusDir(Qel::Name name)
-      : Entity(std::move(name)), passiveConnectionStatus_(this) {}
+  friend NamedEntityDir;
+  using NamedEntityDir::NamedEntityDir;
   ~ConnectionStatusDir() override = default;
-
- private:
-  Qel::EntityMap<PassiveConnectionStatus> passiveConnectionStatus_;
 };
 
 }  // namespace Ledra

@@ -5,6 +5,7 @@
 
 #include "Ledra/TraceFacility.h"
 #include "Qel/Assert.h"
+#include "Qel/Path.h"
 
 namespace Ledra {
 
@@ -12,13 +13,8 @@ namespace {
 
 std::vector<Qel::Name> components(Qel::String const& path) {
   std::vector<Qel::Name> out;
-  std::size_t pos = 0;
-  while (pos <= path.size()) {
-    std::size_t slash = path.find('/', pos);
-    if (slash == std::string::npos) slash = path.size();
-    if (slash > pos) out.emplace_back(path.substr(pos, slash - pos));
-    pos = slash + 1;
-  }
+  for (std::string_view const component : Qel::pathComponents(path))
+    out.emplace_back(component);
   return out;
 }
 

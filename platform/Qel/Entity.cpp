@@ -1,5 +1,6 @@
 #include "Qel/Entity.h"
 
+#include "Qel/Path.h"
 #include "Qel/TypeBuilder.h"
 
 namespace Qel {
@@ -20,12 +21,9 @@ String Entity::fullName() const {
 
 Entity::Ptr Entity::entity(String const& path) const {
   Ptr e(const_cast<Entity*>(this));
-  std::size_t pos = 0;
-  while (e && pos <= path.size()) {
-    std::size_t slash = path.find('/', pos);
-    if (slash == std::string::npos) slash = path.size();
-    if (slash > pos) e = e->child(Name(path.substr(pos, slash - pos)));
-    pos = slash + 1;
+  for (std::string_view const component : pathComponents(path)) {
+    if (!e) break;
+    e = e->child(Name(component));
   }
   return e;
 }

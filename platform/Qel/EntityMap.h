@@ -1,7 +1,8 @@
 // EntityMap<E>: the storage of a collection of entities owned by another entity, keyed by name.
 // Inserting sets the child's parent to the owner, removing clears it, and so does the owner's
 // destruction, so that an entity still held elsewhere is seen as cut off from the tree. The owner
-// notifies; the map only keeps the parents right. Unordered. Single-threaded.
+// notifies; the map only keeps the parents right. Unordered unless another map type is given
+// (an ordered one iterates in ascending name order). Single-threaded.
 #pragma once
 
 #include <unordered_map>
@@ -10,10 +11,10 @@
 
 namespace Qel {
 
-template <class E>
+template <class E, class M = std::unordered_map<Name, Ptr<E>>>
 class EntityMap {
  public:
-  using Map = std::unordered_map<Name, Ptr<E>>;
+  using Map = M;
 
   explicit EntityMap(Entity* owner) : owner_(owner) {}
   EntityMap(EntityMap const&) = delete;

@@ -16,6 +16,7 @@
 #include "Orn/TimerWheel.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
 #include "Qel/ActivityManagerConfig.h"
+#include "Qel/Path.h"
 #include "Qel/SimulatedClock.h"
 #include "Trace/CaptureSink.h"
 #include "Trace/Facilities.h"
@@ -78,13 +79,9 @@ class SimulatedDatabaseTest : public LeakCheckedTest {
   // A directory below the database root ("a/b" -> /ledra/Ledra/a/b), created as needed.
   Qel::Dir::Ptr dir(std::string const& relative) {
     Qel::Dir::Ptr d = root;
-    std::size_t pos = 0;
-    while (pos <= relative.size()) {
-      std::size_t end = relative.find('/', pos);
-      if (end == std::string::npos) end = relative.size();
-      d = d->dirIs(Qel::Name(relative.substr(pos, end - pos)));
-      pos = end + 1;
-    }
+    for (std::string_view const component :
+         Qel::pathComponents(relative, Qel::EmptyComponents::keep))
+      d = d->dirIs(Qel::Name(component));
     return d;
   }
 
