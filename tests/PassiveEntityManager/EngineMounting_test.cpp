@@ -1,5 +1,5 @@
-// Mount execution: the flags of a mount request for each combination of user flags, granted
-// writes and root flags; repeated and hybrid mounts; the parent states that make a
+// Mount execution (the simulation checks the flag letters and types of every request): repeated
+// and hybrid mounts; the parent states that make a
 // mount wait; automatic parent mounts; the table of mount paths; the agent's template values.
 #include <gtest/gtest.h>
 
@@ -9,37 +9,6 @@ namespace Ledra::test {
 namespace {
 
 using Qel::MountTable;
-
-struct FlagCase {
-  char const* userFlags;
-  bool granted;
-  char const* rootFlags;
-  char const* sent;
-  std::size_t converted;
-};
-
-class EngineFlagsTest : public EngineHarness, public testing::WithParamInterface<FlagCase> {};
-
-TEST_P(EngineFlagsTest, UserFlagsBecomeRequestFlags) {
-  FlagCase const& c = GetParam();
-  entMgr->writeMountsGrantedIs(c.granted);
-  profile->rootFlagsIs(c.rootFlags);
-  dir("x");
-  startEngine();
-  std::size_t const before = engine->convertableMountsCount();
-  engine->doPassiveMount("/ledra/Ledra/x", c.userFlags, "Qel::Dir");
-  EXPECT_EQ(agent->mountRequests().back().path, "/ledra/Ledra/x");
-  EXPECT_EQ(agent->mountRequests().back().flags, c.sent);
-  EXPECT_EQ(engine->convertableMountsCount() - before, c.converted);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Letters, EngineFlagsTest,
-    testing::Values(FlagCase{"w", false, "", "Cnp", 1}, FlagCase{"fw", false, "", "wnp", 0},
-                    FlagCase{"f", false, "", "wnp", 0}, FlagCase{"", false, "", "Cnp", 0},
-                    FlagCase{"", false, "N", "Cp", 0}, FlagCase{"wiS", true, "", "wiSnp", 0},
-                    FlagCase{"w", true, "N", "wp", 0}, FlagCase{"Si", false, "", "CiSnp", 0},
-                    FlagCase{"r", true, "", "Cnp", 0}, FlagCase{"wi", false, "r", "Cinp", 1}));
 
 class EngineMountingTest : public EngineHarness {
  protected:
@@ -54,19 +23,6 @@ class EngineMountingTest : public EngineHarness {
   // stays in its first pass (a profile without groups would complete at the root's answer).
   void rootMounted() { agent->pathStateIs("/ledra/Ledra", state(true, true, true, true)); }
 };
-
-TEST_F(EngineMountingTest, TypeGoesOutOnlyWithTheCreateFlag) {
-  dir("a");
-  startEngine();
-  engine->doPassiveMount("/ledra/Ledra/a", "r", "Qel::Dir");
-  EXPECT_EQ(agent->mountRequests().back().type, "");
-  engine->doPassiveMount("/ledra/Ledra/b", "wc", "Ledra::Thing");
-  EXPECT_EQ(agent->mountRequests().back().type, "Ledra::Thing");
-  auto ref = status->mountReference("/ledra/Ledra/a");
-  ASSERT_TRUE(ref);
-  EXPECT_EQ(ref->entity(), dir("a"));
-  EXPECT_FALSE(ref->complete());
-}
 
 TEST_F(EngineMountingTest, UnchangedMountIsServedAndCompletesTheReference) {
   dir("a");

@@ -153,11 +153,13 @@ TEST_F(MountGroupReactorTest, APointerConditionComparesWithTheEntityNamedByTheCo
   auto target = another("target");
   another("other");
   condition("NULL == " + on("peer"));
+  condition("0 == " + on("peer"));
   condition("/condTest/target == " + on("peer"));
   condition("/condTest/target != " + on("peer"));
   start();
-  EXPECT_EQ(sm->currentPendingCondition(), "/condTest/target == /condTest/w.peer");
-  EXPECT_EQ(countOf("isPtr"), 2u);
+  EXPECT_EQ(sm->currentPendingCondition(), "/condTest/target == /condTest/w.peer")
+      << "\"NULL\" and \"0\" are the null pointer";
+  EXPECT_EQ(countOf("isPtr"), 3u);
   set("peer", "/condTest/other");
   EXPECT_FALSE(enabled());
   set("peer", "/condTest/target");

@@ -52,13 +52,6 @@ TEST_F(EngineTest, OlderProtocolVersionWaitsForVersionFive) {
   EXPECT_EQ(requests(), Strings{"/ledra/Ledra?flags=Cnp"});
 }
 
-TEST_F(EngineTest, RootFlagsWithNGiveTheSuffixP) {
-  profile->rootFlagsIs("wN");
-  entMgr->writeMountsGrantedIs(true);
-  startEngine();
-  EXPECT_EQ(requests(), Strings{"/ledra/Ledra?flags=wp"});
-}
-
 TEST_F(EngineTest, HandleInitializedTwiceDoesTheWorkOnceAndSetsLowMountPrioOnce) {
   profile->lowMountPrioIs(true);
   startEngine();
@@ -88,9 +81,15 @@ TEST_F(EngineTest, CleanupKeepsTemplatesPathsBlockingAndState) {
   engine->blockingConditionalsIs("1 == /x.y", true);
   engine->stateIs(PassiveEntityManagerSm::readyMountGroupPending);
   engine->pendingMountProfileIs(Mount("/ledra/Ledra/z", "", "r"));
+  engine->convertableMountsEnq(Mount("/ledra/Ledra/w", "", "w"));
+  auto const aside = PassiveMountGroup::mountGroupNew("aside", 2);
+  aside->conditionColEnq("1 == /ledra/Ledra/nowhere.x");
+  engine->conditionalMountGroupIs(aside);
   engine->doCleanup();
   EXPECT_FALSE(engine->initialized());
   EXPECT_EQ(engine->pendingMountProfiles(), 0u);
+  EXPECT_EQ(engine->convertableMountsCount(), 0u);
+  EXPECT_TRUE(engine->conditionalMountGroup().empty());
   ASSERT_TRUE(engine->templateCache("/ledra/Ledra/%slot"));
   EXPECT_EQ(*engine->templateCache("/ledra/Ledra/%slot"), "/ledra/Ledra/a");
   EXPECT_FALSE(engine->allMountPaths("/ledra/Ledra/a").empty());
@@ -155,21 +154,10 @@ TEST_F(EngineTest, ConstViewRefusesWritesAndAnchorClearsMountsInProgressOnEveryW
 
 // --- scheduling
 
-TEST_F(EngineTest, ReadyQueueOrdersByPriorityThenArrival) {
+// The simulation checks the priority order of the queue; a key whose priority is not the group's
+// is a programming error.
+TEST_F(EngineTest, AReadyGroupKeyedWithAnotherPriorityIsFatal) {
   startEngine();
-  auto g5a = PassiveMountGroup::mountGroupNew("g5a", 5);
-  auto g1 = PassiveMountGroup::mountGroupNew("g1", 1);
-  auto g5b = PassiveMountGroup::mountGroupNew("g5b", 5);
-  auto const k0 = engine->readyMountGroupEnq(g5a);
-  engine->readyMountGroupEnq(g1);
-  auto const k2 = engine->readyMountGroupEnq(g5b);
-  EXPECT_EQ(k0, (PassiveEntityManagerSm::ReadyMountGroupCompoundIndex{5, 0}));
-  EXPECT_LT(k0, k2);
-  EXPECT_EQ(engine->readyMountGroup(k2), g5b);
-  EXPECT_EQ(engine->readyMountGroupDeq(), g1);
-  EXPECT_EQ(engine->readyMountGroupDeq(), g5a);
-  EXPECT_EQ(engine->readyMountGroupDeq(), g5b);
-  EXPECT_FALSE(engine->readyMountGroupDeq());
   EXPECT_DEATH(engine->readyMountGroupIs(4, PassiveMountGroup::mountGroupNew("g", 3)),
                "rv->priority\\(\\) == prio");
 }
