@@ -48,8 +48,9 @@ std::string signedNumber(std::string const& text, std::int64_t& out) {
 
 std::vector<std::string> components(std::string const& path) {
   std::vector<std::string> out;
-  if (path.empty()) return out;
-  // Below the leading "/", empty components kept: they are what a path check refuses.
+  // The root itself has no component; below the leading "/", empty components are kept: they are
+  // what a path check refuses.
+  if (path.size() <= 1) return out;
   for (std::string_view const component :
        Qel::pathComponents(std::string_view(path).substr(1), Qel::EmptyComponents::keep))
     out.emplace_back(component);

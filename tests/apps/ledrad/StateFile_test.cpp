@@ -87,6 +87,16 @@ entity /%sysname/tree/n%cellId ApplyTest::Node
   EXPECT_TRUE(dynamic_cast<Qel::Dir*>(at("/stateTest/empty/deep").ptr()));
 }
 
+TEST_F(StateFileTest, AnEntityRightBelowTheRootStandsThere) {
+  StateFile::parse("type TopTest::Leaf\n  attribute size U32\nentity /stateTest TopTest::Leaf\n",
+                   "top.state", kVars)
+      .applyTo();
+  auto const leaf = at("/stateTest");
+  ASSERT_TRUE(leaf);
+  EXPECT_EQ(leaf->fwkType()->name(), "TopTest::Leaf");
+  EXPECT_FALSE(Qel::globalDir()->entry(Qel::Name())) << "no directory without a name";
+}
+
 TEST_F(StateFileTest, WhatIsRegisteredOrInTheTreeMustMatchARefusedFileChangesNothing) {
   StateFile::parse(
       "enum SchemaTest::E a b\ntype SchemaTest::T\n  attribute x U32\n"
