@@ -1,8 +1,10 @@
 #include "apps/ledrad/ControlCommands.h"
 
 #include <exception>
+#include <filesystem>
 
 #include "Qel/NboAttrLog/WireText.h"
+#include "apps/ledrad/Daemon.h"
 #include "apps/ledrad/FileError.h"
 #include "apps/ledrad/StatusFormat.h"
 
@@ -26,8 +28,8 @@ std::string ControlCommands::usage() {
          "  ls PATH\n"
          "  metrics\n"
          "  set PATH ATTRIBUTE VALUE\n"
-         "  load-profiles FILE...\n"
-         "  load-state FILE...\n";
+         "  load-profiles FILE|DIR...\n"
+         "  load-state FILE|DIR...\n";
 }
 
 // A control client's words (paths, values, file names) reach the event line: shown on one line.
@@ -93,9 +95,29 @@ ControlReply ControlCommands::set(std::vector<std::string> const& args) {
 
 ControlReply ControlCommands::load(std::vector<std::string> const& args, bool profiles) {
   char const* what = profiles ? "load-profiles" : "load-state";
-  if (args.empty()) return {false, std::string("usage: ") + what + " FILE...\n"};
+  if (args.empty()) return {false, std::string("usage: ") + what + " FILE|DIR...\n"};
+  // A folder stands for its files as a start picks them: those named *.profile (or *.state), in
+  // name order.
+  std::vector<std::string> files;
   std::vector<std::string> done;
-  for (auto const& file : args) {
+  for (auto const& arg : args) {
+    std::error_code ec;
+    if (!std::filesystem::is_directory(arg, ec)) {
+      files.push_back(arg);
+      continue;
+    }
+    try {
+      auto const inFolder = configFilesIn(arg, profiles ? ".profile" : ".state");
+      if (inFolder.empty())
+        done.push_back(arg + ": no " + (profiles ? "*.profile" : "*.state") + " file");
+      files.insert(files.end(), inFolder.begin(), inFolder.end());
+    } catch (std::exception const& e) {
+      event(std::string("refused ") + e.what());
+      done.push_back(std::string("refused ") + e.what());
+      return {false, lines(done)};
+    }
+  }
+  for (auto const& file : files) {
     try {
       auto const summary = profiles ? db_.loadProfiles({file}) : db_.loadState({file});
       for (auto const& line : summary) {

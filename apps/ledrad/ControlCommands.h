@@ -7,8 +7,9 @@
 //   metrics                            the Metrics as OpenMetrics text
 //   set PATH ATTRIBUTE VALUE           write one attribute (ATTRIBUTE[KEY] for a collection
 //                                      element)
-//   load-profiles FILE...              load profile files (a refused file changes nothing)
-//   load-state FILE...                 load state files (likewise)
+//   load-profiles FILE|DIR...          load profile files (a refused file changes nothing); a
+//                                      folder stands for its *.profile files in name order
+//   load-state FILE|DIR...             load state files (likewise, *.state)
 //
 // execute() never throws: every failure becomes an error reply with its reason, and ledrad keeps
 // serving. File names are used as given, so the control program sends absolute paths.

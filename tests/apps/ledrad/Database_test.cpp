@@ -157,13 +157,23 @@ TEST_F(DatabaseTest, CommandsLoadSetAndTellTheEventsOrSayWhyNot) {
             "directory");
   EXPECT_EQ(run({"frob"}), "error: unknown command 'frob'\n" + ControlCommands::usage());
   EXPECT_EQ(run({"set", "/a", "b", "c", "d"}), "error: usage: set PATH ATTRIBUTE VALUE\n");
-  EXPECT_EQ(run({"load-profiles"}), "error: usage: load-profiles FILE...\n");
+  EXPECT_EQ(run({"load-profiles"}), "error: usage: load-profiles FILE|DIR...\n");
   EXPECT_EQ(run({"status", "--yaml"}), "error: status: unknown option '--yaml'\n");
   EXPECT_EQ(run({"status", "box", "nobody"}), "error: status: no agent 'box'\n");
   EXPECT_EQ(run({"status"}),
             "ledrad: system dbTest, cell 2, root /dbTest/Ledra, 0 profile(s): -, 0 agent(s)\n");
   EXPECT_TRUE(run({"status", "--json"}).starts_with("{\n  \"system\": \"dbTest\","));
   EXPECT_EQ(events.size(), 5u);
+  // A folder stands for its state files, in name order; other files are passed over.
+  std::filesystem::create_directory(dir_ / "more");
+  file("more/b.state", Ledrad::state("CmdTest"));
+  file("more/a.state", Ledrad::state("CmdTest"));
+  file("more/notes.txt", "not a state file");
+  std::string const more = (dir_ / "more").string();
+  EXPECT_EQ(run({"load-state", more}), "loaded " + more + "/a.state" + again.substr(state.size()) +
+                                           "\nloaded " + more + "/b.state" +
+                                           again.substr(state.size()) + "\n");
+  EXPECT_EQ(run({"load-profiles", more}), more + ": no *.profile file\n");
 }
 
 }  // namespace
