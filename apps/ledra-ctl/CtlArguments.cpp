@@ -69,9 +69,12 @@ CtlArguments parseCtlArguments(std::vector<std::string> const& args) {
   o.words.assign(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
   if (o.words.empty()) throw CtlArgumentsError("no command given");
   std::string const& command = o.words.front();
-  if (command == "load-profiles" || command == "load-state") {
-    // An empty name is sent as it is, for ledrad to refuse.
-    for (std::size_t w = 1; w < o.words.size(); ++w) {
+  bool const files = command == "load-profiles" || command == "load-state";
+  bool const dump = command == "trace" && o.words.size() == 3 && o.words[1] == "dump";
+  if (files || dump) {
+    // File names are made absolute here, where the client stands; an empty name is sent as it
+    // is, for ledrad to refuse.
+    for (std::size_t w = dump ? 2 : 1; w < o.words.size(); ++w) {
       if (!o.words[w].empty())
         o.words[w] = std::filesystem::absolute(o.words[w]).lexically_normal().string();
     }

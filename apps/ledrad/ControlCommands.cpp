@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "Qel/NboAttrLog/WireText.h"
+#include "Trace/Ringlog.h"
 #include "apps/ledrad/Daemon.h"
 #include "apps/ledrad/FileError.h"
 #include "apps/ledrad/StatusFormat.h"
@@ -28,6 +29,7 @@ std::string ControlCommands::usage() {
          "  ls PATH\n"
          "  metrics\n"
          "  set PATH ATTRIBUTE VALUE\n"
+         "  trace dump FILE\n"
          "  load-profiles FILE|DIR...\n"
          "  load-state FILE|DIR...\n";
 }
@@ -57,6 +59,7 @@ ControlReply ControlCommands::execute(std::vector<std::string> const& request) {
       if (args.size() != 1) return {false, "usage: ls PATH\n"};
       return {true, db_.ls(args[0])};
     }
+    if (command == "trace") return trace(args);
     if (command == "load-profiles") return load(args, true);
     if (command == "load-state") return load(args, false);
     return {false, "unknown command '" + command + "'\n" + usage()};
@@ -91,6 +94,20 @@ ControlReply ControlCommands::set(std::vector<std::string> const& args) {
   std::string const done = db_.set(args[0], args[1], args[2]);
   event("set " + done);
   return {true, done + "\n"};
+}
+
+ControlReply ControlCommands::trace(std::vector<std::string> const& args) {
+  if (args.size() != 2 || args[0] != "dump") return {false, "usage: trace dump FILE\n"};
+  std::string const& file = args[1];
+  if (file.empty() || file.front() != '/') {
+    return {false, "trace dump: '" + file + "' is no absolute path\n"};
+  }
+  // Never over a file that stands: the dump is written with ledrad's rights.
+  std::error_code ec;
+  if (std::filesystem::exists(file, ec)) return {false, "trace dump: " + file + " exists\n"};
+  Trace::Ringlog::global().dumpTo(file);
+  event("trace ring dumped to " + file);
+  return {true, "trace ring dumped to " + file + " (read it with ringlog-decode)\n"};
 }
 
 ControlReply ControlCommands::load(std::vector<std::string> const& args, bool profiles) {

@@ -10,6 +10,7 @@
 //   load-profiles FILE|DIR...          load profile files (a refused file changes nothing); a
 //                                      folder stands for its *.profile files in name order
 //   load-state FILE|DIR...             load state files (likewise, *.state)
+//   trace dump FILE                    write the trace ring to FILE (absolute, not yet there)
 //
 // execute() never throws: every failure becomes an error reply with its reason, and ledrad keeps
 // serving. File names are used as given, so the control program sends absolute paths.
@@ -43,6 +44,7 @@ class ControlCommands {
   ControlReply status(std::vector<std::string> const& args);
   ControlReply set(std::vector<std::string> const& args);
   ControlReply load(std::vector<std::string> const& args, bool profiles);
+  ControlReply trace(std::vector<std::string> const& args);
   void event(std::string const& line) const;
 
   Database& db_;

@@ -7,11 +7,22 @@
 namespace Trace {
 
 int ringlogDecodeMain(int argc, char const* const* argv, std::FILE* out, std::FILE* err) {
+  std::string const first = argc > 1 ? argv[1] : "";
+  if (argc == 2 && (first == "--help" || first == "-h")) {
+    std::fputs(
+        "usage: ringlog-decode <dump file>\n"
+        "Prints the trace lines of a dumped trace ring, oldest first, as\n"
+        "<seconds> <facility>/<level> <message>. A running ledrad writes its ring with\n"
+        "'ledra-ctl trace dump FILE'. Exit status: 0 decoded, 1 the dump could not be read,\n"
+        "2 a wrong command line.\n",
+        out);
+    return 0;
+  }
   if (argc != 2) {
     std::fputs("usage: ringlog-decode <dump file>\n", err);
     return 2;
   }
-  std::string const path = argv[1];
+  std::string const& path = first;
   std::vector<Line> lines;
   try {
     lines = RingDump::read(path);

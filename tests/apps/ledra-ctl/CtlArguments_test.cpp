@@ -40,7 +40,10 @@ TEST(CtlArgumentsTest, OptionsComeBeforeTheCommandInEitherForm) {
   std::string const cwd = std::filesystem::current_path().string();
   EXPECT_EQ(parseCtlArguments({"load-state", "a/../b.state", "", "/x/./y"}).words,
             (Args{"load-state", cwd + "/b.state", "", "/x/y"}));
+  EXPECT_EQ(parseCtlArguments({"trace", "dump", "r.bin"}).words,
+            (Args{"trace", "dump", cwd + "/r.bin"}));
   EXPECT_EQ(parseCtlArguments({"status", "a/../b"}).words, (Args{"status", "a/../b"}));
+  EXPECT_EQ(parseCtlArguments({"trace", "a/../b"}).words, (Args{"trace", "a/../b"}));
 }
 
 // The exchange waits in whole milliseconds: a timeout below one still waits one, and one beyond

@@ -2,6 +2,8 @@
 // changes nothing), writing attributes for the control program, and the control commands.
 #include <gtest/gtest.h>
 
+#include "Trace/RingDump.h"
+
 #include "apps/ledrad/ControlCommands.h"
 #include "apps/ledrad/FileError.h"
 #include "tests/apps/ledrad/DatabaseFixture.h"
@@ -174,6 +176,15 @@ TEST_F(DatabaseTest, CommandsLoadSetAndTellTheEventsOrSayWhyNot) {
                                            "\nloaded " + more + "/b.state" +
                                            again.substr(state.size()) + "\n");
   EXPECT_EQ(run({"load-profiles", more}), more + ": no *.profile file\n");
+  // The trace ring is written where the client says, never over a file that stands.
+  std::string const ring = (dir_ / "ring.bin").string();
+  EXPECT_EQ(run({"trace", "dump", ring}),
+            "trace ring dumped to " + ring + " (read it with ringlog-decode)\n");
+  EXPECT_NO_THROW(Trace::RingDump::read(ring));
+  EXPECT_EQ(run({"trace", "dump", ring}), "error: trace dump: " + ring + " exists\n");
+  EXPECT_EQ(run({"trace", "dump", "ring.bin"}),
+            "error: trace dump: 'ring.bin' is no absolute path\n");
+  EXPECT_EQ(run({"trace", "show"}), "error: usage: trace dump FILE\n");
 }
 
 }  // namespace
