@@ -101,6 +101,7 @@ class AgentEvents::DemuxerWatcher : public Qel::NboAttrLog::Demuxer::NotifieeCon
     auto const d = notifier();
     if (!d || !d->closed()) return;
     if (owner_.metrics_) owner_.metrics_->closed(d->closeReason());
+    if (owner_.closing_) owner_.closing_(std::string(name_), d->closeReason());
     owner_.line("agent " + shown(name_) + " closed" +
                 (d->closeReason().empty() ? std::string() : ": " + shown(d->closeReason())));
   }
@@ -190,8 +191,8 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
 };
 
 AgentEvents::AgentEvents(Ledra::PassiveEntityManagerRootSm::Ptr const& root, Sink sink,
-                         Metrics* metrics)
-    : root_(root.ptr()), sink_(std::move(sink)), metrics_(metrics) {
+                         Metrics* metrics, Closing closing)
+    : root_(root.ptr()), sink_(std::move(sink)), metrics_(metrics), closing_(std::move(closing)) {
   demuxerMgrWatcher_ = std::make_unique<DemuxerMgrWatcher>(*this);
   rootWatcher_ = std::make_unique<RootWatcher>(*this, root);
   for (auto const& [name, d] : Qel::NboAttrLog::demuxerMgr()->demuxer()) {

@@ -35,10 +35,13 @@ namespace Ledrad {
 class AgentEvents {
  public:
   using Sink = std::function<void(std::string const& line)>;
+  // Told of a connection being closed, with its reason, before its line and before the agent's
+  // records go.
+  using Closing = std::function<void(std::string const& agent, std::string const& reason)>;
 
   // `metrics` (may be null) must outlive this.
   AgentEvents(Ledra::PassiveEntityManagerRootSm::Ptr const& root, Sink sink,
-              Metrics* metrics = nullptr);
+              Metrics* metrics = nullptr, Closing closing = {});
   ~AgentEvents();
   AgentEvents(AgentEvents const&) = delete;
   AgentEvents& operator=(AgentEvents const&) = delete;
@@ -59,6 +62,7 @@ class AgentEvents {
   Ledra::PassiveEntityManagerRootSm* const root_;
   Sink const sink_;
   Metrics* const metrics_;
+  Closing const closing_;
   std::unique_ptr<DemuxerMgrWatcher> demuxerMgrWatcher_;
   std::unique_ptr<RootWatcher> rootWatcher_;
   std::map<Qel::Name, std::unique_ptr<DemuxerWatcher>> demuxers_;

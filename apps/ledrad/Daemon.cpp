@@ -177,7 +177,10 @@ int runDaemon(Options const& o, std::FILE* out, std::FILE* err) {
   Qel::EventLoop::Ptr const loop = Qel::EventLoop::eventLoopNew();
   auto print = [out](std::string const& line) { say(out, line); };
   Metrics metrics;
-  auto events = std::make_unique<AgentEvents>(db->root(), print, &metrics);
+  auto events = std::make_unique<AgentEvents>(
+      db->root(), print, &metrics, [&db](std::string const& agent, std::string const& reason) {
+        db->agentClosed(agent, reason);
+      });
   ControlCommands commands(
       *db, [out](std::string const& line) { say(out, "ledrad: " + line); }, &metrics);
   Ledra::AgentListener::Ptr listener;

@@ -273,9 +273,48 @@ ServedGroups const* Database::servedGroups(Ledra::PassiveEntityManagerSm const& 
 
 StatusReport Database::status(std::vector<std::string> const& only) const {
   auto const r = root();
-  return StatusReport::build(
+  StatusReport report = StatusReport::build(
       *profileDir_, *statusDir_, r.ptr(), only,
       [this](Ledra::PassiveEntityManagerSm const& engine) { return servedGroups(engine); });
+  Qel::Time const now = Qel::now();
+  bool added = false;
+  for (auto const& [name, d] : departed_) {
+    if (now - d.closedAt > kDepartedKeep) continue;
+    if (!only.empty() && std::find(only.begin(), only.end(), name) == only.end()) continue;
+    if (statusDir_->agentStatus(Qel::Name(name))) continue;
+    report.agents.push_back(d.report);
+    report.agents.back().departedFor = now - d.closedAt;
+    added = true;
+  }
+  if (added) {
+    std::sort(report.agents.begin(), report.agents.end(),
+              [](AgentReport const& a, AgentReport const& b) { return a.name < b.name; });
+  }
+  return report;
+}
+
+void Database::agentClosed(std::string const& agent, std::string const& reason) {
+  StatusReport const last = status({agent});
+  auto const live = std::find_if(last.agents.begin(), last.agents.end(),
+                                 [](AgentReport const& a) { return !a.departed; });
+  // An agent closed before it had a status record (no profile serves it) is shown by its name.
+  AgentReport unserved;
+  unserved.name = agent;
+  unserved.state = "-";
+  Departed d{live == last.agents.end() ? unserved : *live, Qel::now()};
+  d.report.departed = true;
+  d.report.connected = false;
+  d.report.closeReason = reason;
+  departed_[agent] = std::move(d);
+  // The oldest go first, and those kept too long on every close.
+  std::erase_if(departed_,
+                [&](auto const& e) { return Qel::now() - e.second.closedAt > kDepartedKeep; });
+  while (departed_.size() > kMaxDeparted) {
+    auto oldest = std::min_element(
+        departed_.begin(), departed_.end(),
+        [](auto const& a, auto const& b) { return a.second.closedAt < b.second.closedAt; });
+    departed_.erase(oldest);
+  }
 }
 
 }  // namespace Ledrad

@@ -23,6 +23,10 @@
 // A pointer attribute takes what a state file's `set` takes: `null`, or the absolute path of an
 // entity of the attribute's type.
 //
+// Departed agents. agentClosed() takes the last report of an agent whose connection is being
+// closed; status() goes on showing it, marked departed with the close reason, while the agent has
+// no status record, for kDepartedKeep seconds and for the kMaxDeparted agents closed last.
+//
 // Single-threaded: the event loop's thread. One Database per process at a time.
 #pragma once
 
@@ -79,8 +83,17 @@ class Database {
 
   StatusReport status(std::vector<std::string> const& only = {}) const;
 
+  static constexpr std::size_t kMaxDeparted = 64;
+  static constexpr double kDepartedKeep = 600;
+  // The connection of `agent` is being closed for `reason`: its report is kept (see above).
+  void agentClosed(std::string const& agent, std::string const& reason);
+
  private:
   struct Served;
+  struct Departed {
+    AgentReport report;
+    Qel::Time closedAt = 0;
+  };
 
   // Notes the groups of every engine that has taken its profile's groups and has none noted yet.
   void keepServedGroups();
@@ -93,6 +106,7 @@ class Database {
   Ledra::EntityManager::Ptr entMgr_;
   Ledra::PassiveEntityManagerSmWrapper::Ptr wrapper_;
   std::map<std::string, std::unique_ptr<Served>> served_;  // by agent name
+  std::map<std::string, Departed> departed_;               // by agent name
 };
 
 // "1 file", "2 files", "3 directories": a count and its noun for ledrad's messages.

@@ -33,6 +33,12 @@ std::string groupsSummary(AgentReport const& a) {
   return out.empty() ? "-" : out;
 }
 
+// "closed 12 s ago: REASON" for an agent whose connection is gone.
+std::string departure(AgentReport const& a) {
+  std::string out = "closed " + std::to_string(static_cast<long long>(a.departedFor)) + " s ago";
+  return a.closeReason.empty() ? out : out + ": " + a.closeReason;
+}
+
 std::string join(std::vector<std::string> const& items, char const* sep) {
   std::string out;
   for (auto const& i : items) {
@@ -64,8 +70,10 @@ void details(std::ostringstream& out, AgentReport const& a) {
   detail(out, "profile", a.profile.empty() ? "-" : a.profile);
   detail(out, "agent string", a.agentString);
   detail(out, "connection",
-         std::string(a.connected ? "connected" : "not connected") + ", epoch " +
-             std::to_string(a.epoch));
+         std::string(a.departed    ? departure(a)
+                     : a.connected ? "connected"
+                                   : "not connected") +
+             ", epoch " + std::to_string(a.epoch));
   detail(out, "state", a.state + (a.engine && !a.initialized ? " (cleaned up)" : ""));
   std::vector<std::string> values;
   for (auto const& [k, v] : a.templateValues)
@@ -99,9 +107,10 @@ void details(std::ostringstream& out, AgentReport const& a) {
   }
   for (auto const& b : a.blockingConditions)
     waits.push_back("blocking condition " + b);
-  if (waits.empty()) detail(out, "waiting for", "nothing");
+  char const* const label = a.departed ? "was waiting for" : "waiting for";
+  if (waits.empty()) detail(out, label, "nothing");
   for (std::size_t i = 0; i < waits.size(); ++i)
-    detail(out, i == 0 ? "waiting for" : "", waits[i]);
+    detail(out, i == 0 ? label : "", waits[i]);
 }
 
 // Writes `key` with an array of `items`, each written by `item(j, element)`.
@@ -135,6 +144,11 @@ void agentJson(JsonWriter& j, AgentReport const& a) {
   j.key("profile").value(a.profile);
   j.key("agentString").value(a.agentString);
   j.key("connected").value(a.connected);
+  j.key("departed").value(a.departed);
+  if (a.departed) {
+    j.key("closeReason").value(a.closeReason);
+    j.key("closedSecondsAgo").value(static_cast<long long>(a.departedFor));
+  }
   j.key("epoch").value(a.epoch);
   j.key("engine").value(a.engine);
   j.key("state").value(a.state);
@@ -182,6 +196,7 @@ void agentJson(JsonWriter& j, AgentReport const& a) {
 }  // namespace
 
 std::string waitSummary(AgentReport const& a) {
+  if (a.departed) return departure(a);
   if (!a.failed.empty()) return "failed mount " + a.failed.front().path;
   if (!a.conditions.empty()) return conditionText(a.conditions.front());
   if (a.outstandingRequests > 0) {
@@ -204,7 +219,11 @@ std::string statusTable(StatusReport const& report) {
   std::vector<std::vector<std::string>> rows;
   rows.push_back({"AGENT", "PROFILE", "STATE", "GROUPS", "MOUNTS", "WAITING FOR"});
   for (auto const& a : report.agents) {
-    rows.push_back({a.name, a.profile.empty() ? "-" : a.profile, a.state, groupsSummary(a),
+    rows.push_back({a.name, a.profile.empty() ? "-" : a.profile,
+                    !a.departed      ? a.state
+                    : a.state == "-" ? std::string("departed")
+                                     : "departed (" + a.state + ")",
+                    groupsSummary(a),
                     std::to_string(a.completeMounts()) + "/" + std::to_string(a.mounts.size()),
                     waitSummary(a)});
   }

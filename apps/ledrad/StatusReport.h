@@ -79,6 +79,10 @@ struct AgentReport {
   std::vector<std::string> dirMounters;
   std::vector<ConditionWait> conditions;
   std::vector<std::string> blockingConditions;
+  // An agent whose connection is gone: the report is the last one taken before it went.
+  bool departed = false;
+  std::string closeReason;
+  double departedFor = 0;  // seconds since the connection was closed
 
   unsigned completeMounts() const;
   bool waiting() const;

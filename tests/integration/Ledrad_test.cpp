@@ -129,9 +129,12 @@ TEST_F(LedradIntegration, AgentsAreServedInPriorityOrderWaitForConditionsOrAreRe
   EXPECT_EQ(stranger.waitExit(kWait), std::optional<int>(0));
   expectLedradLine("agent stranger-1 closed: no agent profile");
   expectLedradLine("agent stranger-1 disconnected");
+  // Status goes on showing it, and why it left.
   auto const gone = ctl({"status", "stranger-1"});
-  EXPECT_EQ(gone.status, 1);
-  EXPECT_EQ(gone.output, "status: no agent 'stranger-1'\n");
+  EXPECT_EQ(gone.status, 0);
+  EXPECT_TRUE(contains(gone.output, "stranger-1  -        departed")) << gone.output;
+  EXPECT_TRUE(contains(gone.output, "ago: no agent profile\n")) << gone.output;
+  EXPECT_EQ(ctl({"status", "stranger-2"}).output, "status: no agent 'stranger-2'\n");
 
   // The waiter's last group waits until the control program satisfies its condition.
   expectLedradLine("agent waiter waits for group gated: on == /%sysname/Ledra/a/box.power");

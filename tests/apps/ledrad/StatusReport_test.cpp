@@ -199,5 +199,44 @@ TEST_F(StatusReportTest, EventLinesFollowEachAgent) {
                    }));
 }
 
+// A departed agent stays in the report with its last state and close reason, for a while and for
+// the agents closed last, and gives way to its record when it connects again.
+TEST_F(StatusReportTest, ADepartedAgentIsShownWithItsLastStateAndCloseReasonForAWhile) {
+  AgentEvents events(db->root(), {}, nullptr,
+                     [this](std::string const& a, std::string const& r) { db->agentClosed(a, r); });
+  auto const gate = agent("gate");
+  gate->connect();
+  run();
+  gate->disconnect("bye");
+  run(60);
+  AgentReport const a = report("gate");
+  EXPECT_TRUE(a.departed);
+  EXPECT_FALSE(a.connected);
+  EXPECT_EQ(a.closeReason, "bye");
+  EXPECT_EQ(a.state, "conditionalMountGroupPending") << "the state it was left in";
+  std::string const table = statusTable(db->status());
+  EXPECT_NE(table.find("departed (conditionalMountGroupPending)"), std::string::npos) << table;
+  EXPECT_NE(table.find("closed 60 s ago: bye"), std::string::npos) << table;
+  EXPECT_NE(statusJson(db->status()).find("\"closeReason\": \"bye\""), std::string::npos);
+  gate->connect();
+  run();
+  EXPECT_FALSE(report("gate").departed) << "its record again";
+  gate->disconnect("again");
+  run(Database::kDepartedKeep + 1);
+  EXPECT_TRUE(db->status({"gate"}).agents.empty()) << "kept only for a while";
+  // Only the agents closed last are kept.
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i <= Database::kMaxDeparted; ++i)
+    names.push_back("stranger-" + std::to_string(1000 + i));
+  for (auto const& name : names) {
+    agent(name.c_str())->connect();
+    run(0.01);
+  }
+  StatusReport const all = db->status();
+  ASSERT_EQ(all.agents.size(), Database::kMaxDeparted);
+  EXPECT_EQ(all.agents.front().name, names[1]);
+  EXPECT_EQ(all.agents.front().closeReason, "no agent profile");
+}
+
 }  // namespace
 }  // namespace Ledrad
