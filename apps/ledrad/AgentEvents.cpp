@@ -1,5 +1,7 @@
 #include "apps/ledrad/AgentEvents.h"
 
+#include <set>
+
 #include "Qel/Clock.h"
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
@@ -154,6 +156,12 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
     groupSince_ = Qel::now();
   }
 
+  // A conditional group joins the engine's records once its conditions were first checked: a
+  // blocking one that still waits then holds back every later group.
+  void onConditionalMountGroup(Qel::Name const&) override {
+    if (auto const e = notifier()) blockingWaits(*e);
+  }
+
   void onState() override {
     auto const e = notifier();
     if (!e) return;
@@ -176,6 +184,20 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
   }
 
  private:
+  // Each blocking condition the engine waits for, told once.
+  void blockingWaits(Ledra::PassiveEntityManagerSm const& e) {
+    for (auto const& [condition, on] : e.blockingConditionals()) {
+      if (!on || !toldBlocking_.insert(condition).second) continue;
+      std::string group = "?";
+      for (auto const& [name, record] : e.conditionalMountGroup()) {
+        if (record && record->mountGroup() && record->mountGroup()->entireCondition() == condition)
+          group = shown(name);
+      }
+      owner_.line("agent " + shown(agentName_) + " waits for blocking group " + group + ": " +
+                  shown(condition));
+    }
+  }
+
   // The group the engine was on, if any, is done.
   void groupDone() {
     if (groupSince_ == Qel::kNever) return;
@@ -186,6 +208,7 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
   AgentEvents& owner_;
   Qel::Name const agentName_;
   bool reported_ = false;
+  std::set<std::string> toldBlocking_;
   std::size_t queued_ = 0;
   Qel::Time groupSince_ = Qel::kNever;  // when the engine took the group it is on
 };

@@ -3,6 +3,9 @@
 //   "agent NAME connected (connection N)"     a connection of the agent is registered
 //   "agent NAME served by profile PROFILE"    the root manager made the agent's engine
 //   "agent NAME waits for group G: CONDITION" only conditional groups are left (one line each)
+//   "agent NAME waits for blocking group G: CONDITION"
+//                                             a blocking group holds back every later group
+//                                             (once per condition)
 //   "All mounts complete for NAME"            the engine has mounted everything
 //   "agent NAME: mount of PATH failed: TEXT"  the agent answered a mount request with a failure
 //   "agent NAME speaks mount protocol version V, not 5: it waits in init"

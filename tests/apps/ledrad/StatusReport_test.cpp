@@ -199,6 +199,32 @@ TEST_F(StatusReportTest, EventLinesFollowEachAgent) {
                    }));
 }
 
+TEST_F(StatusReportTest, ABlockingGroupThatWaitsIsToldOnce) {
+  db->loadProfiles({file("h.profile",
+                         "profile holder\n group held 10\n  blocking true\n"
+                         "  condition on == /%sysname/Ledra/box.power\n"
+                         "  mount /dbTest/Ledra/box StatusTest::Box\n"
+                         " group after 20\n  mount /dbTest/Ledra/a Qel::Dir\n")});
+  Strings lines;
+  AgentEvents events(db->root(), [&](std::string const& l) { lines.push_back(l); });
+  agent("holder")->connect();
+  run();
+  db->set("/dbTest/Ledra/box", "power", "on");
+  run();
+  // Connected again while the condition holds: the group does not wait, and nothing is told.
+  agents.front()->disconnect("again");
+  run();
+  agents.front()->connect();
+  run();
+  EXPECT_EQ(
+      lines,
+      (Strings{"agent holder connected (connection 1)", "agent holder served by profile holder",
+               "agent holder waits for blocking group held: on == /%sysname/Ledra/box.power",
+               "All mounts complete for holder", "agent holder closed: again",
+               "agent holder disconnected", "agent holder connected (connection 2)",
+               "agent holder served by profile holder", "All mounts complete for holder"}));
+}
+
 // A departed agent stays in the report with its last state and close reason, for a while and for
 // the agents closed last, and gives way to its record when it connects again.
 TEST_F(StatusReportTest, ADepartedAgentIsShownWithItsLastStateAndCloseReasonForAWhile) {
