@@ -164,8 +164,8 @@ std::string Expectation::value(std::string const& key) const {
   return "";
 }
 
-// A key starts at "%" and ends at the next "%", "-", "/" or the end; "-" and "/" stay.
-std::string Expectation::canonical(std::string const& path) const {
+std::string Expectation::substituted(std::string const& path,
+                                     std::function<std::string(std::string const&)> const& value) {
   std::string out;
   std::string key;
   bool inKey = false;
@@ -186,6 +186,10 @@ std::string Expectation::canonical(std::string const& path) const {
   }
   if (inKey) out += value(key);
   return out;
+}
+
+std::string Expectation::canonical(std::string const& path) const {
+  return substituted(path, [this](std::string const& key) { return value(key); });
 }
 
 // "<template> <op> <value>": the template and the value substituted, "NULL" the empty text.

@@ -54,6 +54,10 @@ class Expectation {
   // agent's name; "" when none does.
   static std::string profileFor(std::string const& agent,
                                 std::map<std::string, ProfilePlan> const& plans);
+  // `path` with every template key replaced by `value(key)`: a key starts at "%" and ends at the
+  // next "%", "-", "/" or the end; "-" and "/" stay.
+  static std::string substituted(std::string const& path,
+                                 std::function<std::string(std::string const&)> const& value);
   // The letters after "flags=" of a mount with `userFlags`.
   static std::string letters(std::string const& userFlags, bool granted,
                              std::string const& rootFlags);

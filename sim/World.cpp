@@ -472,7 +472,7 @@ std::string World::connect(AgentState& a, Event const& e) {
   a.agent->holdAnswersIs(e.index % 10 == 0);
   a.agent->currentVersionIs(e.index % 20 == 1 && !avoid_.oldProtocol ? 4 : 5);
   a.agent->whiteListIs(e.value % 50 == 7);
-  a.profile = profileFor(name);
+  a.profile = Expectation::profileFor(name, plans_);
   a.entitled.clear();
   a.directoryMounts.clear();
   a.groupOf.clear();
@@ -509,16 +509,6 @@ std::string World::connect(AgentState& a, Event const& e) {
 
 // --- entitlement
 
-std::string World::profileFor(std::string const& agent) const {
-  if (plans_.count(agent)) return agent;
-  std::string rest = agent;
-  for (auto dash = rest.rfind('-'); dash != std::string::npos; dash = rest.rfind('-')) {
-    rest = rest.substr(0, dash);
-    if (plans_.count(rest + "-")) return rest + "-";
-  }
-  return "";
-}
-
 std::string World::canonical(AgentState const& a, std::string const& path) const {
   if (path.find('%') == std::string::npos) return path;
   int const cell = Cell::cellId();
@@ -528,35 +518,11 @@ std::string World::canonical(AgentState const& a, std::string const& path) const
       {"%peerCellId", std::to_string(3 - cell)},
       {"%peerCellPath", "cell/" + std::to_string(3 - cell)},
       {"%sysname", "ledra"}};
-  auto value = [&](std::string const& key) -> std::string {
+  return Expectation::substituted(path, [&](std::string const& key) -> std::string {
     if (auto it = a.values.find(key); it != a.values.end()) return it->second;
     if (auto it = reserved.find(key); it != reserved.end()) return it->second;
     return "";
-  };
-  std::string out;
-  std::string key;
-  bool inKey = false;
-  for (char c : path) {
-    if (c == '%') {
-      if (inKey) out += value(key);
-      key = "%";
-      inKey = true;
-      continue;
-    }
-    if (inKey && (c == '-' || c == '/')) {
-      out += value(key);
-      out += c;
-      inKey = false;
-      continue;
-    }
-    if (inKey) {
-      key += c;
-      continue;
-    }
-    out += c;
-  }
-  if (inKey) out += value(key);
-  return out;
+  });
 }
 
 void World::entitle(AgentState& a) {

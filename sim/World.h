@@ -95,7 +95,6 @@ class World {
   };
 
   std::string connect(AgentState& a, Event const& e);
-  std::string profileFor(std::string const& agent) const;
   void entitle(AgentState& a);
   void entitleAll();
   // `path` with the agent's template values substituted, computed here, not by the library.
