@@ -30,7 +30,7 @@ Qel::U32 parseVersion(std::string const& text) {
 
 char const* agentUsage() {
   return "usage: ledra-agent --socket PATH --name NAME [--agent-string TEXT]\n"
-         "                   [--fail PATH=TEXT]... [--hold PATH]... [--version N]\n"
+         "                   [--fail PATH=TEXT]... [--hold PATH]... [--version N] [--show]\n"
          "Connects to the database at PATH as agent NAME, takes every mount it is sent into a\n"
          "local tree and answers it. Prints one line per event:\n"
          "  connected as NAME\n"
@@ -41,7 +41,9 @@ char const* agentUsage() {
          "  --agent-string TEXT  the agent string announced (default: NAME)\n"
          "  --fail PATH=TEXT     fail mounts of PATH with the exception text TEXT\n"
          "  --hold PATH          never answer mounts of PATH\n"
-         "  --version N          the protocol version announced (default: 5)\n";
+         "  --version N          the protocol version announced (default: 5)\n"
+         "  --show               at the end, print every path it holds with its type, its flags\n"
+         "                       explained and its attribute values\n";
 }
 
 AgentOptions parseAgentOptions(std::vector<std::string> const& args) {
@@ -51,6 +53,10 @@ AgentOptions parseAgentOptions(std::vector<std::string> const& args) {
     std::string opt = args[i];
     if (opt == "--help" || opt == "-h") {
       o.help = true;
+      continue;
+    }
+    if (opt == "--show") {
+      o.show = true;
       continue;
     }
     if (opt.rfind("--", 0) != 0) throw AgentOptionsError("unexpected argument '" + opt + "'");

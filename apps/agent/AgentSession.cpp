@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "Qel/EntityUri.h"
+#include "Qel/NboAttrLog/WireText.h"
 
 namespace LedraAgent {
 
@@ -179,7 +180,7 @@ void AgentSession::request(WireMountRequest const& r, WireEntityState const* sta
     unanswered_[r.seqno] = path;
     return;
   }
-  tree_.mount(path, r.typeName, state);
+  tree_.mount(path, r.typeName, letters, state);
   if (!send(answer)) connectionLost();
 }
 
@@ -213,8 +214,44 @@ void AgentSession::protocolError(std::string const& reason) {
   finish("protocol error: " + reason, 1);
 }
 
+namespace {
+
+// What the letters of a mount request mean to the agent that receives it.
+std::string explainedFlags(std::string const& letters) {
+  std::vector<std::string> parts;
+  if (letters.find('w') != std::string::npos) parts.push_back("w: writable");
+  if (letters.find('C') != std::string::npos) {
+    parts.push_back("C: read-only now, made writable once writing is granted");
+  }
+  if (letters.find('i') != std::string::npos) parts.push_back("i: from the profile");
+  if (letters.find('S') != std::string::npos) parts.push_back("S: from the profile");
+  if (letters.ends_with("np")) {
+    parts.push_back("np: the suffix of a profile whose root flags lack N");
+  } else if (letters.ends_with('p')) {
+    parts.push_back("p: the suffix of a profile whose root flags hold N");
+  }
+  std::string out;
+  for (auto const& p : parts)
+    out += (out.empty() ? "" : "; ") + p;
+  return out.empty() ? "none" : out;
+}
+
+}  // namespace
+
+void AgentSession::show() {
+  line("received:");
+  for (auto const& [path, n] : tree_.all()) {
+    if (!n.held) continue;
+    line(printableText(path) + " " + (n.typeName.empty() ? "-" : printableText(n.typeName)) +
+         " flags=" + n.flags + " (" + explainedFlags(n.flags) + ")");
+    for (auto const& [attribute, value] : n.attributes)
+      line("  " + printableText(attribute) + " = " + printableText(value));
+  }
+}
+
 void AgentSession::finish(std::string const& text, int status) {
   if (ended_) return;
+  if (options_.show) show();
   ended_ = true;
   exitStatus_ = status;
   if (!text.empty()) line(text);

@@ -68,6 +68,8 @@ class AgentSession {
   void watchFor(bool writable);
   void protocolError(std::string const& reason);
   void finish(std::string const& line, int status);
+  // With --show: every path held, its type, its flags explained and its attribute values.
+  void show();
   void line(std::string const& text);
 
   Qel::EventLoop::Ptr const loop_;

@@ -25,12 +25,14 @@ LocalTree::Node& LocalTree::make(std::string const& path) {
 }
 
 LocalTree::Node& LocalTree::mount(std::string const& path, std::string const& typeName,
+                                  std::string const& flags,
                                   Qel::NboAttrLog::WireEntityState const* state) {
   std::string const key = normalised(path);
   Node& n = make(key);
   n.held = true;
   ++n.mounts;
   n.typeName = typeName;
+  n.flags = flags;
   if (!state) return n;
   if (typeName.empty()) n.typeName = state->typeName;
   n.attributes.assign(state->attributes.begin(), state->attributes.end());

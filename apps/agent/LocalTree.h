@@ -24,6 +24,7 @@ class LocalTree {
     std::string typeName;
     std::vector<std::pair<std::string, std::string>> attributes;
     std::set<std::string> entries;
+    std::string flags;  // the letters of the last mount applied here
     bool held = false;
     unsigned mounts = 0;  // how many mounts were applied here
   };
@@ -31,11 +32,12 @@ class LocalTree {
   // "/a//b/" -> "/a/b"; "" and "/" -> "/".
   static std::string normalised(std::string const& path);
 
-  Node& mount(std::string const& path, std::string const& typeName,
+  Node& mount(std::string const& path, std::string const& typeName, std::string const& flags,
               Qel::NboAttrLog::WireEntityState const* state);
 
   Node const* node(std::string const& path) const;
   std::size_t nodes() const { return nodes_.size(); }
+  std::map<std::string, Node> const& all() const { return nodes_; }
   std::vector<std::string> held() const;
 
  private:

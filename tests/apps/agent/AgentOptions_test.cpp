@@ -32,6 +32,8 @@ TEST(AgentOptionsTest, DefaultsBothValueFormsAndRepetition) {
   EXPECT_EQ(o.version, 4294967295u);
   EXPECT_EQ(o.failures, (std::map<std::string, std::string>{{"/p", "second"}, {"/q", "a=b"}}));
   EXPECT_EQ(o.holds, (std::set<std::string>{"/h1", "/h2"}));
+  EXPECT_FALSE(o.show);
+  EXPECT_TRUE(parseAgentOptions(withBase({"--show"})).show);
   EXPECT_TRUE(parseAgentOptions({"-h"}).help);
 }
 

@@ -36,6 +36,7 @@ class AgentSessionTest : public ::testing::Test {
     o.version = 4;
     o.failures["/f"] = "no such entity: /f";
     o.holds.insert("/h");
+    o.show = true;
     session = std::make_unique<AgentSession>(loop, fds[0], o, out);
   }
   void TearDown() override {
@@ -109,14 +110,19 @@ TEST_F(AgentSessionTest, AnswersMountsFailsHoldsAndStops) {
   ASSERT_TRUE(e);
   EXPECT_EQ(e->typeName, "Qel::Dir");
   EXPECT_EQ(e->entries, (std::set<std::string>{"inner"}));
-  // Stopping prints the held paths sorted and tells the database, once.
+  // Stopping prints the held paths sorted, then what it received, and tells the database, once.
   session->stop();
   session->stop();
   EXPECT_EQ(session->exitStatus(), 0);
   EXPECT_EQ(lines(), (Strings{"connected as a", "mount 1 /d/e flags=Cnp type=Qel::Dir",
                               "mount 2 /h flags=w type=", "mount 3 /f flags= type=",
                               "mount 4 http://host/x flags= type=", "mount 5 /y flags=Q type=",
-                              "mount 6 /b flags= type=", "holds:", "/b", "/d/e"}));
+                              "mount 6 /b flags= type=", "holds:", "/b", "/d/e",
+                              "received:", "/b - flags= (none)",
+                              "/d/e Qel::Dir flags=Cnp (C: read-only now, made writable once "
+                              "writing is granted; np: the suffix of a profile whose root flags "
+                              "lack N)",
+                              "  k = v"}));
   EXPECT_EQ(received().back(), Wire::WireMessage(Wire::WireClose{"agent stopped"}));
 }
 
