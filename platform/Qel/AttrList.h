@@ -80,6 +80,15 @@ class TypeBuilder;
 
 #define QEL_ATTR_COUNT(name, ...) \
   __VA_OPT__(std::size_t __VA_ARGS__() const { return name##_.size(); })
+// nameDel(k), nameDelAll() and the element count, for every collection kind.
+#define QEL_ATTR_ACCESSOR_DELETE(K, name, ...) \
+  void name##Del(K k) {                        \
+    name##_.del(*this, k);                     \
+  }                                            \
+  void name##DelAll() {                        \
+    name##_.delAll(*this);                     \
+  }                                            \
+  QEL_ATTR_COUNT(name __VA_OPT__(, ) __VA_ARGS__)
 
 #define QEL_ATTR_ACCESSOR_value(T, name, Upper, ...) \
   T const& name() const {                            \
@@ -101,13 +110,7 @@ class TypeBuilder;
   ::Qel::LookupResult<typename T::mapped_type> name(typename T::key_type const& k) const { \
     return name##_.find(k);                                                                \
   }                                                                                        \
-  void name##Del(typename T::key_type const& k) {                                          \
-    name##_.del(*this, k);                                                                 \
-  }                                                                                        \
-  void name##DelAll() {                                                                    \
-    name##_.delAll(*this);                                                                 \
-  }                                                                                        \
-  QEL_ATTR_COUNT(name __VA_OPT__(, ) __VA_ARGS__)
+  QEL_ATTR_ACCESSOR_DELETE(typename T::key_type const&, name __VA_OPT__(, ) __VA_ARGS__)
 #define QEL_ATTR_ACCESSOR_map(T, name, Upper, ...)                                 \
   QEL_ATTR_ACCESSOR_MAP_READ(T, name __VA_OPT__(, ) __VA_ARGS__)                   \
   void name##Is(typename T::key_type const& k, typename T::mapped_type const& v) { \
@@ -129,13 +132,7 @@ class TypeBuilder;
   ::Qel::Ptr<T> name(::Qel::Name const& n) const {                           \
     return name##_.find(n);                                                  \
   }                                                                          \
-  void name##Del(::Qel::Name const& n) {                                     \
-    name##_.del(*this, n);                                                   \
-  }                                                                          \
-  void name##DelAll() {                                                      \
-    name##_.delAll(*this);                                                   \
-  }                                                                          \
-  QEL_ATTR_COUNT(name __VA_OPT__(, ) __VA_ARGS__)
+  QEL_ATTR_ACCESSOR_DELETE(::Qel::Name const&, name __VA_OPT__(, ) __VA_ARGS__)
 
 #define QEL_ATTR_ACCESSOR_queue(T, name, Upper, ...)                       \
   typename ::Qel::NotifyingQueue<T, k##Upper>::Queue const& name() const { \
@@ -153,16 +150,10 @@ class TypeBuilder;
   void name##Is(::Qel::U32 index, T const& v) {                            \
     name##_.set(*this, index, v);                                          \
   }                                                                        \
-  void name##Del(::Qel::U32 index) {                                       \
-    name##_.del(*this, index);                                             \
-  }                                                                        \
-  void name##DelAll() {                                                    \
-    name##_.delAll(*this);                                                 \
-  }                                                                        \
   ::Qel::LinkQueueMetadata name##Metadata() const {                        \
     return name##_.metadata();                                             \
   }                                                                        \
-  QEL_ATTR_COUNT(name __VA_OPT__(, ) __VA_ARGS__)
+  QEL_ATTR_ACCESSOR_DELETE(::Qel::U32, name __VA_OPT__(, ) __VA_ARGS__)
 #define QEL_ATTR_ACCESSOR_queueRo QEL_ATTR_ACCESSOR_queue
 
 // --- storage
