@@ -23,6 +23,9 @@ class LEDRA_PEM_EXPORT Mount {
   bool empty() const { return path_.empty() && type_.empty() && flags_.empty(); }
 
   friend bool operator==(Mount const&, Mount const&) = default;
+  // A collection of mounts is keyed by path; what refuses a mount stored under another key.
+  friend Qel::String qelKey(Mount const& m) { return m.path_; }
+  friend char const* qelKeyMismatch(Mount const&) { return "mount profile keyed by another path"; }
 
   // "path (type) flags"
   Qel::String text() const;

@@ -14,11 +14,20 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/Mount.h"
-#include "Qel/Entity.h"
-#include "Qel/LinkQueue.h"
-#include "Qel/Notifiee.h"
+#include "Qel/AttrList.h"
 
 namespace Ledra {
+
+// The attributes, in id order (see Qel/AttrList.h).
+#define LEDRA_PASSIVE_MOUNT_GROUP_ATTRIBUTES(X)                                                \
+  X(ctor, none, Qel::U32, priority, Priority)                                                  \
+  X(value, plain, Qel::String, entireCondition, EntireCondition)                               \
+  X(queue, keyImmediateWhole, Qel::String, conditionCol, ConditionCol, conditionCols)          \
+  X(map, keyImmediateWhole, TemplateConditionCol, templateConditionCol, TemplateConditionCol)  \
+  X(value, plain, bool, blockingConditional, BlockingConditional)                              \
+  X(keyedMapRw, keyImmediateWhole, MountProfileCol, mountProfile, MountProfile, mountProfiles) \
+  X(custom, none, void, addProfile, AddProfile)                                                \
+  X(getter, plain, ConditionColMetadata, conditionColMetadata, ConditionColMetadata)
 
 class LEDRA_PEM_EXPORT PassiveMountGroup : public Qel::Entity {
  public:
@@ -30,17 +39,7 @@ class LEDRA_PEM_EXPORT PassiveMountGroup : public Qel::Entity {
   using MountProfileCol = std::map<Qel::String, Mount>;
   using MountProfileIteratorConst = MountProfileCol::const_iterator;
   using TemplateConditionColIteratorConst = TemplateConditionCol::const_iterator;
-
-  enum : Qel::AttributeId {
-    kPriority = 1,
-    kEntireCondition,
-    kConditionCol,
-    kTemplateConditionCol,
-    kBlockingConditional,
-    kMountProfile,
-    kAddProfile,
-    kConditionColMetadata,
-  };
+  QEL_ATTR_IDS(LEDRA_PASSIVE_MOUNT_GROUP_ATTRIBUTES);
 
   template <class N>
   class NotifieeT;
@@ -52,40 +51,14 @@ class LEDRA_PEM_EXPORT PassiveMountGroup : public Qel::Entity {
 
   Qel::U32 priority() const { return priority_; }
 
-  Qel::String entireCondition() const { return entireCondition_; }
-  void entireConditionIs(Qel::String const& v);
-
-  // Attribute conditions, in enqueue order.
-  ConditionCol const& conditionCol() const { return conditionCol_; }
-  std::size_t conditionCols() const { return conditionCol_.size(); }
-  Qel::String const* conditionCol(Qel::U32 index) const { return conditionCol_.at(index); }
-  // Returns the new entry's index; throws "linkqueue index space full".
-  Qel::U32 conditionColEnq(Qel::String const& v);
-  void conditionColDeq();
-  void conditionColIs(Qel::U32 index, Qel::String const& v);
-  void conditionColDel(Qel::U32 index);
-  void conditionColDelAll();
-  ConditionColMetadata conditionColMetadata() const { return conditionCol_.metadata(); }
+  // Attribute conditions are a queue in enqueue order (conditionColEnq throws "linkqueue index
+  // space full"); mount profiles are keyed by their path.
+  QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_MOUNT_GROUP_ATTRIBUTES)
   // Only on an empty queue (to resume numbering elsewhere in the index space).
   void conditionColMetadataIs(ConditionColMetadata const& m);
-
-  TemplateConditionCol const& templateConditionCol() const { return templateConditionCol_; }
-  std::optional<bool> templateConditionCol(Qel::String const& cond) const;
-  void templateConditionColIs(Qel::String const& cond, bool flag);
-  void templateConditionColDel(Qel::String const& cond);
-  void templateConditionColDelAll();
-
-  bool blockingConditional() const { return blockingConditional_; }
-  void blockingConditionalIs(bool v);
-
-  MountProfileCol const& mountProfile() const { return mountProfile_; }
-  // The mount profile for `path`, or null.
-  Mount const* mountProfile(Qel::String const& path) const;
-  std::size_t mountProfiles() const { return mountProfile_.size(); }
-  void mountProfileIs(Mount const& m);
-  void mountProfileDel(Qel::String const& path);
-  MountProfileIteratorConst mountProfileDel(MountProfileIteratorConst it);
-  void mountProfileDelAll();
+  MountProfileIteratorConst mountProfileDel(MountProfileIteratorConst it) {
+    return mountProfile_.del(*this, it);
+  }
   // Mount(path, qelType, flags) stored with mountProfileIs.
   void addProfile(Qel::String const& path, Qel::String const& qelType, Qel::String const& flags) {
     mountProfileIs(Mount(path, qelType, flags));
@@ -99,56 +72,17 @@ class LEDRA_PEM_EXPORT PassiveMountGroup : public Qel::Entity {
   ~PassiveMountGroup() override = default;
 
  private:
+  static void qelReflectAddProfile(Qel::TypeBuilder<PassiveMountGroup>& b);
+
   Qel::U32 const priority_;
-  Qel::String entireCondition_;
-  ConditionCol conditionCol_;
-  TemplateConditionCol templateConditionCol_;
-  bool blockingConditional_ = false;
-  MountProfileCol mountProfile_;
+  QEL_ATTR_STORAGE(LEDRA_PASSIVE_MOUNT_GROUP_ATTRIBUTES)
 };
 
 template <class N>
 class PassiveMountGroup::NotifieeT : public Qel::BasicNotifiee<N> {
  public:
   using Qel::BasicNotifiee<N>::BasicNotifiee;
-
-  virtual void onEntireCondition() {}
-  virtual void onConditionColMetadata() {}
-  virtual void onConditionCol(unsigned index) {}
-  virtual void onConditionColqelImmediate() {}
-  virtual void onConditionCol() {}
-  virtual void onTemplateConditionCol(Qel::String const& key) {}
-  virtual void onTemplateConditionColqelImmediate() {}
-  virtual void onTemplateConditionCol() {}
-  virtual void onBlockingConditional() {}
-  virtual void onMountProfile(Qel::String const& path) {}
-  virtual void onMountProfileqelImmediate() {}
-  virtual void onMountProfile() {}
-
-  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
-    switch (aid) {
-      case kEntireCondition:
-        return onEntireCondition();
-      case kConditionColMetadata:
-        return onConditionColMetadata();
-      case kConditionCol:
-        return this->dispatchInTurn(
-            [&] { onConditionCol(*static_cast<Qel::U32 const*>(key.native)); },
-            [&] { onConditionColqelImmediate(); }, [&] { onConditionCol(); });
-      case kTemplateConditionCol:
-        return this->dispatchInTurn(
-            [&] { onTemplateConditionCol(*static_cast<Qel::String const*>(key.native)); },
-            [&] { onTemplateConditionColqelImmediate(); }, [&] { onTemplateConditionCol(); });
-      case kBlockingConditional:
-        return onBlockingConditional();
-      case kMountProfile:
-        return this->dispatchInTurn(
-            [&] { onMountProfile(*static_cast<Qel::String const*>(key.native)); },
-            [&] { onMountProfileqelImmediate(); }, [&] { onMountProfile(); });
-      default:
-        return;
-    }
-  }
+  QEL_ATTR_NOTIFIEE(LEDRA_PASSIVE_MOUNT_GROUP_ATTRIBUTES)
 };
 
 }  // namespace Ledra

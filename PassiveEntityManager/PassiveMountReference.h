@@ -4,27 +4,26 @@
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
-#include "Qel/Entity.h"
-#include "Qel/Notifiee.h"
+#include "Qel/AttrList.h"
 
 namespace Ledra {
+
+// The attributes, in id order (see Qel/AttrList.h).
+#define LEDRA_PASSIVE_MOUNT_REFERENCE_ATTRIBUTES(X)        \
+  X(valueRo, plain, Qel::Entity::PtrConst, entity, Entity) \
+  X(value, plain, bool, complete, Complete)
 
 class LEDRA_PEM_EXPORT PassiveMountReference : public Qel::Entity {
  public:
   using Ptr = Qel::Ptr<PassiveMountReference>;
   using PtrConst = Qel::Ptr<PassiveMountReference const>;
-  enum : Qel::AttributeId { kEntity = 1, kComplete };
+  QEL_ATTR_IDS(LEDRA_PASSIVE_MOUNT_REFERENCE_ATTRIBUTES);
 
   template <class N>
   class NotifieeT : public Qel::BasicNotifiee<N> {
    public:
     using Qel::BasicNotifiee<N>::BasicNotifiee;
-    virtual void onEntity() {}
-    virtual void onComplete() {}
-    void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const&) override {
-      if (aid == kEntity) onEntity();
-      if (aid == kComplete) onComplete();
-    }
+    QEL_ATTR_NOTIFIEE(LEDRA_PASSIVE_MOUNT_REFERENCE_ATTRIBUTES)
   };
   using Notifiee = NotifieeT<PassiveMountReference>;
   using NotifieeConst = NotifieeT<PassiveMountReference const>;
@@ -33,10 +32,7 @@ class LEDRA_PEM_EXPORT PassiveMountReference : public Qel::Entity {
     return Ptr(new PassiveMountReference(path));
   }
 
-  Qel::Entity::PtrConst entity() const { return entity_; }
-  void entityIs(Qel::Entity::PtrConst const& e);
-  bool complete() const { return complete_; }
-  void completeIs(bool v);
+  QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_MOUNT_REFERENCE_ATTRIBUTES)
 
   // Whether the mount counts as completed: `complete` is set and the mounted entity is still in
   // the tree of the global directory. An entity cut off since it was mounted is `orphaned`, and so
@@ -52,8 +48,7 @@ class LEDRA_PEM_EXPORT PassiveMountReference : public Qel::Entity {
   ~PassiveMountReference() override = default;
 
  private:
-  Qel::Entity::PtrConst entity_;
-  bool complete_ = false;
+  QEL_ATTR_STORAGE(LEDRA_PASSIVE_MOUNT_REFERENCE_ATTRIBUTES)
 };
 
 }  // namespace Ledra

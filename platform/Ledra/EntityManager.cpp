@@ -4,18 +4,6 @@
 
 namespace Ledra {
 
-void EntityManager::localIs(Role r) {
-  if (r == local_) return;
-  local_ = r;
-  notify(kLocal);
-}
-
-void EntityManager::writeMountsGrantedIs(bool v) {
-  if (v == writeMountsGranted_) return;
-  writeMountsGranted_ = v;
-  notify(kWriteMountsGranted);
-}
-
 char const* EntityManager::roleName(Role r) {
   return r == Role::active ? "active" : "backup";
 }
@@ -32,16 +20,11 @@ Qel::QelType const* EntityManager::roleType() {
 }
 
 Qel::QelType const* EntityManager::staticType() {
-  using E = EntityManager;
   static Qel::QelType const* t =
-      Qel::TypeBuilder<E>("Ledra::EntityManager")
-          .value<Role>(
-              "local", [](E const& e) { return e.local(); }, [](E& e, Role r) { e.localIs(r); })
-          .value<bool>(
-              "writeMountsGranted", [](E const& e) { return e.writeMountsGranted(); },
-              [](E& e, bool v) { e.writeMountsGrantedIs(v); })
-          .factory([](Qel::Name const& n) { return Qel::Entity::Ptr(entityManagerNew(n)); })
-          .done();
+      Qel::TypeBuilder<EntityManager>("Ledra::EntityManager")
+          QEL_ATTR_REFLECTION(LEDRA_ENTITY_MANAGER_ATTRIBUTES)
+              .factory([](Qel::Name const& n) { return Qel::Entity::Ptr(entityManagerNew(n)); })
+              .done();
   return t;
 }
 

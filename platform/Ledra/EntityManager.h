@@ -10,19 +10,23 @@
 #pragma once
 
 #include "Qel/Api.h"
-#include "Qel/Entity.h"
+#include "Qel/AttrList.h"
 #include "Qel/GenericValue.h"
-#include "Qel/Notifiee.h"
 #include "Qel/ValueTraits.h"
 
 namespace Ledra {
+
+// The attributes, in id order (see Qel/AttrList.h).
+#define LEDRA_ENTITY_MANAGER_ATTRIBUTES(X) \
+  X(value, plain, Role, local, Local)      \
+  X(value, plain, bool, writeMountsGranted, WriteMountsGranted)
 
 class QEL_API EntityManager : public Qel::Entity {
  public:
   using Ptr = Qel::Ptr<EntityManager>;
   using PtrConst = Qel::Ptr<EntityManager const>;
-  enum : Qel::AttributeId { kLocal = 1, kWriteMountsGranted };
   enum class Role { backup = 0, active = 1 };
+  QEL_ATTR_IDS(LEDRA_ENTITY_MANAGER_ATTRIBUTES);
 
   template <class N>
   class NotifieeT;
@@ -33,13 +37,9 @@ class QEL_API EntityManager : public Qel::Entity {
     return Ptr(new EntityManager(name, role));
   }
 
-  Role local() const { return local_; }
-  void localIs(Role r);
-  Role role() const { return local_; }
-  bool active() const { return local_ == Role::active; }
-
-  bool writeMountsGranted() const { return writeMountsGranted_; }
-  void writeMountsGrantedIs(bool v);
+  QEL_ATTR_ACCESSORS(LEDRA_ENTITY_MANAGER_ATTRIBUTES)
+  Role role() const { return local(); }
+  bool active() const { return local() == Role::active; }
 
   // "active" or "backup".
   static char const* roleName(Role r);
@@ -49,24 +49,19 @@ class QEL_API EntityManager : public Qel::Entity {
   static Qel::QelType const* roleType();
 
  protected:
-  EntityManager(Qel::Name name, Role role) : Entity(std::move(name)), local_(role) {}
+  // Nobody watches yet: storing the role tells nobody.
+  EntityManager(Qel::Name name, Role role) : Entity(std::move(name)) { localIs(role); }
   ~EntityManager() override = default;
 
  private:
-  Role local_;
-  bool writeMountsGranted_ = false;
+  QEL_ATTR_STORAGE(LEDRA_ENTITY_MANAGER_ATTRIBUTES)
 };
 
 template <class N>
 class EntityManager::NotifieeT : public Qel::BasicNotifiee<N> {
  public:
   using Qel::BasicNotifiee<N>::BasicNotifiee;
-  virtual void onLocal() {}
-  virtual void onWriteMountsGranted() {}
-  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const&) override {
-    if (aid == kLocal) return onLocal();
-    if (aid == kWriteMountsGranted) return onWriteMountsGranted();
-  }
+  QEL_ATTR_NOTIFIEE(LEDRA_ENTITY_MANAGER_ATTRIBUTES)
 };
 
 }  // namespace Ledra

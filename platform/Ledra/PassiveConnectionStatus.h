@@ -12,23 +12,24 @@
 #pragma once
 
 #include "Qel/Api.h"
-#include "Qel/Entity.h"
-#include "Qel/Notifiee.h"
+#include "Qel/AttrList.h"
 
 namespace Ledra {
+
+// The attributes, in id order (see Qel/AttrList.h).
+#define LEDRA_PASSIVE_CONNECTION_STATUS_ATTRIBUTES(X)    \
+  X(value, plain, Qel::Name, agentName, AgentName)       \
+  X(value, plain, Qel::String, agentString, AgentString) \
+  X(value, plain, bool, whiteList, WhiteList)            \
+  X(value, plain, bool, established, Established)        \
+  X(value, plain, Qel::U32, state, State)                \
+  X(value, plain, bool, connected, Connected)
 
 class QEL_API PassiveConnectionStatus : public Qel::Entity {
  public:
   using Ptr = Qel::Ptr<PassiveConnectionStatus>;
   using PtrConst = Qel::Ptr<PassiveConnectionStatus const>;
-  enum : Qel::AttributeId {
-    kAgentName = 1,
-    kAgentString,
-    kWhiteList,
-    kEstablished,
-    kState,
-    kConnected,
-  };
+  QEL_ATTR_IDS(LEDRA_PASSIVE_CONNECTION_STATUS_ATTRIBUTES);
   // Values of state.
   enum : Qel::U32 { kStateIdle = 0, kStateConnecting = 1, kStateConnected = 2, kStateClosed = 3 };
 
@@ -41,18 +42,7 @@ class QEL_API PassiveConnectionStatus : public Qel::Entity {
     return Ptr(new PassiveConnectionStatus(name));
   }
 
-  Qel::Name const& agentName() const { return agentName_; }
-  void agentNameIs(Qel::Name const& v) { store(agentName_, v, kAgentName); }
-  Qel::String const& agentString() const { return agentString_; }
-  void agentStringIs(Qel::String const& v) { store(agentString_, v, kAgentString); }
-  bool whiteList() const { return whiteList_; }
-  void whiteListIs(bool v) { store(whiteList_, v, kWhiteList); }
-  bool established() const { return established_; }
-  void establishedIs(bool v) { store(established_, v, kEstablished); }
-  Qel::U32 state() const { return state_; }
-  void stateIs(Qel::U32 v) { store(state_, v, kState); }
-  bool connected() const { return connected_; }
-  void connectedIs(bool v) { store(connected_, v, kConnected); }
+  QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_CONNECTION_STATUS_ATTRIBUTES)
 
   Qel::QelType const* fwkType() const override { return staticType(); }
   static Qel::QelType const* staticType();
@@ -62,49 +52,14 @@ class QEL_API PassiveConnectionStatus : public Qel::Entity {
   ~PassiveConnectionStatus() override = default;
 
  private:
-  template <class T>
-  void store(T& field, T const& v, Qel::AttributeId aid) {
-    if (field == v) return;
-    field = v;
-    notify(aid);
-  }
-
-  Qel::Name agentName_;
-  Qel::String agentString_;
-  bool whiteList_ = false;
-  bool established_ = false;
-  Qel::U32 state_ = kStateIdle;
-  bool connected_ = false;
+  QEL_ATTR_STORAGE(LEDRA_PASSIVE_CONNECTION_STATUS_ATTRIBUTES)
 };
 
 template <class N>
 class PassiveConnectionStatus::NotifieeT : public Qel::BasicNotifiee<N> {
  public:
   using Qel::BasicNotifiee<N>::BasicNotifiee;
-  virtual void onAgentName() {}
-  virtual void onAgentString() {}
-  virtual void onWhiteList() {}
-  virtual void onEstablished() {}
-  virtual void onState() {}
-  virtual void onConnected() {}
-  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const&) override {
-    switch (aid) {
-      case kAgentName:
-        return onAgentName();
-      case kAgentString:
-        return onAgentString();
-      case kWhiteList:
-        return onWhiteList();
-      case kEstablished:
-        return onEstablished();
-      case kState:
-        return onState();
-      case kConnected:
-        return onConnected();
-      default:
-        return;
-    }
-  }
+  QEL_ATTR_NOTIFIEE(LEDRA_PASSIVE_CONNECTION_STATUS_ATTRIBUTES)
 };
 
 }  // namespace Ledra

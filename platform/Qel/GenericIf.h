@@ -27,6 +27,7 @@ namespace Qel {
 
 class QelType;
 class QelAttr;
+struct AttrNotifier;
 class GenericValue;
 
 class QEL_API GenericIf : public RefCounted {
@@ -94,6 +95,7 @@ class QEL_API GenericIf : public RefCounted {
 
  private:
   friend class NotifieeBase;
+  friend struct AttrNotifier;
   mutable ObserverList<NotifieeBase> notifiees_;
 };
 

@@ -171,6 +171,13 @@ class TypeBuilder {
     return *this;
   }
 
+  // Lets `f(*this)` register more of the type in the middle of a chain.
+  template <class F>
+  TypeBuilder& with(F f) {
+    f(*this);
+    return *this;
+  }
+
   template <class F>
   TypeBuilder& factory(F f) {
     type_.factoryIs(std::move(f));

@@ -11,25 +11,14 @@
 #include "Qel/Dir.h"
 #include "Qel/GenericValue.h"
 #include "support/ExactText.h"
+#include "support/LeafEntity.h"
 #include "support/LeakCheck.h"
 
 namespace {
 
 using Log = std::vector<std::string>;
 
-class Leaf : public Qel::Entity {
- public:
-  using Ptr = Qel::Ptr<Leaf>;
-  static Ptr leafNew(Qel::Name const& name) { return Ptr(new Leaf(name)); }
-  Qel::QelType const* fwkType() const override { return staticType(); }
-  static Qel::QelType const* staticType() {
-    static Qel::QelType const* const t = Qel::TypeBuilder<Leaf>("test::Leaf").done();
-    return t;
-  }
-
- protected:
-  explicit Leaf(Qel::Name name) : Entity(std::move(name)) {}
-};
+using Ledra::test::Leaf;
 
 class LeafDir : public Qel::NamedEntityDir<LeafDir, Leaf, &Leaf::leafNew> {
  public:

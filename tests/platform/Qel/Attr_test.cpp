@@ -1,0 +1,276 @@
+// What an entity written as an attribute list promises: each mutator stores only on a change and
+// tells the typed notifiee once, in the order of its style; a notifiee gone during a notification
+// is told nothing more; delAll tells each key; children live until every notifiee was told; the
+// reflection reads and writes by name as the kinds say.
+#include "Qel/AttrList.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Qel/GenericValue.h"
+#include "Qel/TypeBuilder.h"
+#include "support/ExactText.h"
+#include "support/LeafEntity.h"
+#include "support/LeakCheck.h"
+
+namespace {
+
+using Log = std::vector<std::string>;
+
+using Ledra::test::Leaf;
+
+#define PROBE_ATTRIBUTES(X)                                   \
+  X(value, plain, Qel::String, note, Note)                    \
+  X(valueRo, plain, bool, flag, Flag)                         \
+  X(map, keyImmediateWhole, LabelMap, label, Label, labels)   \
+  X(mapRo, key, SwitchMap, switchCol, SwitchCol)              \
+  X(children, keyWhole, Leaf, leaf, Leaf, leaves)             \
+  X(queue, keyImmediateWhole, Qel::String, line, Line, lines) \
+  X(custom, none, void, twice, Twice)
+
+class Probe : public Qel::Entity {
+ public:
+  using Ptr = Qel::Ptr<Probe>;
+  using LabelMap = std::map<Qel::String, Qel::String>;
+  using SwitchMap = std::map<Qel::U32, bool>;
+  QEL_ATTR_IDS(PROBE_ATTRIBUTES);
+  template <class N>
+  class NotifieeT;
+
+  static Ptr probeNew(Qel::Name const& name) { return Ptr(new Probe(name)); }
+  QEL_ATTR_ACCESSORS(PROBE_ATTRIBUTES)
+  Leaf::Ptr leafIs(Qel::Name const& name) {
+    if (Leaf::Ptr existing = leaf(name)) return existing;
+    Leaf::Ptr created = Leaf::leafNew(name);
+    leaf_.insert(*this, created);
+    return created;
+  }
+  Qel::String twice(Qel::String const& s) const { return s + s; }
+
+  Qel::Entity::Ptr child(Qel::Name const& name) const override { return leaf(name); }
+  Qel::QelType const* fwkType() const override { return staticType(); }
+  static Qel::QelType const* staticType() {
+    static Qel::QelType const* const t =
+        Qel::TypeBuilder<Probe>("test::AttrProbe") QEL_ATTR_REFLECTION(PROBE_ATTRIBUTES)
+            .factory([](Qel::Name const& n) { return Qel::Entity::Ptr(probeNew(n)); })
+            .done();
+    return t;
+  }
+
+ protected:
+  explicit Probe(Qel::Name name) : Entity(std::move(name)) {}
+
+ private:
+  static void qelReflectTwice(Qel::TypeBuilder<Probe>& b) {
+    b.handler("twice", {"text"}, [](Probe& p, Qel::String const& s) { return p.twice(s); });
+  }
+  QEL_ATTR_STORAGE(PROBE_ATTRIBUTES)
+};
+
+template <class N>
+class Probe::NotifieeT : public Qel::BasicNotifiee<N> {
+ public:
+  using Qel::BasicNotifiee<N>::BasicNotifiee;
+  QEL_ATTR_NOTIFIEE(PROBE_ATTRIBUTES)
+};
+
+[[maybe_unused]] Qel::QelType const* const kRegistered[] = {Leaf::staticType(),
+                                                            Probe::staticType()};
+
+// Logs every callback; `then` runs after each entry is logged.
+class Watch : public Probe::NotifieeT<Probe const> {
+ public:
+  explicit Watch(Log* l) : log(l) {}
+  Log* log;
+  std::function<void(std::string const&)> then;
+
+  void onNote() override { add("note"); }
+  void onFlag() override { add("flag"); }
+  void onLabel(Qel::String const& k) override { add("label " + k); }
+  void onLabelqelImmediate() override { add("label immediate"); }
+  void onLabel() override { add("label"); }
+  void onSwitchCol(Qel::U32 k) override { add("switch " + std::to_string(k)); }
+  void onLeaf(Qel::Name const& n) override { add("leaf " + n); }
+  void onLeaf() override { add("leaf"); }
+  void onLine(Qel::U32 i) override { add("line " + std::to_string(i)); }
+  void onLineqelImmediate() override { add("line immediate"); }
+  void onLine() override { add("line"); }
+
+ private:
+  void add(std::string const& entry) {
+    log->push_back(entry);
+    if (then) then(entry);
+  }
+};
+
+class AttrTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    probe = Probe::probeNew("probe");
+    watch = std::make_unique<Watch>(&log);
+    watch->notifierIs(probe);
+  }
+  void TearDown() override {
+    watch.reset();
+    probe = nullptr;
+    LeakCheckedTest::TearDown();
+  }
+  Probe::Ptr probe;
+  Log log;
+  std::unique_ptr<Watch> watch;
+};
+
+struct Row {
+  char const* what;
+  std::function<void(Probe&)> prepare;  // runs before the notifiee watches
+  std::function<void(Probe&)> act;
+  Log told;
+};
+
+// clang-format off
+Row const kRows[] = {
+    {"value stored once, equal value tells nobody", {},
+     [](Probe& p) { p.noteIs("a"); p.noteIs("a"); p.noteIs("b"); p.flagIs(false); },
+     {"note", "note"}},
+    {"map key, immediate, whole; only on a change", {},
+     [](Probe& p) { p.labelIs("k", "1"); p.labelIs("k", "1"); p.labelIs("k", "2"); },
+     {"label k", "label immediate", "label", "label k", "label immediate", "label"}},
+    {"map delete of an absent key tells nobody", [](Probe& p) { p.labelIs("k", "1"); },
+     [](Probe& p) { p.labelDel("x"); p.labelDel("k"); p.labelDel("k"); },
+     {"label k", "label immediate", "label"}},
+    {"map delAll tells each key in turn", [](Probe& p) { p.labelIs("b", ""); p.labelIs("a", ""); },
+     [](Probe& p) { p.labelDelAll(); p.labelDelAll(); },
+     {"label a", "label immediate", "label", "label b", "label immediate", "label"}},
+    {"key style tells the key alone", {},
+     [](Probe& p) { p.switchColIs(3, false); p.switchColIs(3, false); p.switchColIs(3, true);
+                    p.switchColDelAll(); },
+     {"switch 3", "switch 3", "switch 3"}},
+    {"children: create once, delete, delete again", {},
+     [](Probe& p) { p.leafIs("x"); p.leafIs("x"); p.leafDel("x"); p.leafDel("x"); },
+     {"leaf x", "leaf", "leaf x", "leaf"}},
+    {"queue: enqueue, set, delete, dequeue by index",
+     [](Probe& p) { p.lineEnq("zero"); },
+     [](Probe& p) { p.lineEnq("one"); p.lineIs(1, "one"); p.lineIs(1, "uno"); p.lineDel(7);
+                    p.lineDel(0); p.lineEnq("two"); p.lineDelAll(); p.lineDeq(); },
+     {"line 1", "line immediate", "line", "line 1", "line immediate", "line",
+      "line 0", "line immediate", "line", "line 2", "line immediate", "line",
+      "line 1", "line immediate", "line", "line 2", "line immediate", "line"}},
+};
+// clang-format on
+
+TEST_F(AttrTest, EachMutatorTellsOnceInItsStyleOrder) {
+  for (Row const& row : kRows) {
+    SCOPED_TRACE(row.what);
+    Probe::Ptr fresh = Probe::probeNew("fresh");
+    if (row.prepare) row.prepare(*fresh);
+    Log told;
+    Watch w(&told);
+    w.notifierIs(fresh);
+    row.act(*fresh);
+    EXPECT_EQ(told, row.told);
+  }
+}
+
+TEST_F(AttrTest, StoredValuesReadBack) {
+  probe->noteIs("t");
+  probe->labelIs("k", "v");
+  probe->switchColIs(2, true);
+  Qel::U32 const i = probe->lineEnq("l");
+  EXPECT_EQ(probe->note(), "t");
+  ASSERT_NE(probe->label("k"), nullptr);
+  EXPECT_EQ(*probe->label("k"), "v");
+  EXPECT_EQ(probe->label("absent"), nullptr);
+  EXPECT_EQ(probe->switchCol(2), std::optional<bool>(true));
+  EXPECT_EQ(probe->switchCol(5), std::nullopt);
+  EXPECT_EQ(*probe->line(i), "l");
+  EXPECT_EQ(probe->labels(), 1u);
+  EXPECT_EQ(probe->lines(), 1u);
+  EXPECT_THROW_TEXT(probe->lineIs(i + 1, "x"), Qel::RangeException, "null ValidPtr");
+}
+
+TEST_F(AttrTest, ANotifieeGoneDuringNotificationIsToldNothingMore) {
+  Log second;
+  Log third;
+  auto secondWatch = std::make_unique<Watch>(&second);
+  Watch thirdWatch(&third);
+  secondWatch->notifierIs(probe);
+  thirdWatch.notifierIs(probe);
+  // The first destroys itself and the second on hearing the key.
+  watch->then = [&](std::string const&) {
+    secondWatch.reset();
+    watch.reset();
+  };
+  probe->labelIs("k", "v");
+  EXPECT_EQ(log, (Log{"label k"}));
+  EXPECT_TRUE(second.empty());
+  EXPECT_EQ(third, (Log{"label k", "label immediate", "label"}));
+  EXPECT_EQ(probe->notifiees(), 1u);
+}
+
+TEST_F(AttrTest, ADeletedChildLivesUntilEveryNotifieeWasTold) {
+  Leaf* const x = probe->leafIs("x").ptr();
+  EXPECT_EQ(x->parent(), probe.ptr());
+  EXPECT_EQ(probe->entity("x").ptr(), x);
+  long const live = Qel::RefCounted::liveInstances();
+  long liveWhenTold = 0;
+  watch->then = [&](std::string const& entry) {
+    if (entry != "leaf x") return;
+    liveWhenTold = Qel::RefCounted::liveInstances();
+    EXPECT_FALSE(probe->leaf("x"));
+    EXPECT_EQ(x->parent(), nullptr);
+  };
+  probe->leafDel("x");
+  EXPECT_EQ(liveWhenTold, live);
+  EXPECT_EQ(Qel::RefCounted::liveInstances(), live - 1);
+}
+
+TEST_F(AttrTest, ChildrenHeldElsewhereAreCutOffWithTheOwner) {
+  Leaf::Ptr held = probe->leafIs("held");
+  probe->leafIs("other");
+  watch.reset();
+  probe = nullptr;
+  EXPECT_EQ(held->parent(), nullptr);
+}
+
+TEST_F(AttrTest, ReflectionFollowsTheListInIdOrder) {
+  Qel::QelType const* type = Probe::staticType();
+  Log names;
+  for (Qel::AttributeId aid = 0; aid <= Probe::kTwice; ++aid)
+    names.push_back(probe->attributeName(aid));
+  EXPECT_EQ(names, (Log{"name", "note", "flag", "label", "switchCol", "leaf", "line", "twice"}));
+  EXPECT_EQ(type->name(), "test::AttrProbe");
+}
+
+TEST_F(AttrTest, ReflectionReadsAndWritesByNameAsTheKindSays) {
+  probe->attributeIs("note", Qel::String("by name"));
+  probe->attributeIs("label", Qel::String("v"), Qel::String("k"));
+  EXPECT_THROW_TEXT(probe->attributeIs("line", Qel::ValueTraits<Qel::String>::box("x")),
+                    Qel::TypeException, "collection line is written by key");
+  Qel::U32 const i = probe->lineEnq("l");
+  probe->attributeIs("line", Qel::String("L"), std::to_string(i));
+  EXPECT_EQ(probe->note(), "by name");
+  EXPECT_EQ(*probe->label("k"), "v");
+  EXPECT_EQ(*probe->line(i), "L");
+  EXPECT_EQ(probe->attribute(Probe::kNote)->text(), "by name");
+  probe->leafIs("x");
+  EXPECT_EQ(probe->attribute(Probe::kLeaf, Qel::ValueTraits<Qel::Name>::box("x"))->text(),
+            "probe/x");
+  EXPECT_EQ(probe->colLength(Probe::kLeaf)->valueAs<Qel::U32>(), 1u);
+  // An empty value deletes; read-only attributes refuse.
+  probe->attributeIs("label", Qel::GenericIf::PtrConst(), Qel::ValueTraits<Qel::String>::box("k"));
+  EXPECT_EQ(probe->label("k"), nullptr);
+  EXPECT_THROW_TEXT(probe->attributeIs("flag", Qel::String("true")), Qel::TypeException,
+                    "attribute flag of test::AttrProbe is read-only");
+  EXPECT_THROW_TEXT(probe->attributeIs("switchCol", Qel::String("true"), Qel::String("1")),
+                    Qel::TypeException, "attribute switchCol of test::AttrProbe is read-only");
+  EXPECT_EQ(probe->invoke("twice", {{"text", Qel::ValueTraits<Qel::String>::box("ab")}})->text(),
+            "abab");
+}
+
+}  // namespace
