@@ -16,7 +16,8 @@ Demuxer::Demuxer(Name name, MountTable::Ptr peer, Transport::Ptr transport, U32 
       peer_(std::move(peer)),
       epoch_(epoch),
       transport_(std::move(transport)) {
-  QEL_ASSERT(!peer_->connection() && "mount table already bound to a connection");
+  QEL_CHECK(!peer_->connection(),
+            "!peer_->connection() && \"mount table already bound to a connection\"");
   peer_->connectionIs(this);
 }
 
