@@ -425,7 +425,7 @@ void PassiveEntityManagerRootSm::QelConnStatus::handleConnection() {
   if (!profile) {
     TRACE(PassiveEntityManager, kTraceEvent,
           "Closing connection for {} as no agent profile could be found", agentName);
-    dmux->close(kNoProfileReason, true, false, true);
+    dmux->close(kNoProfileReason, {.notifyPeer = true, .removeStatus = true});
     return;
   }
   TRACE(PassiveEntityManager, kTraceDecision, "connection succeeded for {}", agentName);

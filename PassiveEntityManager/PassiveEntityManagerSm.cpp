@@ -419,7 +419,7 @@ void PassiveEntityManagerSm::handleClose(Qel::String const& reason) {
 
 void PassiveEntityManagerSm::doCloseConnection(Qel::String const& reason) {
   TRACE(PassiveEntityManager, kTraceEvent, "Closing connection for {}: {}", agentName(), reason);
-  if (auto d = demuxer()) d->close(reason, true, false, true);
+  if (auto d = demuxer()) d->close(reason, {.notifyPeer = true, .removeStatus = true});
   doCleanup();
 }
 

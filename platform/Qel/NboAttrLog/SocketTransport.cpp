@@ -211,7 +211,7 @@ void SocketTransport::closeWith(String const& reason) {
   if (demuxer_ && !demuxer_->closed()) {
     // The demuxer records the reason and calls close() below.
     Demuxer::Ptr const d = demuxer_;
-    d->close(reason, true, false, true);
+    d->close(reason, {.notifyPeer = true, .removeStatus = true});
     if (closing_) return;
   }
   close(reason, true);

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
 #include "support/ExactText.h"
@@ -16,9 +15,18 @@ namespace {
 
 using Ledra::test::literal;
 
-int const kNamedLine = __LINE__ + 1;
-void failInNamedFunction() {
-  QEL_CHECK(kNamedLine < 0, "kNamedLine < 0");
+// Each failing check sits two lines below its line number.
+int const kQuotedLine = __LINE__ + 2;
+void quoted() {
+  QEL_CHECK(false, "false && \"quoted message\"");
+}
+int const kFormatLine = __LINE__ + 2;
+void formatting() {
+  QEL_CHECK(false, "%s %d %% {} \\n");
+}
+int const kOtherTextLine = __LINE__ + 2;
+void otherText() {
+  QEL_CHECK(1 + 1 == 3, "rv->priority() == prio");
 }
 
 // The full line a failed check prints, then the first frame of the backtrace.
@@ -30,19 +38,16 @@ std::string expected(std::string const& text, std::string const& function, int l
 
 TEST(CheckDeathTest, PrintsTheTextVerbatimWithFunctionFileAndLine) {
   struct Row {
-    std::function<void()> fail;
+    void (*fail)();
     std::string text;
     std::string function;
     int line;
   } const rows[] = {
-      {[] { QEL_CHECK(false, "false && \"quoted message\""); }, "false && \"quoted message\"",
-       "operator()", __LINE__},
+      {quoted, "false && \"quoted message\"", "quoted", kQuotedLine},
       // Formatting directives and backslashes are not interpreted.
-      {[] { QEL_CHECK(false, "%s %d %% {} \\n"); }, "%s %d %% {} \\n", "operator()", __LINE__},
+      {formatting, "%s %d %% {} \\n", "formatting", kFormatLine},
       // The text need not repeat the condition: it is what the site wrote.
-      {[] { QEL_CHECK(1 + 1 == 3, "rv->priority() == prio"); }, "rv->priority() == prio",
-       "operator()", __LINE__},
-      {failInNamedFunction, "kNamedLine < 0", "failInNamedFunction", kNamedLine},
+      {otherText, "rv->priority() == prio", "otherText", kOtherTextLine},
   };
   for (Row const& row : rows) {
     EXPECT_DEATH(row.fail(), expected(row.text, row.function, row.line)) << row.text;
