@@ -21,10 +21,10 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "Check/Check.h"
 #include "Orn/ConstantTypes.h"
 #include "Orn/LogicalOp.h"
 #include "Orn/TraceFacility.h"
-#include "Qel/Assert.h"
 #include "Qel/Entity.h"
 #include "Qel/GenericValue.h"
 #include "Qel/QelType.h"
@@ -104,7 +104,8 @@ template <class T>
 requires std::is_pointer_v<T>
 bool attrCompare(T const& value, Qel::GenericIf::PtrConst const& current, Qel::QelAttr const* attr,
                  LogicalOp op) {
-  QEL_ASSERT((op == EQ || op == NEQ) && "Only EQ and NEQ are supported for pointer types");
+  QEL_CHECK(op == EQ || op == NEQ,
+            "(op == EQ || op == NEQ) && \"Only EQ and NEQ are supported for pointer types\"");
   T const now = detail::pointerOperand<T>(current);
   TRACE(Orn, 2, "Orn/GenericConditionalReactor: attrCompare evaluating \"{} {} {}\"",
         detail::traceForm(value), detail::logicalOpText(op), detail::traceForm(now));
@@ -122,7 +123,7 @@ void enumToGif(Qel::GenericIf::PtrConst& out, Qel::QelType const* enumType, T co
 template <class T>
 requires(!std::is_integral_v<T>) void enumToGif(Qel::GenericIf::PtrConst& out,
                                                 Qel::QelType const* enumType, T const& value) {
-  QEL_ASSERT(false && "enums cannot be used with non integral types");
+  QEL_CHECK(false, "false && \"enums cannot be used with non integral types\"");
 }
 
 // A U32 value: the number of elements of collection `aid` of `entity`. The framework's exception

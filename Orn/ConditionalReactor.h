@@ -28,12 +28,12 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "Check/Check.h"
 #include "Orn/AttrCompare.h"
 #include "Orn/ConstantTypes.h"
 #include "Orn/CountedNotifiee.h"
 #include "Orn/LogicalOp.h"
 #include "Orn/TraceFacility.h"
-#include "Qel/Assert.h"
 #include "Qel/GenericIf.h"
 #include "Qel/QelType.h"
 
@@ -95,7 +95,7 @@ class ConditionalReactor : public CountedNotifiee {
         aid_(aid),
         logicalOp_(logicalOp),
         len_(len) {
-    QEL_ASSERT(entity && "a condition reactor watches an entity");
+    QEL_CHECK(entity, "entity && \"a condition reactor watches an entity\"");
     notifierIs(entity);
   }
 
@@ -145,8 +145,9 @@ void ConditionalReactor<T>::handleCreation() {
     onAttribute(aid_, noKey);
     return;
   }
-  QEL_ASSERT((len_ || logicalOp_ == EQ || logicalOp_ == NEQ) &&
-             "Collection only supports EQ/NEQ logical ops or len()");
+  QEL_CHECK(len_ || logicalOp_ == EQ || logicalOp_ == NEQ,
+            "(len_ || logicalOp_ == EQ || logicalOp_ == NEQ) && \"Collection only supports EQ/NEQ "
+            "logical ops or len()\"");
   if (len_) {
     if (attrCompare(value_, getColLength(entity, aid_), attr_, logicalOp_)) handleAttribute();
     return;
@@ -193,7 +194,8 @@ void ConditionalReactor<T>::handleKeyedInequality(Qel::GenericIf::PtrConst const
 
 template <class T>
 bool ConditionalReactor<T>::isMemberNow() const {
-  QEL_ASSERT(attr_ && "handleCreation resolves the attribute before keyed updates arrive");
+  QEL_CHECK(attr_,
+            "attr_ && \"handleCreation resolves the attribute before keyed updates arrive\"");
   Qel::QelType const* keyType = attr_->keyType();
   Qel::GenericIf::PtrConst key;
   if (keyType->isEnum()) {

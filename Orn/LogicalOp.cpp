@@ -3,7 +3,7 @@
 #include <array>
 #include <utility>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 
 namespace Orn {
 
@@ -36,7 +36,7 @@ char const* detail::logicalOpText(LogicalOp op) {
 }
 
 Qel::String logicalOpToStr(LogicalOp op) {
-  QEL_ASSERT(inRange(op) && "Unknown logical op");
+  QEL_CHECK(inRange(op), "inRange(op) && \"Unknown logical op\"");
   return Qel::String(kText[static_cast<std::size_t>(op)]);
 }
 
@@ -44,7 +44,7 @@ LogicalOp strToLogicalOp(Qel::String const& text) {
   for (auto const& [spelling, op] : kParsed) {
     if (text == spelling) return op;
   }
-  QEL_ASSERT(false && "Unknown logical op");
+  QEL_CHECK(false, "false && \"Unknown logical op\"");
   return EQ;  // not reached: the assertion ends the process
 }
 

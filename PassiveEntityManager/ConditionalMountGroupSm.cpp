@@ -6,11 +6,11 @@
 #include <type_traits>
 #include <utility>
 
+#include "Check/Check.h"
 #include "PassiveEntityManager/MountGroupReactor.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
 #include "PassiveEntityManager/PathTemplates.h"
 #include "PassiveEntityManager/TraceFacility.h"
-#include "Qel/Assert.h"
 #include "Qel/Dir.h"
 #include "Qel/Exception.h"
 #include "Qel/TypeBuilder.h"
@@ -123,8 +123,10 @@ ConditionalMountGroupSm::ConditionParts ConditionalMountGroupSm::conditionParts(
 ConditionalMountGroupSm::Ptr ConditionalMountGroupSm::conditionalMountGroupSmNew(
     PassiveMountGroup::PtrConst const& mountGroup, ConditionRes::Ptr const& conditionRes,
     PassiveEntityManagerSm* passiveEntityManagerSm, Orn::TimerWheel::PtrConst const& timerWheel) {
-  QEL_ASSERT(mountGroup && "a conditional mount group state machine needs its group");
-  QEL_ASSERT(conditionRes && "a conditional mount group state machine needs its result record");
+  QEL_CHECK(mountGroup,
+            "mountGroup && \"a conditional mount group state machine needs its group\"");
+  QEL_CHECK(conditionRes,
+            "conditionRes && \"a conditional mount group state machine needs its result record\"");
   return Ptr(
       new ConditionalMountGroupSm(mountGroup, conditionRes, passiveEntityManagerSm, timerWheel));
 }
@@ -431,7 +433,7 @@ ConditionalMountGroupSm::NewReactor ConditionalMountGroupSm::reactorNew(
   if (type->isEnum()) {
     TRACE(PassiveEntityManager, kTraceDecision, "isEnumType");
     std::optional<std::int64_t> const attribute = type->enumeratorValue(Qel::Name(text));
-    QEL_ASSERT(attribute && "Invalid enum value");
+    QEL_CHECK(attribute, "attribute && \"Invalid enum value\"");
     return NewReactor(mountGroupReactorNew<unsigned int>(
         this, condition, entity, static_cast<unsigned int>(*attribute), op, len, aid));
   }

@@ -1,9 +1,9 @@
 #include "PassiveEntityManager/MountGroupReactor.h"
 
+#include "Check/Check.h"
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
 #include "PassiveEntityManager/TraceFacility.h"
-#include "Qel/Assert.h"
 
 namespace Ledra {
 
@@ -20,7 +20,7 @@ MountGroupReactor<T>::MountGroupReactor(ConditionalMountGroupSm* conditionSm,
     : Orn::ConditionalReactor<T>(entity, value, op, len, aid),
       conditionSm_(conditionSm),
       condition_(condition) {
-  QEL_ASSERT(conditionSm && "a mount group reactor reports to a state machine");
+  QEL_CHECK(conditionSm, "conditionSm && \"a mount group reactor reports to a state machine\"");
   this->handleCreation();
 }
 
@@ -34,7 +34,7 @@ MountGroupReactor<T>::MountGroupReactor(ConditionalMountGroupSm* conditionSm,
       Orn::ConditionalReactor<T>(entity, PointerConstant::pointer<T>(), op, len, aid),
       conditionSm_(conditionSm),
       condition_(condition) {
-  QEL_ASSERT(conditionSm && "a mount group reactor reports to a state machine");
+  QEL_CHECK(conditionSm, "conditionSm && \"a mount group reactor reports to a state machine\"");
   this->handleCreation();
 }
 
@@ -43,7 +43,8 @@ void MountGroupReactor<T>::handleAttribute() {
   TRACE(PassiveEntityManager, kTraceSignature, "MountGroupReactor::handleAttribute");
   TRACE(PassiveEntityManager, kTraceReport, "handleAttribute 0x{:x}, condition: {} is true",
         static_cast<void const*>(this), condition_);
-  QEL_ASSERT(conditionSm_->currentPendingCondition() == condition_);
+  QEL_CHECK(conditionSm_->currentPendingCondition() == condition_,
+            "conditionSm_->currentPendingCondition() == condition_");
   TRACE(PassiveEntityManager, kTraceDecision, "Condition check start 0x{:x}",
         static_cast<void const*>(this));
   // Enabling the group, or a later condition that enables it at once, lets the engine release

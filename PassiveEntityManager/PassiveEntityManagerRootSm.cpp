@@ -7,12 +7,12 @@
 #include <type_traits>
 #include <vector>
 
+#include "Check/Check.h"
 #include "Ledra/Cell.h"
 #include "Ledra/ConnMgrHelper.h"
 #include "PassiveEntityManager/PathTemplates.h"
 #include "PassiveEntityManager/TraceFacility.h"
 #include "Qel/ActivityManagerConfig.h"
-#include "Qel/Assert.h"
 #include "Qel/Exception.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/TypeBuilder.h"
@@ -284,7 +284,7 @@ void PassiveEntityManagerRootSm::handleAgentProfile(Qel::Name const& name) {
     if (connectionConfigDir_) connectionConfigDir_->passiveConnectionConfigIs(name);
     return;
   }
-  QEL_ASSERT(false && "mount profile being deleted");
+  QEL_CHECK(false, "false && \"mount profile being deleted\"");
 }
 
 void PassiveEntityManagerRootSm::handleWriteMountsGranted() {
@@ -421,11 +421,11 @@ void PassiveEntityManagerRootSm::QelConnStatus::handleConnection() {
   }
   PassiveAgentProfile::Ptr const profile = root->agentProfileFor(agentName);
   Qel::NboAttrLog::Demuxer::Ptr const dmux = Qel::NboAttrLog::demuxerMgr()->demuxer(status->name());
-  QEL_ASSERT(dmux);
+  QEL_CHECK(dmux, "dmux");
   if (!profile) {
     TRACE(PassiveEntityManager, kTraceEvent,
           "Closing connection for {} as no agent profile could be found", agentName);
-    dmux->close(kNoProfileReason, true, false, true);
+    dmux->close(kNoProfileReason, {.notifyPeer = true, .removeStatus = true});
     return;
   }
   TRACE(PassiveEntityManager, kTraceDecision, "connection succeeded for {}", agentName);

@@ -6,13 +6,13 @@
 
 #include <iostream>
 
+#include "Check/Backtrace.h"
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/PassiveDirMounter.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmReactors.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmText.h"
 #include "PassiveEntityManager/TraceFacility.h"
 #include "Qel/ActivityManagerConfig.h"
-#include "Qel/Backtrace.h"
 #include "Qel/Exception.h"
 #include "Qel/KeyedStore.h"
 #include "Qel/TypeBuilder.h"
@@ -222,7 +222,7 @@ PassiveMountGroup::PtrConst PassiveEntityManagerSm::readyMountGroup(
 
 PassiveEntityManagerSm::ReadyMountGroupCompoundIndex PassiveEntityManagerSm::readyMountGroupEnq(
     PassiveMountGroup::PtrConst const& group) {
-  QEL_ASSERT(group && "readyMountGroupEnq of a null group");
+  QEL_CHECK(group, "group && \"readyMountGroupEnq of a null group\"");
   auto const key = readyMountGroup_.enqueue(group->priority(), group);
   notify(kReadyMountGroup);
   return indexOf(key);
@@ -237,10 +237,8 @@ PassiveMountGroup::PtrConst PassiveEntityManagerSm::readyMountGroupDeq() {
 
 PassiveEntityManagerSm::ReadyMountGroupCompoundIndex PassiveEntityManagerSm::readyMountGroupIs(
     Qel::U32 priority, PassiveMountGroup::PtrConst const& group) {
-  QEL_ASSERT(group && "readyMountGroupIs of a null group");
-  PassiveMountGroup const* rv = group.ptr();
-  Qel::U32 const prio = priority;
-  QEL_ASSERT(rv->priority() == prio);
+  QEL_CHECK(group, "group && \"readyMountGroupIs of a null group\"");
+  QEL_CHECK(group->priority() == priority, "rv->priority() == prio");
   return readyMountGroupEnq(group);
 }
 
@@ -265,7 +263,7 @@ PassiveEntityManagerSm::QelConditionalMountGroup::Ptr PassiveEntityManagerSm::co
 
 PassiveEntityManagerSm::QelConditionalMountGroup::Ptr
 PassiveEntityManagerSm::conditionalMountGroupIs(PassiveMountGroup::PtrConst const& group) {
-  QEL_ASSERT(group && "conditionalMountGroupIs of a null group");
+  QEL_CHECK(group, "group && \"conditionalMountGroupIs of a null group\"");
   Qel::Name const name = group->name();
   if (auto existing = conditionalMountGroup(name)) return existing;
   auto record = QelConditionalMountGroup::conditionalMountGroupNew(group, this);
@@ -414,14 +412,14 @@ void PassiveEntityManagerSm::handleClose(Qel::String const& reason) {
         "PassiveEntityManagerSm::handleClose( Qel::String8 reason ):  agentName: {}", agentName());
   Qel::String const text = "Processed an invalid mount profile. " + reason;
   std::cerr << text << std::endl;
-  std::cerr << Qel::Backtrace().text() << std::endl;
+  std::cerr << Check::Backtrace().text() << std::endl;
   closed_ = true;
   doCloseConnection(text);
 }
 
 void PassiveEntityManagerSm::doCloseConnection(Qel::String const& reason) {
   TRACE(PassiveEntityManager, kTraceEvent, "Closing connection for {}: {}", agentName(), reason);
-  if (auto d = demuxer()) d->close(reason, true, false, true);
+  if (auto d = demuxer()) d->close(reason, {.notifyPeer = true, .removeStatus = true});
   doCleanup();
 }
 

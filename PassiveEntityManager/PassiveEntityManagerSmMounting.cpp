@@ -250,7 +250,7 @@ void PassiveEntityManagerSm::autoMountParent(Mount const& mount, Qel::String con
   Mount const parentMount = allMountPaths(parent);
   if (parentMount.empty()) return mountWholePath(mount);
   TRACE(PassiveEntityManager, kTraceDecision, "no sa for parent, mount profile found ");
-  QEL_ASSERT(parentMount.type() == "Qel::Dir");
+  QEL_CHECK(parentMount.type() == "Qel::Dir", "parentMount.type() == \"Qel::Dir\"");
   // The child waits first, so that the parent's own pending state cannot hide it.
   pendingMountProfileIs(mount);
   doNestedPassiveMount(parentMount);

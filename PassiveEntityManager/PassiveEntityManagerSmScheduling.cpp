@@ -24,7 +24,7 @@ void PassiveEntityManagerSm::doInitiateMounts() {
     TRACE(PassiveEntityManager, kTraceDecision, "mount complete..returning");
     return;
   }
-  QEL_ASSERT(demuxer());
+  QEL_CHECK(demuxer(), "demuxer()");
   if (demuxer()->flowOutMountRequests() != 0 || mountsInProgress_) {
     TRACE(PassiveEntityManager, kTraceDecision, "flowOut mount requests: {} mountsInProgress: {}",
           demuxer()->flowOutMountRequests(), mountsInProgress_);
@@ -53,9 +53,8 @@ bool PassiveEntityManagerSm::queueProfileGroups() {
     return false;
   }
   // Asked for, and no request is unanswered: the answer has come.
-  // clang-format off
-  QEL_ASSERT(demuxer()->outMount()->status( cd ) == Qel::MountTable::complete_);
-  // clang-format on
+  QEL_CHECK(rootMount.status() == Qel::MountTable::complete_,
+            "demuxer()->outMount()->status( cd ) == Qel::MountTable::complete_");
   TRACE(PassiveEntityManager, kTraceDecision, "root mount completed");
   for (auto const& [name, group] : agentProfile_->mountGroup()) {
     TRACE(PassiveEntityManager, kTraceDecision, "Adding MountGroup: {} priority: {}", name,
@@ -187,12 +186,12 @@ void PassiveEntityManagerSm::completionTest() {
 }
 
 void PassiveEntityManagerSm::handleMountProfile(PassiveMountGroup::PtrConst const& group) {
-  QEL_ASSERT(group && "handleMountProfile of a null group");
+  QEL_CHECK(group, "group && \"handleMountProfile of a null group\"");
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::handleMountProfile( group ): {} prio: {}", group->name(),
         group->priority());
   if (!initialized_) return;
-  QEL_ASSERT(peerMountTable());
+  QEL_CHECK(peerMountTable(), "peerMountTable()");
   for (auto const& [path, mount] : group->mountProfile()) {
     if (!initialized_) return;
     doNestedPassiveMount(mount);
@@ -202,7 +201,7 @@ void PassiveEntityManagerSm::handleMountProfile(PassiveMountGroup::PtrConst cons
 void PassiveEntityManagerSm::doPendingMounts() {
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::doPendingMounts():  agentName: {}", agentName());
-  QEL_ASSERT(peerMountTable());
+  QEL_CHECK(peerMountTable(), "peerMountTable()");
   TRACE(PassiveEntityManager, kTraceDecision, "doPendingMounts: pendingMountProfiles(): {}",
         pendingMountProfile_.size());
   // A mount that still has to wait is put back; it is retried by the next pass, not this one.

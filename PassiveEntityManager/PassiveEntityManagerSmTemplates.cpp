@@ -72,7 +72,7 @@ void PassiveEntityManagerSm::doInitTemplateDict() {
       continue;
     }
     TRACE(PassiveEntityManager, kTraceDecision, "template val {} val - {}", key, templateVal);
-    QEL_ASSERT(templateVal != "");
+    QEL_CHECK(templateVal != "", "templateVal != \"\"");
     agentStatus_->templateValueDictIs(key, templateVal);
   }
   for (auto const& [aliasText, targetText] : agentProfile_->aliasKey()) {

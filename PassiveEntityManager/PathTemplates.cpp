@@ -1,8 +1,8 @@
 #include "PassiveEntityManager/PathTemplates.h"
 
+#include "Check/Check.h"
 #include "Orn/LogicalOp.h"
 #include "PassiveEntityManager/TraceFacility.h"
-#include "Qel/Assert.h"
 
 namespace Ledra {
 
@@ -94,9 +94,8 @@ bool evaluateTemplateCondition(Qel::String const& condition,
   Qel::String const result = canonicalizePath(templ, status);
   TRACE(PassiveEntityManager, kTraceDecision, "template {} value is {}", templ, result);
   Orn::LogicalOp const logicalOp = Orn::strToLogicalOp(opText);
-  // clang-format off
-  QEL_ASSERT(( logicalOp == Orn::EQ ) || ( logicalOp == Orn::NEQ ));
-  // clang-format on
+  QEL_CHECK(logicalOp == Orn::EQ || logicalOp == Orn::NEQ,
+            "( logicalOp == Orn::EQ ) || ( logicalOp == Orn::NEQ )");
   value = value == "NULL" ? Qel::String() : canonicalizePath(value, status);
   bool const equal = result == value;
   return logicalOp == Orn::EQ ? equal : !equal;

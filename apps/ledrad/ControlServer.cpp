@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Check/Check.h"
 #include "Ledra/TraceFacility.h"
-#include "Qel/Assert.h"
 #include "Qel/SecondsText.h"
 #include "apps/ledrad/UnixSocket.h"
 
@@ -65,8 +65,9 @@ ControlServer::ControlServer(Qel::EventLoop::Ptr loop, std::string path, Handler
       handler_(std::move(handler)),
       limits_(limits),
       timer_(std::make_unique<IdleTimer>(this)) {
-  QEL_ASSERT(limits_.maxClients >= 1 && limits_.maxClientsPerProcess >= 1 &&
-             limits_.idleTimeout > 0 && "control server limits must be positive");
+  QEL_CHECK(limits_.maxClients >= 1 && limits_.maxClientsPerProcess >= 1 && limits_.idleTimeout > 0,
+            "limits_.maxClients >= 1 && limits_.maxClientsPerProcess >= 1 && limits_.idleTimeout > "
+            "0 && \"control server limits must be positive\"");
   timer_->notifierIs(loop_->clock());
   fd_ = listenUnixSocket(path_);
   acceptor_ = std::make_unique<Qel::NboAttrLog::SocketAcceptor>(

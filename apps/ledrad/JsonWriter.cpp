@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 #include "Qel/NboAttrLog/WireText.h"
 
 namespace Ledrad {
@@ -50,12 +50,12 @@ std::string JsonWriter::quote(std::string_view text) {
 
 void JsonWriter::beforeValue() {
   if (levels_.empty()) {
-    QEL_ASSERT(out_.empty() && "a JSON document holds one value");
+    QEL_CHECK(out_.empty(), "out_.empty() && \"a JSON document holds one value\"");
     return;
   }
   Level& l = levels_.back();
   if (l.object) {
-    QEL_ASSERT(keyPending_ && "a member of a JSON object needs a key");
+    QEL_CHECK(keyPending_, "keyPending_ && \"a member of a JSON object needs a key\"");
     keyPending_ = false;
     return;
   }
@@ -85,8 +85,9 @@ JsonWriter& JsonWriter::beginArray() {
 }
 
 void JsonWriter::close(bool object, char c) {
-  QEL_ASSERT(!levels_.empty() && levels_.back().object == object && !keyPending_ &&
-             "unbalanced JSON structure");
+  QEL_CHECK(!levels_.empty() && levels_.back().object == object && !keyPending_,
+            "!levels_.empty() && levels_.back().object == object && !keyPending_ && \"unbalanced "
+            "JSON structure\"");
   bool const empty = levels_.back().empty;
   levels_.pop_back();
   if (!empty) {
@@ -108,8 +109,9 @@ JsonWriter& JsonWriter::endArray() {
 }
 
 JsonWriter& JsonWriter::key(std::string_view k) {
-  QEL_ASSERT(!levels_.empty() && levels_.back().object && !keyPending_ &&
-             "a JSON key belongs in an object");
+  QEL_CHECK(!levels_.empty() && levels_.back().object && !keyPending_,
+            "!levels_.empty() && levels_.back().object && !keyPending_ && \"a JSON key belongs in "
+            "an object\"");
   Level& l = levels_.back();
   out_ += l.empty ? "\n" : ",\n";
   l.empty = false;

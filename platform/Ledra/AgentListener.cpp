@@ -10,9 +10,9 @@
 #include <cstring>
 #include <vector>
 
+#include "Check/Check.h"
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/TraceFacility.h"
-#include "Qel/Assert.h"
 #include "Qel/Exception.h"
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
@@ -71,7 +71,7 @@ class AgentListener::HelloTimer : public Qel::Clock::Notifiee {
 
 AgentListener::Ptr AgentListener::agentListenerNew(Qel::EventLoop::Ptr const& loop,
                                                    std::string const& path) {
-  QEL_ASSERT(loop && "an agent listener needs an event loop");
+  QEL_CHECK(loop, "loop && \"an agent listener needs an event loop\"");
   Ptr l(new AgentListener(loop, path));
   l->listen();
   return l;
@@ -195,7 +195,8 @@ std::string AgentListener::admit(Qel::NboAttrLog::WireHello const& hello) {
 
 void AgentListener::onHello(SocketTransport& t, Qel::NboAttrLog::WireHello const& hello) {
   auto it = conns_.find(&t);
-  QEL_ASSERT(it != conns_.end() && "hello on a connection the listener does not hold");
+  QEL_CHECK(it != conns_.end(),
+            "it != conns_.end() && \"hello on a connection the listener does not hold\"");
   it->second.helloTimer.reset();
   std::string const why = admit(hello);
   if (!why.empty()) {
@@ -335,37 +336,37 @@ SocketTransport::Ptr AgentListener::transport(Qel::Name const& agentName) const 
 }
 
 void AgentListener::maxFrameIs(std::size_t bytes) {
-  QEL_ASSERT(bytes >= 1 && "a frame limit of at least one byte");
+  QEL_CHECK(bytes >= 1, "bytes >= 1 && \"a frame limit of at least one byte\"");
   maxFrame_ = bytes;
   for (auto const& [t, c] : conns_)
     c.transport->maxFrameIs(c.demuxer ? bytes : std::min(bytes, kMaxHelloFrame));
 }
 
 void AgentListener::helloTimeoutIs(Qel::Time seconds) {
-  QEL_ASSERT(seconds > 0 && "a hello timeout must be positive");
+  QEL_CHECK(seconds > 0, "seconds > 0 && \"a hello timeout must be positive\"");
   helloTimeout_ = seconds;
 }
 
 void AgentListener::maxAgentNameIs(std::size_t bytes) {
-  QEL_ASSERT(bytes >= 1 && "an agent name limit of at least one byte");
+  QEL_CHECK(bytes >= 1, "bytes >= 1 && \"an agent name limit of at least one byte\"");
   maxAgentName_ = bytes;
 }
 
 void AgentListener::maxOutputIs(std::size_t bytes) {
-  QEL_ASSERT(bytes >= 1 && "an output limit of at least one byte");
+  QEL_CHECK(bytes >= 1, "bytes >= 1 && \"an output limit of at least one byte\"");
   maxOutput_ = bytes;
   for (auto const& [t, c] : conns_)
     c.transport->maxOutputIs(bytes);
 }
 
 void AgentListener::maxOutputTotalIs(std::size_t bytes) {
-  QEL_ASSERT(bytes >= 1 && "an output limit of at least one byte");
+  QEL_CHECK(bytes >= 1, "bytes >= 1 && \"an output limit of at least one byte\"");
   maxOutputTotal_ = bytes;
   if (outputTotal_ > maxOutputTotal_) shedOutput();
 }
 
 void AgentListener::maxRememberedNamesIs(std::size_t names) {
-  QEL_ASSERT(names >= 1 && "remembering at least one agent name");
+  QEL_CHECK(names >= 1, "names >= 1 && \"remembering at least one agent name\"");
   maxRememberedNames_ = names;
   forgetOldNames();
 }

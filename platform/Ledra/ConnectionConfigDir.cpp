@@ -1,12 +1,13 @@
 #include "Ledra/ConnectionConfigDir.h"
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 
 namespace Ledra {
 
 PassiveConnectionConfig::Ptr ConnectionConfigDir::passiveConnectionConfigIs(
     Qel::Name const& agentName) {
-  QEL_ASSERT(!agentName.empty() && "passive connection configuration without an agent name");
+  QEL_CHECK(!agentName.empty(),
+            "!agentName.empty() && \"passive connection configuration without an agent name\"");
   return entryIs(agentName);
 }
 

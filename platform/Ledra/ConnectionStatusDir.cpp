@@ -1,11 +1,11 @@
 #include "Ledra/ConnectionStatusDir.h"
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 
 namespace Ledra {
 
 void ConnectionStatusDir::passiveConnectionStatusIs(PassiveConnectionStatus::Ptr const& record) {
-  QEL_ASSERT(record && "null connection status record");
+  QEL_CHECK(record, "record && \"null connection status record\"");
   entryIs(record);
 }
 

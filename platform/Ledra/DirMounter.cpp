@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "Check/Check.h"
 #include "Ledra/TraceFacility.h"
-#include "Qel/Assert.h"
 #include "Qel/Path.h"
 
 namespace Ledra {
@@ -65,12 +65,12 @@ DirMounter::DirMounter(Qel::Name name)
 DirMounter::~DirMounter() = default;
 
 void DirMounter::timeMinIs(Qel::Time t) {
-  QEL_ASSERT(retry_.notifier() && "DirMounter retry without a clock");
+  QEL_CHECK(retry_.notifier(), "retry_.notifier() && \"DirMounter retry without a clock\"");
   retry_.timeMinIs(t);
 }
 
 void DirMounter::settleDelayIs(Qel::Time d) {
-  QEL_ASSERT(d >= 0 && "DirMounter settle delay is negative");
+  QEL_CHECK(d >= 0, "d >= 0 && \"DirMounter settle delay is negative\"");
   settleDelay_ = d;
 }
 
@@ -172,9 +172,10 @@ void DirMounter::dirPathReactorDel() {
 }
 
 void DirMounter::start() {
-  QEL_ASSERT(!started_ && "DirMounter started twice");
-  QEL_ASSERT(!mountPath_.empty() && "DirMounter without a mount path");
-  QEL_ASSERT((settleDelay_ == 0 || clock()) && "DirMounter settle delay without a clock");
+  QEL_CHECK(!started_, "!started_ && \"DirMounter started twice\"");
+  QEL_CHECK(!mountPath_.empty(), "!mountPath_.empty() && \"DirMounter without a mount path\"");
+  QEL_CHECK(settleDelay_ == 0 || clock(),
+            "(settleDelay_ == 0 || clock()) && \"DirMounter settle delay without a clock\"");
   started_ = true;
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
   TRACE(LedraPlatform, 5, "DirMounter {} starts on {}", name(), mountPath_);
@@ -186,7 +187,8 @@ void DirMounter::start() {
     std::vector<Qel::Name> const prefix = components(parentDir_->fullName());
     bool const ancestor = prefix.size() <= components_.size() &&
                           std::equal(prefix.begin(), prefix.end(), components_.begin());
-    QEL_ASSERT(ancestor && "DirMounter parent dir is not an ancestor of the mount path");
+    QEL_CHECK(ancestor,
+              "ancestor && \"DirMounter parent dir is not an ancestor of the mount path\"");
     index = prefix.size();
   }
   search(from, index);

@@ -5,9 +5,9 @@
 #include <deque>
 #include <memory>
 
+#include "Check/Check.h"
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/TraceFacility.h"
-#include "Qel/Assert.h"
 #include "Qel/EntityUri.h"
 #include "Qel/Exception.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
@@ -294,8 +294,8 @@ LoopbackAgent::LoopbackAgent(Qel::EventLoop::Ptr loop, Qel::Name agentName, Qel:
       agentName_(std::move(agentName)),
       agentString_(std::move(agentString)),
       connectionName_(agentName_) {
-  QEL_ASSERT(loop_ && "a loopback agent needs an event loop");
-  QEL_ASSERT(!agentName_.empty() && "a loopback agent needs a name");
+  QEL_CHECK(loop_, "loop_ && \"a loopback agent needs an event loop\"");
+  QEL_CHECK(!agentName_.empty(), "!agentName_.empty() && \"a loopback agent needs a name\"");
 }
 
 LoopbackAgent::~LoopbackAgent() {
@@ -311,12 +311,14 @@ void LoopbackAgent::currentVersionIs(Qel::U32 v) {
 }
 
 void LoopbackAgent::answerTurnsIs(unsigned turns) {
-  QEL_ASSERT(turns >= 1 && "answers come on a later loop turn");
+  QEL_CHECK(turns >= 1, "turns >= 1 && \"answers come on a later loop turn\"");
   answerTurns_ = turns;
 }
 
 void LoopbackAgent::answerDelayIs(Qel::Time seconds) {
-  QEL_ASSERT(seconds >= 0 && std::isfinite(seconds) && "answer delay must be finite, not negative");
+  QEL_CHECK(
+      seconds >= 0 && std::isfinite(seconds),
+      "seconds >= 0 && std::isfinite(seconds) && \"answer delay must be finite, not negative\"");
   answerDelay_ = seconds;
 }
 
@@ -343,7 +345,8 @@ Qel::MountTable::PathState LoopbackAgent::pathStateOnAnswer(Qel::String const& p
 }
 
 void LoopbackAgent::pathStateIs(Qel::String const& path, Qel::MountTable::PathState const& s) {
-  QEL_ASSERT(conn_ && conn_->live() && "path state of an agent that is not connected");
+  QEL_CHECK(conn_ && conn_->live(),
+            "conn_ && conn_->live() && \"path state of an agent that is not connected\"");
   conn_->table()->pathStateIs(path, s);
 }
 

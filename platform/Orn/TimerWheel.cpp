@@ -5,8 +5,8 @@
 #include <sstream>
 #include <utility>
 
+#include "Check/Check.h"
 #include "Qel/ActivityManagerConfig.h"
-#include "Qel/Assert.h"
 #include "Qel/TypeBuilder.h"
 
 // The helpers of the hot paths (arming, disarming, firing) are inline: they are used only here,
@@ -17,10 +17,12 @@ namespace Orn {
 
 TimerWheel::Ptr TimerWheel::timerWheelNew(Qel::Clock::Ptr const& clock, Time tick,
                                           std::uint32_t ticks, std::uint32_t bucketSize) {
-  QEL_ASSERT(clock && "a timer wheel needs a clock");
-  QEL_ASSERT(tick > 0 && std::isfinite(tick) && "a timer wheel needs a positive tick");
-  QEL_ASSERT(ticks >= 2 && "a timer wheel needs at least two ticks");
-  QEL_ASSERT(bucketSize >= 2 && "a timer wheel needs buckets of at least two slots");
+  QEL_CHECK(clock, "clock && \"a timer wheel needs a clock\"");
+  QEL_CHECK(tick > 0 && std::isfinite(tick),
+            "tick > 0 && std::isfinite(tick) && \"a timer wheel needs a positive tick\"");
+  QEL_CHECK(ticks >= 2, "ticks >= 2 && \"a timer wheel needs at least two ticks\"");
+  QEL_CHECK(bucketSize >= 2,
+            "bucketSize >= 2 && \"a timer wheel needs buckets of at least two slots\"");
   return Ptr(new TimerWheel(clock, tick, ticks, bucketSize));
 }
 
@@ -56,7 +58,8 @@ TimerWheel::TimerWheel(Qel::Clock::Ptr clock, Time tick, std::uint32_t ticks,
 
 TimerWheel::~TimerWheel() {
   // Armed notifiees hold a reference, so none can be left.
-  QEL_ASSERT(count_ == 0 && firing_.empty() && "timer wheel destroyed with armed timers");
+  QEL_CHECK(count_ == 0 && firing_.empty(),
+            "count_ == 0 && firing_.empty() && \"timer wheel destroyed with armed timers\"");
 }
 
 inline std::uint64_t TimerWheel::tickAtOrAfter(Time t) const {

@@ -1,6 +1,6 @@
 #include "Qel/ActivityManagerConfig.h"
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 #include "Qel/MonotonicClock.h"
 #include "Qel/TypeBuilder.h"
 
@@ -44,7 +44,7 @@ void ActivityManagerConfig::systemNameIs(String const& s) {
 }
 
 void ActivityManagerConfig::clockIs(Clock::Ptr const& c) {
-  QEL_ASSERT(c && "the activity manager needs a clock");
+  QEL_CHECK(c, "c && \"the activity manager needs a clock\"");
   clock_ = c;
 }
 

@@ -35,7 +35,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 #include "Qel/Types.h"
 
 namespace Qel {
@@ -148,7 +148,7 @@ class BucketQueue {
   Key enqueue(Priority const& priority, V&& v) { return emplace(priority, std::move(v)); }
   template <class... Args>
   Key emplace(Priority const& priority, Args&&... args) {
-    QEL_ASSERT(seq_ != kNoSeq && "bucketqueue sequence numbers exhausted");
+    QEL_CHECK(seq_ != kNoSeq, "seq_ != kNoSeq && \"bucketqueue sequence numbers exhausted\"");
     auto [bucket, created] = bucketFor(priority);
     BucketGuard guard{*this, bucket, created};
     bucket->second.emplace_back(seq_, std::forward<Args>(args)...);
@@ -243,7 +243,8 @@ class BucketQueue {
 
   template <class T>
   bool place(Key const& key, T&& v) {
-    QEL_ASSERT(key.index1 != kNoSeq && "bucketqueue sequence number out of range");
+    QEL_CHECK(key.index1 != kNoSeq,
+              "key.index1 != kNoSeq && \"bucketqueue sequence number out of range\"");
     auto [bucket, created] = bucketFor(key.index0);
     BucketGuard guard{*this, bucket, created};
     Bucket& b = bucket->second;

@@ -3,7 +3,7 @@
 #include <cmath>
 #include <utility>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 
 // The helpers of the timer heap are inline: they are used only here, and an inline definition
 // lets the compiler inline them although the library is built position-independent.
@@ -12,7 +12,7 @@ namespace Qel {
 
 Clock::~Clock() {
   // Armed notifiees hold a reference, so none can be left.
-  QEL_ASSERT(heap_.empty() && "clock destroyed with armed timers");
+  QEL_CHECK(heap_.empty(), "heap_.empty() && \"clock destroyed with armed timers\"");
 }
 
 Time Clock::nextTimerTime() const {
@@ -77,7 +77,8 @@ inline void Clock::timerAdd(Notifiee* n) const {
 
 inline void Clock::timerDel(Notifiee* n) const {
   std::size_t const i = n->heapIndex_;
-  QEL_ASSERT(i < heap_.size() && heap_[i] == n && "timer not armed on this clock");
+  QEL_CHECK(i < heap_.size() && heap_[i] == n,
+            "i < heap_.size() && heap_[i] == n && \"timer not armed on this clock\"");
   n->heapIndex_ = kNotQueued;
   Notifiee* last = heap_.back();
   heap_.pop_back();

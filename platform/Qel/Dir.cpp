@@ -16,7 +16,7 @@ Entity::Ptr Dir::entry(Name const& name) const {
 }
 
 void Dir::entryIs(Entity::Ptr const& e) {
-  QEL_ASSERT(e && "null entry");
+  QEL_CHECK(e, "e && \"null entry\"");
   auto it = entries_.find(e->name());
   if (it != entries_.end()) {
     if (it->second == e) return;

@@ -183,7 +183,8 @@ QelType const* defineType(Name const& typeName, std::vector<AttributeSchema> con
 }
 
 DynamicEntity::Ptr DynamicEntity::entityNew(QelType const* type, Name const& name) {
-  QEL_ASSERT(type && type->kind() == QelType::Kind::entity && "not an entity type");
+  QEL_CHECK(type && type->kind() == QelType::Kind::entity,
+            "type && type->kind() == QelType::Kind::entity && \"not an entity type\"");
   return Ptr(new DynamicEntity(type, name));
 }
 

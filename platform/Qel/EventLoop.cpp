@@ -11,8 +11,8 @@
 #include <system_error>
 #include <utility>
 
+#include "Check/Check.h"
 #include "Qel/ActivityManagerConfig.h"
-#include "Qel/Assert.h"
 #include "Qel/SimulatedClock.h"
 
 namespace Qel {
@@ -58,7 +58,7 @@ EventLoop::EventLoop(Clock::Ptr clock)
       simulated_(dynamic_cast<SimulatedClock*>(clock_.ptr())),
       epollFd_(epoll_create1(EPOLL_CLOEXEC)),
       thread_(std::this_thread::get_id()) {
-  QEL_ASSERT(clock_ && "an event loop needs a clock");
+  QEL_CHECK(clock_, "clock_ && \"an event loop needs a clock\"");
   if (epollFd_ < 0) throw std::system_error(errno, std::generic_category(), "epoll_create1");
 }
 
@@ -67,14 +67,15 @@ EventLoop::~EventLoop() {
 }
 
 void EventLoop::post(Task task) {
-  QEL_ASSERT(task && "posting an empty task");
+  QEL_CHECK(task, "task && \"posting an empty task\"");
   posted_.push_back(std::move(task));
 }
 
 void EventLoop::watch(int fd, unsigned interest, FdHandler handler) {
-  QEL_ASSERT(fd >= 0 && "watching a negative file descriptor");
-  QEL_ASSERT(handler && "watching a file descriptor without a handler");
-  QEL_ASSERT(std::this_thread::get_id() == thread_ && "event loop used from another thread");
+  QEL_CHECK(fd >= 0, "fd >= 0 && \"watching a negative file descriptor\"");
+  QEL_CHECK(handler, "handler && \"watching a file descriptor without a handler\"");
+  QEL_CHECK(std::this_thread::get_id() == thread_,
+            "std::this_thread::get_id() == thread_ && \"event loop used from another thread\"");
   auto w = std::make_unique<Watch>(Watch{fd, std::move(handler)});
   epoll_event ev{};
   ev.events = epollInterest(interest);
@@ -125,7 +126,7 @@ void EventLoop::run() {
 }
 
 void EventLoop::runFor(Time dt) {
-  QEL_ASSERT(dt >= 0 && "running an event loop for a negative time");
+  QEL_CHECK(dt >= 0, "dt >= 0 && \"running an event loop for a negative time\"");
   runUntil([] { return false; }, clock_->now() + dt);
 }
 
@@ -161,8 +162,9 @@ int EventLoop::waitMillis(Time limit) const {
 }
 
 void EventLoop::turn(Time limit, std::function<bool()> const* stopIf) {
-  QEL_ASSERT(std::this_thread::get_id() == thread_ && "event loop used from another thread");
-  QEL_ASSERT(!inTurn_ && "event loop turn started inside a turn");
+  QEL_CHECK(std::this_thread::get_id() == thread_,
+            "std::this_thread::get_id() == thread_ && \"event loop used from another thread\"");
+  QEL_CHECK(!inTurn_, "!inTurn_ && \"event loop turn started inside a turn\"");
   // A callback may drop the last reference to the loop: it dies after the turn's guard is reset.
   Ptr keepAlive(refCount() > 0 ? this : nullptr);
   FlagGuard inTurn(inTurn_);

@@ -31,7 +31,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 #include "Qel/Exception.h"
 #include "Qel/Types.h"
 
@@ -154,7 +154,7 @@ class LinkQueue {
 
   LinkQueueMetadata metadata() const { return {head_, next_}; }
   void metadataIs(LinkQueueMetadata m) {
-    QEL_ASSERT(empty() && "linkqueue metadata set on a non-empty queue");
+    QEL_CHECK(empty(), "empty() && \"linkqueue metadata set on a non-empty queue\"");
     head_ = m.head;
     next_ = m.next;
   }

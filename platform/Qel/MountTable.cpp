@@ -1,6 +1,6 @@
 #include "Qel/MountTable.h"
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 #include "Qel/KeyedStore.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 #include "Qel/TypeBuilder.h"
@@ -111,7 +111,7 @@ MountTable::Conf MountTable::conf(String const& path) const {
 }
 
 void MountTable::confIs(Conf const& c) {
-  QEL_ASSERT(!c.path().empty() && "mount configuration without a path");
+  QEL_CHECK(!c.path().empty(), "!c.path().empty() && \"mount configuration without a path\"");
   if (!storeIfChanged(conf_, c.path(), c)) return;
   // The notification may drop the last outside reference to this table.
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);

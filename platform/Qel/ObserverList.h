@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 
 namespace Qel {
 
@@ -20,11 +20,13 @@ class ObserverList {
   ObserverList() = default;
   ObserverList(ObserverList const&) = delete;
   ObserverList& operator=(ObserverList const&) = delete;
-  ~ObserverList() { QEL_ASSERT(depth_ == 0 && "observer list destroyed while notifying"); }
+  ~ObserverList() {
+    QEL_CHECK(depth_ == 0, "depth_ == 0 && \"observer list destroyed while notifying\"");
+  }
 
   void add(Observer* o) {
-    QEL_ASSERT(o && "null observer");
-    QEL_ASSERT(!contains(o) && "observer added twice");
+    QEL_CHECK(o, "o && \"null observer\"");
+    QEL_CHECK(!contains(o), "!contains(o) && \"observer added twice\"");
     observers_.push_back(o);
   }
 

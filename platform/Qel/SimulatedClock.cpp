@@ -2,18 +2,18 @@
 
 #include <cmath>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 
 namespace Qel {
 
 SimulatedClock::SimulatedClock(Time start) : now_(start) {
-  QEL_ASSERT(std::isfinite(start) && "simulated time must be finite");
+  QEL_CHECK(std::isfinite(start), "std::isfinite(start) && \"simulated time must be finite\"");
 }
 
 void SimulatedClock::nowIs(Time t) {
-  QEL_ASSERT(std::isfinite(t) && "simulated time must be finite");
-  QEL_ASSERT(t >= now_ && "simulated time moved backwards");
-  QEL_ASSERT(!moving_ && "simulated time moved from inside one of its timers");
+  QEL_CHECK(std::isfinite(t), "std::isfinite(t) && \"simulated time must be finite\"");
+  QEL_CHECK(t >= now_, "t >= now_ && \"simulated time moved backwards\"");
+  QEL_CHECK(!moving_, "!moving_ && \"simulated time moved from inside one of its timers\"");
   moving_ = true;
   struct Reset {
     bool& flag;

@@ -13,7 +13,7 @@
 #include <cmath>
 #include <utility>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 #include "Qel/Ptr.h"
 #include "Qel/Types.h"
 
@@ -44,7 +44,7 @@ class WakeupNotifiee {
   // Arms the wake-up for `t` (kNever disarms). Without an owner the time is kept and armed when
   // the notifiee is bound to one. `t` must not be NaN.
   void timeMinIs(Time t) {
-    QEL_ASSERT(!std::isnan(t) && "timer armed for a time that is not a number");
+    QEL_CHECK(!std::isnan(t), "!std::isnan(t) && \"timer armed for a time that is not a number\"");
     leave();
     time_ = t;
     join();

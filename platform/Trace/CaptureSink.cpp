@@ -2,14 +2,15 @@
 
 #include <algorithm>
 
-#include "Trace/Assert.h"
+#include "Check/Check.h"
 
 namespace Trace {
 
 CaptureSink::CaptureSink() : previous_(textSinkIs(this)) {}
 
 CaptureSink::~CaptureSink() {
-  TRACE_ASSERT(textSink() == this && "capture sink destroyed while another sink is installed");
+  QEL_CHECK(textSink() == this,
+            "textSink() == this && \"capture sink destroyed while another sink is installed\"");
   textSinkIs(previous_);
 }
 

@@ -1,12 +1,12 @@
 #include "Trace/Facility.h"
 
-#include "Trace/Assert.h"
+#include "Check/Check.h"
 #include "Trace/Facilities.h"
 
 namespace Trace {
 
 Facility::Facility(std::string_view name) : name_(name) {
-  TRACE_ASSERT(!name_.empty() && "trace facility without a name");
+  QEL_CHECK(!name_.empty(), "!name_.empty() && \"trace facility without a name\"");
   Facilities::instance().add(*this);
 }
 
@@ -15,7 +15,8 @@ Facility::~Facility() {
 }
 
 void Facility::levelIs(int level) {
-  TRACE_ASSERT(level >= 0 && level <= kMaxLevel && "trace level out of range 0..9");
+  QEL_CHECK(level >= 0 && level <= kMaxLevel,
+            "level >= 0 && level <= kMaxLevel && \"trace level out of range 0..9\"");
   level_ = static_cast<std::uint8_t>(level);
 }
 

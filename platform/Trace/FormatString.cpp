@@ -1,6 +1,6 @@
 #include "Trace/FormatString.h"
 
-#include "Trace/Assert.h"
+#include "Check/Check.h"
 
 namespace Trace {
 
@@ -25,12 +25,14 @@ void formatMessage(std::string& out, std::string_view format, std::span<ArgValue
   FormatError const error = walkFormat(
       format, [&out](std::string_view text) { out += text; },
       [&](bool hex) {
-        TRACE_ASSERT(next < args.size() && "trace format has more placeholders than arguments");
+        QEL_CHECK(next < args.size(),
+                  "next < args.size() && \"trace format has more placeholders than arguments\"");
         args[next].appendTo(out, hex);
         ++next;
       });
-  TRACE_ASSERT(error == FormatError::None && "malformed trace format");
-  TRACE_ASSERT(next == args.size() && "trace format has fewer placeholders than arguments");
+  QEL_CHECK(error == FormatError::None, "error == FormatError::None && \"malformed trace format\"");
+  QEL_CHECK(next == args.size(),
+            "next == args.size() && \"trace format has fewer placeholders than arguments\"");
 }
 
 }  // namespace Trace

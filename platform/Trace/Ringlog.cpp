@@ -42,8 +42,9 @@ Ringlog::~Ringlog() {
 }
 
 void Ringlog::capacityIs(std::size_t capacity) {
-  TRACE_ASSERT(capacity >= kMinCapacity && capacity <= kMaxCapacity &&
-               "ring capacity outside 16440 bytes .. 1 GiB");
+  QEL_CHECK(capacity >= kMinCapacity && capacity <= kMaxCapacity,
+            "capacity >= kMinCapacity && capacity <= kMaxCapacity && \"ring capacity outside 16440 "
+            "bytes .. 1 GiB\"");
   delete[] buffer_;
   buffer_ = nullptr;
   capacity_ = capacity;
@@ -56,7 +57,8 @@ void Ringlog::clear() {
 }
 
 std::uint8_t* Ringlog::reserveSlow(std::size_t bytes) {
-  TRACE_ASSERT(bytes <= kMaxRecordBytes && "trace record larger than the largest possible");
+  QEL_CHECK(bytes <= kMaxRecordBytes,
+            "bytes <= kMaxRecordBytes && \"trace record larger than the largest possible\"");
   if (buffer_ == nullptr) {
     buffer_ = new std::uint8_t[capacity_];
     head_ = tail_ = 0;

@@ -37,8 +37,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "Check/Check.h"
 #include "Trace/ArgKind.h"
-#include "Trace/Assert.h"
 #include "Trace/Clock.h"
 #include "Trace/Line.h"
 #include "Trace/SiteTable.h"
@@ -136,8 +136,9 @@ class Ringlog {
   static_assert(kMinCapacity == 16440, "update the capacity assertion texts");
 
   constexpr explicit Ringlog(std::size_t capacity = kDefaultCapacity) : capacity_(capacity) {
-    TRACE_ASSERT(capacity >= kMinCapacity && capacity <= kMaxCapacity &&
-                 "ring capacity outside 16440 bytes .. 1 GiB");
+    QEL_CHECK(capacity >= kMinCapacity && capacity <= kMaxCapacity,
+              "capacity >= kMinCapacity && capacity <= kMaxCapacity && \"ring capacity outside "
+              "16440 bytes .. 1 GiB\"");
   }
   ~Ringlog();
   Ringlog(Ringlog const&) = delete;

@@ -10,18 +10,30 @@ namespace {
 
 using Qel::MountTable;
 
+// What the peer reports of one path; a field not named is false.
+struct SaFlags {
+  bool mounted = false;
+  bool complete = false;
+  bool mountPoint = false;
+  bool synced = false;
+  bool monitoring = false;
+};
+
 class EngineMountingTest : public EngineHarness {
  protected:
-  MountTable::PathState state(bool mounted, bool complete, bool mountPoint, bool synced,
-                              bool monitoring = false) {
+  MountTable::PathState state(SaFlags f) {
     MountTable::PathState s;
-    s.mountedIs(mounted).completeIs(complete).mountPointIs(mountPoint).synchronisedIs(synced);
-    s.monitoringIs(monitoring).monitoringEidIs(monitoring ? 7 : 0);
+    s.mountedIs(f.mounted).completeIs(f.complete).mountPointIs(f.mountPoint);
+    s.synchronisedIs(f.synced).monitoringIs(f.monitoring).monitoringEidIs(f.monitoring ? 7 : 0);
     return s;
   }
   // The peer reports the root mounted and synchronised; the loop does not run, so the engine
   // stays in its first pass (a profile without groups would complete at the root's answer).
-  void rootMounted() { agent->pathStateIs("/ledra/Ledra", state(true, true, true, true)); }
+  void rootMounted() {
+    agent->pathStateIs(
+        "/ledra/Ledra",
+        state({.mounted = true, .complete = true, .mountPoint = true, .synced = true}));
+  }
 };
 
 TEST_F(EngineMountingTest, UnchangedMountIsServedAndCompletesTheReference) {
@@ -91,7 +103,7 @@ TEST_F(EngineMountingTest, ReferenceToAnEntityCutOffFromTheTreeIsNoCompleteMount
 }
 
 struct ParentCase {
-  bool mounted, complete, mountPoint, synced, monitoring;
+  SaFlags parent;
   char const* trace;  // empty: the child is mounted
 };
 
@@ -103,8 +115,7 @@ TEST_P(EngineParentStateTest, ParentStateDecidesBetweenWaitAndMount) {
   dir("p/q");
   startEngine();
   rootMounted();
-  agent->pathStateIs("/ledra/Ledra/p",
-                     state(c.mounted, c.complete, c.mountPoint, c.synced, c.monitoring));
+  agent->pathStateIs("/ledra/Ledra/p", state(c.parent));
   engine->doNestedPassiveMount(Mount("/ledra/Ledra/p/q", "Qel::Dir", "r"));
   if (*c.trace == '\0') {
     EXPECT_EQ(requestPaths().back(), "/ledra/Ledra/p/q");
@@ -118,15 +129,20 @@ TEST_P(EngineParentStateTest, ParentStateDecidesBetweenWaitAndMount) {
 
 INSTANTIATE_TEST_SUITE_P(
     States, EngineParentStateTest,
-    testing::Values(ParentCase{true, true, true, false, false,
-                               "mount for /ledra/Ledra/p is complete but not synced"},
-                    ParentCase{true, false, false, false, false,
-                               "parent sa /ledra/Ledra/p not a mountpoint and  unsynchronized"},
-                    ParentCase{true, true, true, true, true,
-                               "parent sa /ledra/Ledra/p synced but is monitoring eid=7"},
-                    ParentCase{true, false, true, false, false,
-                               "parent sa /ledra/Ledra/p not synced yet "},
-                    ParentCase{true, true, true, true, false, ""}));
+    testing::Values(
+        ParentCase{{.mounted = true, .complete = true, .mountPoint = true},
+                   "mount for /ledra/Ledra/p is complete but not synced"},
+        ParentCase{{.mounted = true},
+                   "parent sa /ledra/Ledra/p not a mountpoint and  unsynchronized"},
+        ParentCase{{.mounted = true,
+                    .complete = true,
+                    .mountPoint = true,
+                    .synced = true,
+                    .monitoring = true},
+                   "parent sa /ledra/Ledra/p synced but is monitoring eid=7"},
+        ParentCase{{.mounted = true, .mountPoint = true},
+                   "parent sa /ledra/Ledra/p not synced yet "},
+        ParentCase{{.mounted = true, .complete = true, .mountPoint = true, .synced = true}, ""}));
 
 TEST_F(EngineMountingTest, ParentWithoutMountIsMountedFromItsProfileFirst) {
   dir("p/q");

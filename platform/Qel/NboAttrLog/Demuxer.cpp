@@ -16,7 +16,8 @@ Demuxer::Demuxer(Name name, MountTable::Ptr peer, Transport::Ptr transport, U32 
       peer_(std::move(peer)),
       epoch_(epoch),
       transport_(std::move(transport)) {
-  QEL_ASSERT(!peer_->connection() && "mount table already bound to a connection");
+  QEL_CHECK(!peer_->connection(),
+            "!peer_->connection() && \"mount table already bound to a connection\"");
   peer_->connectionIs(this);
 }
 
@@ -82,19 +83,19 @@ bool Demuxer::mountAnswered(String const& path, bool ok, String const& exception
   return true;
 }
 
-void Demuxer::close(String const& reason, bool notifyPeer, bool deferred, bool removeStatus) {
+void Demuxer::close(String const& reason, CloseOptions options) {
   if (closed_) return;
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
   if (!closing_) {
-    closeNotifiesPeer_ = notifyPeer;
-    closeRemovesStatus_ = removeStatus;
+    closeNotifiesPeer_ = options.notifyPeer;
+    closeRemovesStatus_ = options.removeStatus;
     if (reason != closeReason_) {
       closeReason_ = reason;
       notify(kCloseReason);
     }
     if (closed_) return;
   }
-  if (deferred && flowOutMountRequests_ > 0) {
+  if (options.deferred && flowOutMountRequests_ > 0) {
     closing_ = true;
     return;
   }

@@ -10,7 +10,7 @@
 // the sequence number. The answer (mountAnswered) first sets the status (complete_, or failed_
 // with the peer's exception text), then lowers the count; each change notifies.
 //
-// Closing. close(reason, notifyPeer, deferred, removeStatus):
+// Closing. close(reason, {.notifyPeer, .deferred, .removeStatus}), each option false unless set:
 //   - notifyPeer: the peer is told the reason (the transport closes with it); otherwise the
 //     connection simply drops.
 //   - deferred: the close waits until every outgoing mount request has been answered (the
@@ -92,8 +92,13 @@ class QEL_API Demuxer : public Entity {
 
   Transport::Ptr const& transport() const { return transport_; }
 
-  // See the header comment.
-  void close(String const& reason, bool notifyPeer, bool deferred, bool removeStatus);
+  // How close() ends the connection; see the header comment.
+  struct CloseOptions {
+    bool notifyPeer = false;
+    bool deferred = false;
+    bool removeStatus = false;
+  };
+  void close(String const& reason, CloseOptions options);
   // The peer closed the connection (or it was lost).
   void peerClosed(String const& reason);
   bool closed() const { return closed_; }

@@ -6,7 +6,7 @@
 namespace Qel::NboAttrLog {
 
 void DemuxerMgr::demuxerIs(Demuxer::Ptr const& d) {
-  QEL_ASSERT(d && "null demuxer");
+  QEL_CHECK(d, "d && \"null demuxer\"");
   if (Demuxer::Ptr existing = demuxer(d->name())) {
     if (existing == d) return;
     throw NameInUseException("Reinstantiating the demuxer with name " + d->name() + " not allowed");

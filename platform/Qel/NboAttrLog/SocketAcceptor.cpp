@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 
 namespace Qel::NboAttrLog {
 
@@ -24,7 +24,9 @@ SocketAcceptor::SocketAcceptor(EventLoop::Ptr loop, int listenFd, OnAccept onAcc
       onAccept_(std::move(onAccept)),
       onPause_(std::move(onPause)),
       retry_(std::make_unique<RetryTimer>(this)) {
-  QEL_ASSERT(loop_ && fd_ >= 0 && onAccept_ && "an acceptor needs a loop, a socket and a handler");
+  QEL_CHECK(
+      loop_ && fd_ >= 0 && onAccept_,
+      "loop_ && fd_ >= 0 && onAccept_ && \"an acceptor needs a loop, a socket and a handler\"");
   retry_->notifierIs(loop_->clock());
   resume();
 }

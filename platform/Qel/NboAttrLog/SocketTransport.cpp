@@ -8,7 +8,7 @@
 #include <cstring>
 #include <exception>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 #include "Qel/Dir.h"
 #include "Qel/EntityUri.h"
 #include "Qel/NboAttrLog/WireText.h"
@@ -49,8 +49,8 @@ SocketTransport::Ptr SocketTransport::socketTransportNew(EventLoop* loop, int fd
 
 SocketTransport::SocketTransport(EventLoop* loop, int fd, Owner* owner, String name)
     : loop_(loop), fd_(fd), owner_(owner), name_(std::move(name)) {
-  QEL_ASSERT(loop_ && "a socket transport needs an event loop");
-  QEL_ASSERT(fd_ >= 0 && "a socket transport needs an open socket");
+  QEL_CHECK(loop_, "loop_ && \"a socket transport needs an event loop\"");
+  QEL_CHECK(fd_ >= 0, "fd_ >= 0 && \"a socket transport needs an open socket\"");
   int const flags = ::fcntl(fd_, F_GETFL);
   if (flags >= 0) ::fcntl(fd_, F_SETFL, flags | O_NONBLOCK);
   ::fcntl(fd_, F_SETFD, FD_CLOEXEC);
@@ -69,8 +69,9 @@ SocketTransport::~SocketTransport() {
 }
 
 void SocketTransport::demuxerIs(Demuxer::Ptr const& d) {
-  QEL_ASSERT(d && d->transport().ptr() == this && "binding a demuxer of another transport");
-  QEL_ASSERT(!demuxer_ && "socket transport already bound to a demuxer");
+  QEL_CHECK(d && d->transport().ptr() == this,
+            "d && d->transport().ptr() == this && \"binding a demuxer of another transport\"");
+  QEL_CHECK(!demuxer_, "!demuxer_ && \"socket transport already bound to a demuxer\"");
   demuxer_ = d;
   name_ = d->name();
 }
@@ -80,7 +81,7 @@ void SocketTransport::maxFrameIs(std::size_t bytes) {
 }
 
 void SocketTransport::maxOutputIs(std::size_t bytes) {
-  QEL_ASSERT(bytes > 0 && "an output limit of at least one byte");
+  QEL_CHECK(bytes > 0, "bytes > 0 && \"an output limit of at least one byte\"");
   maxOutput_ = bytes;
 }
 
@@ -210,7 +211,7 @@ void SocketTransport::closeWith(String const& reason) {
   if (demuxer_ && !demuxer_->closed()) {
     // The demuxer records the reason and calls close() below.
     Demuxer::Ptr const d = demuxer_;
-    d->close(reason, true, false, true);
+    d->close(reason, {.notifyPeer = true, .removeStatus = true});
     if (closing_) return;
   }
   close(reason, true);

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "Qel/Assert.h"
+#include "Check/Check.h"
 
 namespace Qel::NboAttrLog {
 
@@ -26,7 +26,7 @@ void putU64(std::string& out, U64 v) {
 }
 
 void putText(std::string& out, std::string_view s) {
-  QEL_ASSERT(s.size() <= 0xffffffffu && "text too long for a frame");
+  QEL_CHECK(s.size() <= 0xffffffffu, "s.size() <= 0xffffffffu && \"text too long for a frame\"");
   putU32(out, static_cast<U32>(s.size()));
   out.append(s);
 }
@@ -251,7 +251,7 @@ std::string wireFrame(WireMessage const& m) {
       },
       m);
   std::size_t const body = out.size() - WireDecoder::kHeaderBytes;
-  QEL_ASSERT(body <= 0xffffffffu && "message too long for a frame");
+  QEL_CHECK(body <= 0xffffffffu, "body <= 0xffffffffu && \"message too long for a frame\"");
   std::string header;
   putU32(header, static_cast<U32>(body));
   out.replace(0, WireDecoder::kHeaderBytes, header);
@@ -283,11 +283,11 @@ std::string wireText(WireMessage const& m) {
 }
 
 WireDecoder::WireDecoder(std::size_t maxFrame) : maxFrame_(maxFrame) {
-  QEL_ASSERT(maxFrame >= 1 && "a frame limit of at least one byte");
+  QEL_CHECK(maxFrame >= 1, "maxFrame >= 1 && \"a frame limit of at least one byte\"");
 }
 
 void WireDecoder::maxFrameIs(std::size_t bytes) {
-  QEL_ASSERT(bytes >= 1 && "a frame limit of at least one byte");
+  QEL_CHECK(bytes >= 1, "bytes >= 1 && \"a frame limit of at least one byte\"");
   maxFrame_ = bytes;
 }
 

@@ -379,8 +379,8 @@ TEST_F(AgentListenerTest, ClosesFromEitherSideEndTheConnectionWithTheirReasons) 
 
   TestAgent& told = connected("told");
   TestAgent& untold = connected("untold");
-  demuxer("told")->close("no agent profile", true, false, true);
-  demuxer("untold")->close("internal", false, false, true);
+  demuxer("told")->close("no agent profile", {.notifyPeer = true, .removeStatus = true});
+  demuxer("untold")->close("internal", {.removeStatus = true});
   EXPECT_TRUE(record("told"));  // until a later turn
   ASSERT_TRUE(run([&] { return told.eof && untold.eof && gone("told") && gone("untold"); }));
   EXPECT_EQ(told.received, (std::vector<WireMessage>{WireClose{"no agent profile"}}));
@@ -389,7 +389,7 @@ TEST_F(AgentListenerTest, ClosesFromEitherSideEndTheConnectionWithTheirReasons) 
 
 TEST_F(AgentListenerTest, ACloseKeepingTheStatusLeavesTheRecordUntilTheAgentReturns) {
   TestAgent& a = connected("agentA");
-  demuxer("agentA")->close("kept", true, false, false);
+  demuxer("agentA")->close("kept", {.notifyPeer = true});
   ASSERT_TRUE(run([&] { return a.eof && !demuxer("agentA"); }));
   auto const stale = record("agentA");
   ASSERT_TRUE(stale);

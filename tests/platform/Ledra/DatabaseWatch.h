@@ -63,7 +63,7 @@ class DatabaseWatch : public ConnectionStatusDir::NotifieeConst {
       held[name].demuxer = demuxer;
       held[name].table = demuxer->peer();
     }
-    if (!closeWith.empty()) demuxer->close(closeWith, true, false, true);
+    if (!closeWith.empty()) demuxer->close(closeWith, {.notifyPeer = true, .removeStatus = true});
   }
 };
 

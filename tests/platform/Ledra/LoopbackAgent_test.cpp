@@ -161,7 +161,7 @@ TEST_F(LoopbackAgentTest, DatabaseCloseTakesEffectOnALaterTurnThenTheAgentMayRec
   auto const r = record();
   auto const table = agent->peerMountTable();
   mount("/a");
-  first->close("invalid mount profile", true, false, true);
+  first->close("invalid mount profile", {.notifyPeer = true, .removeStatus = true});
   EXPECT_EQ(agent->closeReasons(), Reasons{"invalid mount profile"});
   EXPECT_FALSE(agent->connected());
   EXPECT_TRUE(record());  // nothing is destroyed under the closing handler
@@ -181,7 +181,7 @@ TEST_F(LoopbackAgentTest, DatabaseCloseTakesEffectOnALaterTurnThenTheAgentMayRec
 // A close that neither tells the peer nor removes the record, as the database's own teardown.
 TEST_F(LoopbackAgentTest, CloseKeepingTheStatusLeavesTheRecordUntilReconnect) {
   agent->connect();
-  agent->demuxer()->close("kept", false, false, false);
+  agent->demuxer()->close("kept", {});
   EXPECT_EQ(agent->closeReasons(), Reasons{""});
   loop->runOnce();
   auto const stale = record();

@@ -148,7 +148,7 @@ TEST_F(DemuxerTest, ImmediateCloseTellsThePeerAndStopsRequests) {
   mount("/a");
   events();
   sent();
-  demuxer->close("no agent profile", true, false, true);
+  demuxer->close("no agent profile", {.notifyPeer = true, .removeStatus = true});
   EXPECT_EQ(sent(), (Strings{"close 'no agent profile' removeStatus"}));
   EXPECT_EQ(events(), (Strings{"reason no agent profile", "closed"}));
   // The unanswered request stays unanswered; answers are ignored now.
@@ -159,7 +159,7 @@ TEST_F(DemuxerTest, ImmediateCloseTellsThePeerAndStopsRequests) {
   EXPECT_EQ(demuxer->peer()->stat(ConnectDesc("/b")).text(),
             "failed_: connection closed: no agent profile");
   // The first close wins.
-  demuxer->close("other", true, false, false);
+  demuxer->close("other", {.notifyPeer = true});
   EXPECT_EQ(demuxer->closeReason(), "no agent profile");
   EXPECT_TRUE(sent().empty());
 }
@@ -167,11 +167,11 @@ TEST_F(DemuxerTest, ImmediateCloseTellsThePeerAndStopsRequests) {
 TEST_F(DemuxerTest, PeerAndSilentClosesGiveThePeerNoReason) {
   demuxer->peerClosed("agent went away");
   EXPECT_EQ(demuxer->closeReason(), "agent went away");
-  demuxer->close("later", true, false, true);
+  demuxer->close("later", {.notifyPeer = true, .removeStatus = true});
   EXPECT_TRUE(sent().empty()) << "the peer closed: the transport is not called";
 
   auto silent = Demuxer::demuxerNew("agentB", nullptr, wire);
-  silent->close("invalid profile", false, false, false);
+  silent->close("invalid profile", {});
   EXPECT_EQ(silent->closeReason(), "invalid profile");
   EXPECT_EQ(sent(), (Strings{"close ''"}));
 }
@@ -180,7 +180,7 @@ TEST_F(DemuxerTest, DeferredCloseWaitsForOutstandingAnswers) {
   mount("/a");
   mount("/b");
   sent();
-  demuxer->close("done", true, true, true);
+  demuxer->close("done", {.notifyPeer = true, .deferred = true, .removeStatus = true});
   EXPECT_FALSE(demuxer->closed());
   EXPECT_TRUE(demuxer->closing());
   mount("/c");  // nothing new goes out while closing
@@ -193,13 +193,15 @@ TEST_F(DemuxerTest, DeferredCloseWaitsForOutstandingAnswers) {
 
   // With nothing outstanding a deferred close closes at once.
   auto idle = Demuxer::demuxerNew("agentB", nullptr, wire);
-  idle->close("idle", true, true, false);
+  idle->close("idle", {.notifyPeer = true, .deferred = true});
   EXPECT_TRUE(idle->closed());
   EXPECT_EQ(sent(), (Strings{"close 'idle'"}));
 }
 
 TEST_F(DemuxerTest, HandlerMayCloseTheConnectionThatNotifiesIt) {
-  log->onCount = [&] { demuxer->close("closed by handler", true, false, true); };
+  log->onCount = [&] {
+    demuxer->close("closed by handler", {.notifyPeer = true, .removeStatus = true});
+  };
   mount("/a");
   EXPECT_TRUE(demuxer->closed());
   // The close came between the count and the send: nothing else reached the wire.

@@ -1,4 +1,4 @@
-#include "Qel/Backtrace.h"
+#include "Check/Backtrace.h"
 
 #include <cxxabi.h>
 #include <execinfo.h>
@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-namespace Qel {
+namespace Check {
 
 namespace {
 
@@ -48,4 +48,4 @@ std::string Backtrace::text() const {
   return out;
 }
 
-}  // namespace Qel
+}  // namespace Check
