@@ -9,14 +9,15 @@
 
 #include <cstddef>
 #include <iterator>
-#include <ranges>
 #include <string_view>
 
 namespace Qel {
 
 enum class EmptyComponents { skip, keep };
 
-class PathComponents : public std::ranges::view_interface<PathComponents> {
+// A forward range by its begin() and end(); it does not derive from std::ranges::view_interface,
+// which clang 14 cannot instantiate with libstdc++ 12.
+class PathComponents {
  public:
   class iterator {
    public:
@@ -77,6 +78,7 @@ class PathComponents : public std::ranges::view_interface<PathComponents> {
 
   iterator begin() const { return iterator(path_, empty_, 0); }
   iterator end() const { return iterator(path_, empty_, iterator::kDone); }
+  bool empty() const { return begin() == end(); }
 
  private:
   std::string_view path_;
