@@ -1,6 +1,7 @@
 #include "sim/World.h"
 
 #include <algorithm>
+#include <array>
 
 #include "Ledra/Cell.h"
 #include "Ledra/ConnMgrHelper.h"
@@ -1068,34 +1069,20 @@ std::string World::control(Event const& e) {
   return done;
 }
 
+std::string World::sensorWrite(unsigned d) {
+  std::string const done = writeAside(d % Generator::kSensors, d / Generator::kSensors);
+  observer_->sensorsChanged();
+  return done;
+}
+
 std::string World::controlAction(Event const& e) {
-  unsigned const d = e.detail;
-  switch (e.control) {
-    case Control::none:
-      return "idle";
-    case Control::trimGroup:
-      return trimGroup(d);
-    case Control::extendGroup:
-      return extendGroup(d);
-    case Control::profileByName:
-      return profileByName(d);
-    case Control::refused:
-      return refused(d);
-    case Control::records:
-      return records(d);
-    case Control::graft:
-      return graft(d);
-    case Control::placeholder:
-      return placeholder(d);
-    case Control::engineByName:
-      return engineByName(d);
-    case Control::sensorWrite: {
-      std::string const done = writeAside(d % Generator::kSensors, d / Generator::kSensors);
-      observer_->sensorsChanged();
-      return done;
-    }
-  }
-  return "?";
+  if (e.control == Control::none) return "idle";
+  // In the order of Control, from trimGroup on.
+  static constexpr std::array<std::string (World::*)(unsigned), kControls - 1> kActions{
+      &World::trimGroup,   &World::extendGroup,  &World::profileByName,
+      &World::refused,     &World::records,      &World::graft,
+      &World::placeholder, &World::engineByName, &World::sensorWrite};
+  return (this->*kActions[static_cast<std::size_t>(e.control) - 1])(e.detail);
 }
 
 bool World::held(Ledra::PassiveMountGroup const& g) const {

@@ -123,6 +123,7 @@ class World {
   // The control actions of idle steps (see Control).
   std::string control(Event const& e);
   std::string controlAction(Event const& e);
+  std::string sensorWrite(unsigned d);
   // The profile plan, group plan and group an in-place edit works on, and the start of its
   // history line; `refusal` is set when there is none.
   struct GroupPick {
