@@ -59,6 +59,7 @@ install(TARGETS ${libraries} EXPORT LedraTargets
 install(EXPORT LedraTargets NAMESPACE Ledra:: DESTINATION ${LEDRA_CMAKEDIR} COMPONENT dev)
 install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/profiles ${PROJECT_SOURCE_DIR}/examples/state
+  ${PROJECT_SOURCE_DIR}/examples/hotplug
   DESTINATION ${CMAKE_INSTALL_DATADIR}/ledra/examples COMPONENT tools)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/LedraConfig.cmake.in

@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "PassiveEntityManager/PassiveDirMounter.h"
 #include "Qel/Clock.h"
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
@@ -131,6 +132,32 @@ class AgentEvents::RootWatcher : public Ledra::PassiveEntityManagerRootSm::Notif
   AgentEvents& owner_;
 };
 
+// One directory mounter of an engine: tells once per entry that it still waits after
+// kDirMounterTries tries.
+class AgentEvents::DirMounterWatcher : public Ledra::DirMounter::NotifieeConst {
+  using NotifieeConst = Ledra::DirMounter::NotifieeConst;
+
+ public:
+  DirMounterWatcher(AgentEvents& owner, Qel::Name const& agentName,
+                    Ledra::PassiveDirMounter::Ptr const& mounter)
+      : NotifieeConst(Weak::weak), owner_(owner), agentName_(agentName) {
+    notifierIs(mounter);
+  }
+  ~DirMounterWatcher() override { notifierIs(nullptr); }
+
+  void onHeadWaits() override {
+    auto const m = notifier();
+    if (!m || m->headWaits() != kDirMounterTries) return;
+    owner_.line("agent " + shown(agentName_) + ": directory mounter of " + shown(m->mountPath()) +
+                " still waits for " + shown(m->deferredMountFront().entryName()) + " after " +
+                std::to_string(kDirMounterTries) + " tries");
+  }
+
+ private:
+  AgentEvents& owner_;
+  Qel::Name const agentName_;
+};
+
 class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::NotifieeConst {
   using NotifieeConst = Ledra::PassiveEntityManagerSm::NotifieeConst;
 
@@ -140,6 +167,8 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
       : NotifieeConst(Weak::weak), owner_(owner), agentName_(std::move(agentName)) {
     notifierIs(engine);
     queued_ = engine->readyMountGroups();
+    for (auto const& [path, mounter] : engine->passiveDirMounterCol())
+      onPassiveDirMounterCol(path);
     onState();
   }
   ~EngineWatcher() override { notifierIs(nullptr); }
@@ -160,6 +189,16 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
   // blocking one that still waits then holds back every later group.
   void onConditionalMountGroup(Qel::Name const&) override {
     if (auto const e = notifier()) blockingWaits(*e);
+  }
+
+  void onPassiveDirMounterCol(Qel::String const& path) override {
+    auto const e = notifier();
+    auto const mounter = e ? e->passiveDirMounterCol(path) : nullptr;
+    if (!mounter) {
+      dirMounters_.erase(path);
+      return;
+    }
+    dirMounters_[path] = std::make_unique<DirMounterWatcher>(owner_, agentName_, mounter);
   }
 
   void onState() override {
@@ -211,6 +250,7 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
   std::set<std::string> toldBlocking_;
   std::size_t queued_ = 0;
   Qel::Time groupSince_ = Qel::kNever;  // when the engine took the group it is on
+  std::map<Qel::String, std::unique_ptr<DirMounterWatcher>> dirMounters_;
 };
 
 AgentEvents::AgentEvents(Ledra::PassiveEntityManagerRootSm::Ptr const& root, Sink sink,

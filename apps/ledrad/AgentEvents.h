@@ -8,6 +8,10 @@
 //                                             (once per condition)
 //   "All mounts complete for NAME"            the engine has mounted everything
 //   "agent NAME: mount of PATH failed: TEXT"  the agent answered a mount request with a failure
+//   "agent NAME: directory mounter of PATH still waits for ENTRY after 5 tries"
+//                                             an entry of a directory mounted entry by entry is
+//                                             still missing, or not a directory, after as many
+//                                             tries (one a second); once per entry
 //   "agent NAME speaks mount protocol version V, not 5: it waits in init"
 //                                             the agent reported an older (or unknown) version
 //   "agent NAME closed: REASON"               the connection was closed (by either side)
@@ -37,6 +41,7 @@ namespace Ledrad {
 
 class AgentEvents {
  public:
+  static constexpr Qel::U32 kDirMounterTries = 5;
   using Sink = std::function<void(std::string const& line)>;
   // Told of a connection being closed, with its reason, before its line and before the agent's
   // records go.
@@ -55,6 +60,7 @@ class AgentEvents {
   class PeerTableWatcher;
   class RootWatcher;
   class EngineWatcher;
+  class DirMounterWatcher;
 
   void demuxer(Qel::Name const& name);
   void engine(Qel::Name const& agentName);

@@ -18,6 +18,7 @@
 #include "apps/ledrad/AgentEvents.h"
 #include "apps/ledrad/ControlCommands.h"
 #include "apps/ledrad/ControlServer.h"
+#include "apps/ledrad/CrashDump.h"
 #include "apps/ledrad/Database.h"
 #include "apps/ledrad/FileError.h"
 
@@ -203,6 +204,9 @@ int runDaemon(Options const& o, std::FILE* out, std::FILE* err) {
     say(err, std::string("ledrad: ") + e.what());
     return 1;
   }
+  dumpTraceRingOnFatalError((fs::path(o.controlSocket).parent_path() /
+                             ("ledrad-" + std::to_string(::getpid()) + ".ringlog"))
+                                .string());
   auto signals = std::make_unique<SignalWatch>(loop, out);
   say(out, "ledrad: ready: system " + o.systemName + ", cell " + std::to_string(o.cell) +
                ", root /" + o.systemName + "/Ledra, agents on " + o.socket + ", control on " +

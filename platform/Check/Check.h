@@ -10,12 +10,21 @@
 // A check states a contract of the project's own code. Anything another process, a file or a
 // user can cause is refused or handled where it enters, never checked here.
 //
+// A process may name one failure hook (failureHookIs): it runs once, after the message and the
+// call stack are written and before the abort, so that the process can leave what it knows (a
+// trace ring, for example) behind. A check that fails inside the hook aborts at once.
+//
 // This library sits below every other one of the project (the trace library and the entity
 // framework both use it) and depends on the standard library only. failed() may be called from
 // any thread.
 #pragma once
 
 namespace Check {
+
+using FailureHook = void (*)();
+
+// Names the failure hook (null: none); returns the one named before. Any thread.
+__attribute__((visibility("default"))) FailureHook failureHookIs(FailureHook hook);
 
 [[noreturn]] __attribute__((visibility("default"))) void failed(char const* text, char const* file,
                                                                 int line, char const* function);

@@ -325,7 +325,16 @@ void DirMounter::doMountRequests() {
     } while (roundAgain_ && !complete_);
     dirEntryMounterDel();
   }
+  headWaitsCount();
   completeIfDone();
+}
+
+void DirMounter::headWaitsCount() {
+  std::optional<Qel::U32> head;
+  if (!deferredMount_.empty() && !complete_) head = deferredMount_.begin()->first;
+  Qel::U32 const waits = !head ? 0 : head == waitingHead_ ? headWaits_ + 1 : 1;
+  waitingHead_ = head;
+  store(headWaits_, waits, kHeadWaits);
 }
 
 void DirMounter::completeIfDone() {

@@ -37,7 +37,9 @@
 //      mounter (its name is remembered): an entry removed and added again is not queued again,
 //      and a queued entry that turns up again (a waiting entry created at last) is mounted by the
 //      next retry, not at once.
-//   6. The retry timer firing starts a round.
+//   6. The retry timer firing starts a round. headWaits() counts the rounds in a row that ended
+//      with the same entry left at the head of the queue (0 once the head moves on), so that a
+//      watcher can tell an entry that keeps waiting.
 //   7. Done: the directory was found, no entry mount is queued, and the directory has been quiet
 //      (no entry added) for settleDelay since it was found or since its last new entry. With a
 //      settle delay of 0 (the default) that is as soon as the queue is empty; otherwise the base
@@ -55,6 +57,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -81,6 +84,7 @@ class QEL_API DirMounter : public Qel::Entity {
     kDeferredMount,
     kDeferredMountPaths,
     kComplete,
+    kHeadWaits,
   };
 
   // The mount of one entry: its path, entity type and flags. Compared by value.
@@ -190,6 +194,8 @@ class QEL_API DirMounter : public Qel::Entity {
   bool started() const { return started_; }
   bool dirFound() const { return dirFound_; }
   bool complete() const { return complete_; }
+  // The rounds in a row that ended with the same entry waiting at the head of the queue.
+  Qel::U32 headWaits() const { return headWaits_; }
 
   // The derived class's part; see the header comment.
   virtual void handleInit() {}
@@ -256,6 +262,8 @@ class QEL_API DirMounter : public Qel::Entity {
   // Runs a round for a new request, unless the directory is not found yet or a retry is pending.
   void mountRoundRequest();
   void doMountRequests();
+  // Counts the round just ended in headWaits_.
+  void headWaitsCount();
   void completeIfDone();
   void quietPeriodRestart();
   void deferredMountPathRelease(Qel::String const& path);
@@ -285,6 +293,8 @@ class QEL_API DirMounter : public Qel::Entity {
   bool started_ = false;
   bool dirFound_ = false;
   bool complete_ = false;
+  Qel::U32 headWaits_ = 0;
+  std::optional<Qel::U32> waitingHead_;  // the index of the entry headWaits_ counts
   bool inRound_ = false;
   bool roundAgain_ = false;
   DirPathReactor reactor_;
@@ -304,6 +314,7 @@ class DirMounter::NotifieeT : public Qel::BasicNotifiee<N> {
   virtual void onDeferredMount(Qel::U32 index) {}
   virtual void onDeferredMountPaths(Qel::String const& path) {}
   virtual void onComplete() {}
+  virtual void onHeadWaits() {}
   void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
     switch (aid) {
       case kMountPath:
@@ -322,6 +333,8 @@ class DirMounter::NotifieeT : public Qel::BasicNotifiee<N> {
         return onDeferredMountPaths(*static_cast<Qel::String const*>(key.native));
       case kComplete:
         return onComplete();
+      case kHeadWaits:
+        return onHeadWaits();
       default:
         return;
     }
@@ -361,7 +374,8 @@ void DirMounter::qelAttributes(Qel::TypeBuilder<D>& b) {
             return it->second;
           },
           [](D const& m) { return m.deferredMountPaths().size(); })
-      .template value<bool>("complete", [](D const& m) { return m.complete(); });
+      .template value<bool>("complete", [](D const& m) { return m.complete(); })
+      .template value<Qel::U32>("headWaits", [](D const& m) { return m.headWaits(); });
 }
 
 }  // namespace Ledra

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "Qel/NboAttrLog/WireText.h"
@@ -223,6 +224,27 @@ TEST_F(StatusReportTest, ABlockingGroupThatWaitsIsToldOnce) {
                "All mounts complete for holder", "agent holder closed: again",
                "agent holder disconnected", "agent holder connected (connection 2)",
                "agent holder served by profile holder", "All mounts complete for holder"}));
+}
+
+// An entry of a directory mounted entry by entry that is not a directory yet is tried every second;
+// after as many tries as ledrad waits, it is told once, and not again while it keeps waiting.
+TEST_F(StatusReportTest, ADirectoryEntryThatKeepsWaitingIsToldOnce) {
+  db->loadProfiles({file("d.profile",
+                         "profile cards\n group cards 10\n"
+                         "  mount /dbTest/Ledra/card Qel::Dir D\n")});
+  Strings lines;
+  AgentEvents events(db->root(), [&](std::string const& l) { lines.push_back(l); });
+  agent("cards")->connect();
+  run();
+  db->loadState({file("c.state", "dir /%sysname/Ledra/card\n")});
+  run(0.5);
+  db->loadState({file("e.state", "entity /%sysname/Ledra/card/lost StatusTest::Box\n")});
+  std::string const told =
+      "agent cards: directory mounter of /dbTest/Ledra/card still waits for lost after 5 tries";
+  run(AgentEvents::kDirMounterTries - 1.5);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), told), 0) << "not before its last try";
+  run(30);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), told), 1);
 }
 
 // A departed agent stays in the report with its last state and close reason, for a while and for

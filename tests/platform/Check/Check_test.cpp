@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 
 #include "support/ExactText.h"
@@ -52,6 +53,22 @@ TEST(CheckDeathTest, PrintsTheTextVerbatimWithFunctionFileAndLine) {
   for (Row const& row : rows) {
     EXPECT_DEATH(row.fail(), expected(row.text, row.function, row.line)) << row.text;
   }
+}
+
+// The hook runs once, after the message; a check failing inside it aborts without a second run.
+TEST(CheckDeathTest, TheFailureHookRunsOnceAfterTheMessage) {
+  static auto const hook = [] {
+    std::fputs("hook ran\n", stderr);
+    QEL_CHECK(false, "inside the hook");
+  };
+  EXPECT_DEATH(
+      {
+        Check::failureHookIs(hook);
+        quoted();
+      },
+      "quoted message.*\n(.*\n)*hook ran\nAssertion failed: inside the hook, [^\n]*\n(  "
+      "#[^\n]*\n)*$");
+  EXPECT_EQ(Check::failureHookIs(nullptr), nullptr) << "named in the dying child only";
 }
 
 TEST(CheckTest, AHoldingConditionIsEvaluatedOnceAndChangesNothing) {
