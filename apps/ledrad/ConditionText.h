@@ -12,7 +12,7 @@
 // tabs, read by the engine's templateConditionParts); only == != in notin are allowed, and the
 // value NULL stands for the empty text.
 //
-// parse() returns the parts, or an empty result with the reason in `reason`. Pure functions, but
+// parse() returns what it read, or an empty result with the reason in `reason`. Pure functions, but
 // for valueIn(), which reads the entity it is given.
 #pragma once
 

@@ -112,11 +112,11 @@ ExplainedTemplateCondition templateCondition(std::string const& text, Substituti
   ExplainedTemplateCondition t;
   t.condition = text;
   // The engine's own reading of the words; what follows the value is not read.
-  auto const parts = Ledra::templateConditionParts(Qel::String(text));
-  t.templ = parts.templ;
-  t.value = parts.value;
-  bool const equality = parts.op == "==" || parts.op == "in";
-  t.readable = equality || parts.op == "!=" || parts.op == "notin";
+  auto const words = Ledra::templateConditionParts(Qel::String(text));
+  t.templ = words.templ;
+  t.value = words.value;
+  bool const equality = words.op == "==" || words.op == "in";
+  t.readable = equality || words.op == "!=" || words.op == "notin";
   if (!t.readable) return t;
   t.templValue = sub(t.templ);
   t.valueValue = t.value == "NULL" ? std::string() : sub(t.value);
@@ -246,10 +246,12 @@ Explanation Explanation::build(Database const& db, std::string const& agent) {
       auto const it = values.find(v.key);
       if (it != values.end()) stored.push_back({v.key, it->second, v.origin});
     }
-    for (auto const& [k, v] : values) {
+    for (auto const& entry : values) {
+      // A named variable rather than a structured binding: clang 14 cannot capture the latter.
+      std::string const& key = entry.first;
       bool const known = std::any_of(stored.begin(), stored.end(),
-                                     [&k](ExplainedValue const& s) { return s.key == k; });
-      if (!known) stored.push_back({k, v, ""});
+                                     [&key](ExplainedValue const& s) { return s.key == key; });
+      if (!known) stored.push_back({key, entry.second, ""});
     }
     e.templateValues = std::move(stored);
   }
