@@ -8,6 +8,25 @@ Qel::String Mount::text() const {
   return Qel::String(path_ + " (" + type_ + ") " + flags_);
 }
 
+Qel::String mountRequestLetters(Qel::String const& userFlags, Qel::String const& rootFlags,
+                                bool writeMountsGranted) {
+  auto const has = [](Qel::String const& letters, char c) {
+    return letters.find(c) != std::string::npos;
+  };
+  Qel::String letters;
+  if (has(userFlags, 'f') && !writeMountsGranted) {
+    letters += "w";
+  } else if (has(userFlags, 'w') && writeMountsGranted) {
+    letters += "w";
+  } else {
+    letters += "C";
+  }
+  if (has(userFlags, 'i')) letters += "i";
+  if (has(userFlags, 'S')) letters += "S";
+  letters += has(rootFlags, 'N') ? "p" : "np";
+  return letters;
+}
+
 Qel::QelType const* Mount::staticType() {
   using Boxed = Qel::BoxedValue<Mount>;
   static Qel::QelType const* t = [] {

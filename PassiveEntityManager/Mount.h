@@ -1,6 +1,8 @@
 // Ledra::Mount: one mount profile: a database path (which may hold template keys), the type name
 // of the entity found there, and the mount flags as text. A plain value, compared by all three
 // fields; registered with the reflection as "Ledra::Mount".
+//
+// mountRequestLetters() gives the flag letters of the request that mounts it on an agent.
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
@@ -36,5 +38,14 @@ class LEDRA_PEM_EXPORT Mount {
   Qel::String type_;
   Qel::String flags_;
 };
+
+// The letters of the mount request for a mount with the profile letters `userFlags`, for an agent
+// whose profile has the root flags `rootFlags`: "w" (writable) for a writable mount once write
+// mounts are granted, or for one forced ("f") before; else "C" (read-only now; a writable mount
+// is mounted again with "w" once write mounts are granted); then "i" and "S" when the profile asks
+// for them; then the suffix "p" when the root flags hold "N", else "np".
+LEDRA_PEM_EXPORT Qel::String mountRequestLetters(Qel::String const& userFlags,
+                                                 Qel::String const& rootFlags,
+                                                 bool writeMountsGranted);
 
 }  // namespace Ledra

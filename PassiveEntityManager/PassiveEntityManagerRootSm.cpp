@@ -10,6 +10,7 @@
 #include "Check/Check.h"
 #include "Ledra/Cell.h"
 #include "Ledra/ConnMgrHelper.h"
+#include "PassiveEntityManager/AgentProfileChoice.h"
 #include "PassiveEntityManager/PathTemplates.h"
 #include "PassiveEntityManager/TraceFacility.h"
 #include "Qel/ActivityManagerConfig.h"
@@ -218,22 +219,7 @@ void PassiveEntityManagerRootSm::passiveEntityManagerSmDelAll() {
 
 PassiveAgentProfile::Ptr PassiveEntityManagerRootSm::agentProfileFor(
     Qel::Name const& agentName) const {
-  if (PassiveAgentProfile::Ptr own = agentProfileDir_->agentProfile(agentName)) return own;
-  // A family profile is named by a prefix of the agent's name that ends in "-", and the longest
-  // one serves: the same profile as looking up each such prefix, shortest cut first. Looking the
-  // prefixes up would hash each of them, quadratic in the name's length for a name of many
-  // dashes; comparing each family profile's name with the start of the agent's name reads at most
-  // the profile's name, so the work grows with the name's length and the profiles, not with both.
-  std::string_view const name = agentName;
-  PassiveAgentProfile::Ptr family;
-  std::size_t familyLength = 0;
-  for (auto const& [profileName, profile] : agentProfileDir_->agentProfile()) {
-    if (profileName.empty() || profileName.back() != '-') continue;
-    if (profileName.size() <= familyLength || !name.starts_with(profileName)) continue;
-    family = profile;
-    familyLength = profileName.size();
-  }
-  return family;
+  return agentProfileChoice(*agentProfileDir_, agentName).profile;
 }
 
 void PassiveEntityManagerRootSm::fillReservedTemplateKeys() {

@@ -133,7 +133,8 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
   void passiveEntityManagerSmDel(Qel::Name const& agentName);
   void passiveEntityManagerSmDelAll();
 
-  // The profile that serves `agentName`: its own, else the longest prefix ending in "-"; null.
+  // The profile that serves `agentName` (agentProfileChoice): its own, else the longest prefix
+  // ending in "-"; null.
   PassiveAgentProfile::Ptr agentProfileFor(Qel::Name const& agentName) const;
 
   // Handlers (see the header comment).

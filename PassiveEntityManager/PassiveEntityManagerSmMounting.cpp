@@ -74,23 +74,15 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
   TRACE(PassiveEntityManager, kTraceDecision, "mountPath: {} userFlags: {} typeName: {}", mountPath,
         userFlags, typeName);
   bool const granted = entMgr_ && entMgr_->writeMountsGranted();
-  Qel::String letters;
-  if (hasLetter(userFlags, 'f') && !granted) {
-    letters += "w";
-  } else if (!hasLetter(userFlags, 'w')) {
-    letters += "C";
-  } else if (granted) {
-    letters += "w";
-  } else {
-    letters += "C";
+  // A writable mount asked for before writing is granted (and not forced) goes out read-only
+  // and is converted later.
+  if (!granted && hasLetter(userFlags, 'w') && !hasLetter(userFlags, 'f')) {
     TRACE(PassiveEntityManager, kTraceDecision, "convertable mount Enqueuing {} {} {}", mountPath,
           userFlags, typeName);
     convertableMountsEnq(Mount(mountPath, typeName, userFlags));
   }
-  if (hasLetter(userFlags, 'i')) letters += "i";
-  if (hasLetter(userFlags, 'S')) letters += "S";
-  bool const rootN = agentProfile_ && hasLetter(agentProfile_->rootFlags(), 'N');
-  letters += rootN ? "p" : "np";
+  Qel::String const letters = mountRequestLetters(
+      userFlags, agentProfile_ ? agentProfile_->rootFlags() : Qel::String(), granted);
   TRACE(PassiveEntityManager, kTraceDecision, "Final flags: {}", letters);
 
   auto const table = peerMountTable();

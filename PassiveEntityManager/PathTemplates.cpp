@@ -1,6 +1,9 @@
 #include "PassiveEntityManager/PathTemplates.h"
 
+#include <vector>
+
 #include "Check/Check.h"
+#include "Ledra/StripString.h"
 #include "Orn/LogicalOp.h"
 #include "PassiveEntityManager/TraceFacility.h"
 
@@ -21,27 +24,19 @@ Qel::String templateValue(Qel::String const& key, PassiveAgentStatus::Ptr const&
   return it == reserved.end() ? Qel::String() : it->second;
 }
 
-Qel::String canonicalizePath(Qel::String const& path, PassiveAgentStatus::Ptr const& status) {
-  if (path.find('%') == std::string::npos) return path;
-  if (status) {
-    if (Qel::String const* cached = status->templateCache(path)) {
-      TRACE(PassiveEntityManager, kTraceDecision, "template path exists {} in cache {}", path,
-            *cached);
-      return *cached;
-    }
-  }
+Qel::String substituteTemplates(Qel::String const& path, TemplateValueLookup const& valueOf) {
   Qel::String out;
   Qel::String key;
   bool inKey = false;
   for (char c : path) {
     if (c == '%') {
-      if (inKey) out += templateValue(key, status);
+      if (inKey) out += valueOf(key);
       key.assign(1, c);
       inKey = true;
       continue;
     }
     if (inKey && (c == '-' || c == '/')) {
-      out += templateValue(key, status);
+      out += valueOf(key);
       out += c;
       inKey = false;
       continue;
@@ -52,13 +47,40 @@ Qel::String canonicalizePath(Qel::String const& path, PassiveAgentStatus::Ptr co
     }
     out += c;
   }
-  if (inKey) out += templateValue(key, status);
+  if (inKey) out += valueOf(key);
+  return out;
+}
+
+Qel::String canonicalizePath(Qel::String const& path, PassiveAgentStatus::Ptr const& status) {
+  if (path.find('%') == std::string::npos) return path;
+  if (status) {
+    if (Qel::String const* cached = status->templateCache(path)) {
+      TRACE(PassiveEntityManager, kTraceDecision, "template path exists {} in cache {}", path,
+            *cached);
+      return *cached;
+    }
+  }
+  Qel::String const out = substituteTemplates(
+      path, [&status](Qel::String const& key) { return templateValue(key, status); });
   TRACE(PassiveEntityManager, kTraceDecision, "incoming path {} real path {}", path, out);
   if (status) status->templateCacheIs(path, out);
   return out;
 }
 
 namespace {
+
+// The fields of an agent string: the texts between its "-" (empty ones kept).
+std::vector<Qel::String> fieldsOf(Qel::String const& text) {
+  std::vector<Qel::String> fields;
+  std::size_t pos = 0;
+  for (;;) {
+    std::size_t const dash = text.find('-', pos);
+    fields.emplace_back(
+        text.substr(pos, dash == std::string::npos ? std::string::npos : dash - pos));
+    if (dash == std::string::npos) return fields;
+    pos = dash + 1;
+  }
+}
 
 // Splits off the next blank-separated word of `text` from `pos` on.
 Qel::String nextWord(Qel::String const& text, std::size_t& pos) {
@@ -74,6 +96,45 @@ Qel::String nextWord(Qel::String const& text, std::size_t& pos) {
 }
 
 }  // namespace
+
+Qel::String agentTemplateValues(Qel::String const& agentString, PassiveAgentProfile const& profile,
+                                TemplateValueLookup const& valueOf, TemplateValueSink const& sink) {
+  using Source = TemplateValueSetting::Source;
+  auto const& keys = profile.templateKey();
+  // Alias keys name template keys: without template keys there is nothing to alias either.
+  if (keys.empty()) return Qel::String();
+  std::vector<Qel::String> const fields = fieldsOf(agentString);
+  std::size_t field = 1;
+  for (auto const& [position, keyText] : keys) {
+    TemplateValueSetting s;
+    s.key = keyText;
+    s.tillEnd = !s.key.empty() && s.key.back() == '$';
+    if (s.tillEnd) s.key.pop_back();
+    s.field = field;
+    if (fields.size() <= 1) {
+      s.source = Source::missing;
+      sink(s);
+      return "No template value found for " + s.key;
+    }
+    if (field < fields.size()) {
+      s.value = fields[field];
+      for (std::size_t i = field + 1; s.tillEnd && i < fields.size(); ++i)
+        s.value += "-" + fields[i];
+    }
+    ++field;
+    s.source = s.value.empty() ? Source::empty : Source::field;
+    sink(s);
+  }
+  for (auto const& [aliasText, targetText] : profile.aliasKey()) {
+    TemplateValueSetting s;
+    s.source = Source::alias;
+    s.key = stripString(aliasText);
+    s.aliasOf = stripString(targetText);
+    s.value = valueOf(s.aliasOf);
+    sink(s);
+  }
+  return Qel::String();
+}
 
 TemplateConditionParts templateConditionParts(Qel::String const& condition) {
   TemplateConditionParts parts;

@@ -9,6 +9,7 @@
 
 #include "Qel/EntityUri.h"
 #include "Qel/NboAttrLog/WireText.h"
+#include "apps/common/MountLetters.h"
 
 namespace LedraAgent {
 
@@ -214,36 +215,12 @@ void AgentSession::protocolError(std::string const& reason) {
   finish("protocol error: " + reason, 1);
 }
 
-namespace {
-
-// What the letters of a mount request mean to the agent that receives it.
-std::string explainedFlags(std::string const& letters) {
-  std::vector<std::string> parts;
-  if (letters.find('w') != std::string::npos) parts.push_back("w: writable");
-  if (letters.find('C') != std::string::npos) {
-    parts.push_back("C: read-only now, made writable once writing is granted");
-  }
-  if (letters.find('i') != std::string::npos) parts.push_back("i: from the profile");
-  if (letters.find('S') != std::string::npos) parts.push_back("S: from the profile");
-  if (letters.ends_with("np")) {
-    parts.push_back("np: the suffix of a profile whose root flags lack N");
-  } else if (letters.ends_with('p')) {
-    parts.push_back("p: the suffix of a profile whose root flags hold N");
-  }
-  std::string out;
-  for (auto const& p : parts)
-    out += (out.empty() ? "" : "; ") + p;
-  return out.empty() ? "none" : out;
-}
-
-}  // namespace
-
 void AgentSession::show() {
   line("received:");
   for (auto const& [path, n] : tree_.all()) {
     if (!n.held) continue;
     line(printableText(path) + " " + (n.typeName.empty() ? "-" : printableText(n.typeName)) +
-         " flags=" + n.flags + " (" + explainedFlags(n.flags) + ")");
+         " flags=" + n.flags + " (" + LedraApps::explainedMountLetters(n.flags) + ")");
     for (auto const& [attribute, value] : n.attributes)
       line("  " + printableText(attribute) + " = " + printableText(value));
   }

@@ -2,7 +2,7 @@
 //
 //   ledra-ctl [--control-socket PATH] [--timeout SECONDS] COMMAND [ARGUMENT...]
 //
-// The commands are those of ledrad (status, get, ls, set, load-profiles, load-state: see
+// The commands are those of ledrad (status, explain, get, ls, set, load-profiles, load-state: see
 // ControlCommands); the command line is read by CtlArguments. The reply goes to standard output,
 // an error reply to standard error. Exit status: 0 done, 1 ledrad refused, 2 bad command line,
 // 3 ledrad not reachable.

@@ -6,6 +6,8 @@
 
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/PathTemplates.h"
+#include "Qel/Exception.h"
+#include "Qel/GenericValue.h"
 
 namespace Ledrad {
 
@@ -52,6 +54,23 @@ std::optional<ConditionText> ConditionText::parse(std::string const& text, std::
     return refuse(reason, "the entity path '" + parts.path + "' does not begin with '/'");
   }
   return ConditionText{parts.constant, parts.op, parts.len, parts.path, parts.attribute};
+}
+
+std::string ConditionText::valueIn(Qel::Entity const& e) const {
+  Qel::AttributeId const aid = e.attributeId(Qel::Name(attribute));
+  if (aid == Qel::kNoAttribute) return "no attribute " + attribute;
+  try {
+    Qel::QelAttr const* a = e.qelType()->attribute(aid);
+    if (len) return e.colLength(aid)->text() + " elements";
+    if (a->isCollection()) {
+      auto key = a->keyType()->valueFromText(Qel::String(constant));
+      return e.isMember(aid, key)->valueAs<bool>() ? constant + " present" : constant + " absent";
+    }
+    auto v = e.attribute(aid);
+    return v ? std::string(v->text()) : std::string("null");
+  } catch (Qel::Exception const&) {
+    return {};
+  }
 }
 
 std::optional<TemplateConditionText> TemplateConditionText::parse(std::string const& text,

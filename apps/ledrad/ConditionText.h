@@ -12,11 +12,14 @@
 // tabs, read by the engine's templateConditionParts); only == != in notin are allowed, and the
 // value NULL stands for the empty text.
 //
-// parse() returns the parts, or an empty result with the reason in `reason`. Pure functions.
+// parse() returns what it read, or an empty result with the reason in `reason`. Pure functions, but
+// for valueIn(), which reads the entity it is given.
 #pragma once
 
 #include <optional>
 #include <string>
+
+#include "Qel/Entity.h"
 
 namespace Ledrad {
 
@@ -28,6 +31,11 @@ struct ConditionText {
   std::string attribute;
 
   static std::optional<ConditionText> parse(std::string const& text, std::string& reason);
+  // The value the condition's attribute has now in `e`, as text: the element count ("3
+  // elements") for len(, whether the constant is a key ("x present", "x absent") of a collection,
+  // else the value ("null" for none); "no attribute NAME" when `e` has none such; empty when the
+  // value cannot be read.
+  std::string valueIn(Qel::Entity const& e) const;
   // Whether `op` is an operator text of an attribute condition.
   static bool isOperator(std::string const& op);
   // Whether `op` compares by order (<=, >=, <, >), as opposed to (in)equality.

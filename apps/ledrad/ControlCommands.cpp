@@ -6,6 +6,7 @@
 #include "Qel/NboAttrLog/WireText.h"
 #include "Trace/Ringlog.h"
 #include "apps/ledrad/Daemon.h"
+#include "apps/ledrad/ExplainFormat.h"
 #include "apps/ledrad/FileError.h"
 #include "apps/ledrad/StatusFormat.h"
 
@@ -25,6 +26,7 @@ std::string lines(std::vector<std::string> const& items) {
 std::string ControlCommands::usage() {
   return "commands:\n"
          "  status [--json] [AGENT...]\n"
+         "  explain [--json] AGENT\n"
          "  get PATH [ATTRIBUTE | ATTRIBUTE[KEY]]\n"
          "  ls PATH\n"
          "  metrics\n"
@@ -45,6 +47,7 @@ ControlReply ControlCommands::execute(std::vector<std::string> const& request) {
   std::vector<std::string> const args(request.begin() + 1, request.end());
   try {
     if (command == "status") return status(args);
+    if (command == "explain") return explain(args);
     if (command == "set") return set(args);
     if (command == "get") {
       if (args.empty() || args.size() > 2) return {false, "usage: get PATH [ATTRIBUTE]\n"};
@@ -87,6 +90,26 @@ ControlReply ControlCommands::status(std::vector<std::string> const& args) {
     if (!found) return {false, "status: no agent '" + name + "'\n"};
   }
   return {true, json ? statusJson(report) : statusTable(report)};
+}
+
+ControlReply ControlCommands::explain(std::vector<std::string> const& args) {
+  bool json = false;
+  std::vector<std::string> names;
+  for (auto const& a : args) {
+    if (a == "--json") {
+      json = true;
+      continue;
+    }
+    if (!a.empty() && a.front() == '-') return {false, "explain: unknown option '" + a + "'\n"};
+    names.push_back(a);
+  }
+  if (names.size() != 1) {
+    return {false, "explain: one agent name expected, " + std::to_string(names.size()) +
+                       " given\nusage: explain [--json] AGENT\n"};
+  }
+  if (names.front().empty()) return {false, "explain: the agent name is empty\n"};
+  Explanation const e = Explanation::build(db_, names.front());
+  return {true, json ? explainJson(e) : explainTable(e)};
 }
 
 ControlReply ControlCommands::set(std::vector<std::string> const& args) {

@@ -1,6 +1,8 @@
 // Ledrad::ControlCommands: the commands of ledrad's control socket, run against the Database.
 //
 //   status [--json] [AGENT...]        the status report as a table or as JSON (StatusFormat)
+//   explain [--json] AGENT             what the agent gets and why, connected or not (Explain,
+//                                      ExplainFormat); a name no profile serves is no error
 //   get PATH [ATTRIBUTE]               an entity's type and attributes, or one value
 //                                      (ATTRIBUTE[KEY] for a collection element)
 //   ls PATH                            the entries of a directory and their types
@@ -42,6 +44,7 @@ class ControlCommands {
 
  private:
   ControlReply status(std::vector<std::string> const& args);
+  ControlReply explain(std::vector<std::string> const& args);
   ControlReply set(std::vector<std::string> const& args);
   ControlReply load(std::vector<std::string> const& args, bool profiles);
   ControlReply trace(std::vector<std::string> const& args);

@@ -82,6 +82,9 @@ class Database {
   std::string ls(std::string const& path) const;
 
   StatusReport status(std::vector<std::string> const& only = {}) const;
+  // The groups `engine` took from its profile before the profile was reloaded; null when they are
+  // still its profile's present groups.
+  ServedGroups const* servedGroups(Ledra::PassiveEntityManagerSm const& engine) const;
 
   static constexpr std::size_t kMaxDeparted = 64;
   static constexpr double kDepartedKeep = 600;
@@ -97,7 +100,6 @@ class Database {
 
   // Notes the groups of every engine that has taken its profile's groups and has none noted yet.
   void keepServedGroups();
-  ServedGroups const* servedGroups(Ledra::PassiveEntityManagerSm const& engine) const;
 
   std::vector<Qel::Name> topLevelBefore_;
   Qel::Dir::Ptr ledraRoot_;

@@ -88,25 +88,7 @@ void details(std::ostringstream& out, AgentReport const& a) {
     detail(out, i == 0 ? "mounted" : "",
            a.mounts[i].path + (a.mounts[i].complete() ? "" : " (" + a.mounts[i].state + ")"));
   }
-  std::vector<std::string> waits;
-  if (a.outstandingRequests > 0) {
-    waits.push_back(std::to_string(a.outstandingRequests) + " unanswered mount request(s)");
-  }
-  for (auto const& p : a.inProgress)
-    waits.push_back("answer for " + p);
-  for (auto const& f : a.failed)
-    waits.push_back("failed mount " + f.path + ": " + f.reason);
-  for (auto const& p : a.pendingMounts)
-    waits.push_back("pending mount " + p);
-  for (auto const& p : a.dirMounters)
-    waits.push_back("directory mounter " + p);
-  for (auto const& c : a.conditions) {
-    waits.push_back(conditionText(c));
-    for (auto const& r : c.remaining)
-      waits.push_back("  then " + r);
-  }
-  for (auto const& b : a.blockingConditions)
-    waits.push_back("blocking condition " + b);
+  std::vector<std::string> const waits = waitLines(a);
   char const* const label = a.departed ? "was waiting for" : "waiting for";
   if (waits.empty()) detail(out, label, "nothing");
   for (std::size_t i = 0; i < waits.size(); ++i)
@@ -194,6 +176,29 @@ void agentJson(JsonWriter& j, AgentReport const& a) {
 }
 
 }  // namespace
+
+std::vector<std::string> waitLines(AgentReport const& a) {
+  std::vector<std::string> waits;
+  if (a.outstandingRequests > 0) {
+    waits.push_back(std::to_string(a.outstandingRequests) + " unanswered mount request(s)");
+  }
+  for (auto const& p : a.inProgress)
+    waits.push_back("answer for " + p);
+  for (auto const& f : a.failed)
+    waits.push_back("failed mount " + f.path + ": " + f.reason);
+  for (auto const& p : a.pendingMounts)
+    waits.push_back("pending mount " + p);
+  for (auto const& p : a.dirMounters)
+    waits.push_back("directory mounter " + p);
+  for (auto const& c : a.conditions) {
+    waits.push_back(conditionText(c));
+    for (auto const& r : c.remaining)
+      waits.push_back("  then " + r);
+  }
+  for (auto const& b : a.blockingConditions)
+    waits.push_back("blocking condition " + b);
+  return waits;
+}
 
 std::string waitSummary(AgentReport const& a) {
   if (a.departed) return departure(a);

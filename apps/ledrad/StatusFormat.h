@@ -8,6 +8,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "apps/ledrad/StatusReport.h"
 
@@ -15,6 +16,12 @@ namespace Ledrad {
 
 std::string statusTable(StatusReport const& report);
 std::string statusJson(StatusReport const& report);
+
+// One line for each thing the agent waits for (none when it waits for nothing), as the table's
+// details show them: unanswered and failed requests, pending mounts, directory mounters, each
+// waiting condition (followed by "  then CONDITION" for the conditions after it), blocking
+// conditions.
+std::vector<std::string> waitLines(AgentReport const& agent);
 
 // One line saying what the agent waits for first ("-" when nothing), as the table shows it.
 std::string waitSummary(AgentReport const& agent);

@@ -27,27 +27,9 @@ std::string substitute(std::string const& path, Ledra::PassiveAgentStatus::Ptr c
   if (status) {
     if (Qel::String const* cached = status->templateCache(Qel::String(path))) return *cached;
   }
-  std::string out;
-  std::string key;
-  bool inKey = false;
-  auto value = [&] { return Ledra::templateValue(Qel::String(key), status); };
-  for (char c : path) {
-    if (c == '%') {
-      if (inKey) out += value();
-      key.assign(1, c);
-      inKey = true;
-      continue;
-    }
-    if (inKey && (c == '-' || c == '/')) {
-      out += value();
-      out += c;
-      inKey = false;
-      continue;
-    }
-    (inKey ? key : out) += c;
-  }
-  if (inKey) out += value();
-  return out;
+  return Ledra::substituteTemplates(Qel::String(path), [&status](Qel::String const& key) {
+    return Ledra::templateValue(key, status);
+  });
 }
 
 bool templateConditionHolds(std::string const& text, Ledra::PassiveAgentStatus::Ptr const& status) {
@@ -58,25 +40,6 @@ bool templateConditionHolds(std::string const& text, Ledra::PassiveAgentStatus::
   std::string const right = t->value == "NULL" ? std::string() : substitute(t->value, status);
   bool const equal = left == right;
   return t->op == "==" || t->op == "in" ? equal : !equal;
-}
-
-// The value the condition's attribute has now, as text; empty when it cannot be read.
-std::string currentValue(Qel::Entity const& e, ConditionText const& c) {
-  Qel::AttributeId const aid = e.attributeId(Qel::Name(c.attribute));
-  if (aid == Qel::kNoAttribute) return "no attribute " + c.attribute;
-  try {
-    Qel::QelAttr const* a = e.qelType()->attribute(aid);
-    if (c.len) return e.colLength(aid)->text() + " elements";
-    if (a->isCollection()) {
-      auto key = a->keyType()->valueFromText(Qel::String(c.constant));
-      return e.isMember(aid, key)->valueAs<bool>() ? c.constant + " present"
-                                                   : c.constant + " absent";
-    }
-    auto v = e.attribute(aid);
-    return v ? std::string(v->text()) : std::string("null");
-  } catch (Qel::Exception const&) {
-    return {};
-  }
 }
 
 void conditionWaits(Engine const& engine, AgentReport& r) {
@@ -97,7 +60,7 @@ void conditionWaits(Engine const& engine, AgentReport& r) {
       w.attribute = c->attribute;
       if (Qel::Entity::Ptr e = Qel::globalDir()->entity(Qel::String(w.entity))) {
         w.entityPresent = true;
-        w.currentValue = currentValue(*e, *c);
+        w.currentValue = c->valueIn(*e);
       }
     }
     r.conditions.push_back(std::move(w));

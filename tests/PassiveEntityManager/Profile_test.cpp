@@ -1,7 +1,10 @@
 // Agent profiles, mount groups and mount profiles: their rules, notifications and error texts.
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 #include "EngineHarness.h"
+#include "PassiveEntityManager/AgentProfileChoice.h"
 #include "PassiveEntityManager/PassiveAgentProfileDir.h"
 #include "Qel/Exception.h"
 #include "Qel/GenericValue.h"
@@ -156,6 +159,24 @@ TEST_F(ProfileTest, GenericViewWritesByNameButNotTheConstructorAttributes) {
                                                                 Qel::String("x"));
             }),
             "attempting to modify a const instance");
+}
+
+// The profile that serves a name, and whether it is the name's own or a family's (the serving
+// profile itself, for every kind of name, is the root's agentProfileFor test).
+TEST_F(ProfileTest, TheChoiceSaysWhetherTheOwnOrAFamilyProfileServes) {
+  for (char const* name : {"a-", "a-b-", "x-y-3"})
+    dir->agentProfileIs(name);
+  using Match = AgentProfileChoice::Match;
+  std::tuple<char const*, Match, char const*> const cases[] = {
+      {"a-b-c", Match::family, "a-b-"}, {"a-b-", Match::own, "a-b-"},
+      {"a-c", Match::family, "a-"},     {"agent", Match::own, "agent"},
+      {"x-y-3", Match::own, "x-y-3"},   {"x-y-3-1", Match::none, ""},
+      {"a", Match::none, ""},           {"", Match::none, ""}};
+  for (auto const& [name, match, served] : cases) {
+    AgentProfileChoice const c = agentProfileChoice(*dir, name);
+    EXPECT_EQ(c.match, match) << name;
+    EXPECT_EQ(c.profile ? std::string(c.profile->name()) : std::string(), served) << name;
+  }
 }
 
 }  // namespace

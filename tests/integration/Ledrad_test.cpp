@@ -15,12 +15,14 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "apps/ledrad/UnixSocket.h"
 #include "integration/ChildProcess.h"
 #include "integration/LedradFolder.h"
+#include "support/JsonValue.h"
 
 namespace {
 
@@ -56,6 +58,40 @@ profile waiter
     condition on == /%sysname/Ledra/a/box.power
     mount /%sysname/Ledra/a/box Test::Box
 )";
+
+// A family profile whose groups are written out of order: one left out by a template condition
+// for most members, one waiting for the box to be powered on.
+constexpr char const* kProbeProfiles = R"(profile probe-
+  templateKey 1 %slot
+  templateKey 2 %rest$
+  aliasKey %s %slot
+  group gated 20
+    condition on == /%sysname/Ledra/a/box.power
+    mount /%sysname/Ledra/a/box Test::Box w
+  group other 15
+    templateCondition %slot == 9
+    mount /%sysname/Ledra/a/node-%s Test::Box
+  group base 10
+    mount /%sysname/Ledra/a Qel::Dir
+
+profile solo
+  templateKey 1 %k
+  group g 1
+    mount /%sysname/Ledra/a Qel::Dir
+)";
+
+// The words of the table row of group `group` in explain's output; empty when there is none.
+std::vector<std::string> explainRow(std::string const& output, std::string const& group) {
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    for (std::string w; in >> w;)
+      words.push_back(w);
+    if (words.size() > 2 && words[1] == group && words[0] != "group") return words;
+  }
+  return {};
+}
 
 // What ledrad writes on `fd` until it closes it; "<timeout>" appended when kWait passes first.
 std::string readToEnd(int fd) {
@@ -246,6 +282,110 @@ TEST_F(LedradIntegration, OutOfDescriptorsAWaitingControlClientIsServedOnceSomeA
   sockets_.clear();
   EXPECT_EQ(waiting.waitExit(kWait), std::optional<int>(0)) << waiting.output();
   EXPECT_TRUE(contains(waiting.output(), "ledrad: system itest")) << waiting.output();
+}
+
+// explain says what an agent gets and why: from its engine while it is connected, and as a
+// connection made now would be served for a name that is not. A name no profile serves is no
+// error; a request without exactly one name is.
+TEST_F(LedradIntegration, ExplainTellsWhatAnAgentGetsAndWhyConnectedOrNot) {
+  write("profiles/probe.profile", kProbeProfiles);
+  startLedrad("itest");
+  agent("probe-3-x-y");
+  expectLedradLine("agent probe-3-x-y waits for group gated: on == /%sysname/Ledra/a/box.power");
+
+  auto const table = ctl({"explain", "probe-3-x-y"});
+  ASSERT_EQ(table.status, 0) << table.output;
+  auto const& out = table.output;
+  EXPECT_TRUE(startsWith(out,
+                         "agent probe-3-x-y: connected (engine state "
+                         "conditionalMountGroupPending)\n"))
+      << out;
+  EXPECT_TRUE(contains(out,
+                       "  profile            probe- (the longest prefix of probe-3-x-y "
+                       "ending in \"-\" that names a profile)\n"))
+      << out;
+  EXPECT_TRUE(contains(out,
+                       "%slot=3 (field 1); %rest=x-y (fields 2 to the end); %s=3 (alias of "
+                       "%slot)\n"))
+      << out;
+  // The groups in the order the engine takes them, then the one a template condition leaves out.
+  using Words = std::vector<std::string>;
+  EXPECT_EQ(explainRow(out, "base"), (Words{"1", "base", "10", "mounted", "-"})) << out;
+  EXPECT_EQ(explainRow(out, "gated"), (Words{"2", "gated", "20", "waiting", "waits", "for", "on",
+                                             "==", "/%sysname/Ledra/a/box.power", "(now", "off)"}))
+      << out;
+  EXPECT_EQ(explainRow(out, "other"), (Words{"-", "other", "15", "skipped", "templateCondition",
+                                             "%slot", "==", "9", "is", "false"}))
+      << out;
+  EXPECT_TRUE(
+      contains(out, "  templateCondition  %slot == 9: false (%slot is \"3\", 9 is \"9\")\n"))
+      << out;
+  EXPECT_TRUE(contains(out,
+                       "  condition          on == /%sysname/Ledra/a/box.power: "
+                       "/itest/Ledra/a/box.power is off (waited for now)\n"))
+      << out;
+  EXPECT_TRUE(contains(out,
+                       "  mount              /itest/Ledra/a/box Test::Box: w: the agent "
+                       "writes it; request wnp (w: writable; np: "))
+      << out;
+  EXPECT_TRUE(contains(out, "  mount              /itest/Ledra/a/node-3 Test::Box: read-only;"))
+      << out;
+
+  auto const connected = test::JsonValue::parse(ctl({"explain", "--json", "probe-3-x-y"}).output);
+  EXPECT_TRUE(connected["connected"].boolean());
+  EXPECT_EQ(connected["match"].str(), "family");
+  EXPECT_EQ(connected["profile"].str(), "probe-");
+  auto const& gated = connected["groups"][1];
+  EXPECT_EQ(gated["name"].str(), "gated");
+  EXPECT_EQ(gated["status"].str(), "waiting");
+  EXPECT_EQ(gated["conditions"][0]["entity"].str(), "/itest/Ledra/a/box");
+  EXPECT_EQ(gated["conditions"][0]["currentValue"].str(), "off");
+  EXPECT_TRUE(gated["conditions"][0]["waitedFor"].boolean());
+  EXPECT_EQ(gated["mounts"][0]["request"].str(), "wnp");
+  EXPECT_EQ(connected["skippedGroups"][0]["templateConditions"][0]["templateValue"].str(), "3");
+  ASSERT_EQ(connected["waitingFor"].size(), 1u);
+  EXPECT_TRUE(contains(connected["waitingFor"][0].str(), "of group gated (now off)"));
+
+  // Once the box is powered on the group is mounted and nothing is waited for.
+  EXPECT_EQ(ctl({"set", "/itest/Ledra/a/box", "power", "on"}).status, 0);
+  expectLedradLine("All mounts complete for probe-3-x-y");
+  auto const done = test::JsonValue::parse(ctl({"explain", "--json", "probe-3-x-y"}).output);
+  EXPECT_EQ(done["groups"][1]["status"].str(), "mounted");
+  EXPECT_EQ(done["groups"][1]["conditions"][0]["currentValue"].str(), "on");
+  EXPECT_FALSE(done["groups"][1]["conditions"][0]["waitedFor"].boolean());
+  EXPECT_EQ(done["waitingFor"].size(), 0u);
+
+  // A name not connected: its values are cut from the name, and the left-out group is taken.
+  auto const later = test::JsonValue::parse(ctl({"explain", "--json", "probe-9"}).output);
+  EXPECT_FALSE(later["connected"].boolean());
+  EXPECT_EQ(later["templateValues"][1]["value"].str(), "9");
+  EXPECT_EQ(later["templateValues"][2]["key"].str(), "%rest");
+  EXPECT_EQ(later["templateValues"][2]["value"].str(), "");
+  EXPECT_EQ(later["templateValues"][2]["origin"].str(), "no field 2");
+  Words order;
+  for (auto const& g : later["groups"].elements())
+    order.push_back(g["name"].str());
+  EXPECT_EQ(order, (Words{"base", "other", "gated"}));
+  EXPECT_EQ(later["groups"][1]["mounts"][0]["expanded"].str(), "/itest/Ledra/a/node-9");
+  EXPECT_EQ(later["skippedGroups"].size(), 0u);
+  auto const notYet = ctl({"explain", "probe-9"});
+  EXPECT_TRUE(contains(notYet.output, "\n  waiting for        not connected\n")) << notYet.output;
+
+  // A profile whose key no name without "-" can fill, and a name no profile serves.
+  auto const solo = test::JsonValue::parse(ctl({"explain", "--json", "solo"}).output);
+  EXPECT_EQ(solo["match"].str(), "own");
+  EXPECT_EQ(solo["templateFailure"].str(), "No template value found for %k");
+  auto const stranger = ctl({"explain", "stranger-1"});
+  EXPECT_EQ(stranger.status, 0);
+  EXPECT_TRUE(contains(stranger.output,
+                       "  profile            none: no profile is named "
+                       "stranger-1 or by a prefix of it ending in \"-\"\n"))
+      << stranger.output;
+  auto const noName = ctl({"explain", "--json"});
+  EXPECT_EQ(noName.status, 1);
+  EXPECT_EQ(noName.output,
+            "explain: one agent name expected, 0 given\nusage: explain [--json] AGENT\n");
+  EXPECT_EQ(ctl({"explain", "probe-1", "probe-2"}).status, 1);
 }
 
 }  // namespace
