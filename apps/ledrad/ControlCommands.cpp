@@ -8,6 +8,7 @@
 #include "apps/ledrad/Daemon.h"
 #include "apps/ledrad/FileError.h"
 #include "apps/ledrad/StatusFormat.h"
+#include "apps/ledrad/WatchFeed.h"
 
 namespace Ledrad {
 
@@ -31,7 +32,8 @@ std::string ControlCommands::usage() {
          "  set PATH ATTRIBUTE VALUE\n"
          "  trace dump FILE\n"
          "  load-profiles FILE|DIR...\n"
-         "  load-state FILE|DIR...\n";
+         "  load-state FILE|DIR...\n"
+         "  watch [AGENT...]\n";
 }
 
 // A control client's words (paths, values, file names) reach the event line: shown on one line.
@@ -60,6 +62,10 @@ ControlReply ControlCommands::execute(std::vector<std::string> const& request) {
       return {true, db_.ls(args[0])};
     }
     if (command == "trace") return trace(args);
+    if (command == "watch") {
+      if (!watchFeed_) return {false, "watch: not served by this database\n"};
+      return watchFeed_->subscribe(args);
+    }
     if (command == "load-profiles") return load(args, true);
     if (command == "load-state") return load(args, false);
     return {false, "unknown command '" + command + "'\n" + usage()};
