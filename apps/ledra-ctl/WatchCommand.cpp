@@ -241,7 +241,7 @@ std::string watchUsage() {
   return "watch [--until-complete] [AGENT...]: one line per agent (every agent, or those named):\n"
          "  paths mounted of those planned, state, what it waits for; redrawn as ledrad reports\n"
          "  changes (a plain line per change when the output is no terminal). --until-complete\n"
-         "  ends it (status 0) once every agent named, or known to ledrad at the start, is\n"
+         "  ends it (status 0) once every agent named, or connected at the start, is\n"
          "  complete. Ctrl-C ends it. Example: ledra-ctl watch --until-complete fan-1 fan-2\n";
 }
 
