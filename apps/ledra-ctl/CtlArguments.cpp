@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "Qel/NboAttrLog/WireText.h"
+#include "apps/ledra-ctl/WatchCommand.h"
 #include "apps/ledrad/ControlCommands.h"
 #include "apps/ledrad/ControlProtocol.h"
 #include "apps/ledrad/Options.h"
@@ -28,7 +29,7 @@ int CtlArguments::timeoutMillis() const {
 std::string ctlUsage() {
   return "usage: ledra-ctl [--control-socket PATH] [--timeout SECONDS] COMMAND [ARGUMENT...]\n"
          "  (default control socket " +
-         Ledrad::defaultControlSocket() + ")\n" + Ledrad::ControlCommands::usage();
+         Ledrad::defaultControlSocket() + ")\n" + Ledrad::ControlCommands::usage() + watchUsage();
 }
 
 CtlArguments parseCtlArguments(std::vector<std::string> const& args) {

@@ -5,7 +5,7 @@
 // The commands are those of ledrad (status, explain, get, ls, set, load-profiles, load-state: see
 // ControlCommands); the command line is read by CtlArguments. The reply goes to standard output,
 // an error reply to standard error. Exit status: 0 done, 1 ledrad refused, 2 bad command line,
-// 3 ledrad not reachable.
+// 3 ledrad not reachable. `watch` shows ledrad's agents live until it ends (WatchCommand).
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -13,6 +13,7 @@
 
 #include "Qel/NboAttrLog/WireText.h"
 #include "apps/ledra-ctl/CtlArguments.h"
+#include "apps/ledra-ctl/WatchCommand.h"
 #include "apps/ledrad/ControlClient.h"
 
 int main(int argc, char** argv) {
@@ -27,6 +28,7 @@ int main(int argc, char** argv) {
     std::fputs(LedraCtl::ctlUsage().c_str(), stdout);
     return 0;
   }
+  if (options.words.front() == "watch") return LedraCtl::runWatch(options);
   try {
     Ledrad::ControlReply const reply =
         Ledrad::controlRequest(options.socket, options.words, options.timeoutMillis());

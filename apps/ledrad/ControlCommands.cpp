@@ -9,6 +9,7 @@
 #include "apps/ledrad/ExplainFormat.h"
 #include "apps/ledrad/FileError.h"
 #include "apps/ledrad/StatusFormat.h"
+#include "apps/ledrad/WatchFeed.h"
 
 namespace Ledrad {
 
@@ -33,7 +34,8 @@ std::string ControlCommands::usage() {
          "  set PATH ATTRIBUTE VALUE\n"
          "  trace dump FILE\n"
          "  load-profiles FILE|DIR...\n"
-         "  load-state FILE|DIR...\n";
+         "  load-state FILE|DIR...\n"
+         "  watch [AGENT...]\n";
 }
 
 // A control client's words (paths, values, file names) reach the event line: shown on one line.
@@ -63,6 +65,10 @@ ControlReply ControlCommands::execute(std::vector<std::string> const& request) {
       return {true, db_.ls(args[0])};
     }
     if (command == "trace") return trace(args);
+    if (command == "watch") {
+      if (!watchFeed_) return {false, "watch: not served by this database\n"};
+      return watchFeed_->subscribe(args);
+    }
     if (command == "load-profiles") return load(args, true);
     if (command == "load-state") return load(args, false);
     return {false, "unknown command '" + command + "'\n" + usage()};

@@ -13,6 +13,8 @@
 //                                      folder stands for its *.profile files in name order
 //   load-state FILE|DIR...             load state files (likewise, *.state)
 //   trace dump FILE                    write the trace ring to FILE (absolute, not yet there)
+//   watch [AGENT...]                   a subscription to the agents' records (WatchFeed); refused
+//                                      when no feed is given (watchFeedIs)
 //
 // execute() never throws: every failure becomes an error reply with its reason, and ledrad keeps
 // serving. File names are used as given, so the control program sends absolute paths.
@@ -30,6 +32,8 @@
 
 namespace Ledrad {
 
+class WatchFeed;
+
 class ControlCommands {
  public:
   using Events = std::function<void(std::string const& line)>;
@@ -39,6 +43,8 @@ class ControlCommands {
       : db_(db), events_(std::move(events)), metrics_(metrics) {}
 
   ControlReply execute(std::vector<std::string> const& request);
+  // The feed that answers `watch` (may be null); it must outlive this.
+  void watchFeedIs(WatchFeed* feed) { watchFeed_ = feed; }
 
   static std::string usage();
 
@@ -53,6 +59,7 @@ class ControlCommands {
   Database& db_;
   Events events_;
   Metrics const* metrics_;
+  WatchFeed* watchFeed_ = nullptr;
 };
 
 }  // namespace Ledrad

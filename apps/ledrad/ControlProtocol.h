@@ -8,11 +8,19 @@
 // reply's text (a status table, JSON, or a message). A request line longer than kMaxRequest bytes
 // is refused.
 //
+// A subscription keeps the connection open instead: the reply "ok" and its text are followed by
+// records the server pushes as they come, one or more whole lines each, until the client closes
+// its end (what it sends meanwhile is read and ignored). A `watch [AGENT...]` request is answered
+// "ok", the current record of every agent watched (all, or those named, whether ledrad knows them
+// yet or not), the line "synced", then the record of each agent whose record changes, at most one
+// per agent per turn of ledrad's loop (WatchRecord has the lines).
+//
 // Pure functions; encodeRequest throws std::invalid_argument for an argument that cannot be sent
 // and decodeReply std::runtime_error for a reply that is not one.
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,6 +30,9 @@ namespace Ledrad {
 struct ControlReply {
   bool ok = false;
   std::string text;
+  // Set on an ok reply that opens a subscription: the keys of the records the connection carries
+  // after the text (every key when the list is empty).
+  std::optional<std::vector<std::string>> subscription{};
 };
 
 inline constexpr std::size_t kMaxRequest = 64 * 1024;

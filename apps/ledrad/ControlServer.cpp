@@ -119,6 +119,12 @@ void ControlServer::clientReady(int fd, unsigned ready) {
   auto it = clients_.find(fd);
   if (it == clients_.end()) return;
   Client& c = it->second;
+  if (c.watcher) {
+    if (ready & ~unsigned{Qel::EventLoop::writable}) readWatcher(fd);
+    it = clients_.find(fd);
+    if (it != clients_.end() && (ready & Qel::EventLoop::writable)) writeRecords(fd, it->second);
+    return;
+  }
   if (!c.out.empty()) {
     writeReply(fd, c);
     return;
@@ -142,7 +148,12 @@ void ControlServer::readRequest(int fd, Client& c) {
       std::vector<std::string> const request = decodeRequest(std::string_view(c.in).substr(0, nl));
       ++requests_;
       bool const empty = request.empty() || (request.size() == 1 && request.front().empty());
-      answer(fd, c, empty ? ControlReply{false, "empty request\n"} : handler_(request));
+      ControlReply const reply = empty ? ControlReply{false, "empty request\n"} : handler_(request);
+      if (reply.ok && reply.subscription) {
+        subscribe(fd, c, reply);
+        return;
+      }
+      answer(fd, c, reply);
       return;
     }
     if (c.in.size() > kMaxRequest) {
@@ -176,9 +187,95 @@ void ControlServer::writeReply(int fd, Client& c) {
   drop(fd);
 }
 
+void ControlServer::subscribe(int fd, Client& c, ControlReply const& reply) {
+  c.in.clear();
+  c.watcher = true;
+  ++watchers_;
+  c.keys = *reply.subscription;
+  std::sort(c.keys.begin(), c.keys.end());
+  c.out = encodeReply(reply);
+  c.sent = 0;
+  c.deadline = Qel::kNever;
+  writeRecords(fd, c);
+}
+
+void ControlServer::publish(std::string const& key, std::string const& record) {
+  if (watchers_ == 0) return;
+  std::vector<int> idle;  // watchers whose socket took everything so far
+  for (auto& [fd, c] : clients_) {
+    if (!c.watcher) continue;
+    if (!c.keys.empty() && !std::binary_search(c.keys.begin(), c.keys.end(), key)) continue;
+    c.pending[key] = record;
+    if (!c.writing) idle.push_back(fd);
+  }
+  for (int const fd : idle) {
+    auto it = clients_.find(fd);
+    if (it != clients_.end()) writeRecords(fd, it->second);
+  }
+}
+
+// A watcher sends nothing that counts: its input is read and dropped, its end of stream ends it.
+// A few reads per turn, so that a client that writes without pause cannot hold the loop.
+void ControlServer::readWatcher(int fd) {
+  char buf[4096];
+  for (int reads = 0; reads < 16; ++reads) {
+    ssize_t const n = ::read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+    if (n <= 0) {
+      drop(fd);
+      return;
+    }
+  }
+}
+
+// Sends the batch under way, then the pending records as the next batch, until the socket is
+// full or nothing is left.
+void ControlServer::writeRecords(int fd, Client& c) {
+  while (true) {
+    if (c.sent == c.out.size()) {
+      c.out.clear();
+      c.sent = 0;
+      for (auto const& [key, record] : c.pending)
+        c.out += record;
+      c.pending.clear();
+      if (c.out.empty()) break;
+    }
+    ssize_t const n =
+        ::send(fd, c.out.data() + c.sent, c.out.size() - c.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      // The socket is full: from now on the watcher has idleTimeout to take something.
+      if (c.deadline == Qel::kNever) {
+        c.deadline = loop_->clock()->now() + limits_.idleTimeout;
+        if (c.deadline < timer_->timeMin()) timer_->timeMinIs(c.deadline);
+      }
+      writingIs(fd, c, true);
+      return;
+    }
+    if (n < 0) {
+      drop(fd);  // the watcher is gone
+      return;
+    }
+    c.sent += static_cast<std::size_t>(n);
+    c.deadline = Qel::kNever;
+  }
+  c.deadline = Qel::kNever;
+  writingIs(fd, c, false);
+}
+
+void ControlServer::writingIs(int fd, Client& c, bool writing) {
+  if (c.writing == writing) return;
+  c.writing = writing;
+  loop_->watch(
+      fd, writing ? Qel::EventLoop::readable | Qel::EventLoop::writable : Qel::EventLoop::readable,
+      [this, fd](unsigned ready) { clientReady(fd, ready); });
+}
+
 void ControlServer::drop(int fd) {
   auto it = clients_.find(fd);
   if (it == clients_.end()) return;
+  if (it->second.watcher) --watchers_;
   auto const p = perProcess_.find(it->second.pid);
   if (p != perProcess_.end() && --p->second == 0) perProcess_.erase(p);
   clients_.erase(it);
@@ -199,8 +296,8 @@ void ControlServer::expire() {
     if (it == clients_.end()) continue;
     ++timedOut_;
     Client& c = it->second;
-    if (!c.out.empty()) {
-      drop(fd);  // it does not take its reply
+    if (c.watcher || !c.out.empty()) {
+      drop(fd);  // it does not take its reply, or its records
       continue;
     }
     answer(fd, c,

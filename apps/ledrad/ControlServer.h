@@ -16,6 +16,18 @@
 //   - idleTimeout seconds of the loop's clock for a client to send its whole request (then it is
 //     answered "no request within <n> seconds" and closed), and as long again for it to take its
 //     whole reply once it is ready (then it is dropped).
+//
+// Subscriptions (watchers). A handler's ok reply with a subscription (ControlReply) turns the
+// client into a watcher: after the reply's text, publish(key, record) sends it every record
+// published under a key it subscribed to, until it closes its end (what it sends is read and
+// dropped) or the server is destroyed. Watchers count against both connection limits. A watcher
+// is never timed out while it keeps up; its bound is this:
+//   - records are coalesced per key: while its socket is full, only the latest record of each key
+//     waits, in place of any earlier one not yet sent. So a watcher holds at most two records per
+//     key (one in the batch being sent, the latest pending) however fast records come.
+//   - once its socket has taken nothing for idleTimeout seconds while records wait, it is dropped.
+// Sending never blocks the loop.
+//
 // Accepting pauses while the process is out of descriptors (Qel::NboAttrLog::SocketAcceptor) and
 // resumes after a short delay or as soon as a client's descriptor is closed.
 //
@@ -64,6 +76,11 @@ class ControlServer {
   std::size_t timedOut() const { return timedOut_; }
   // Whether accepting is paused for want of descriptors.
   bool acceptPaused() const { return acceptor_->paused(); }
+  // Clients that are watchers now.
+  std::size_t watchers() const { return watchers_; }
+
+  // Sends `record` (whole lines) to every watcher subscribed to `key`, coalesced as above.
+  void publish(std::string const& key, std::string const& record);
 
  private:
   class IdleTimer;
@@ -73,6 +90,12 @@ class ControlServer {
     std::string in;
     std::string out;
     std::size_t sent = 0;
+    // A watcher: the keys it takes (sorted; empty for all) and the latest record of each key
+    // that waits behind `out`.
+    bool watcher = false;
+    bool writing = false;  // the loop watches its socket for writing
+    std::vector<std::string> keys;
+    std::map<std::string, std::string> pending;
   };
 
   void accepted(int fd);
@@ -82,6 +105,10 @@ class ControlServer {
   void readRequest(int fd, Client& c);
   void answer(int fd, Client& c, ControlReply const& reply);
   void writeReply(int fd, Client& c);
+  void subscribe(int fd, Client& c, ControlReply const& reply);
+  void readWatcher(int fd);
+  void writeRecords(int fd, Client& c);
+  void writingIs(int fd, Client& c, bool writing);
   void drop(int fd);
   void expire();
   void armTimer();
@@ -98,6 +125,7 @@ class ControlServer {
   std::size_t requests_ = 0;
   std::size_t refused_ = 0;
   std::size_t timedOut_ = 0;
+  std::size_t watchers_ = 0;
 };
 
 }  // namespace Ledrad

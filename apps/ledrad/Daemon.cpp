@@ -21,6 +21,7 @@
 #include "apps/ledrad/CrashDump.h"
 #include "apps/ledrad/Database.h"
 #include "apps/ledrad/FileError.h"
+#include "apps/ledrad/WatchFeed.h"
 
 namespace Ledrad {
 
@@ -207,12 +208,22 @@ int runDaemon(Options const& o, std::FILE* out, std::FILE* err) {
   dumpTraceRingOnFatalError((fs::path(o.controlSocket).parent_path() /
                              ("ledrad-" + std::to_string(::getpid()) + ".ringlog"))
                                 .string());
+  // The records of `watch` subscriptions go to the control socket's watchers.
+  auto feed = std::make_unique<WatchFeed>(
+      loop, *db,
+      [&control](std::string const& agent, std::string const& line) {
+        control->publish(agent, line);
+      },
+      [&control] { return control->watchers() > 0; });
+  commands.watchFeedIs(feed.get());
   auto signals = std::make_unique<SignalWatch>(loop, out);
   say(out, "ledrad: ready: system " + o.systemName + ", cell " + std::to_string(o.cell) +
                ", root /" + o.systemName + "/Ledra, agents on " + o.socket + ", control on " +
                o.controlSocket);
   loop->run();
 
+  commands.watchFeedIs(nullptr);
+  feed.reset();
   control.reset();
   listener.reset();
   // The closed connections go away on later turns of the loop.

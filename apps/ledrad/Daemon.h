@@ -9,7 +9,8 @@
 // (status 1) and serves nothing. Otherwise it goes on to listen for agents (AgentListener) and for
 // the control program (ControlServer), each with the bounds of the options; print "ledrad: ready
 // ..." with both socket paths. Then serve on the event loop until SIGTERM or SIGINT, printing one
-// line per agent event (AgentEvents) and per change made through the control socket. Stop: close
+// line per agent event (AgentEvents) and per change made through the control socket, and pushing
+// each agent's changed record to the `watch` subscribers (WatchFeed). Stop: close
 // the sockets (agents are told "database shutting down"), let the connections go, release
 // everything, exit status 0.
 //

@@ -1,6 +1,7 @@
 #include "apps/ledrad/StatusReport.h"
 
 #include <algorithm>
+#include <map>
 #include <set>
 
 #include "Ledra/Cell.h"
@@ -162,11 +163,26 @@ AgentReport agentReport(Ledra::PassiveAgentStatus const& status, Engine const* e
     for (auto const& [name, g] : profile->mountGroup())
       groups.push_back(g);
   }
+  std::set<std::string> complete;
+  for (auto const& m : r.mounts) {
+    if (m.complete()) complete.insert(m.path);
+  }
+  std::map<std::string, bool> planned;  // path: mounted
   for (auto const& g : groups) {
     if (!g) continue;
-    r.groups.push_back(
-        GroupReport{g->name(), g->priority(), groupStatus(*engine, *g, d.ptr(), queued)});
+    std::string status = groupStatus(*engine, *g, d.ptr(), queued);
+    if (status != "skipped") {
+      for (auto const& [raw, m] : g->mountProfile()) {
+        std::string const path = substitute(raw, engine->agentStatus());
+        bool& mounted = planned[path];
+        mounted = mounted || status == "mounted" || complete.count(path) != 0;
+      }
+    }
+    r.groups.push_back(GroupReport{g->name(), g->priority(), std::move(status)});
   }
+  r.pathsPlanned = static_cast<unsigned>(planned.size());
+  r.pathsMounted = static_cast<unsigned>(
+      std::count_if(planned.begin(), planned.end(), [](auto const& p) { return p.second; }));
   std::sort(r.groups.begin(), r.groups.end(), [](GroupReport const& a, GroupReport const& b) {
     return a.priority != b.priority ? a.priority < b.priority : a.name < b.name;
   });

@@ -15,6 +15,12 @@
 // engine has taken: "mounting" (a mount of it is unanswered, deferred or directory-mounting),
 // "failed" (the agent refused a mount of it) or "mounted".
 //
+// Paths planned: the paths of the groups the engine was given that are not skipped, templates
+// substituted, each counted once however many groups list it (a directory mounted entry by entry
+// counts as one path). Of those, mounted: a path whose own mount is complete, or any path of a
+// group that is "mounted". So mounted never exceeds planned, and both reach the same number when
+// every group is mounted.
+//
 // Taking the snapshot reads and never writes: template paths are substituted without touching the
 // agents' caches. Single-threaded (the event loop's thread).
 #pragma once
@@ -72,6 +78,8 @@ struct AgentReport {
   std::map<std::string, std::string> templateValues;
   std::vector<GroupReport> groups;
   std::vector<MountReport> mounts;
+  unsigned pathsPlanned = 0;
+  unsigned pathsMounted = 0;
   unsigned outstandingRequests = 0;
   std::vector<std::string> inProgress;
   std::vector<FailedMount> failed;

@@ -1,6 +1,7 @@
 // The control socket on the event loop: one request line, one reply, then the connection closes;
 // partial reads, oversized and empty requests, clients that leave, the limits on connections and
-// time, and the socket file's life.
+// time, and the socket file's life. Watchers: the records they subscribed to, and the bound on
+// one that does not read.
 #include "apps/ledrad/ControlServer.h"
 
 #include <sys/socket.h>
@@ -13,6 +14,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -23,7 +26,8 @@
 namespace Ledrad {
 namespace {
 
-using Requests = std::vector<std::vector<std::string>>;
+using Words = std::vector<std::string>;
+using Requests = std::vector<Words>;
 
 class ControlServerTest : public Ledra::test::LeakCheckedTest {
  protected:
@@ -42,15 +46,31 @@ class ControlServerTest : public Ledra::test::LeakCheckedTest {
     LeakCheckedTest::TearDown();
   }
 
-  // A server answering `reply`, an error for the request "bad".
+  // A server answering `reply`, an error for the request "bad"; "watch KEY..." subscribes to the
+  // keys after the reply "watching\n".
   void start(std::string const& reply = "done\n", ControlServer::Limits limits = {}) {
     server_ = std::make_unique<ControlServer>(
         loop_, path_,
         [this, reply](auto const& request) {
           requests_.push_back(request);
+          if (request.front() == "watch")
+            return ControlReply{true, "watching\n", Words(request.begin() + 1, request.end())};
           return ControlReply{request.front() != "bad", reply};
         },
         limits);
+  }
+
+  // What the server has written on `fd` so far (the loop run until the socket holds no more).
+  std::string take(int fd) {
+    std::string out;
+    char buf[65536];
+    for (int quiet = 0; quiet < 3;) {
+      loop_->runOnce();
+      ssize_t const n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+      quiet = n > 0 ? 0 : quiet + 1;
+      if (n > 0) out.append(buf, static_cast<std::size_t>(n));
+    }
+    return out;
   }
 
   // Connects (unless given `fd`) and sends `bytes`, running the loop whenever the socket is full.
@@ -188,6 +208,75 @@ TEST_F(ControlServerTest, AReplyNotTakenInTimeIsDropped) {
   loop_->runFor(0.6);
   EXPECT_EQ(server_->clients(), 0u);
   ::close(fd);
+}
+
+// A watcher takes the records of its keys, as long as it likes: the idle timeout of requests and
+// replies does not apply to it. It leaves by closing its end.
+TEST_F(ControlServerTest, WatchersTakeTheRecordsOfTheirKeysUntilTheyLeave) {
+  start("done\n", {4, 4, 1.0});
+  int const one = send("watch\tb\n");
+  int const all = send("watch\n");
+  EXPECT_EQ(take(one), "ok\nwatching\n");
+  EXPECT_EQ(take(all), "ok\nwatching\n");
+  EXPECT_EQ(server_->watchers(), 2u);
+  loop_->runFor(5.0);
+  server_->publish("a", "a 1\n");
+  server_->publish("b", "b 1\n");
+  server_->publish("b", "b 2\n");
+  EXPECT_EQ(take(one), "b 1\nb 2\n");
+  EXPECT_EQ(take(all), "a 1\nb 1\nb 2\n");
+  EXPECT_EQ(reply(send("status\n")), "ok\ndone\n");
+  ::close(one);
+  loop_->runUntil([&] { return server_->watchers() == 1; }, loop_->clock()->now() + 1.0);
+  EXPECT_EQ(server_->watchers(), 1u);
+  EXPECT_EQ(server_->clients(), 1u);
+  EXPECT_EQ(server_->timedOut(), 0u);
+  server_->publish("b", "b 3\n");
+  EXPECT_EQ(take(all), "b 3\n");
+  ::close(all);
+}
+
+// A watcher that does not read holds no more than the latest record of each key, and once its
+// socket has taken nothing for the idle timeout it is dropped; a watcher that reads, late, gets
+// each key's records in order and the latest last; other clients are served all along.
+TEST_F(ControlServerTest, AWatcherThatDoesNotReadIsCoalescedThenDropped) {
+  start("done\n", {4, 4, 1.0});
+  int const stuck = send("watch\n");
+  int const late = send("watch\n");
+  loop_->runUntil([&] { return server_->watchers() == 2; }, loop_->clock()->now() + 1.0);
+  int constexpr kRounds = 2000;
+  std::string const padding(4000, '.');
+  for (int i = 0; i < kRounds; ++i) {
+    for (char const* key : {"k0", "k1", "k2"})
+      server_->publish(key, std::string(key) + " " + std::to_string(i) + " " + padding + "\n");
+  }
+  loop_->runFor(0.5);
+  EXPECT_EQ(reply(send("status\n")), "ok\ndone\n");
+
+  std::string const got = take(late);
+  ASSERT_EQ(got.rfind("ok\nwatching\n", 0), 0u);
+  std::map<std::string, int> last;
+  std::size_t records = 0;
+  std::istringstream lines(got.substr(std::strlen("ok\nwatching\n")));
+  for (std::string key, seq, rest; lines >> key >> seq >> rest; ++records) {
+    int const n = std::stoi(seq);
+    EXPECT_TRUE(!last.count(key) || last[key] < n) << key << " " << n << " after " << last[key];
+    last[key] = n;
+  }
+  EXPECT_EQ(last, (std::map<std::string, int>{
+                      {"k0", kRounds - 1}, {"k1", kRounds - 1}, {"k2", kRounds - 1}}));
+  EXPECT_LT(records, std::size_t{kRounds} * 3 / 10) << "the records were not coalesced";
+
+  // The late one has taken everything, the stuck one nothing since the flood, 0.5 s ago.
+  loop_->runFor(0.4);
+  EXPECT_EQ(server_->watchers(), 2u);
+  loop_->runFor(0.2);
+  EXPECT_EQ(server_->watchers(), 1u);
+  EXPECT_EQ(server_->timedOut(), 1u);
+  EXPECT_EQ(reply(stuck).rfind("ok\nwatching\nk0 0 ", 0), 0u);
+  server_->publish("k1", "k1 end\n");
+  EXPECT_EQ(take(late), "k1 end\n");
+  ::close(late);
 }
 
 }  // namespace
