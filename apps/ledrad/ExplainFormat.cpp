@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "Qel/NboAttrLog/WireText.h"
-#include "apps/ledrad/JsonWriter.h"
+#include "apps/ledrad/Json.h"
 
 namespace Ledrad {
 
@@ -120,64 +120,6 @@ void groupBlock(std::ostringstream& out, ExplainedGroup const& g) {
   }
 }
 
-void templateConditionJson(JsonWriter& j, ExplainedTemplateCondition const& t) {
-  j.beginObject();
-  j.key("condition").value(t.condition);
-  j.key("readable").value(t.readable);
-  j.key("holds").value(t.holds);
-  j.key("template").value(t.templ);
-  j.key("templateValue").value(t.templValue);
-  j.key("value").value(t.value);
-  j.key("valueValue").value(t.valueValue);
-  j.endObject();
-}
-
-void conditionJson(JsonWriter& j, ExplainedCondition const& c) {
-  j.beginObject();
-  j.key("condition").value(c.condition);
-  j.key("unreadable").value(c.unreadable);
-  j.key("entity").value(c.entity);
-  j.key("attribute").value(c.attribute);
-  j.key("entityPresent").value(c.entityPresent);
-  j.key("currentValue").value(c.currentValue);
-  j.key("waitedFor").value(c.waitedFor);
-  j.endObject();
-}
-
-void mountJson(JsonWriter& j, ExplainedMount const& m) {
-  j.beginObject();
-  j.key("path").value(m.path);
-  j.key("expanded").value(m.expanded);
-  j.key("type").value(m.type);
-  j.key("flags").value(m.flags);
-  j.key("flagsMeaning").value(m.flagsMeaning);
-  j.key("request").value(m.request);
-  j.key("requestMeaning").value(m.requestMeaning);
-  j.endObject();
-}
-
-template <class Items, class WriteItem>
-void arrayJson(JsonWriter& j, char const* key, Items const& items, WriteItem item) {
-  j.key(key).beginArray();
-  for (auto const& i : items)
-    item(j, i);
-  j.endArray();
-}
-
-void groupJson(JsonWriter& j, ExplainedGroup const& g) {
-  j.beginObject();
-  j.key("name").value(g.name);
-  j.key("priority").value(g.priority);
-  j.key("order").value(g.order);
-  j.key("status").value(g.status);
-  j.key("blocking").value(g.blocking);
-  j.key("entireCondition").value(g.entireCondition);
-  arrayJson(j, "templateConditions", g.templateConditions, templateConditionJson);
-  arrayJson(j, "conditions", g.conditions, conditionJson);
-  arrayJson(j, "mounts", g.mounts, mountJson);
-  j.endObject();
-}
-
 }  // namespace
 
 std::string explainTable(Explanation const& e) {
@@ -224,36 +166,62 @@ std::string explainTable(Explanation const& e) {
   return out.str();
 }
 
+// The JSON form of each record, found by nlohmann::json through argument-dependent lookup.
+void to_json(Json& j, ExplainedTemplateCondition const& t) {
+  j = {{"condition", t.condition},  {"readable", t.readable},        {"holds", t.holds},
+       {"template", t.templ},       {"templateValue", t.templValue}, {"value", t.value},
+       {"valueValue", t.valueValue}};
+}
+
+void to_json(Json& j, ExplainedCondition const& c) {
+  j = {{"condition", c.condition},
+       {"unreadable", c.unreadable},
+       {"entity", c.entity},
+       {"attribute", c.attribute},
+       {"entityPresent", c.entityPresent},
+       {"currentValue", c.currentValue},
+       {"waitedFor", c.waitedFor}};
+}
+
+void to_json(Json& j, ExplainedMount const& m) {
+  j = {{"path", m.path},
+       {"expanded", m.expanded},
+       {"type", m.type},
+       {"flags", m.flags},
+       {"flagsMeaning", m.flagsMeaning},
+       {"request", m.request},
+       {"requestMeaning", m.requestMeaning}};
+}
+
+void to_json(Json& j, ExplainedGroup const& g) {
+  j = {{"name", g.name},
+       {"priority", g.priority},
+       {"order", g.order},
+       {"status", g.status},
+       {"blocking", g.blocking},
+       {"entireCondition", g.entireCondition},
+       {"templateConditions", g.templateConditions},
+       {"conditions", g.conditions},
+       {"mounts", g.mounts}};
+}
+
 std::string explainJson(Explanation const& e) {
-  JsonWriter j;
-  j.beginObject();
-  j.key("agent").value(e.agent);
-  j.key("connected").value(e.connected);
-  j.key("state").value(e.state);
-  j.key("profile").value(e.profile);
-  j.key("match").value(matchText(e.match));
-  j.key("profileNow").value(e.profileNow);
-  j.key("agentString").value(e.agentString);
-  j.key("templateValues").beginArray();
-  for (auto const& v : e.templateValues) {
-    j.beginObject();
-    j.key("key").value(v.key);
-    j.key("value").value(v.value);
-    j.key("origin").value(v.origin);
-    j.endObject();
-  }
-  j.endArray();
-  j.key("templateFailure").value(e.templateFailure);
-  j.key("reservedValues").beginObject();
-  for (auto const& [k, v] : e.reservedValues)
-    j.key(k).value(v);
-  j.endObject();
-  arrayJson(j, "groups", e.groups, groupJson);
-  arrayJson(j, "skippedGroups", e.skipped, groupJson);
-  arrayJson(j, "waitingFor", e.waitingFor,
-            [](JsonWriter& w, std::string const& text) { w.value(text); });
-  j.endObject();
-  return j.text();
+  Json values = Json::array();
+  for (auto const& v : e.templateValues)
+    values.push_back({{"key", v.key}, {"value", v.value}, {"origin", v.origin}});
+  return jsonText({{"agent", e.agent},
+                   {"connected", e.connected},
+                   {"state", e.state},
+                   {"profile", e.profile},
+                   {"match", matchText(e.match)},
+                   {"profileNow", e.profileNow},
+                   {"agentString", e.agentString},
+                   {"templateValues", values},
+                   {"templateFailure", e.templateFailure},
+                   {"reservedValues", e.reservedValues},
+                   {"groups", e.groups},
+                   {"skippedGroups", e.skipped},
+                   {"waitingFor", e.waitingFor}});
 }
 
 }  // namespace Ledrad

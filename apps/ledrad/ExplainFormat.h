@@ -6,7 +6,7 @@
 // back; then one block per group with its template conditions, its attribute conditions and their
 // present values, and its mounts with their letters explained. Every text is in its printable
 // form (Qel::NboAttrLog::printableText), so each row or detail is one line. explainJson(): the same
-// content as a JSON document (JsonWriter escapes every text); its shape is described in
+// content as a JSON document (strict JSON whatever bytes the texts hold); its shape is described in
 // docs/ledrad.md. Pure functions.
 #pragma once
 

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "Qel/NboAttrLog/WireText.h"
-#include "apps/ledrad/JsonWriter.h"
+#include "apps/ledrad/Json.h"
 
 namespace Ledrad {
 
@@ -95,87 +95,56 @@ void details(std::ostringstream& out, AgentReport const& a) {
     detail(out, i == 0 ? label : "", waits[i]);
 }
 
-// Writes `key` with an array of `items`, each written by `item(j, element)`.
-template <class Items, class WriteItem>
-void arrayJson(JsonWriter& j, char const* key, Items const& items, WriteItem item) {
-  j.key(key).beginArray();
-  for (auto const& i : items)
-    item(j, i);
-  j.endArray();
-}
-
-void stringsJson(JsonWriter& j, char const* key, std::vector<std::string> const& items) {
-  arrayJson(j, key, items, [](JsonWriter& w, std::string const& text) { w.value(text); });
-}
-
-void conditionJson(JsonWriter& j, ConditionWait const& c) {
-  j.beginObject();
-  j.key("group").value(c.group);
-  j.key("condition").value(c.condition);
-  j.key("entity").value(c.entity);
-  j.key("attribute").value(c.attribute);
-  j.key("entityPresent").value(c.entityPresent);
-  j.key("currentValue").value(c.currentValue);
-  stringsJson(j, "remaining", c.remaining);
-  j.endObject();
-}
-
-void agentJson(JsonWriter& j, AgentReport const& a) {
-  j.beginObject();
-  j.key("name").value(a.name);
-  j.key("profile").value(a.profile);
-  j.key("agentString").value(a.agentString);
-  j.key("connected").value(a.connected);
-  j.key("departed").value(a.departed);
-  if (a.departed) {
-    j.key("closeReason").value(a.closeReason);
-    j.key("closedSecondsAgo").value(static_cast<long long>(a.departedFor));
-  }
-  j.key("epoch").value(a.epoch);
-  j.key("engine").value(a.engine);
-  j.key("state").value(a.state);
-  j.key("initialized").value(a.initialized);
-  j.key("templateValues").beginObject();
-  for (auto const& [k, v] : a.templateValues)
-    j.key(k).value(v);
-  j.endObject();
-  j.key("groups").beginArray();
-  for (auto const& g : a.groups) {
-    j.beginObject();
-    j.key("name").value(g.name);
-    j.key("priority").value(g.priority);
-    j.key("status").value(g.status);
-    j.endObject();
-  }
-  j.endArray();
-  j.key("mounts").beginArray();
-  for (auto const& m : a.mounts) {
-    j.beginObject();
-    j.key("path").value(m.path);
-    j.key("state").value(m.state);
-    j.endObject();
-  }
-  j.endArray();
-  j.key("waiting").beginObject();
-  j.key("outstandingRequests").value(a.outstandingRequests);
-  stringsJson(j, "inProgress", a.inProgress);
-  j.key("failed").beginArray();
-  for (auto const& f : a.failed) {
-    j.beginObject();
-    j.key("path").value(f.path);
-    j.key("reason").value(f.reason);
-    j.endObject();
-  }
-  j.endArray();
-  stringsJson(j, "pendingMounts", a.pendingMounts);
-  stringsJson(j, "dirMounters", a.dirMounters);
-  arrayJson(j, "conditions", a.conditions, conditionJson);
-  stringsJson(j, "blockingConditions", a.blockingConditions);
-  j.endObject();
-  j.endObject();
-}
-
 }  // namespace
+
+// The JSON form of each record, found by nlohmann::json through argument-dependent lookup.
+void to_json(Json& j, ConditionWait const& c) {
+  j = {{"group", c.group},
+       {"condition", c.condition},
+       {"entity", c.entity},
+       {"attribute", c.attribute},
+       {"entityPresent", c.entityPresent},
+       {"currentValue", c.currentValue},
+       {"remaining", c.remaining}};
+}
+
+void to_json(Json& j, GroupReport const& g) {
+  j = {{"name", g.name}, {"priority", g.priority}, {"status", g.status}};
+}
+
+void to_json(Json& j, MountReport const& m) {
+  j = {{"path", m.path}, {"state", m.state}};
+}
+
+void to_json(Json& j, FailedMount const& f) {
+  j = {{"path", f.path}, {"reason", f.reason}};
+}
+
+void to_json(Json& j, AgentReport const& a) {
+  j = {{"name", a.name},
+       {"profile", a.profile},
+       {"agentString", a.agentString},
+       {"connected", a.connected},
+       {"departed", a.departed}};
+  if (a.departed) {
+    j["closeReason"] = a.closeReason;
+    j["closedSecondsAgo"] = static_cast<long long>(a.departedFor);
+  }
+  j["epoch"] = a.epoch;
+  j["engine"] = a.engine;
+  j["state"] = a.state;
+  j["initialized"] = a.initialized;
+  j["templateValues"] = a.templateValues;
+  j["groups"] = a.groups;
+  j["mounts"] = a.mounts;
+  j["waiting"] = {{"outstandingRequests", a.outstandingRequests},
+                  {"inProgress", a.inProgress},
+                  {"failed", a.failed},
+                  {"pendingMounts", a.pendingMounts},
+                  {"dirMounters", a.dirMounters},
+                  {"conditions", a.conditions},
+                  {"blockingConditions", a.blockingConditions}};
+}
 
 std::vector<std::string> waitLines(AgentReport const& a) {
   std::vector<std::string> waits;
@@ -248,15 +217,11 @@ std::string statusTable(StatusReport const& report) {
 }
 
 std::string statusJson(StatusReport const& report) {
-  JsonWriter j;
-  j.beginObject();
-  j.key("system").value(report.systemName);
-  j.key("cell").value(report.cell);
-  j.key("root").value(report.root);
-  stringsJson(j, "profiles", report.profiles);
-  arrayJson(j, "agents", report.agents, agentJson);
-  j.endObject();
-  return j.text();
+  return jsonText({{"system", report.systemName},
+                   {"cell", report.cell},
+                   {"root", report.root},
+                   {"profiles", report.profiles},
+                   {"agents", report.agents}});
 }
 
 }  // namespace Ledrad

@@ -18,11 +18,11 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "apps/ledrad/UnixSocket.h"
 #include "integration/ChildProcess.h"
 #include "integration/LedradFolder.h"
-#include "support/JsonValue.h"
 
 namespace {
 
@@ -331,50 +331,52 @@ TEST_F(LedradIntegration, ExplainTellsWhatAnAgentGetsAndWhyConnectedOrNot) {
   EXPECT_TRUE(contains(out, "  mount              /itest/Ledra/a/node-3 Test::Box: read-only;"))
       << out;
 
-  auto const connected = test::JsonValue::parse(ctl({"explain", "--json", "probe-3-x-y"}).output);
-  EXPECT_TRUE(connected["connected"].boolean());
-  EXPECT_EQ(connected["match"].str(), "family");
-  EXPECT_EQ(connected["profile"].str(), "probe-");
-  auto const& gated = connected["groups"][1];
-  EXPECT_EQ(gated["name"].str(), "gated");
-  EXPECT_EQ(gated["status"].str(), "waiting");
-  EXPECT_EQ(gated["conditions"][0]["entity"].str(), "/itest/Ledra/a/box");
-  EXPECT_EQ(gated["conditions"][0]["currentValue"].str(), "off");
-  EXPECT_TRUE(gated["conditions"][0]["waitedFor"].boolean());
-  EXPECT_EQ(gated["mounts"][0]["request"].str(), "wnp");
-  EXPECT_EQ(connected["skippedGroups"][0]["templateConditions"][0]["templateValue"].str(), "3");
-  ASSERT_EQ(connected["waitingFor"].size(), 1u);
-  EXPECT_TRUE(contains(connected["waitingFor"][0].str(), "of group gated (now off)"));
+  auto const connected = nlohmann::json::parse(ctl({"explain", "--json", "probe-3-x-y"}).output);
+  EXPECT_TRUE(connected.at("connected"));
+  EXPECT_EQ(connected.at("match"), "family");
+  EXPECT_EQ(connected.at("profile"), "probe-");
+  auto const& gated = connected.at("groups").at(1);
+  EXPECT_EQ(gated.at("name"), "gated");
+  EXPECT_EQ(gated.at("status"), "waiting");
+  EXPECT_EQ(gated.at("conditions").at(0).at("entity"), "/itest/Ledra/a/box");
+  EXPECT_EQ(gated.at("conditions").at(0).at("currentValue"), "off");
+  EXPECT_TRUE(gated.at("conditions").at(0).at("waitedFor"));
+  EXPECT_EQ(gated.at("mounts").at(0).at("request"), "wnp");
+  EXPECT_EQ(connected.at("skippedGroups").at(0).at("templateConditions").at(0).at("templateValue"),
+            "3");
+  ASSERT_EQ(connected.at("waitingFor").size(), 1u);
+  EXPECT_TRUE(
+      contains(connected.at("waitingFor").at(0).get<std::string>(), "of group gated (now off)"));
 
   // Once the box is powered on the group is mounted and nothing is waited for.
   EXPECT_EQ(ctl({"set", "/itest/Ledra/a/box", "power", "on"}).status, 0);
   expectLedradLine("All mounts complete for probe-3-x-y");
-  auto const done = test::JsonValue::parse(ctl({"explain", "--json", "probe-3-x-y"}).output);
-  EXPECT_EQ(done["groups"][1]["status"].str(), "mounted");
-  EXPECT_EQ(done["groups"][1]["conditions"][0]["currentValue"].str(), "on");
-  EXPECT_FALSE(done["groups"][1]["conditions"][0]["waitedFor"].boolean());
-  EXPECT_EQ(done["waitingFor"].size(), 0u);
+  auto const done = nlohmann::json::parse(ctl({"explain", "--json", "probe-3-x-y"}).output);
+  EXPECT_EQ(done.at("groups").at(1).at("status"), "mounted");
+  EXPECT_EQ(done.at("groups").at(1).at("conditions").at(0).at("currentValue"), "on");
+  EXPECT_FALSE(done.at("groups").at(1).at("conditions").at(0).at("waitedFor"));
+  EXPECT_EQ(done.at("waitingFor").size(), 0u);
 
   // A name not connected: its values are cut from the name, and the left-out group is taken.
-  auto const later = test::JsonValue::parse(ctl({"explain", "--json", "probe-9"}).output);
-  EXPECT_FALSE(later["connected"].boolean());
-  EXPECT_EQ(later["templateValues"][1]["value"].str(), "9");
-  EXPECT_EQ(later["templateValues"][2]["key"].str(), "%rest");
-  EXPECT_EQ(later["templateValues"][2]["value"].str(), "");
-  EXPECT_EQ(later["templateValues"][2]["origin"].str(), "no field 2");
+  auto const later = nlohmann::json::parse(ctl({"explain", "--json", "probe-9"}).output);
+  EXPECT_FALSE(later.at("connected"));
+  EXPECT_EQ(later.at("templateValues").at(1).at("value"), "9");
+  EXPECT_EQ(later.at("templateValues").at(2).at("key"), "%rest");
+  EXPECT_EQ(later.at("templateValues").at(2).at("value"), "");
+  EXPECT_EQ(later.at("templateValues").at(2).at("origin"), "no field 2");
   Words order;
-  for (auto const& g : later["groups"].elements())
-    order.push_back(g["name"].str());
+  for (auto const& g : later.at("groups"))
+    order.push_back(g.at("name").get<std::string>());
   EXPECT_EQ(order, (Words{"base", "other", "gated"}));
-  EXPECT_EQ(later["groups"][1]["mounts"][0]["expanded"].str(), "/itest/Ledra/a/node-9");
-  EXPECT_EQ(later["skippedGroups"].size(), 0u);
+  EXPECT_EQ(later.at("groups").at(1).at("mounts").at(0).at("expanded"), "/itest/Ledra/a/node-9");
+  EXPECT_EQ(later.at("skippedGroups").size(), 0u);
   auto const notYet = ctl({"explain", "probe-9"});
   EXPECT_TRUE(contains(notYet.output, "\n  waiting for        not connected\n")) << notYet.output;
 
   // A profile whose key no name without "-" can fill, and a name no profile serves.
-  auto const solo = test::JsonValue::parse(ctl({"explain", "--json", "solo"}).output);
-  EXPECT_EQ(solo["match"].str(), "own");
-  EXPECT_EQ(solo["templateFailure"].str(), "No template value found for %k");
+  auto const solo = nlohmann::json::parse(ctl({"explain", "--json", "solo"}).output);
+  EXPECT_EQ(solo.at("match"), "own");
+  EXPECT_EQ(solo.at("templateFailure"), "No template value found for %k");
   auto const stranger = ctl({"explain", "stranger-1"});
   EXPECT_EQ(stranger.status, 0);
   EXPECT_TRUE(contains(stranger.output,
