@@ -170,6 +170,11 @@ ControlReply ControlCommands::load(std::vector<std::string> const& args, bool pr
         event(std::string(profiles ? "loaded profiles " : "loaded state ") + line);
         done.push_back("loaded " + line);
       }
+      if (!profiles) continue;
+      for (auto const& warning : db_.loadWarnings()) {
+        event(warning);
+        done.push_back(warning);
+      }
     } catch (FileError const& e) {
       for (auto const& text : e.texts()) {
         event("refused " + text);

@@ -101,6 +101,10 @@ LoadResult loadFolders(Database& db, Options const& o, std::FILE* out, std::FILE
     try {
       for (auto const& line : isProfile ? db.loadProfiles({file}) : db.loadState({file}))
         say(out, std::string("ledrad: loaded ") + (isProfile ? "profiles " : "state ") + line);
+      if (isProfile) {
+        for (auto const& warning : db.loadWarnings())
+          say(err, warning);
+      }
       return;
     } catch (FileError const& e) {
       for (auto const& text : e.texts())

@@ -125,12 +125,15 @@ std::vector<std::string> Database::loadState(std::vector<std::string> const& fil
 
 std::vector<std::string> Database::loadProfiles(std::vector<std::string> const& files) {
   std::vector<std::string> lines;
+  loadWarnings_.clear();
   for (auto const& file : files) {
     // Problems of the text and of its conditions against the state are told together.
     FileProblems problems(file);
     ProfileFile const pf = ProfileFile::parse(readConfigFile(file), problems);
     pf.checkConditions(problems);
     problems.throwIfAny();
+    for (auto& w : pf.unknownTypes())
+      loadWarnings_.push_back(std::move(w));
     keepServedGroups();
     ProfileFile::Applied const a = pf.applyTo(*profileDir_);
     lines.push_back(file + ": " + plural(pf.profiles().size(), "profile") + " (" +

@@ -68,6 +68,9 @@ class Database {
 
   std::vector<std::string> loadState(std::vector<std::string> const& files);
   std::vector<std::string> loadProfiles(std::vector<std::string> const& files);
+  // The warnings of the last loadProfiles: mounts of types nothing defines yet
+  // (ProfileFile::unknownTypes), for the caller to tell.
+  std::vector<std::string> const& loadWarnings() const { return loadWarnings_; }
 
   // Writes `attribute` (or the element `attribute[key]` of a collection) of the entity at
   // `path` from `value`; returns "<path> <attribute>: <old> -> <new>".
@@ -109,6 +112,7 @@ class Database {
   Ledra::PassiveEntityManagerSmWrapper::Ptr wrapper_;
   std::map<std::string, std::unique_ptr<Served>> served_;  // by agent name
   std::map<std::string, Departed> departed_;               // by agent name
+  std::vector<std::string> loadWarnings_;
 };
 
 // "1 file", "2 files", "3 directories": a count and its noun for ledrad's messages.

@@ -509,6 +509,22 @@ void ProfileFile::checkConditions(FileProblems& problems) const {
   }
 }
 
+std::vector<std::string> ProfileFile::unknownTypes() const {
+  std::vector<std::string> warnings;
+  for (auto const& p : profiles_) {
+    for (auto const& g : p.groups) {
+      for (auto const& m : g.mounts) {
+        if (Qel::QelType::type(Qel::Name(m.type))) continue;
+        warnings.push_back(file_ + ":" + std::to_string(m.line) + ": warning: mount type '" +
+                           m.type +
+                           "' is not known: no built-in type and no state loaded so far "
+                           "defines it");
+      }
+    }
+  }
+  return warnings;
+}
+
 ProfileFile::Applied ProfileFile::applyTo(Ledra::PassiveAgentProfileDir& dir) const {
   Applied applied;
   for (auto const& s : profiles_) {

@@ -86,6 +86,10 @@ class ProfileFile {
   // The same, throwing a FileError with every problem found.
   void checkConditions() const;
 
+  // One "<file>:<line>: warning: ..." for each mount whose type no built-in type and no state
+  // loaded so far defines (a later state file may still define it, so the file is not refused).
+  std::vector<std::string> unknownTypes() const;
+
   Applied applyTo(Ledra::PassiveAgentProfileDir& dir) const;
 
  private:

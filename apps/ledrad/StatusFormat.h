@@ -4,7 +4,8 @@
 // what it waits for), then one block per agent with every detail; every text in it is in its
 // printable form (Qel::NboAttrLog::printableText), so a row or detail is always one line, and
 // columns are as wide as their texts' code points. json(): the same content as a JSON document
-// (strict JSON whatever bytes the texts hold); its shape is described in docs/ledrad.md. Pure functions.
+// (strict JSON whatever bytes the texts hold); its shape is described in docs/ledrad.md. Pure
+// functions.
 #pragma once
 
 #include <string>

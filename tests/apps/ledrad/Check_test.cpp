@@ -76,11 +76,17 @@ TEST_F(CheckTest, TellsEveryProblemOfEveryFileAndTheConditionsAgainstTheStateTha
   EXPECT_EQ(out_.find("ready"), std::string::npos) << out_;
 }
 
-TEST_F(CheckTest, GoodFilesPass) {
-  write("state/a.state", "dir /ledra/d\n");
-  write("profiles/a.profile", "profile c\n  group g 1\n    mount /c Qel::Dir\n");
+// A mount of a type that nothing defines yet is told, but a later state file may define it: the
+// file still passes.
+TEST_F(CheckTest, GoodFilesPassAndAMountOfATypeNothingDefinesIsWarnedOf) {
+  write("state/a.state", "dir /ledra/d\ntype Check::Known\n  attribute v U32\n");
+  write("profiles/a.profile",
+        "profile c\n  group g 1\n    mount /c Qel::Dir\n    mount /c/k Check::Known\n"
+        "    mount /c/l Check::Later\n");
   EXPECT_EQ(check(), 0) << err_;
-  EXPECT_EQ(err_, "");
+  EXPECT_EQ(err_, path("profiles/a.profile") +
+                      ":5: warning: mount type 'Check::Later' is not known: no built-in type and "
+                      "no state loaded so far defines it\n");
   EXPECT_NE(out_.find("ledrad: check passed: 2 files without a problem\n"), std::string::npos);
 }
 

@@ -176,6 +176,15 @@ TEST_F(DatabaseTest, CommandsLoadSetAndTellTheEventsOrSayWhyNot) {
                                            "\nloaded " + more + "/b.state" +
                                            again.substr(state.size()) + "\n");
   EXPECT_EQ(run({"load-profiles", more}), more + ": no *.profile file\n");
+  // A mount of a type nothing defines yet is applied, and told.
+  auto const later = file("later.profile", "profile l\n group g 1\n  mount /l CmdTest::Later\n");
+  EXPECT_EQ(run({"load-profiles", later}),
+            "loaded " + later + ": 1 profile (1 new, 0 changed, 0 unchanged)\n" + later +
+                ":3: warning: mount type 'CmdTest::Later' is not known: no built-in type and no "
+                "state loaded so far defines it\n");
+  EXPECT_EQ(events.back(), later +
+                               ":3: warning: mount type 'CmdTest::Later' is not known: no "
+                               "built-in type and no state loaded so far defines it");
   // The trace ring is written where the client says, never over a file that stands.
   std::string const ring = (dir_ / "ring.bin").string();
   EXPECT_EQ(run({"trace", "dump", ring}),
