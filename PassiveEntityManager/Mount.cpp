@@ -5,25 +5,22 @@
 namespace Ledra {
 
 Qel::String Mount::text() const {
-  return Qel::String(path_ + " (" + type_ + ") " + flags_);
+  return Qel::String(path_ + " (" + type_ + ") " + flags_.letters());
 }
 
-Qel::String mountRequestLetters(Qel::String const& userFlags, Qel::String const& rootFlags,
+Qel::String mountRequestLetters(UserFlags const& userFlags, UserFlags const& rootFlags,
                                 bool writeMountsGranted) {
-  auto const has = [](Qel::String const& letters, char c) {
-    return letters.find(c) != std::string::npos;
-  };
   Qel::String letters;
-  if (has(userFlags, 'f') && !writeMountsGranted) {
+  if (userFlags.has('f') && !writeMountsGranted) {
     letters += "w";
-  } else if (has(userFlags, 'w') && writeMountsGranted) {
+  } else if (userFlags.has('w') && writeMountsGranted) {
     letters += "w";
   } else {
     letters += "C";
   }
-  if (has(userFlags, 'i')) letters += "i";
-  if (has(userFlags, 'S')) letters += "S";
-  letters += has(rootFlags, 'N') ? "p" : "np";
+  if (userFlags.has('i')) letters += "i";
+  if (userFlags.has('S')) letters += "S";
+  letters += rootFlags.has('N') ? "p" : "np";
   return letters;
 }
 

@@ -1,11 +1,12 @@
 // Ledra::Mount: one mount profile: a database path (which may hold template keys), the type name
-// of the entity found there, and the mount flags as text. A plain value, compared by all three
-// fields; registered with the reflection as "Ledra::Mount".
+// of the entity found there, and the mount flags (as text, and read once into UserFlags). A plain
+// value, compared by all three fields; registered with the reflection as "Ledra::Mount".
 //
 // mountRequestLetters() gives the flag letters of the request that mounts it on an agent.
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
+#include "PassiveEntityManager/UserFlags.h"
 #include "Qel/BoxedValue.h"
 #include "Qel/Types.h"
 
@@ -18,11 +19,14 @@ class LEDRA_PEM_EXPORT Mount {
   Mount() = default;
   Mount(Qel::String path, Qel::String type, Qel::String flags)
       : path_(std::move(path)), type_(std::move(type)), flags_(std::move(flags)) {}
+  Mount(Qel::String path, Qel::String type, UserFlags flags)
+      : path_(std::move(path)), type_(std::move(type)), flags_(std::move(flags)) {}
 
   Qel::String path() const { return path_; }
   Qel::String type() const { return type_; }
-  Qel::String flags() const { return flags_; }
-  bool empty() const { return path_.empty() && type_.empty() && flags_.empty(); }
+  Qel::String flags() const { return flags_.letters(); }
+  UserFlags const& userFlags() const { return flags_; }
+  bool empty() const { return path_.empty() && type_.empty() && flags_.letters().empty(); }
 
   friend bool operator==(Mount const&, Mount const&) = default;
   // A collection of mounts is keyed by path; what refuses a mount stored under another key.
@@ -36,7 +40,7 @@ class LEDRA_PEM_EXPORT Mount {
  private:
   Qel::String path_;
   Qel::String type_;
-  Qel::String flags_;
+  UserFlags flags_;
 };
 
 // The letters of the mount request for a mount with the profile letters `userFlags`, for an agent
@@ -44,8 +48,8 @@ class LEDRA_PEM_EXPORT Mount {
 // mounts are granted, or for one forced ("f") before; else "C" (read-only now; a writable mount
 // is mounted again with "w" once write mounts are granted); then "i" and "S" when the profile asks
 // for them; then the suffix "p" when the root flags hold "N", else "np".
-LEDRA_PEM_EXPORT Qel::String mountRequestLetters(Qel::String const& userFlags,
-                                                 Qel::String const& rootFlags,
+LEDRA_PEM_EXPORT Qel::String mountRequestLetters(UserFlags const& userFlags,
+                                                 UserFlags const& rootFlags,
                                                  bool writeMountsGranted);
 
 }  // namespace Ledra

@@ -19,10 +19,6 @@ namespace Ledra {
 
 namespace {
 
-bool hasLetter(Qel::String const& flags, char letter) {
-  return flags.find(letter) != std::string::npos;
-}
-
 // The path up to its last "/" ("/a/b" -> "/a").
 Qel::String parentOf(Qel::String const& path) {
   std::size_t const slash = path.rfind('/');
@@ -74,16 +70,17 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
   TRACE(PassiveEntityManager, kTraceDecision, "mountPath: {} userFlags: {} typeName: {}", mountPath,
         userFlags, typeName);
   bool const granted = entMgr_ && entMgr_->writeMountsGranted();
+  UserFlags const letters(userFlags);
   // A writable mount asked for before writing is granted (and not forced) goes out read-only
   // and is converted later.
-  if (!granted && hasLetter(userFlags, 'w') && !hasLetter(userFlags, 'f')) {
+  if (!granted && letters.has('w') && !letters.has('f')) {
     TRACE(PassiveEntityManager, kTraceDecision, "convertable mount Enqueuing {} {} {}", mountPath,
           userFlags, typeName);
     convertableMountsEnq(Mount(mountPath, typeName, userFlags));
   }
-  Qel::String const letters = mountRequestLetters(
-      userFlags, agentProfile_ ? agentProfile_->rootFlags() : Qel::String(), granted);
-  TRACE(PassiveEntityManager, kTraceDecision, "Final flags: {}", letters);
+  Qel::String const requestLetters = mountRequestLetters(
+      letters, UserFlags(agentProfile_ ? agentProfile_->rootFlags() : Qel::String()), granted);
+  TRACE(PassiveEntityManager, kTraceDecision, "Final flags: {}", requestLetters);
 
   auto const table = peerMountTable();
   if (!table || !agentStatus_) return;
@@ -91,7 +88,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
   Qel::Name const agent = agentName();
   bool const firstAttempt = !agentStatus_->mountReference(Qel::Name(mountPath));
   try {
-    Qel::EntityUri const uri(mountPath + "?flags=" + letters);
+    Qel::EntityUri const uri(mountPath + "?flags=" + requestLetters);
     Qel::MountFlags const flags = Qel::parseMountFlags(uri.query());
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
     TRACE(PassiveEntityManager, kTraceDecision,
@@ -101,7 +98,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
 
     Qel::MountTable::Conf const current = table->conf(mountPath);
     auto const ref = agentStatus_->mountReferenceIs(Qel::Name(mountPath));
-    Qel::String const type = hasLetter(userFlags, 'c') ? typeName : Qel::String();
+    Qel::String const type = letters.has('c') ? typeName : Qel::String();
     Qel::MountTable::Conf const next(mountPath, type, flags,
                                      d ? Qel::Name(d->name()) : Qel::Name());
     bool const unchanged = next == current || (current.flags().has(Qel::MountFlags::kConvertible) &&
@@ -162,7 +159,8 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
 }
 
 void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
-  Mount const mount(canonicalPath(profileMount.path()), profileMount.type(), profileMount.flags());
+  Mount const mount(canonicalPath(profileMount.path()), profileMount.type(),
+                    profileMount.userFlags());
   Qel::String const path = mount.path();
   Qel::String const flags = mount.flags();
   if (isMountComplete(path)) {
@@ -170,9 +168,9 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     return;
   }
   Qel::String const parent = parentOf(path);
-  if (hasLetter(flags, 'D')) {
+  if (mount.userFlags().has('D')) {
     // A blocking directory mount keeps its group in progress until its mounter has finished.
-    if (hasLetter(flags, 'B')) pendingMountProfileIs(mount);
+    if (mount.userFlags().has('B')) pendingMountProfileIs(mount);
     if (passiveDirMounterCol(path)) {
       TRACE(PassiveEntityManager, kTraceDecision, "A passive dirMounter for {} is already present",
             path);
@@ -181,7 +179,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     if (Qel::globalDir()->entity(path)) {
       TRACE(PassiveEntityManager, kTraceDecision,
             "{} already is present. Skipping passive dir mounter", path);
-      if (hasLetter(flags, 'B')) pendingMountProfileDel(path);
+      if (mount.userFlags().has('B')) pendingMountProfileDel(path);
     } else if (!Qel::globalDir()->entity(parent)) {
       TRACE(PassiveEntityManager, kTraceDecision,
             "parent dir doesn't exist, will dir mount it later");
@@ -190,7 +188,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     } else {
       TRACE(PassiveEntityManager, kTraceDecision, "Starting passive dirMounter for {}", path);
       auto const clock = timerWheel() ? timerWheel()->clock() : Qel::Clock::Ptr();
-      auto const mounter = passiveDirMounterFactory(agentName(), path, UserFlags(flags),
+      auto const mounter = passiveDirMounterFactory(agentName(), path, mount.userFlags(),
                                                     mount.type(), entMgr_, clock, mount, this);
       // Held before it starts: a mounter that finishes at once removes itself.
       passiveDirMounterColIs(path, mounter);
@@ -256,7 +254,7 @@ void PassiveEntityManagerSm::mountWholePath(Mount const& mount) {
   // Prefixes are mounted below the deepest one already mounted: those that stand already are
   // mounted as the child needs its parent ("r", or "wc" for a creating child), the missing ones
   // with the instantiating flags "fwc".
-  Qel::String const standing = hasLetter(mount.flags(), 'c') ? "wc" : "r";
+  Qel::String const standing = mount.userFlags().has('c') ? "wc" : "r";
   std::vector<Qel::String> prefixes;
   std::size_t firstUnmounted = 0;
   Qel::Entity::Ptr dir = Qel::globalDir();
@@ -294,7 +292,7 @@ void PassiveEntityManagerSm::doPopulateMountPaths() {
           group ? Qel::String(name) : Qel::String("<unknown>"));
     if (!group) continue;
     for (auto const& [rawPath, profileMount] : group->mountProfile()) {
-      Mount const mount(canonicalPath(rawPath), profileMount.type(), profileMount.flags());
+      Mount const mount(canonicalPath(rawPath), profileMount.type(), profileMount.userFlags());
       Mount const existing = allMountPaths(mount.path());
       if (existing.empty()) {
         TRACE(PassiveEntityManager, kTraceDecision, "Adding path  {} to allMountPaths ",
@@ -310,7 +308,7 @@ void PassiveEntityManagerSm::doPopulateMountPaths() {
 }
 
 void PassiveEntityManagerSm::maybeAddParentMountProfile(Mount const& mount) {
-  if (!hasLetter(mount.flags(), 'c')) return;
+  if (!mount.userFlags().has('c')) return;
   std::vector<Qel::Name> const components = componentsOf(mount.path());
   Qel::Entity::Ptr dir = Qel::globalDir();
   Qel::String deepest;
@@ -332,7 +330,7 @@ void PassiveEntityManagerSm::maybeAddParentMountProfile(Mount const& mount) {
     allMountPathsIs(Mount(deepest, kDirType, "w"));
     return;
   }
-  if (hasLetter(existing.flags(), 'w')) return;
+  if (existing.userFlags().has('w')) return;
   Qel::String const upgraded = existing.flags() + "w";
   TRACE(PassiveEntityManager, kTraceDecision, "upgrading flags for {} from {} to {}", deepest,
         existing.flags(), upgraded);

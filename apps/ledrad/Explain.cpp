@@ -159,8 +159,8 @@ ExplainedGroup group(Ledra::PassiveMountGroup const& g, Context const& cx) {
     out.conditions.push_back(condition(entry.value, cx.sub));
   for (auto const& [path, m] : g.mountProfile()) {
     std::string const flags = m.flags();
-    std::string const request =
-        Ledra::mountRequestLetters(m.flags(), Qel::String(cx.rootFlags), cx.writeMountsGranted);
+    std::string const request = Ledra::mountRequestLetters(
+        m.userFlags(), Ledra::UserFlags(Qel::String(cx.rootFlags)), cx.writeMountsGranted);
     out.mounts.push_back(ExplainedMount{path, cx.sub(path), m.type(), flags, flagsMeaning(flags),
                                         request, LedraApps::explainedMountLetters(request)});
   }
