@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -55,6 +56,24 @@ ChildProcess::ChildProcess(std::vector<std::string> const& argv, std::string con
   }
 }
 
+ChildProcess::ChildProcess(std::vector<std::string> const& argv, Terminal terminal) {
+  std::vector<char*> args;
+  for (auto const& a : argv)
+    args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  winsize size{};
+  size.ws_col = terminal.columns;
+  size.ws_row = terminal.rows;
+  pid_ = ::forkpty(&fd_, nullptr, nullptr, &size);
+  if (pid_ < 0) throw std::runtime_error("forkpty: " + std::string(std::strerror(errno)));
+  if (pid_ == 0) {
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  // Programs the test starts later do not hold the terminal open.
+  ::fcntl(fd_, F_SETFD, FD_CLOEXEC);
+}
+
 ChildProcess::~ChildProcess() {
   if (pid_ > 0) {
     ::kill(pid_, SIGKILL);
@@ -67,6 +86,7 @@ std::string ChildProcess::output() const {
   std::string out;
   for (auto const& l : lines_)
     out += l + "\n";
+  if (unterminated_) out.pop_back();
   return out + partial_;
 }
 
@@ -80,10 +100,13 @@ bool ChildProcess::readSome(long long deadlineMs) {
   char buf[4096];
   ssize_t const n = ::read(fd_, buf, sizeof buf);
   if (n < 0 && errno == EINTR) return true;
+  // At the end of its output a pipe reads 0 bytes, a terminal fails with EIO.
   if (n <= 0) {
     ::close(fd_);
     fd_ = -1;
-    if (!partial_.empty()) lines_.push_back(std::move(partial_));
+    // A last line without its newline still counts as a line.
+    unterminated_ = !partial_.empty();
+    if (unterminated_) lines_.push_back(std::move(partial_));
     partial_.clear();
     return false;
   }
@@ -126,6 +149,20 @@ bool ChildProcess::printed(std::string const& exact, double seconds) {
 
 void ChildProcess::signal(int sig) {
   if (pid_ > 0) ::kill(pid_, sig);
+}
+
+bool ChildProcess::waitForOutput(std::function<bool(std::string const&)> const& done,
+                                 double seconds) {
+  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
+  while (!done(output())) {
+    if (nowMs() >= deadline || !readSome(deadline)) return done(output());
+  }
+  return true;
+}
+
+void ChildProcess::type(std::string const& keys) {
+  if (fd_ >= 0 && ::write(fd_, keys.data(), keys.size()) < 0)
+    throw std::runtime_error("cannot type on the terminal: " + std::string(std::strerror(errno)));
 }
 
 std::optional<int> ChildProcess::waitExit(double seconds) {

@@ -12,14 +12,12 @@
 
 #include "integration/ChildProcess.h"
 #include "integration/LedradFolder.h"
-#include "integration/PtyProcess.h"
 
 namespace {
 
 using test::ChildProcess;
 using test::contains;
 using test::kWait;
-using test::PtyProcess;
 
 constexpr char const* kState = R"(enum Test::Power off on
 type Test::Box
@@ -66,14 +64,14 @@ auto holds(std::string const& text) {
 
 TEST_F(LedradWatch, OnATerminalTheLineIsRedrawnUntilTheAgentCompletesOrCtrlC) {
   startLedrad("itest");
-  PtyProcess until(watch({"--until-complete", "bulk-1"}), 100, 30);
-  ASSERT_TRUE(
-      until.waitFor(holds("bulk-1 [--------------------] 0/0 not known to ledrad yet"), kWait))
+  ChildProcess until(watch({"--until-complete", "bulk-1"}), ChildProcess::Terminal{100, 30});
+  ASSERT_TRUE(until.waitForOutput(
+      holds("bulk-1 [--------------------] 0/0 not known to ledrad yet"), kWait))
       << until.output();
   agent("bulk-1");
   std::string const n = std::to_string(kBulkPaths + 1);
   EXPECT_EQ(until.waitExit(kWait), std::optional<int>(0)) << until.output();
-  std::string const& out = until.output();
+  std::string const out = until.output();
   EXPECT_TRUE(contains(out, "bulk-1 [####################] " + n + "/" + n + " mountComplete"))
       << out;
   // Drawn in place: the cursor hidden, moved back up over the line for each redraw, shown again
@@ -82,11 +80,11 @@ TEST_F(LedradWatch, OnATerminalTheLineIsRedrawnUntilTheAgentCompletesOrCtrlC) {
   EXPECT_TRUE(contains(out, "\x1b[1A\r")) << out;
   EXPECT_EQ(out.substr(out.size() - 6), "\x1b[?25h") << out;
 
-  PtyProcess live(watch({}), 100, 30);
-  ASSERT_TRUE(live.waitFor(holds(n + "/" + n + " mountComplete"), kWait)) << live.output();
+  ChildProcess live(watch({}), ChildProcess::Terminal{100, 30});
+  ASSERT_TRUE(live.waitForOutput(holds(n + "/" + n + " mountComplete"), kWait)) << live.output();
   live.type("\x03");
   EXPECT_EQ(live.waitExit(kWait), std::optional<int>(130)) << live.output();
-  std::string const& after = live.output();
+  std::string const after = live.output();
   EXPECT_EQ(after.substr(after.size() - 8), "\r\n\x1b[?25h") << after;
 }
 
