@@ -36,6 +36,10 @@
 //   keyedMap    map type T         as mapRo, but nameIs(v) stores v under qelKey(v)
 //   keyedMapRw  map type T         as keyedMap, and writable by name: a written value must have
 //                                  its key, else RangeException(qelKeyMismatch(v))
+//   mapOwnWrites map type T        name() and name(k) as map, read-only by name; nameIs, nameDel
+//                                  and nameDelAll are the entity's own, written on name_ (for
+//                                  writes that do more than store: a side effect after a removal,
+//                                  a value made from other arguments)
 //   children    entity type T      name() (the map), name(n) (a Ptr), nameDel(n), nameDelAll();
 //                                  nameIs is the entity's own (it decides how a child is made)
 //   queue       element type T     name() (the LinkQueue), name(i), nameEnq(v) (the index),
@@ -103,13 +107,15 @@ class TypeBuilder;
 #define QEL_ATTR_ACCESSOR_custom(T, name, Upper, ...)
 #define QEL_ATTR_ACCESSOR_handler(T, name, Upper, ...)
 
-#define QEL_ATTR_ACCESSOR_MAP_READ(T, name, ...)                                           \
+#define QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)                                              \
   T const& name() const {                                                                  \
     return name##_.map();                                                                  \
   }                                                                                        \
   ::Qel::LookupResult<typename T::mapped_type> name(typename T::key_type const& k) const { \
     return name##_.find(k);                                                                \
-  }                                                                                        \
+  }
+#define QEL_ATTR_ACCESSOR_MAP_READ(T, name, ...) \
+  QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)          \
   QEL_ATTR_ACCESSOR_DELETE(typename T::key_type const&, name __VA_OPT__(, ) __VA_ARGS__)
 #define QEL_ATTR_ACCESSOR_map(T, name, Upper, ...)                                 \
   QEL_ATTR_ACCESSOR_MAP_READ(T, name __VA_OPT__(, ) __VA_ARGS__)                   \
@@ -124,6 +130,9 @@ class TypeBuilder;
     name##_.set(*this, key, v);                                  \
   }
 #define QEL_ATTR_ACCESSOR_keyedMapRw QEL_ATTR_ACCESSOR_keyedMap
+#define QEL_ATTR_ACCESSOR_mapOwnWrites(T, name, Upper, ...) \
+  QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)                     \
+  QEL_ATTR_COUNT(name __VA_OPT__(, ) __VA_ARGS__)
 
 #define QEL_ATTR_ACCESSOR_children(T, name, Upper, ...)                      \
   typename ::Qel::NotifyingEntityMap<T, k##Upper>::Map const& name() const { \
@@ -171,6 +180,7 @@ class TypeBuilder;
 #define QEL_ATTR_FIELD_mapRo QEL_ATTR_FIELD_map
 #define QEL_ATTR_FIELD_keyedMap QEL_ATTR_FIELD_map
 #define QEL_ATTR_FIELD_keyedMapRw QEL_ATTR_FIELD_map
+#define QEL_ATTR_FIELD_mapOwnWrites QEL_ATTR_FIELD_map
 #define QEL_ATTR_FIELD_children(T, name, Upper) \
   ::Qel::NotifyingEntityMap<T, k##Upper> name##_{this};
 #define QEL_ATTR_FIELD_queue(T, name, Upper) ::Qel::NotifyingQueue<T, k##Upper> name##_;
@@ -188,6 +198,7 @@ class TypeBuilder;
 #define QEL_ATTR_KEY_mapRo(T) typename T::key_type
 #define QEL_ATTR_KEY_keyedMap(T) typename T::key_type
 #define QEL_ATTR_KEY_keyedMapRw(T) typename T::key_type
+#define QEL_ATTR_KEY_mapOwnWrites(T) typename T::key_type
 #define QEL_ATTR_KEY_children(T) ::Qel::Name
 #define QEL_ATTR_KEY_queue(T) ::Qel::U32
 #define QEL_ATTR_KEY_queueRo(T) ::Qel::U32
@@ -256,6 +267,7 @@ class TypeBuilder;
 #define QEL_ATTR_REFLECT_mapRo(T, name, Upper) \
   QEL_ATTR_REFLECT_COLLECTION(typename T::key_type, typename T::mapped_type, name))
 #define QEL_ATTR_REFLECT_keyedMap QEL_ATTR_REFLECT_mapRo
+#define QEL_ATTR_REFLECT_mapOwnWrites QEL_ATTR_REFLECT_mapRo
 #define QEL_ATTR_REFLECT_map(T, name, Upper)                                               \
   QEL_ATTR_REFLECT_COLLECTION(typename T::key_type, typename T::mapped_type, name),      \
       [](auto& e, typename T::key_type const& k, ::Qel::GenericIf::PtrConst const& v) {  \
