@@ -245,23 +245,25 @@ class TypeBuilder;
     return this->dispatchInTurn([&] { on##Upper(QEL_ATTR_KEY_OF(K)); }, \
                                 [&] { on##Upper##qelImmediate(); }, [&] { on##Upper(); });
 
-// --- reflection: a chain of TypeBuilder calls, one per attribute
+// --- reflection: a chain of TypeBuilder calls, one per attribute. Each call is spelled with
+// `.template`, so that the chain also follows a TypeBuilder<D>& of a template parameter D (a base
+// registering its attributes for the types derived from it).
 
 #define QEL_ATTR_REFLECTION(LIST) LIST(QEL_ATTR_REFLECT)
 #define QEL_ATTR_REFLECT(kind, style, T, name, Upper, ...) QEL_ATTR_REFLECT_##kind(T, name, Upper)
 
 #define QEL_ATTR_REFLECT_value(T, name, Upper) \
-  .value<T>(                                   \
+  .template value<T>(                          \
       #name, [](auto const& e) { return e.name(); }, [](auto& e, T const& v) { e.name##Is(v); })
 #define QEL_ATTR_REFLECT_valueRo(T, name, Upper) \
-  .value<T>(#name, [](auto const& e) { return e.name(); })
+  .template value<T>(#name, [](auto const& e) { return e.name(); })
 #define QEL_ATTR_REFLECT_getter QEL_ATTR_REFLECT_valueRo
 #define QEL_ATTR_REFLECT_ctor(T, name, Upper) QEL_ATTR_REFLECT_valueRo(T, name, Upper).constructor()
 #define QEL_ATTR_REFLECT_custom(T, name, Upper) .with(&qelReflect##Upper)
 #define QEL_ATTR_REFLECT_handler(T, name, Upper)
 
 #define QEL_ATTR_REFLECT_COLLECTION(K, V, name)                   \
-  .collection<K, V>(                                                                 \
+  .template collection<K, V>(                                                                 \
       #name, [](auto const& e, K const& k) { return e.name(k); },                    \
       [](auto const& e) { return e.name().size(); }
 #define QEL_ATTR_REFLECT_mapRo(T, name, Upper) \
