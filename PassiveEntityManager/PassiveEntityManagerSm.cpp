@@ -65,7 +65,7 @@ void PassiveEntityManagerSm::start() {
 PassiveEntityManagerSm::~PassiveEntityManagerSm() {
   qelDoZombieReactorsIs(true);
   forEachReactor([](auto& r) { r.ownerIs(nullptr); });
-  for (auto& [name, record] : conditionalMountGroup_)
+  for (auto const& [name, record] : conditionalMountGroup_.map())
     record->passiveEntityManagerSmIs(nullptr);
   handleDeletion();
 }
@@ -106,103 +106,24 @@ void PassiveEntityManagerSm::peerMountTableIs(Qel::MountTable::Ptr const& t) {
   notify(kPeerMountTable);
 }
 
-void PassiveEntityManagerSm::initializedIs(bool v) {
-  store(initialized_, v, kInitialized);
-}
-void PassiveEntityManagerSm::deletionIs(bool v) {
-  store(deletion_, v, kDeletion);
-}
-void PassiveEntityManagerSm::stateIs(State s) {
-  store(state_, s, kState);
-}
-void PassiveEntityManagerSm::mountsInProgressIs(bool v) {
-  store(mountsInProgress_, v, kMountsInProgress);
-}
-
-// --- pendingMountProfile
-
-Mount const* PassiveEntityManagerSm::pendingMountProfile(Qel::String const& path) const {
-  auto it = pendingMountProfile_.find(path);
-  return it == pendingMountProfile_.end() ? nullptr : &it->second;
-}
-
-void PassiveEntityManagerSm::pendingMountProfileIs(Mount const& m) {
-  Qel::String const path = m.path();
-  if (!Qel::storeIfChanged(pendingMountProfile_, path, m)) return;
-  notifyKey(kPendingMountProfile, path);
-}
-
-void PassiveEntityManagerSm::pendingMountProfileDel(Qel::String const& path) {
-  if (pendingMountProfile_.erase(path) == 0) return;
-  notifyKey(kPendingMountProfile, path);
-}
-
-void PassiveEntityManagerSm::pendingMountProfileDelAll() {
-  while (!pendingMountProfile_.empty())
-    pendingMountProfileDel(Qel::String(pendingMountProfile_.begin()->first));
-}
-
-// --- convertableMounts
-
-Qel::U32 PassiveEntityManagerSm::convertableMountsEnq(Mount const& m) {
-  Qel::U32 const index = convertableMounts_.enqueue(m);
-  notifyKey(kConvertableMounts, index);
-  return index;
-}
-
-Mount PassiveEntityManagerSm::convertableMountsDeq() {
-  if (convertableMounts_.empty()) return Mount();
-  Qel::U32 const index = convertableMounts_.metadata().head;
-  Mount m = *convertableMounts_.dequeue();
-  notifyKey(kConvertableMounts, index);
-  return m;
-}
-
-void PassiveEntityManagerSm::convertableMountsDel(Qel::U32 index) {
-  if (!convertableMounts_.erase(index)) return;
-  notifyKey(kConvertableMounts, index);
-}
-
-void PassiveEntityManagerSm::convertableMountsDelAll() {
-  while (!convertableMounts_.empty())
-    convertableMountsDeq();
-}
-
 // --- passiveDirMounterCol
-
-PassiveDirMounter::Ptr PassiveEntityManagerSm::passiveDirMounterCol(Qel::String const& path) const {
-  auto it = passiveDirMounterCol_.find(path);
-  return it == passiveDirMounterCol_.end() ? nullptr : it->second;
-}
 
 void PassiveEntityManagerSm::passiveDirMounterColIs(Qel::String const& path,
                                                     PassiveDirMounter::Ptr const& m) {
   if (!m) return passiveDirMounterColDel(path);
-  auto [it, inserted] = passiveDirMounterCol_.try_emplace(path, m);
-  if (!inserted) {
-    if (it->second == m) return;
-    // Release the replaced mounter only after the map holds the new one.
-    PassiveDirMounter::Ptr old = std::exchange(it->second, m);
-  }
-  notifyKey(kPassiveDirMounterCol, path);
+  passiveDirMounterCol_.set(*this, path, m);
 }
 
 void PassiveEntityManagerSm::passiveDirMounterColDel(Qel::String const& path) {
-  auto it = passiveDirMounterCol_.find(path);
-  if (it == passiveDirMounterCol_.end()) return;
-  // The mounter may be the caller (it removes itself when complete): it dies after the
-  // notification, when this frame's reference goes.
-  PassiveDirMounter::Ptr mounter = std::move(it->second);
-  passiveDirMounterCol_.erase(it);
-  notifyKey(kPassiveDirMounterCol, path);
+  if (!passiveDirMounterCol_.del(*this, path)) return;
   // A finished mounter may have been the last thing the agent waited for, with no mount request
   // left whose answer would run the next pass: run one at the next tick.
-  if (initialized_ && state_ != mountComplete) armRetryTimer();
+  if (initialized() && state() != mountComplete) armRetryTimer();
 }
 
 void PassiveEntityManagerSm::passiveDirMounterColDelAll() {
   while (!passiveDirMounterCol_.empty())
-    passiveDirMounterColDel(Qel::String(passiveDirMounterCol_.begin()->first));
+    passiveDirMounterColDel(Qel::String(passiveDirMounterCol_.map().begin()->first));
 }
 
 // --- readyMountGroup
@@ -255,12 +176,6 @@ void PassiveEntityManagerSm::readyMountGroupDelAll() {
 
 // --- conditionalMountGroup
 
-PassiveEntityManagerSm::QelConditionalMountGroup::Ptr PassiveEntityManagerSm::conditionalMountGroup(
-    Qel::Name const& name) const {
-  auto it = conditionalMountGroup_.find(name);
-  return it == conditionalMountGroup_.end() ? nullptr : it->second;
-}
-
 PassiveEntityManagerSm::QelConditionalMountGroup::Ptr
 PassiveEntityManagerSm::conditionalMountGroupIs(PassiveMountGroup::PtrConst const& group) {
   QEL_CHECK(group, "group && \"conditionalMountGroupIs of a null group\"");
@@ -272,88 +187,20 @@ PassiveEntityManagerSm::conditionalMountGroupIs(PassiveMountGroup::PtrConst cons
   // The record starts before it joins the collection: conditions that hold at once settle the
   // group inside handleInit, and the caller finds the record settled (initialized false).
   record->handleInit();
-  conditionalMountGroup_.emplace(name, record);
-  notifyKey(kConditionalMountGroup, name);
+  conditionalMountGroup_.set(*this, name, record);
   return record;
 }
 
 void PassiveEntityManagerSm::conditionalMountGroupDel(Qel::Name const& name) {
-  auto it = conditionalMountGroup_.find(name);
-  if (it == conditionalMountGroup_.end()) return;
-  QelConditionalMountGroup::Ptr record = std::move(it->second);
-  conditionalMountGroup_.erase(it);
+  QelConditionalMountGroup::Ptr const record = conditionalMountGroup(name);
+  if (!record) return;
   record->passiveEntityManagerSmIs(nullptr);
-  notifyKey(kConditionalMountGroup, name);
+  conditionalMountGroup_.del(*this, name);
 }
 
 void PassiveEntityManagerSm::conditionalMountGroupDelAll() {
   while (!conditionalMountGroup_.empty())
-    conditionalMountGroupDel(Qel::Name(conditionalMountGroup_.begin()->first));
-}
-
-// --- blockingConditionals, templateCache, allMountPaths
-
-std::optional<bool> PassiveEntityManagerSm::blockingConditionals(
-    Qel::String const& condition) const {
-  auto it = blockingConditionals_.find(condition);
-  if (it == blockingConditionals_.end()) return std::nullopt;
-  return it->second;
-}
-
-void PassiveEntityManagerSm::blockingConditionalsIs(Qel::String const& condition, bool v) {
-  if (!Qel::storeIfChanged(blockingConditionals_, condition, v)) return;
-  notifyKey(kBlockingConditionals, condition);
-}
-
-void PassiveEntityManagerSm::blockingConditionalsDel(Qel::String const& condition) {
-  if (blockingConditionals_.erase(condition) == 0) return;
-  notifyKey(kBlockingConditionals, condition);
-}
-
-void PassiveEntityManagerSm::blockingConditionalsDelAll() {
-  while (!blockingConditionals_.empty())
-    blockingConditionalsDel(Qel::String(blockingConditionals_.begin()->first));
-}
-
-Qel::String const* PassiveEntityManagerSm::templateCache(Qel::String const& key) const {
-  auto it = templateCache_.find(key);
-  return it == templateCache_.end() ? nullptr : &it->second;
-}
-
-void PassiveEntityManagerSm::templateCacheIs(Qel::String const& key, Qel::String const& value) {
-  if (!Qel::storeIfChanged(templateCache_, key, value)) return;
-  notifyKey(kTemplateCache, key);
-}
-
-void PassiveEntityManagerSm::templateCacheDel(Qel::String const& key) {
-  if (templateCache_.erase(key) == 0) return;
-  notifyKey(kTemplateCache, key);
-}
-
-void PassiveEntityManagerSm::templateCacheDelAll() {
-  while (!templateCache_.empty())
-    templateCacheDel(Qel::String(templateCache_.begin()->first));
-}
-
-Mount PassiveEntityManagerSm::allMountPaths(Qel::String const& path) const {
-  auto it = allMountPaths_.find(path);
-  return it == allMountPaths_.end() ? Mount() : it->second;
-}
-
-void PassiveEntityManagerSm::allMountPathsIs(Mount const& m) {
-  Qel::String const path = m.path();
-  if (!Qel::storeIfChanged(allMountPaths_, path, m)) return;
-  notifyKey(kAllMountPaths, path);
-}
-
-void PassiveEntityManagerSm::allMountPathsDel(Qel::String const& path) {
-  if (allMountPaths_.erase(path) == 0) return;
-  notifyKey(kAllMountPaths, path);
-}
-
-void PassiveEntityManagerSm::allMountPathsDelAll() {
-  while (!allMountPaths_.empty())
-    allMountPathsDel(Qel::String(allMountPaths_.begin()->first));
+    conditionalMountGroupDel(Qel::Name(conditionalMountGroup_.map().begin()->first));
 }
 
 // --- start-up
@@ -361,7 +208,7 @@ void PassiveEntityManagerSm::allMountPathsDelAll() {
 void PassiveEntityManagerSm::handleInitialized() {
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::handleInitialized():  agentName: {}", agentName());
-  if (initialized_) return;
+  if (initialized()) return;
   auto config = Qel::ActivityManagerConfig::instance();
   Qel::String const rootPath = "/" + config->systemName() + "/Ledra";
   Qel::Entity::Ptr root = Qel::globalDir()->entity(rootPath);
@@ -386,7 +233,7 @@ void PassiveEntityManagerSm::doSetDemuxerProperty() {
 void PassiveEntityManagerSm::handleInputProtocolVersion() {
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::handleInputProtocolVersion():  agentName: {}", agentName());
-  if (!initialized_) return;
+  if (!initialized()) return;
   auto table = peerMountTable();
   if (!table) return;
   if (table->currentVersion() != Qel::MountTable::kProtocolVersion) {
@@ -400,7 +247,7 @@ void PassiveEntityManagerSm::handleInputProtocolVersion() {
 void PassiveEntityManagerSm::doRootMount() {
   TRACE(PassiveEntityManager, kTraceEntry, "PassiveEntityManagerSm::doRootMount():  agentName: {}",
         agentName());
-  if (!initialized_) return;
+  if (!initialized()) return;
   doPassiveMount(ledraRoot_ ? Qel::String(ledraRoot_->fullName()) : Qel::String(),
                  agentProfile_ ? agentProfile_->rootFlags() : Qel::String(), Qel::String());
 }
@@ -454,7 +301,7 @@ void PassiveEntityManagerSm::hasNotificationActiveIs(bool on) {
   if (notificationActive_ == on) return;
   notificationActive_ = on;
   forEachReactor([on](auto& r) { r.hasNotificationActiveIs(on); });
-  for (auto& [name, record] : conditionalMountGroup_)
+  for (auto const& [name, record] : conditionalMountGroup_.map())
     record->hasNotificationActiveIs(on);
 }
 
@@ -462,93 +309,26 @@ void PassiveEntityManagerSm::qelDoZombieReactorsIs(bool zombie) {
   if (zombie_ == zombie) return;
   zombie_ = zombie;
   forEachReactor([zombie](auto& r) { r.qelDoZombieReactorsIs(zombie); });
-  for (auto& [name, record] : conditionalMountGroup_)
+  for (auto const& [name, record] : conditionalMountGroup_.map())
     record->qelDoZombieReactorsIs(zombie);
 }
 
 // --- reflection
 
+void PassiveEntityManagerSm::qelReflectReadyMountGroup(
+    Qel::TypeBuilder<PassiveEntityManagerSm>& b) {
+  using E = PassiveEntityManagerSm;
+  using Index = ReadyMountGroupCompoundIndex;
+  b.collection<Index, PassiveMountGroup::PtrConst>(
+      "readyMountGroup", [](E const& e, Index const& k) { return e.readyMountGroup(k); },
+      [](E const& e) { return e.readyMountGroups(); });
+}
+
 Qel::QelType const* PassiveEntityManagerSm::staticType() {
   using E = PassiveEntityManagerSm;
-  using GPtr = Qel::GenericIf::PtrConst;
-  using Index = ReadyMountGroupCompoundIndex;
-  auto mountLookup = [](auto all) {
-    return [all](E const& e, Qel::String const& k) -> std::optional<Mount> {
-      auto const& col = all(e);
-      auto it = col.find(k);
-      if (it == col.end()) return std::nullopt;
-      return it->second;
-    };
-  };
   static Qel::QelType const* t =
-      Qel::TypeBuilder<E>("Ledra::PassiveEntityManagerSm")
-          .value<PassiveAgentProfile::PtrConst>("agentProfile",
-                                                [](E const& e) { return e.agentProfile(); })
-          .constructor()
-          .value<PassiveAgentStatus::Ptr>("agentStatus", [](E const& e) { return e.agentStatus(); })
-          .constructor()
-          .value<Qel::NboAttrLog::Demuxer::Ptr>("demuxer", [](E const& e) { return e.demuxer(); })
-          .constructor()
-          .value<Qel::MountTable::Ptr>("peerMountTable",
-                                       [](E const& e) { return e.peerMountTable(); })
-          .constructor()
-          .value<EntityManager::PtrConst>("entMgr", [](E const& e) { return e.entMgr(); })
-          .constructor()
-          .value<Orn::TimerWheel::PtrConst>("timerWheel", [](E const& e) { return e.timerWheel(); })
-          .constructor()
-          .value<Qel::Dir::Ptr>("ledraRoot", [](E const& e) { return e.ledraRoot(); })
-          .value<bool>(
-              "initialized", [](E const& e) { return e.initialized(); },
-              [](E& e, bool v) { e.initializedIs(v); })
-          .value<bool>(
-              "deletion", [](E const& e) { return e.deletion(); },
-              [](E& e, bool v) { e.deletionIs(v); })
-          .value<State>(
-              "state", [](E const& e) { return e.state(); }, [](E& e, State v) { e.stateIs(v); })
-          .value<bool>("mountsInProgress", [](E const& e) { return e.mountsInProgress(); })
-          .value<ConvertableMountsMetadata>(
-              "convertableMountsMetadata", [](E const& e) { return e.convertableMountsMetadata(); })
-          .collection<Qel::String, Mount>(
-              "pendingMountProfile",
-              mountLookup([](E const& e) -> auto const& { return e.pendingMountProfile(); }),
-              [](E const& e) { return e.pendingMountProfiles(); })
-          .collection<Qel::U32, Mount>(
-              "convertableMounts",
-              [](E const& e, Qel::U32 i) -> std::optional<Mount> {
-                Mount const* m = e.convertableMounts(i);
-                return m ? std::optional<Mount>(*m) : std::nullopt;
-              },
-              [](E const& e) { return e.convertableMountsCount(); })
-          .collection<Qel::String, Qel::Ptr<PassiveDirMounter>>(
-              "passiveDirMounterCol",
-              [](E const& e, Qel::String const& k) { return e.passiveDirMounterCol(k); },
-              [](E const& e) { return e.passiveDirMounterCol().size(); })
-          .collection<Index, PassiveMountGroup::PtrConst>(
-              "readyMountGroup", [](E const& e, Index const& k) { return e.readyMountGroup(k); },
-              [](E const& e) { return e.readyMountGroups(); })
-          .collection<Qel::Name, QelConditionalMountGroup::Ptr>(
-              "conditionalMountGroup",
-              [](E const& e, Qel::Name const& k) { return e.conditionalMountGroup(k); },
-              [](E const& e) { return e.conditionalMountGroup().size(); })
-          .collection<Qel::String, bool>(
-              "blockingConditionals",
-              [](E const& e, Qel::String const& k) { return e.blockingConditionals(k); },
-              [](E const& e) { return e.blockingConditionals().size(); },
-              [](E& e, Qel::String const& k, GPtr const& v) {
-                if (!v) return e.blockingConditionalsDel(k);
-                e.blockingConditionalsIs(k, v->valueAs<bool>());
-              })
-          .collection<Qel::String, Qel::String>(
-              "templateCache",
-              [](E const& e, Qel::String const& k) -> std::optional<Qel::String> {
-                Qel::String const* v = e.templateCache(k);
-                return v ? std::optional<Qel::String>(*v) : std::nullopt;
-              },
-              [](E const& e) { return e.templateCache().size(); })
-          .collection<Qel::String, Mount>(
-              "allMountPaths",
-              mountLookup([](E const& e) -> auto const& { return e.allMountPaths(); }),
-              [](E const& e) { return e.allMountPaths().size(); })
+      Qel::TypeBuilder<E>("Ledra::PassiveEntityManagerSm") QEL_ATTR_REFLECTION(
+          LEDRA_PASSIVE_ENTITY_MANAGER_SM_ATTRIBUTES)
           .handler("handleInitialized", [](E& e) { e.handleInitialized(); })
           .handler("handleInputProtocolVersion", [](E& e) { e.handleInputProtocolVersion(); })
           .handler("doSetDemuxerProperty", [](E& e) { e.doSetDemuxerProperty(); })

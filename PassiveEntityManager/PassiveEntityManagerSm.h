@@ -40,6 +40,8 @@
 #include "PassiveEntityManager/Mount.h"
 #include "PassiveEntityManager/PassiveAgentProfile.h"
 #include "PassiveEntityManager/PassiveAgentStatus.h"
+#include "PassiveEntityManager/PassiveDirMounter.h"
+#include "Qel/AttrList.h"
 #include "Qel/BucketQueue.h"
 #include "Qel/Dir.h"
 #include "Qel/GenericValue.h"
@@ -50,7 +52,46 @@
 namespace Ledra {
 
 class ConditionalMountGroupSm;
-class PassiveDirMounter;
+
+// The attributes, in id order (see Qel/AttrList.h): the constructor attributes, the plain
+// attributes and the collections, then the handlers reachable by name.
+#define LEDRA_PASSIVE_ENTITY_MANAGER_SM_ATTRIBUTES(X)                                              \
+  X(ctor, none, PassiveAgentProfile::PtrConst, agentProfile, AgentProfile)                         \
+  X(ctor, none, PassiveAgentStatus::Ptr, agentStatus, AgentStatus)                                 \
+  X(ctor, none, Qel::NboAttrLog::Demuxer::Ptr, demuxer, Demuxer)                                   \
+  X(ctor, none, Qel::MountTable::Ptr, peerMountTable, PeerMountTable)                              \
+  X(ctor, none, EntityManager::PtrConst, entMgr, EntMgr)                                           \
+  X(ctor, none, Orn::TimerWheel::PtrConst, timerWheel, TimerWheel)                                 \
+  X(getter, none, Qel::Dir::Ptr, ledraRoot, LedraRoot)                                             \
+  X(value, plain, bool, initialized, Initialized)                                                  \
+  X(value, plain, bool, deletion, Deletion)                                                        \
+  X(value, plain, State, state, State)                                                             \
+  X(valueRo, plain, bool, mountsInProgress, MountsInProgress)                                      \
+  X(getter, none, ConvertableMountsMetadata, convertableMountsMetadata, ConvertableMountsMetadata) \
+  X(keyedMap, key, PendingMountProfileCol, pendingMountProfile, PendingMountProfile,               \
+    pendingMountProfiles)                                                                          \
+  X(queueRo, key, Mount, convertableMounts, ConvertableMounts, convertableMountsCount)             \
+  X(mapOwnWrites, key, PassiveDirMounterCol, passiveDirMounterCol, PassiveDirMounterCol)           \
+  X(custom, plain, ReadyMountGroupCompoundIndex, readyMountGroup, ReadyMountGroup)                 \
+  X(mapOwnWrites, key, ConditionalMountGroupCol, conditionalMountGroup, ConditionalMountGroup)     \
+  X(map, key, StringBoolMap, blockingConditionals, BlockingConditionals)                           \
+  X(mapRo, none, StringMap, templateCache, TemplateCache)                                          \
+  X(keyedMap, key, MountMap, allMountPaths, AllMountPaths)                                         \
+  X(handler, none, void, handleInitialized, HandleInitialized)                                     \
+  X(handler, none, void, handleInputProtocolVersion, HandleInputProtocolVersion)                   \
+  X(handler, none, void, doSetDemuxerProperty, DoSetDemuxerProperty)                               \
+  X(handler, none, void, doRootMount, DoRootMount)                                                 \
+  X(handler, none, void, doInitiateMounts, DoInitiateMounts)                                       \
+  X(handler, none, void, handleClose, HandleClose)                                                 \
+  X(handler, none, void, handleDeletion, HandleDeletion)                                           \
+  X(handler, none, void, doCleanup, DoCleanup)                                                     \
+  X(handler, none, void, handleMountProfile, HandleMountProfile)                                   \
+  X(handler, none, void, doPendingMounts, DoPendingMounts)                                         \
+  X(handler, none, void, evaluateTemplateCondition, EvaluateTemplateCondition)                     \
+  X(handler, none, void, doPassiveMount, DoPassiveMount)                                           \
+  X(handler, none, void, doNestedPassiveMount, DoNestedPassiveMount)                               \
+  X(handler, none, void, doPopulateMountPaths, DoPopulateMountPaths)                               \
+  X(handler, none, void, doInitTemplateDict, DoInitTemplateDict)
 
 class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
  public:
@@ -97,53 +138,15 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   using StringMap = std::unordered_map<Qel::String, Qel::String>;
   using MountMap = std::unordered_map<Qel::String, Mount>;
 
-  // Attribute ids in the generic view: the constructor attributes, the plain attributes and the
-  // collections in declaration order, then the handlers reachable by name.
-  enum : Qel::AttributeId {
-    kAgentProfile = 1,
-    kAgentStatus,
-    kDemuxer,
-    kPeerMountTable,
-    kEntMgr,
-    kTimerWheel,
-    kLedraRoot,
-    kInitialized,
-    kDeletion,
-    kState,
-    kMountsInProgress,
-    kConvertableMountsMetadata,
-    kPendingMountProfile,
-    kConvertableMounts,
-    kPassiveDirMounterCol,
-    kReadyMountGroup,
-    kConditionalMountGroup,
-    kBlockingConditionals,
-    kTemplateCache,
-    kAllMountPaths,
-    kHandleInitialized,
-    kHandleInputProtocolVersion,
-    kDoSetDemuxerProperty,
-    kDoRootMount,
-    kDoInitiateMounts,
-    kHandleClose,
-    kHandleDeletion,
-    kDoCleanup,
-    kHandleMountProfile,
-    kDoPendingMounts,
-    kEvaluateTemplateCondition,
-    kDoPassiveMount,
-    kDoNestedPassiveMount,
-    kDoPopulateMountPaths,
-    kDoInitTemplateDict,
-  };
+  class QelConditionalMountGroup;
+  using ConditionalMountGroupCol =
+      std::unordered_map<Qel::Name, Qel::Ptr<QelConditionalMountGroup>>;
+  QEL_ATTR_IDS(LEDRA_PASSIVE_ENTITY_MANAGER_SM_ATTRIBUTES);
 
   class QelAgentProfile;
   class QelDemuxer;
   class QelPeerMountTable;
   class QelTimerWheel;
-  class QelConditionalMountGroup;
-  using ConditionalMountGroupCol =
-      std::unordered_map<Qel::Name, Qel::Ptr<QelConditionalMountGroup>>;
 
   template <class N>
   class NotifieeT;
@@ -170,41 +173,23 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   Qel::Name agentName() const;
 
   Qel::Dir::Ptr const& ledraRoot() const { return ledraRoot_; }
-  bool initialized() const { return initialized_; }
-  void initializedIs(bool v);
-  bool deletion() const { return deletion_; }
-  void deletionIs(bool v);
-  State state() const { return state_; }
-  void stateIs(State s);
-  bool mountsInProgress() const { return mountsInProgress_; }
-  void mountsInProgressIs(bool v);
   // When the retry timer fires next; Qel::kNever when it is not armed.
   Qel::Time retryTime() const;
 
-  // Mounts deferred until their parent (or their blocking directory mounter) is ready.
-  PendingMountProfileCol const& pendingMountProfile() const { return pendingMountProfile_; }
-  Mount const* pendingMountProfile(Qel::String const& path) const;
-  std::size_t pendingMountProfiles() const { return pendingMountProfile_.size(); }
-  void pendingMountProfileIs(Mount const& m);
-  void pendingMountProfileDel(Qel::String const& path);
-  void pendingMountProfileDelAll();
+  // The plain attributes and the collections (see the list above):
+  //   pendingMountProfile    mounts deferred until their parent (or their blocking directory
+  //                          mounter) is ready, by path
+  //   convertableMounts      mounts made "C" (not yet writable), to mount again with "w" once
+  //                          writing is granted; Deq gives an empty Mount when none is queued
+  //   blockingConditionals   conditions of blocking conditional groups not yet settled; while
+  //                          any exists the ready queue stands still
+  //   templateCache          the engine's copy of substituted template paths
+  //   allMountPaths          every mount path of the profile after template expansion, with
+  //                          parents added on its behalf
+  QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_ENTITY_MANAGER_SM_ATTRIBUTES)
 
-  // Mounts made "C" (not yet writable), to mount again with "w" once writing is granted.
-  ConvertableMountsCol const& convertableMounts() const { return convertableMounts_; }
-  Mount const* convertableMounts(Qel::U32 index) const { return convertableMounts_.at(index); }
-  std::size_t convertableMountsCount() const { return convertableMounts_.size(); }
-  ConvertableMountsMetadata convertableMountsMetadata() const {
-    return convertableMounts_.metadata();
-  }
-  Qel::U32 convertableMountsEnq(Mount const& m);
-  // Removes and returns the oldest; an empty Mount when none.
-  Mount convertableMountsDeq();
-  void convertableMountsDel(Qel::U32 index);
-  void convertableMountsDelAll();
-
-  // Directory mounters in progress, by directory path. Removing one releases it.
-  PassiveDirMounterCol const& passiveDirMounterCol() const { return passiveDirMounterCol_; }
-  Qel::Ptr<PassiveDirMounter> passiveDirMounterCol(Qel::String const& path) const;
+  // Directory mounters in progress, by directory path. Storing null removes; a removed mounter
+  // is released after its notification (it may be the caller, removing itself when complete).
   void passiveDirMounterColIs(Qel::String const& path, Qel::Ptr<PassiveDirMounter> const& m);
   void passiveDirMounterColDel(Qel::String const& path);
   void passiveDirMounterColDelAll();
@@ -223,36 +208,11 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   void readyMountGroupDelAll();
 
   // Conditional groups waiting for their conditions, by group name.
-  ConditionalMountGroupCol const& conditionalMountGroup() const { return conditionalMountGroup_; }
-  Qel::Ptr<QelConditionalMountGroup> conditionalMountGroup(Qel::Name const& name) const;
   // The record of `group`'s name: the existing one, or a new one (which starts at once).
   Qel::Ptr<QelConditionalMountGroup> conditionalMountGroupIs(
       PassiveMountGroup::PtrConst const& group);
   void conditionalMountGroupDel(Qel::Name const& name);
   void conditionalMountGroupDelAll();
-
-  // Conditions of blocking conditional groups not yet settled; while any exists the ready queue
-  // stands still.
-  StringBoolMap const& blockingConditionals() const { return blockingConditionals_; }
-  std::optional<bool> blockingConditionals(Qel::String const& condition) const;
-  void blockingConditionalsIs(Qel::String const& condition, bool v);
-  void blockingConditionalsDel(Qel::String const& condition);
-  void blockingConditionalsDelAll();
-
-  // The engine's copy of substituted template paths.
-  StringMap const& templateCache() const { return templateCache_; }
-  Qel::String const* templateCache(Qel::String const& key) const;
-  void templateCacheIs(Qel::String const& key, Qel::String const& value);
-  void templateCacheDel(Qel::String const& key);
-  void templateCacheDelAll();
-
-  // Every mount path of the profile after template expansion, with parents added on its behalf.
-  MountMap const& allMountPaths() const { return allMountPaths_; }
-  // The profile of `path`; an empty Mount when none.
-  Mount allMountPaths(Qel::String const& path) const;
-  void allMountPathsIs(Mount const& m);
-  void allMountPathsDel(Qel::String const& path);
-  void allMountPathsDelAll();
 
   // Start-up.
   void handleInitialized();
@@ -326,12 +286,7 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   bool isMountComplete(Qel::String const& path) const;
   template <class F>
   void forEachReactor(F f);
-  template <class T>
-  void store(T& field, T const& v, Qel::AttributeId aid) {
-    if (field == v) return;
-    field = v;
-    notify(aid);
-  }
+  static void qelReflectReadyMountGroup(Qel::TypeBuilder<PassiveEntityManagerSm>& b);
 
   PassiveAgentProfile::PtrConst const agentProfile_;
   PassiveAgentStatus::Ptr const agentStatus_;
@@ -341,25 +296,16 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   Qel::Ptr<QelPeerMountTable> qelPeerMountTable_;
   Qel::Ptr<QelTimerWheel> qelTimerWheel_;
 
+  // Notified on each start-up, changed or not.
   Qel::Dir::Ptr ledraRoot_;
-  bool initialized_ = false;
-  bool deletion_ = false;
-  State state_ = init;
-  bool mountsInProgress_ = false;
   bool notificationActive_ = false;
   bool zombie_ = false;
   // handleClose ran since handleInitialized last started: the agent's connection is closed for an
   // invalid profile entry, and that run of handleInitialized sets nothing further up.
   bool closed_ = false;
 
-  PendingMountProfileCol pendingMountProfile_;
-  ConvertableMountsCol convertableMounts_;
-  PassiveDirMounterCol passiveDirMounterCol_;
   ReadyMountGroupCol readyMountGroup_;
-  ConditionalMountGroupCol conditionalMountGroup_;
-  StringBoolMap blockingConditionals_;
-  StringMap templateCache_;
-  MountMap allMountPaths_;
+  QEL_ATTR_STORAGE(LEDRA_PASSIVE_ENTITY_MANAGER_SM_ATTRIBUTES)
 };
 
 // Creates and starts the engine of one agent; never null.
@@ -415,46 +361,7 @@ template <class N>
 class PassiveEntityManagerSm::NotifieeT : public Qel::BasicNotifiee<N> {
  public:
   using Qel::BasicNotifiee<N>::BasicNotifiee;
-  virtual void onInitialized() {}
-  virtual void onDeletion() {}
-  virtual void onState() {}
-  virtual void onMountsInProgress() {}
-  virtual void onPendingMountProfile(Qel::String const& path) {}
-  virtual void onConvertableMounts(Qel::U32 index) {}
-  virtual void onPassiveDirMounterCol(Qel::String const& path) {}
-  virtual void onReadyMountGroup() {}
-  virtual void onConditionalMountGroup(Qel::Name const& name) {}
-  virtual void onBlockingConditionals(Qel::String const& condition) {}
-  virtual void onAllMountPaths(Qel::String const& path) {}
-  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
-    auto string = [&key] { return *static_cast<Qel::String const*>(key.native); };
-    switch (aid) {
-      case kInitialized:
-        return onInitialized();
-      case kDeletion:
-        return onDeletion();
-      case kState:
-        return onState();
-      case kMountsInProgress:
-        return onMountsInProgress();
-      case kPendingMountProfile:
-        return onPendingMountProfile(string());
-      case kConvertableMounts:
-        return onConvertableMounts(*static_cast<Qel::U32 const*>(key.native));
-      case kPassiveDirMounterCol:
-        return onPassiveDirMounterCol(string());
-      case kReadyMountGroup:
-        return onReadyMountGroup();
-      case kConditionalMountGroup:
-        return onConditionalMountGroup(*static_cast<Qel::Name const*>(key.native));
-      case kBlockingConditionals:
-        return onBlockingConditionals(string());
-      case kAllMountPaths:
-        return onAllMountPaths(string());
-      default:
-        return;
-    }
-  }
+  QEL_ATTR_NOTIFIEE(LEDRA_PASSIVE_ENTITY_MANAGER_SM_ATTRIBUTES)
 };
 
 }  // namespace Ledra

@@ -26,6 +26,11 @@ Qel::String parentOf(Qel::String const& path) {
   return Qel::String(path.substr(0, slash));
 }
 
+// A looked-up mount profile, or an empty Mount when there is none.
+Mount orEmpty(Mount const* m) {
+  return m ? *m : Mount();
+}
+
 // The components of a "/"-separated path, empty ones skipped.
 std::vector<Qel::Name> componentsOf(Qel::String const& path) {
   std::vector<Qel::Name> out;
@@ -237,7 +242,7 @@ PassiveEntityManagerSm::ParentSaState PassiveEntityManagerSm::parentSaState(
 
 void PassiveEntityManagerSm::autoMountParent(Mount const& mount, Qel::String const& parent) {
   TRACE(PassiveEntityManager, kTraceDecision, "no sa for {} auto mounting", parent);
-  Mount const parentMount = allMountPaths(parent);
+  Mount const parentMount = orEmpty(allMountPaths(parent));
   if (parentMount.empty()) return mountWholePath(mount);
   TRACE(PassiveEntityManager, kTraceDecision, "no sa for parent, mount profile found ");
   QEL_CHECK(parentMount.type() == "Qel::Dir", "parentMount.type() == \"Qel::Dir\"");
@@ -275,7 +280,7 @@ void PassiveEntityManagerSm::mountWholePath(Mount const& mount) {
   }
   TRACE(PassiveEntityManager, kTraceDecision, "final component name is {}", components.back());
   pendingMountProfileIs(mount);
-  for (std::size_t i = firstUnmounted; i < prefixes.size() && initialized_; ++i) {
+  for (std::size_t i = firstUnmounted; i < prefixes.size() && initialized(); ++i) {
     Qel::String const& p = prefixes[i];
     if (table && table->hasPathState(p)) continue;
     TRACE(PassiveEntityManager, kTraceDecision, "mounting prefix {}", p);
@@ -293,7 +298,7 @@ void PassiveEntityManagerSm::doPopulateMountPaths() {
     if (!group) continue;
     for (auto const& [rawPath, profileMount] : group->mountProfile()) {
       Mount const mount(canonicalPath(rawPath), profileMount.type(), profileMount.userFlags());
-      Mount const existing = allMountPaths(mount.path());
+      Mount const existing = orEmpty(allMountPaths(mount.path()));
       if (existing.empty()) {
         TRACE(PassiveEntityManager, kTraceDecision, "Adding path  {} to allMountPaths ",
               mount.path());
@@ -324,7 +329,7 @@ void PassiveEntityManagerSm::maybeAddParentMountProfile(Mount const& mount) {
     dir = next;
   }
   if (deepest.empty()) return;
-  Mount const existing = allMountPaths(deepest);
+  Mount const existing = orEmpty(allMountPaths(deepest));
   if (existing.empty()) {
     TRACE(PassiveEntityManager, kTraceDecision, "Adding path  {} to allMountPaths ", deepest);
     allMountPathsIs(Mount(deepest, kDirType, "w"));

@@ -19,22 +19,22 @@ namespace Ledra {
 void PassiveEntityManagerSm::doInitiateMounts() {
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::doInitiateMounts():  agentName: {}", agentName());
-  if (!initialized_) return;
-  if (state_ == mountComplete) {
+  if (!initialized()) return;
+  if (state() == mountComplete) {
     TRACE(PassiveEntityManager, kTraceDecision, "mount complete..returning");
     return;
   }
   QEL_CHECK(demuxer(), "demuxer()");
-  if (demuxer()->flowOutMountRequests() != 0 || mountsInProgress_) {
+  if (demuxer()->flowOutMountRequests() != 0 || mountsInProgress()) {
     TRACE(PassiveEntityManager, kTraceDecision, "flowOut mount requests: {} mountsInProgress: {}",
-          demuxer()->flowOutMountRequests(), mountsInProgress_);
+          demuxer()->flowOutMountRequests(), mountsInProgress());
     return;
   }
   // A handler of the pass may drop the last outside reference to this engine.
   Ptr const keepAlive(this);
   MountsInProgressAnchor const anchor(this);
-  if (state_ == conditionalMountGroupPending) return;
-  if (state_ != readyMountGroupPending && !queueProfileGroups()) return;
+  if (state() == conditionalMountGroupPending) return;
+  if (state() != readyMountGroupPending && !queueProfileGroups()) return;
   serveReadyGroups();
 }
 
@@ -104,12 +104,12 @@ void PassiveEntityManagerSm::serveReadyGroups() {
   }
   TRACE(PassiveEntityManager, kTraceDecision, "all previous mounts completed");
   doPendingMounts();
-  if (!initialized_) return;
+  if (!initialized()) return;
   if (!pendingMountProfile_.empty()) return retryLater();
   if (!blockingConditionals_.empty()) return completionTest();
   takeReadyGroups();
   // A group may have closed the agent for an invalid profile entry.
-  if (!initialized_) return;
+  if (!initialized()) return;
   convertMounts();
   if (!readyMountGroup_.empty()) {
     if (!pendingMountProfile_.empty()) return retryLater();
@@ -125,7 +125,7 @@ void PassiveEntityManagerSm::serveReadyGroups() {
 
 void PassiveEntityManagerSm::takeReadyGroups() {
   auto const d = demuxer();
-  while (initialized_ && d->flowOutMountRequests() == 0 && !readyMountGroup_.empty() &&
+  while (initialized() && d->flowOutMountRequests() == 0 && !readyMountGroup_.empty() &&
          pendingMountProfile_.empty() && blockingConditionals_.empty()) {
     PassiveMountGroup::PtrConst const group = readyMountGroupDeq();
     Qel::Name const name = group->name();
@@ -149,7 +149,7 @@ void PassiveEntityManagerSm::convertMounts() {
   if (convertableMounts_.empty() || !entMgr_ || !entMgr_->writeMountsGranted()) return;
   TRACE(PassiveEntityManager, kTraceDecision, "Num mounts to convert: {}",
         convertableMounts_.size());
-  while (initialized_ && !convertableMounts_.empty()) {
+  while (initialized() && !convertableMounts_.empty()) {
     Mount const m = convertableMountsDeq();
     if (agentStatus_) agentStatus_->mountReferenceDel(Qel::Name(m.path()));
     TRACE(PassiveEntityManager, kTraceDecision, "Converting {} to w", m.path());
@@ -190,10 +190,10 @@ void PassiveEntityManagerSm::handleMountProfile(PassiveMountGroup::PtrConst cons
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::handleMountProfile( group ): {} prio: {}", group->name(),
         group->priority());
-  if (!initialized_) return;
+  if (!initialized()) return;
   QEL_CHECK(peerMountTable(), "peerMountTable()");
   for (auto const& [path, mount] : group->mountProfile()) {
-    if (!initialized_) return;
+    if (!initialized()) return;
     doNestedPassiveMount(mount);
   }
 }
@@ -205,9 +205,9 @@ void PassiveEntityManagerSm::doPendingMounts() {
   TRACE(PassiveEntityManager, kTraceDecision, "doPendingMounts: pendingMountProfiles(): {}",
         pendingMountProfile_.size());
   // A mount that still has to wait is put back; it is retried by the next pass, not this one.
-  PendingMountProfileCol const pending = pendingMountProfile_;
+  PendingMountProfileCol const pending = pendingMountProfile_.map();
   for (auto const& [path, mount] : pending) {
-    if (!initialized_) return;
+    if (!initialized()) return;
     pendingMountProfileDel(path);
     doNestedPassiveMount(mount);
   }

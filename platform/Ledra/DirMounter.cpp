@@ -86,13 +86,8 @@ void DirMounter::dirEntryMounterDel() {
   dirEntryMount_ = EntryMount();
 }
 
-DirMounter::EntryMount DirMounter::deferredMount(Qel::U32 index) const {
-  auto it = deferredMount_.find(index);
-  return it == deferredMount_.end() ? EntryMount() : it->second;
-}
-
 DirMounter::EntryMount DirMounter::deferredMountFront() const {
-  return deferredMount_.empty() ? EntryMount() : deferredMount_.begin()->second;
+  return deferredMount_.empty() ? EntryMount() : deferredMount().begin()->second;
 }
 
 Qel::U32 DirMounter::deferredMountEnq(EntryMount const& m) {
@@ -104,58 +99,34 @@ Qel::U32 DirMounter::deferredMountEnq(EntryMount const& m) {
 
 DirMounter::EntryMount DirMounter::deferredMountDeq() {
   if (deferredMount_.empty()) return EntryMount();
-  EntryMount m = deferredMount_.begin()->second;
-  deferredMountDel(deferredMount_.begin()->first);
+  auto const [index, m] = *deferredMount().begin();
+  deferredMountDel(index);
   return m;
 }
 
 void DirMounter::deferredMountIs(Qel::U32 index, EntryMount const& m) {
-  auto [it, inserted] = deferredMount_.try_emplace(index, m);
-  Qel::String replaced;
-  if (!inserted) {
-    if (it->second == m) return;
-    replaced = it->second.path();
-    it->second = m;
-  }
+  EntryMount const* const present = deferredMount(index);
+  if (present && *present == m) return;
+  Qel::String const replaced = present ? present->path() : Qel::String();
   if (index >= nextIndex_) nextIndex_ = index + 1;
-  notifyKey(kDeferredMount, index);
+  deferredMount_.set(*this, index, m);
   if (!replaced.empty() && replaced != m.path()) deferredMountPathRelease(replaced);
   deferredMountPathsIs(m.path(), true);
 }
 
 void DirMounter::deferredMountDel(Qel::U32 index) {
-  auto it = deferredMount_.find(index);
-  if (it == deferredMount_.end()) return;
-  Qel::String const path = it->second.path();
-  deferredMount_.erase(it);
-  notifyKey(kDeferredMount, index);
+  EntryMount const* const present = deferredMount(index);
+  if (!present) return;
+  Qel::String const path = present->path();
+  deferredMount_.del(*this, index);
   deferredMountPathRelease(path);
 }
 
 void DirMounter::deferredMountPathRelease(Qel::String const& path) {
-  for (auto const& [index, m] : deferredMount_) {
+  for (auto const& [index, m] : deferredMount()) {
     if (m.path() == path) return;
   }
   deferredMountPathsDel(path);
-}
-
-bool DirMounter::deferredMountPaths(Qel::String const& path) const {
-  auto it = deferredMountPaths_.find(path);
-  return it != deferredMountPaths_.end() && it->second;
-}
-
-void DirMounter::deferredMountPathsIs(Qel::String const& path, bool v) {
-  auto [it, inserted] = deferredMountPaths_.try_emplace(path, v);
-  if (!inserted) {
-    if (it->second == v) return;
-    it->second = v;
-  }
-  notifyKey(kDeferredMountPaths, path);
-}
-
-void DirMounter::deferredMountPathsDel(Qel::String const& path) {
-  if (deferredMountPaths_.erase(path) == 0) return;
-  notifyKey(kDeferredMountPaths, path);
 }
 
 void DirMounter::dirPathReactorIs(Qel::Dir::PtrConst const& dir, Qel::String const& dirPath,
@@ -173,14 +144,14 @@ void DirMounter::dirPathReactorDel() {
 
 void DirMounter::start() {
   QEL_CHECK(!started_, "!started_ && \"DirMounter started twice\"");
-  QEL_CHECK(!mountPath_.empty(), "!mountPath_.empty() && \"DirMounter without a mount path\"");
+  QEL_CHECK(!mountPath().empty(), "!mountPath_.empty() && \"DirMounter without a mount path\"");
   QEL_CHECK(settleDelay_ == 0 || clock(),
             "(settleDelay_ == 0 || clock()) && \"DirMounter settle delay without a clock\"");
   started_ = true;
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
-  TRACE(LedraPlatform, 5, "DirMounter {} starts on {}", name(), mountPath_);
+  TRACE(LedraPlatform, 5, "DirMounter {} starts on {}", name(), mountPath());
   handleInit();
-  components_ = components(mountPath_);
+  components_ = components(mountPath());
   Qel::Dir::PtrConst from = parentDir_ ? Qel::Dir::PtrConst(parentDir_) : Qel::globalDir();
   std::size_t index = 0;
   if (parentDir_) {
@@ -199,7 +170,7 @@ void DirMounter::search(Qel::Dir::PtrConst dir, std::size_t index) {
     Qel::Entity::Ptr e = dir->entry(components_[index]);
     auto const* next = dynamic_cast<Qel::Dir const*>(e.ptr());
     if (!next) {
-      posIs(static_cast<unsigned>(index));
+      posIs(static_cast<Qel::U32>(index));
       TRACE(LedraPlatform, 6, "DirMounter {} waits for {} in {}", name(), components_[index],
             dir->fullName());
       dirPathReactorIs(dir, dir->fullName(), components_[index]);
@@ -212,7 +183,7 @@ void DirMounter::search(Qel::Dir::PtrConst dir, std::size_t index) {
     dir = Qel::Dir::PtrConst(next);
     ++index;
   }
-  posIs(static_cast<unsigned>(index));
+  posIs(static_cast<Qel::U32>(index));
   dirFoundIs(dir);
 }
 
@@ -244,7 +215,7 @@ void DirMounter::pathLinksDel(std::size_t fromLevel) {
 void DirMounter::dirFoundIs(Qel::Dir::PtrConst const& dir) {
   dirFound_ = true;
   quietPeriodRestart();
-  dirPathReactorIs(dir, mountPath_, {});
+  dirPathReactorIs(dir, mountPath(), {});
   std::vector<std::pair<Qel::Name, Qel::Entity::Ptr>> const present(dir->entryMap().begin(),
                                                                     dir->entryMap().end());
   {
@@ -262,7 +233,7 @@ void DirMounter::dirFoundIs(Qel::Dir::PtrConst const& dir) {
       } else {
         queuedEntries_.insert(entryName);
       }
-      handleExistingDirEntry(entity, childPath(mountPath_, entryName));
+      handleExistingDirEntry(entity, childPath(mountPath(), entryName));
     }
   }
   doMountRequests();
@@ -274,7 +245,7 @@ void DirMounter::onDirEntry(Qel::Name const& name) {
   Qel::Dir::PtrConst dir = reactor_.notifier();
   if (!awaited_.empty()) {
     if (name != awaited_) return;
-    search(dir, pos_);
+    search(dir, pos());
     return;
   }
   if (!dir->entry(name)) return;  // a removal
@@ -286,9 +257,9 @@ void DirMounter::onDirEntry(Qel::Name const& name) {
 
 bool DirMounter::entryQueue(Qel::Name const& name) {
   if (!queuedEntries_.insert(name).second) return false;
-  Qel::String const path = childPath(mountPath_, name);
-  if (deferredMountPaths(path)) return false;
-  deferredMountEnq(EntryMount(path, entityType_, mountFlags_));
+  Qel::String const path = childPath(mountPath(), name);
+  if (deferredMountPaths(path).value_or(false)) return false;
+  deferredMountEnq(EntryMount(path, entityType(), mountFlags()));
   return true;
 }
 
@@ -316,11 +287,11 @@ void DirMounter::doMountRequests() {
       // Each queued entry at most once per pass, even if the derived class requeues it.
       std::size_t budget = deferredMount_.size();
       while (budget-- > 0 && !deferredMount_.empty() && !complete_) {
-        auto const [index, mount] = *deferredMount_.begin();
+        auto const [index, mount] = *deferredMount().begin();
         entryNameIs(mount.entryName());
         dirEntryMounterIs(mount.entryName(), mount);
         handleMountRequest();
-        if (!deferredMount_.empty() && deferredMount_.begin()->first == index) break;
+        if (!deferredMount_.empty() && deferredMount().begin()->first == index) break;
       }
     } while (roundAgain_ && !complete_);
     dirEntryMounterDel();
@@ -331,10 +302,10 @@ void DirMounter::doMountRequests() {
 
 void DirMounter::headWaitsCount() {
   std::optional<Qel::U32> head;
-  if (!deferredMount_.empty() && !complete_) head = deferredMount_.begin()->first;
-  Qel::U32 const waits = !head ? 0 : head == waitingHead_ ? headWaits_ + 1 : 1;
+  if (!deferredMount_.empty() && !complete_) head = deferredMount().begin()->first;
+  Qel::U32 const waits = !head ? 0 : head == waitingHead_ ? headWaits() + 1 : 1;
   waitingHead_ = head;
-  store(headWaits_, waits, kHeadWaits);
+  headWaitsIs(waits);
 }
 
 void DirMounter::completeIfDone() {
@@ -353,7 +324,7 @@ void DirMounter::completeIfDone() {
   pathLinksDel(0);
   retry_.timeMinIs(Qel::kNever);
   settle_.timeMinIs(Qel::kNever);
-  TRACE(LedraPlatform, 5, "DirMounter {} complete on {}", name(), mountPath_);
+  TRACE(LedraPlatform, 5, "DirMounter {} complete on {}", name(), mountPath());
   notify(kComplete);
   handleComplete(Qel::Entity::Ptr(const_cast<Qel::Dir*>(dir.ptr())));
 }

@@ -62,6 +62,7 @@
 #include <vector>
 
 #include "Qel/Api.h"
+#include "Qel/AttrList.h"
 #include "Qel/BoxedValue.h"
 #include "Qel/Clock.h"
 #include "Qel/Dir.h"
@@ -71,21 +72,22 @@
 
 namespace Ledra {
 
+// The attributes, in id order (see Qel/AttrList.h).
+#define LEDRA_DIR_MOUNTER_ATTRIBUTES(X)                                                \
+  X(value, plain, Qel::String, mountPath, MountPath)                                   \
+  X(value, plain, Qel::String, entityType, EntityType)                                 \
+  X(value, plain, Qel::String, mountFlags, MountFlags)                                 \
+  X(value, plain, Qel::String, entryName, EntryName)                                   \
+  X(value, plain, Qel::U32, pos, Pos)                                                  \
+  X(mapOwnWrites, key, DeferredMountMap, deferredMount, DeferredMount, deferredMounts) \
+  X(mapRo, key, DeferredMountPathMap, deferredMountPaths, DeferredMountPaths)          \
+  X(getter, plain, bool, complete, Complete)                                           \
+  X(valueRo, plain, Qel::U32, headWaits, HeadWaits)
+
 class QEL_API DirMounter : public Qel::Entity {
  public:
   using Ptr = Qel::Ptr<DirMounter>;
   using PtrConst = Qel::Ptr<DirMounter const>;
-  enum : Qel::AttributeId {
-    kMountPath = 1,
-    kEntityType,
-    kMountFlags,
-    kEntryName,
-    kPos,
-    kDeferredMount,
-    kDeferredMountPaths,
-    kComplete,
-    kHeadWaits,
-  };
 
   // The mount of one entry: its path, entity type and flags. Compared by value.
   class QEL_API EntryMount {
@@ -115,19 +117,19 @@ class QEL_API DirMounter : public Qel::Entity {
 
   using DeferredMountMap = std::map<Qel::U32, EntryMount>;
   using DeferredMountPathMap = std::map<Qel::String, bool>;
+  QEL_ATTR_IDS(LEDRA_DIR_MOUNTER_ATTRIBUTES);
 
   template <class N>
   class NotifieeT;
   using Notifiee = NotifieeT<DirMounter>;
   using NotifieeConst = NotifieeT<DirMounter const>;
 
-  // Configuration.
-  Qel::String const& mountPath() const { return mountPath_; }
-  void mountPathIs(Qel::String const& p) { store(mountPath_, p, kMountPath); }
-  Qel::String const& entityType() const { return entityType_; }
-  void entityTypeIs(Qel::String const& t) { store(entityType_, t, kEntityType); }
-  Qel::String const& mountFlags() const { return mountFlags_; }
-  void mountFlagsIs(Qel::String const& f) { store(mountFlags_, f, kMountFlags); }
+  // Configuration: mountPath, entityType and mountFlags (see the list), and the following.
+  // entryName is the entry of the present mount request; pos the number of components of the
+  // mount path found so far; deferredMount the queue of entry mounts, oldest first, and
+  // deferredMountPaths the paths it holds (kept by the queue's mutators below); headWaits the
+  // rounds in a row that ended with the same entry waiting at the head of the queue.
+  QEL_ATTR_ACCESSORS(LEDRA_DIR_MOUNTER_ATTRIBUTES)
   Qel::Dir::Ptr const& parentDir() const { return parentDir_; }
   void parentDirIs(Qel::Dir::Ptr const& d) { parentDir_ = d; }
   // Whether the entries present when the directory is found are queued (true at creation).
@@ -149,23 +151,12 @@ class QEL_API DirMounter : public Qel::Entity {
   void timeMinIs(Qel::Time t);
   Qel::Time timeMin() const { return retry_.timeMin(); }
 
-  // The entry of the present mount request.
-  Qel::String const& entryName() const { return entryName_; }
-  void entryNameIs(Qel::String const& n) { store(entryName_, n, kEntryName); }
   bool hasDirEntryMounter() const { return hasDirEntryMounter_; }
   Qel::Name const& dirEntryMounterName() const { return dirEntryName_; }
   EntryMount const& dirEntryMounter() const { return dirEntryMount_; }
   void dirEntryMounterIs(Qel::Name const& name, EntryMount const& m);
   void dirEntryMounterDel();
 
-  // The number of components of the mount path found so far.
-  unsigned pos() const { return pos_; }
-  void posIs(unsigned p) { store(pos_, p, kPos); }
-
-  // The queue of entry mounts, oldest first.
-  DeferredMountMap const& deferredMount() const { return deferredMount_; }
-  EntryMount deferredMount(Qel::U32 index) const;
-  std::size_t deferredMounts() const { return deferredMount_.size(); }
   // The oldest queued mount; empty when none.
   EntryMount deferredMountFront() const;
   // Appends `m`, a mount request, and starts a round when one may run; returns its index.
@@ -174,12 +165,6 @@ class QEL_API DirMounter : public Qel::Entity {
   EntryMount deferredMountDeq();
   void deferredMountIs(Qel::U32 index, EntryMount const& m);
   void deferredMountDel(Qel::U32 index);
-
-  // The paths of the queued entry mounts (kept by the queue operations above).
-  DeferredMountPathMap const& deferredMountPaths() const { return deferredMountPaths_; }
-  bool deferredMountPaths(Qel::String const& path) const;
-  void deferredMountPathsIs(Qel::String const& path, bool v);
-  void deferredMountPathsDel(Qel::String const& path);
 
   // The watch: on `dir` (at `dirPath`) for the entry `awaited` to appear, or, with an empty
   // `awaited`, for the entries of the mounted directory itself.
@@ -194,8 +179,6 @@ class QEL_API DirMounter : public Qel::Entity {
   bool started() const { return started_; }
   bool dirFound() const { return dirFound_; }
   bool complete() const { return complete_; }
-  // The rounds in a row that ended with the same entry waiting at the head of the queue.
-  Qel::U32 headWaits() const { return headWaits_; }
 
   // The derived class's part; see the header comment.
   virtual void handleInit() {}
@@ -206,7 +189,7 @@ class QEL_API DirMounter : public Qel::Entity {
   Qel::QelType const* fwkType() const override { return staticType(); }
   static Qel::QelType const* staticType();
   // Adds the base's attributes to the reflection of a derived type D, right after "name", so that
-  // they keep the ids of the enum above.
+  // they keep the ids of the list.
   template <class D>
   static void qelAttributes(Qel::TypeBuilder<D>& b);
 
@@ -234,12 +217,6 @@ class QEL_API DirMounter : public Qel::Entity {
     DirMounter* owner_;
   };
 
-  template <class T>
-  void store(T& field, T const& v, Qel::AttributeId aid) {
-    if (field == v) return;
-    field = v;
-    notify(aid);
-  }
   // Watches a directory on the way to the mount path for the component below it (`level`).
   class PathLink : public Qel::Dir::NotifieeConst {
    public:
@@ -268,18 +245,12 @@ class QEL_API DirMounter : public Qel::Entity {
   void quietPeriodRestart();
   void deferredMountPathRelease(Qel::String const& path);
 
-  Qel::String mountPath_;
-  Qel::String entityType_;
-  Qel::String mountFlags_;
+  QEL_ATTR_STORAGE(LEDRA_DIR_MOUNTER_ATTRIBUTES)
   Qel::Dir::Ptr parentDir_;
-  Qel::String entryName_;
   bool hasDirEntryMounter_ = false;
   Qel::Name dirEntryName_;
   EntryMount dirEntryMount_;
-  unsigned pos_ = 0;
-  DeferredMountMap deferredMount_;
   Qel::U32 nextIndex_ = 0;
-  DeferredMountPathMap deferredMountPaths_;
   std::vector<Qel::Name> components_;
   // The directories descended through, from the search's start, each watched for the next
   // component (ascending level; the deepest directory is watched by reactor_).
@@ -292,8 +263,8 @@ class QEL_API DirMounter : public Qel::Entity {
   Qel::Time quietSince_ = 0;
   bool started_ = false;
   bool dirFound_ = false;
+  // Set before the completion's work, notified after it.
   bool complete_ = false;
-  Qel::U32 headWaits_ = 0;
   std::optional<Qel::U32> waitingHead_;  // the index of the entry headWaits_ counts
   bool inRound_ = false;
   bool roundAgain_ = false;
@@ -306,76 +277,12 @@ template <class N>
 class DirMounter::NotifieeT : public Qel::BasicNotifiee<N> {
  public:
   using Qel::BasicNotifiee<N>::BasicNotifiee;
-  virtual void onMountPath() {}
-  virtual void onEntityType() {}
-  virtual void onMountFlags() {}
-  virtual void onEntryName() {}
-  virtual void onPos() {}
-  virtual void onDeferredMount(Qel::U32 index) {}
-  virtual void onDeferredMountPaths(Qel::String const& path) {}
-  virtual void onComplete() {}
-  virtual void onHeadWaits() {}
-  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
-    switch (aid) {
-      case kMountPath:
-        return onMountPath();
-      case kEntityType:
-        return onEntityType();
-      case kMountFlags:
-        return onMountFlags();
-      case kEntryName:
-        return onEntryName();
-      case kPos:
-        return onPos();
-      case kDeferredMount:
-        return onDeferredMount(*static_cast<Qel::U32 const*>(key.native));
-      case kDeferredMountPaths:
-        return onDeferredMountPaths(*static_cast<Qel::String const*>(key.native));
-      case kComplete:
-        return onComplete();
-      case kHeadWaits:
-        return onHeadWaits();
-      default:
-        return;
-    }
-  }
+  QEL_ATTR_NOTIFIEE(LEDRA_DIR_MOUNTER_ATTRIBUTES)
 };
 
 template <class D>
 void DirMounter::qelAttributes(Qel::TypeBuilder<D>& b) {
-  using Qel::String;
-  b.template value<String>(
-       "mountPath", [](D const& m) { return m.mountPath(); },
-       [](D& m, String const& v) { m.mountPathIs(v); })
-      .template value<String>(
-          "entityType", [](D const& m) { return m.entityType(); },
-          [](D& m, String const& v) { m.entityTypeIs(v); })
-      .template value<String>(
-          "mountFlags", [](D const& m) { return m.mountFlags(); },
-          [](D& m, String const& v) { m.mountFlagsIs(v); })
-      .template value<String>(
-          "entryName", [](D const& m) { return m.entryName(); },
-          [](D& m, String const& v) { m.entryNameIs(v); })
-      .template value<Qel::U32>(
-          "pos", [](D const& m) { return m.pos(); }, [](D& m, Qel::U32 v) { m.posIs(v); })
-      .template collection<Qel::U32, EntryMount>(
-          "deferredMount",
-          [](D const& m, Qel::U32 i) -> std::optional<EntryMount> {
-            auto it = m.deferredMount().find(i);
-            if (it == m.deferredMount().end()) return std::nullopt;
-            return it->second;
-          },
-          [](D const& m) { return m.deferredMounts(); })
-      .template collection<String, bool>(
-          "deferredMountPaths",
-          [](D const& m, String const& p) -> std::optional<bool> {
-            auto it = m.deferredMountPaths().find(p);
-            if (it == m.deferredMountPaths().end()) return std::nullopt;
-            return it->second;
-          },
-          [](D const& m) { return m.deferredMountPaths().size(); })
-      .template value<bool>("complete", [](D const& m) { return m.complete(); })
-      .template value<Qel::U32>("headWaits", [](D const& m) { return m.headWaits(); });
+  b QEL_ATTR_REFLECTION(LEDRA_DIR_MOUNTER_ATTRIBUTES);
 }
 
 }  // namespace Ledra

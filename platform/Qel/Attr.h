@@ -6,7 +6,8 @@
 //                                    value differs from the stored one.
 //   NotifyingMap<M, kAid>            a keyed collection held in map type M: set() stores and
 //                                    notifies (with the key) only on a change, del() only when the
-//                                    key was present, delAll() removes the keys one by one, each
+//                                    key was present (a removed value lives until every notifiee
+//                                    has been told), delAll() removes the keys one by one, each
 //                                    notified.
 //   NotifyingEntityMap<E, kAid, M>   child entities keyed by name (an EntityMap): insert() and
 //                                    del() notify with the name; a removed child stays alive until
@@ -20,6 +21,7 @@
 #pragma once
 
 #include <cstddef>
+#include <iterator>
 #include <optional>
 #include <type_traits>
 #include <unordered_map>
@@ -37,10 +39,19 @@ namespace Qel {
 template <class K>
 using KeyArg = std::conditional_t<std::is_scalar_v<K>, K, K const&>;
 
-// What a keyed lookup returns: a scalar element as an optional copy, any other as a pointer to
-// the stored element (null when absent).
+namespace detail {
 template <class V>
-using LookupResult = std::conditional_t<std::is_scalar_v<V>, std::optional<V>, V const*>;
+struct IsCountedPtr : std::false_type {};
+template <class T>
+struct IsCountedPtr<Ptr<T>> : std::true_type {};
+}  // namespace detail
+
+// What a keyed lookup returns: a scalar element as an optional copy, a Ptr element as the Ptr
+// (null when absent), any other as a pointer to the stored element (null when absent).
+template <class V>
+using LookupResult =
+    std::conditional_t<std::is_scalar_v<V>, std::optional<V>,
+                       std::conditional_t<detail::IsCountedPtr<V>::value, V, V const*>>;
 
 // The one way the attribute storage reaches the owner's (protected) notification.
 struct AttrNotifier {
@@ -83,6 +94,8 @@ class NotifyingMap {
     if constexpr (std::is_scalar_v<Value>) {
       if (it == map_.end()) return std::nullopt;
       return it->second;
+    } else if constexpr (detail::IsCountedPtr<Value>::value) {
+      return it == map_.end() ? Value() : it->second;
     } else {
       return it == map_.end() ? nullptr : &it->second;
     }
@@ -92,15 +105,19 @@ class NotifyingMap {
     if (!storeIfChanged(map_, key, v)) return;
     AttrNotifier::notifyKey(owner, kAid, key);
   }
-  void del(GenericIf const& owner, Key const& key) {
-    if (map_.erase(key) == 0) return;
-    AttrNotifier::notifyKey(owner, kAid, key);
+  // Returns whether `key` was present. The removed value is released after the notification, so
+  // a notifiee (or the value itself, when it removes itself) still finds it alive.
+  bool del(GenericIf const& owner, Key const& key) {
+    auto removed = map_.extract(key);
+    if (removed.empty()) return false;
+    AttrNotifier::notifyKey(owner, kAid, removed.key());
+    return true;
   }
   // Removes the element at `it`; returns the one after it.
   typename Map::const_iterator del(GenericIf const& owner, typename Map::const_iterator it) {
-    Key const key = it->first;
-    auto next = map_.erase(it);
-    AttrNotifier::notifyKey(owner, kAid, key);
+    auto next = std::next(it);
+    auto removed = map_.extract(it);
+    AttrNotifier::notifyKey(owner, kAid, removed.key());
     return next;
   }
   void delAll(GenericIf const& owner) {

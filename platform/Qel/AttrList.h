@@ -36,6 +36,10 @@
 //   keyedMap    map type T         as mapRo, but nameIs(v) stores v under qelKey(v)
 //   keyedMapRw  map type T         as keyedMap, and writable by name: a written value must have
 //                                  its key, else RangeException(qelKeyMismatch(v))
+//   mapOwnWrites map type T        name() and name(k) as map, read-only by name; nameIs, nameDel
+//                                  and nameDelAll are the entity's own, written on name_ (for
+//                                  writes that do more than store: a side effect after a removal,
+//                                  a value made from other arguments)
 //   children    entity type T      name() (the map), name(n) (a Ptr), nameDel(n), nameDelAll();
 //                                  nameIs is the entity's own (it decides how a child is made)
 //   queue       element type T     name() (the LinkQueue), name(i), nameEnq(v) (the index),
@@ -103,13 +107,15 @@ class TypeBuilder;
 #define QEL_ATTR_ACCESSOR_custom(T, name, Upper, ...)
 #define QEL_ATTR_ACCESSOR_handler(T, name, Upper, ...)
 
-#define QEL_ATTR_ACCESSOR_MAP_READ(T, name, ...)                                           \
+#define QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)                                              \
   T const& name() const {                                                                  \
     return name##_.map();                                                                  \
   }                                                                                        \
   ::Qel::LookupResult<typename T::mapped_type> name(typename T::key_type const& k) const { \
     return name##_.find(k);                                                                \
-  }                                                                                        \
+  }
+#define QEL_ATTR_ACCESSOR_MAP_READ(T, name, ...) \
+  QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)          \
   QEL_ATTR_ACCESSOR_DELETE(typename T::key_type const&, name __VA_OPT__(, ) __VA_ARGS__)
 #define QEL_ATTR_ACCESSOR_map(T, name, Upper, ...)                                 \
   QEL_ATTR_ACCESSOR_MAP_READ(T, name __VA_OPT__(, ) __VA_ARGS__)                   \
@@ -124,6 +130,9 @@ class TypeBuilder;
     name##_.set(*this, key, v);                                  \
   }
 #define QEL_ATTR_ACCESSOR_keyedMapRw QEL_ATTR_ACCESSOR_keyedMap
+#define QEL_ATTR_ACCESSOR_mapOwnWrites(T, name, Upper, ...) \
+  QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)                     \
+  QEL_ATTR_COUNT(name __VA_OPT__(, ) __VA_ARGS__)
 
 #define QEL_ATTR_ACCESSOR_children(T, name, Upper, ...)                      \
   typename ::Qel::NotifyingEntityMap<T, k##Upper>::Map const& name() const { \
@@ -171,6 +180,7 @@ class TypeBuilder;
 #define QEL_ATTR_FIELD_mapRo QEL_ATTR_FIELD_map
 #define QEL_ATTR_FIELD_keyedMap QEL_ATTR_FIELD_map
 #define QEL_ATTR_FIELD_keyedMapRw QEL_ATTR_FIELD_map
+#define QEL_ATTR_FIELD_mapOwnWrites QEL_ATTR_FIELD_map
 #define QEL_ATTR_FIELD_children(T, name, Upper) \
   ::Qel::NotifyingEntityMap<T, k##Upper> name##_{this};
 #define QEL_ATTR_FIELD_queue(T, name, Upper) ::Qel::NotifyingQueue<T, k##Upper> name##_;
@@ -188,6 +198,7 @@ class TypeBuilder;
 #define QEL_ATTR_KEY_mapRo(T) typename T::key_type
 #define QEL_ATTR_KEY_keyedMap(T) typename T::key_type
 #define QEL_ATTR_KEY_keyedMapRw(T) typename T::key_type
+#define QEL_ATTR_KEY_mapOwnWrites(T) typename T::key_type
 #define QEL_ATTR_KEY_children(T) ::Qel::Name
 #define QEL_ATTR_KEY_queue(T) ::Qel::U32
 #define QEL_ATTR_KEY_queueRo(T) ::Qel::U32
@@ -234,28 +245,31 @@ class TypeBuilder;
     return this->dispatchInTurn([&] { on##Upper(QEL_ATTR_KEY_OF(K)); }, \
                                 [&] { on##Upper##qelImmediate(); }, [&] { on##Upper(); });
 
-// --- reflection: a chain of TypeBuilder calls, one per attribute
+// --- reflection: a chain of TypeBuilder calls, one per attribute. Each call is spelled with
+// `.template`, so that the chain also follows a TypeBuilder<D>& of a template parameter D (a base
+// registering its attributes for the types derived from it).
 
 #define QEL_ATTR_REFLECTION(LIST) LIST(QEL_ATTR_REFLECT)
 #define QEL_ATTR_REFLECT(kind, style, T, name, Upper, ...) QEL_ATTR_REFLECT_##kind(T, name, Upper)
 
 #define QEL_ATTR_REFLECT_value(T, name, Upper) \
-  .value<T>(                                   \
+  .template value<T>(                          \
       #name, [](auto const& e) { return e.name(); }, [](auto& e, T const& v) { e.name##Is(v); })
 #define QEL_ATTR_REFLECT_valueRo(T, name, Upper) \
-  .value<T>(#name, [](auto const& e) { return e.name(); })
+  .template value<T>(#name, [](auto const& e) { return e.name(); })
 #define QEL_ATTR_REFLECT_getter QEL_ATTR_REFLECT_valueRo
 #define QEL_ATTR_REFLECT_ctor(T, name, Upper) QEL_ATTR_REFLECT_valueRo(T, name, Upper).constructor()
 #define QEL_ATTR_REFLECT_custom(T, name, Upper) .with(&qelReflect##Upper)
 #define QEL_ATTR_REFLECT_handler(T, name, Upper)
 
 #define QEL_ATTR_REFLECT_COLLECTION(K, V, name)                   \
-  .collection<K, V>(                                                                 \
+  .template collection<K, V>(                                                                 \
       #name, [](auto const& e, K const& k) { return e.name(k); },                    \
       [](auto const& e) { return e.name().size(); }
 #define QEL_ATTR_REFLECT_mapRo(T, name, Upper) \
   QEL_ATTR_REFLECT_COLLECTION(typename T::key_type, typename T::mapped_type, name))
 #define QEL_ATTR_REFLECT_keyedMap QEL_ATTR_REFLECT_mapRo
+#define QEL_ATTR_REFLECT_mapOwnWrites QEL_ATTR_REFLECT_mapRo
 #define QEL_ATTR_REFLECT_map(T, name, Upper)                                               \
   QEL_ATTR_REFLECT_COLLECTION(typename T::key_type, typename T::mapped_type, name),      \
       [](auto& e, typename T::key_type const& k, ::Qel::GenericIf::PtrConst const& v) {  \

@@ -192,8 +192,10 @@ TEST_F(EngineMountingTest, MountPathsAreExpandedAndCreatingMountsGetAWritablePar
   profile->mountGroupIs("g1", 1)->addProfile("/ledra/Ledra/a", "Qel::Dir", "r");
   profile->mountGroupIs("g2", 2)->addProfile("/ledra/Ledra/a", "Qel::Dir", "w");
   startEngine();
-  EXPECT_EQ(engine->allMountPaths("/ledra/Ledra/cell/1/7").type(), "Ledra::Thing");
-  EXPECT_EQ(engine->allMountPaths("/ledra/Ledra/cell/1").flags(), "rw");
+  ASSERT_NE(engine->allMountPaths("/ledra/Ledra/cell/1/7"), nullptr);
+  ASSERT_NE(engine->allMountPaths("/ledra/Ledra/cell/1"), nullptr);
+  EXPECT_EQ(engine->allMountPaths("/ledra/Ledra/cell/1/7")->type(), "Ledra::Thing");
+  EXPECT_EQ(engine->allMountPaths("/ledra/Ledra/cell/1")->flags(), "rw");
   expectTraced({"Adding path  /ledra/Ledra/cell/1/7 to allMountPaths ",
                 "upgrading flags for /ledra/Ledra/cell/1 from r to rw"});
   EXPECT_EQ(*status->templateCache("/ledra/Ledra/cell/1/%slot"), "/ledra/Ledra/cell/1/7");

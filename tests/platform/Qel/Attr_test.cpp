@@ -1,7 +1,7 @@
 // What an entity written as an attribute list promises: each mutator stores only on a change and
 // tells the typed notifiee once, in the order of its style; a notifiee gone during a notification
-// is told nothing more; delAll tells each key; children live until every notifiee was told; the
-// reflection reads and writes by name as the kinds say.
+// is told nothing more; delAll tells each key; children and removed map values live until every
+// notifiee was told; the reflection reads and writes by name as the kinds say.
 #include "Qel/AttrList.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Qel/GenericValue.h"
@@ -31,6 +32,7 @@ using Ledra::test::Leaf;
   X(mapRo, key, SwitchMap, switchCol, SwitchCol)              \
   X(children, keyWhole, Leaf, leaf, Leaf, leaves)             \
   X(queue, keyImmediateWhole, Qel::String, line, Line, lines) \
+  X(mapOwnWrites, key, HeldMap, held, Held, helds)            \
   X(custom, none, void, twice, Twice)
 
 class Probe : public Qel::Entity {
@@ -38,6 +40,7 @@ class Probe : public Qel::Entity {
   using Ptr = Qel::Ptr<Probe>;
   using LabelMap = std::map<Qel::String, Qel::String>;
   using SwitchMap = std::map<Qel::U32, bool>;
+  using HeldMap = std::map<Qel::String, Leaf::Ptr>;
   QEL_ATTR_IDS(PROBE_ATTRIBUTES);
   template <class N>
   class NotifieeT;
@@ -50,6 +53,15 @@ class Probe : public Qel::Entity {
     leaf_.insert(*this, created);
     return created;
   }
+  // Storing null removes; each removal is counted after it was told.
+  void heldIs(Qel::String const& k, Leaf::Ptr const& v) {
+    if (!v) return heldDel(k);
+    held_.set(*this, k, v);
+  }
+  void heldDel(Qel::String const& k) {
+    if (held_.del(*this, k)) ++removals;
+  }
+  int removals = 0;
   Qel::String twice(Qel::String const& s) const { return s + s; }
 
   Qel::Entity::Ptr child(Qel::Name const& name) const override { return leaf(name); }
@@ -100,6 +112,7 @@ class Watch : public Probe::NotifieeT<Probe const> {
   void onLine(Qel::U32 i) override { add("line " + std::to_string(i)); }
   void onLineqelImmediate() override { add("line immediate"); }
   void onLine() override { add("line"); }
+  void onHeld(Qel::String const& k) override { add("held " + k); }
 
  private:
   void add(std::string const& entry) {
@@ -161,6 +174,10 @@ Row const kRows[] = {
      {"line 1", "line immediate", "line", "line 1", "line immediate", "line",
       "line 0", "line immediate", "line", "line 2", "line immediate", "line",
       "line 1", "line immediate", "line", "line 2", "line immediate", "line"}},
+    {"own writes on the generated storage: same pointer tells nobody, null removes once", {},
+     [](Probe& p) { Leaf::Ptr const l = Leaf::leafNew("l"); p.heldIs("k", l); p.heldIs("k", l);
+                    p.heldIs("k", Leaf::leafNew("m")); p.heldIs("k", nullptr); p.heldDel("k"); },
+     {"held k", "held k", "held k"}},
 };
 // clang-format on
 
@@ -230,6 +247,28 @@ TEST_F(AttrTest, ADeletedChildLivesUntilEveryNotifieeWasTold) {
   EXPECT_EQ(Qel::RefCounted::liveInstances(), live - 1);
 }
 
+TEST_F(AttrTest, ARemovedMapValueLivesUntilEveryNotifieeWasTold) {
+  static_assert(std::is_same_v<decltype(probe->held("k")), Leaf::Ptr>,
+                "a Ptr element is looked up as the Ptr");
+  probe->heldIs("k", Leaf::leafNew("l"));
+  EXPECT_EQ(probe->held("k")->name(), "l");
+  EXPECT_EQ(probe->held("absent"), nullptr);
+  log.clear();
+  long const live = Qel::RefCounted::liveInstances();
+  long liveWhenTold = 0;
+  watch->then = [&](std::string const& entry) {
+    if (entry != "held k") return;
+    liveWhenTold = Qel::RefCounted::liveInstances();
+    EXPECT_FALSE(probe->held("k"));
+    EXPECT_EQ(probe->removals, 0);
+  };
+  probe->heldDel("k");
+  EXPECT_EQ(liveWhenTold, live);
+  EXPECT_EQ(Qel::RefCounted::liveInstances(), live - 1);
+  EXPECT_EQ(probe->removals, 1);
+  EXPECT_EQ(log, (Log{"held k"}));
+}
+
 TEST_F(AttrTest, ChildrenHeldElsewhereAreCutOffWithTheOwner) {
   Leaf::Ptr held = probe->leafIs("held");
   probe->leafIs("other");
@@ -243,7 +282,8 @@ TEST_F(AttrTest, ReflectionFollowsTheListInIdOrder) {
   Log names;
   for (Qel::AttributeId aid = 0; aid <= Probe::kTwice; ++aid)
     names.push_back(probe->attributeName(aid));
-  EXPECT_EQ(names, (Log{"name", "note", "flag", "label", "switchCol", "leaf", "line", "twice"}));
+  EXPECT_EQ(names,
+            (Log{"name", "note", "flag", "label", "switchCol", "leaf", "line", "held", "twice"}));
   EXPECT_EQ(type->name(), "test::AttrProbe");
 }
 
@@ -269,6 +309,12 @@ TEST_F(AttrTest, ReflectionReadsAndWritesByNameAsTheKindSays) {
                     "attribute flag of test::AttrProbe is read-only");
   EXPECT_THROW_TEXT(probe->attributeIs("switchCol", Qel::String("true"), Qel::String("1")),
                     Qel::TypeException, "attribute switchCol of test::AttrProbe is read-only");
+  probe->heldIs("h", Leaf::leafNew("h"));
+  EXPECT_EQ(probe->colLength(Probe::kHeld)->valueAs<Qel::U32>(), 1u);
+  EXPECT_EQ(probe->helds(), 1u);
+  EXPECT_THROW_TEXT(probe->attributeIs("held", Qel::GenericIf::PtrConst(),
+                                       Qel::ValueTraits<Qel::String>::box("h")),
+                    Qel::TypeException, "attribute held of test::AttrProbe is read-only");
   EXPECT_EQ(probe->invoke("twice", {{"text", Qel::ValueTraits<Qel::String>::box("ab")}})->text(),
             "abab");
 }
