@@ -26,8 +26,9 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // Unread input discarded at teardown, so that the peer sees the end of the stream rather than
 // a reset after our last frame.
 constexpr std::size_t kDrainLimit = 1 << 20;
-// An output buffer emptied while holding more than this gives its memory back.
-constexpr std::size_t kKeptOutputCapacity = 1 << 20;
+// An output buffer emptied while holding more than this gives its memory back: a turn's output
+// is gathered there, and an idle connection should not keep the room its busiest turn took.
+constexpr std::size_t kKeptOutputCapacity = 4 * 1024;
 // Output gathered in a turn is written at once when it reaches this much: larger writes save
 // nothing more, and the turn need not hold all it produces.
 constexpr std::size_t kGatherBytes = 64 * 1024;
