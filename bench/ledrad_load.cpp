@@ -650,10 +650,15 @@ class Run {
     double agentCpu = 0;
     if (ledrad_ > 0) {
       ::kill(ledrad_, SIGTERM);
+      // Its output ends when it exits; one that does not within 30 s is killed.
       std::string line;
-      while (reader_->next(line, Clock::now() + std::chrono::seconds(30))) {
+      auto const deadline = Clock::now() + std::chrono::seconds(30);
+      while (reader_->next(line, deadline)) {
       }
-      ::waitpid(ledrad_, nullptr, 0);
+      if (::waitpid(ledrad_, nullptr, WNOHANG) == 0) {
+        ::kill(ledrad_, SIGKILL);
+        ::waitpid(ledrad_, nullptr, 0);
+      }
       ledrad_ = -1;
     }
     for (pid_t pid : agents_) {

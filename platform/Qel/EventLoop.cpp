@@ -63,12 +63,23 @@ EventLoop::EventLoop(Clock::Ptr clock)
 }
 
 EventLoop::~EventLoop() {
+  // Tasks still queued may hold objects that unwatch their descriptors as they go: they go while
+  // the loop is whole.
+  std::deque<Task>().swap(ready_);
+  std::deque<Task>().swap(posted_);
+  std::deque<Task>().swap(turnEndReady_);
+  std::deque<Task>().swap(turnEnd_);
   ::close(epollFd_);
 }
 
 void EventLoop::post(Task task) {
   QEL_CHECK(task, "task && \"posting an empty task\"");
   posted_.push_back(std::move(task));
+}
+
+void EventLoop::atTurnEnd(Task task) {
+  QEL_CHECK(task, "task && \"queueing an empty turn-end task\"");
+  turnEnd_.push_back(std::move(task));
 }
 
 void EventLoop::watch(int fd, unsigned interest, FdHandler handler) {
@@ -134,7 +145,7 @@ bool EventLoop::runUntil(std::function<bool()> const& pred, Time deadline) {
   // On a simulated clock, watched descriptors keep the loop going while they deliver events.
   bool descriptorsQuiet = watches_.empty();
   while (!pred()) {
-    bool const tasksQueued = !ready_.empty() || !posted_.empty();
+    bool const tasksQueued = tasks() != 0;
     Time const now = clock_->now();
     Time const next = clock_->nextTimerTime();
     if (simulated_) {
@@ -152,7 +163,7 @@ bool EventLoop::runUntil(std::function<bool()> const& pred, Time deadline) {
 }
 
 int EventLoop::waitMillis(Time limit) const {
-  if (simulated_ || !posted_.empty() || !ready_.empty()) return 0;
+  if (simulated_ || tasks() != 0) return 0;
   Time const until = std::min(clock_->nextTimerTime(), limit);
   if (until == kNever) return watches_.empty() ? 0 : -1;
   Time const dt = until - clock_->now();
@@ -183,15 +194,30 @@ void EventLoop::turn(Time limit, std::function<bool()> const* stopIf) {
   if (!watches_.empty() || timeoutMs != 0) dispatch(timeoutMs);
 
   // Simulated time stands still while tasks wait or descriptors deliver events: I/O between
-  // processes on one simulated clock takes no time.
-  if (simulated_ && stopIf && posted_.empty() && dispatched_ == 0 && !(*stopIf)()) {
+  // processes on one simulated clock takes no time, and output a turn-end task writes is read
+  // before the time moves on.
+  if (simulated_ && stopIf && posted_.empty() && turnEnd_.empty() && dispatched_ == 0 &&
+      !(*stopIf)()) {
     Time const target = std::min(clock_->nextTimerTime(), limit);
     if (target != kNever && target > simulated_->now()) {
       simulated_->nowIs(target);
+      runTurnEnd();
       return;
     }
   }
   clock_->runDueTimers();
+  runTurnEnd();
+}
+
+void EventLoop::runTurnEnd() {
+  // Those queued from here on run at the end of the next turn.
+  std::move(turnEnd_.begin(), turnEnd_.end(), std::back_inserter(turnEndReady_));
+  turnEnd_.clear();
+  while (!turnEndReady_.empty()) {
+    Task task = std::move(turnEndReady_.front());
+    turnEndReady_.pop_front();
+    task();
+  }
 }
 
 void EventLoop::dispatch(int timeoutMs) {

@@ -1,9 +1,13 @@
 // Qel::EventLoop: the single-threaded event loop of the process.
 //
-// The loop runs three kinds of work, all on the thread that created it:
+// The loop runs four kinds of work, all on the thread that created it:
 //   - posted tasks: post(task) queues a task for a later turn. A task posted during a turn (by a
 //     task, a file-descriptor handler or a timer) runs on the next turn, never re-entrantly; tasks
 //     run in the order they were posted.
+//   - turn-end tasks: atTurnEnd(task) queues a task for the end of the present turn, after its
+//     timers, so that work gathered over a turn (e.g. the output of a connection) is done once
+//     per turn with everything the turn added to it. They run in the order queued. One queued
+//     between turns, or by a turn-end task, runs at the end of the next turn.
 //   - timers of its clock: the loop calls Clock::runDueTimers() on every turn.
 //   - file-descriptor readiness (epoll, level-triggered): watch(fd, interest, handler) calls the
 //     handler on every turn in which the descriptor is ready; unwatch(fd) stops it. A handler may
@@ -12,8 +16,9 @@
 //     unwatched). The loop never closes descriptors it watches.
 //
 // One turn (runOnce): run the tasks posted before the turn began; wait for descriptor readiness
-// and dispatch it; fire the clock's due timers. The wait does not block when tasks are queued for
-// the next turn or the clock is simulated; otherwise it blocks in epoll_wait until the clock's next
+// and dispatch it; fire the clock's due timers; run the turn-end tasks queued so far. The wait
+// does not block when tasks of either kind are queued or the clock is simulated; otherwise it
+// blocks in epoll_wait until the clock's next
 // timer (Clock::nextTimerTime(), rounded up to whole milliseconds, so never early) or a descriptor
 // event, whichever comes first. Timers are armed on the loop's own thread, between turns or during
 // them, so the next wait always sees the current earliest timer: no wake-up channel is needed.
@@ -23,7 +28,7 @@
 //     the next timer is due and then fires it.
 //   - On a SimulatedClock the loop never sleeps. runUntil() and runFor() advance the simulated
 //     time from timer to timer: at the end of a turn in which no task was queued for the next turn
-//     and no descriptor delivered an event, the clock moves to the next timer's time
+//     or its end and no descriptor delivered an event, the clock moves to the next timer's time
 //     (SimulatedClock::nowIs fires it and any timer of the same time), so callbacks see now()
 //     equal to the time they were armed for. Descriptor I/O thus takes no simulated time: an
 //     exchange over a socket pair completes before the next timer fires. (A handler that leaves
@@ -38,7 +43,8 @@
 // afterwards; when nothing is left to do before the deadline the time jumps there. On a real
 // clock it blocks at most until the deadline.
 // run() runs until stop() is called (by a task, handler or timer) or nothing is left that could
-// ever wake the loop: no task queued, no timer armed and, on a real clock, no descriptor watched
+// ever wake the loop: no task of either kind queued, no timer armed and, on a real clock, no
+// descriptor watched
 // (on a simulated clock: no watched descriptor was ready in the last turn).
 //
 // One loop per process, used from one thread; a turn is never started from inside a turn (a
@@ -85,8 +91,13 @@ class QEL_API EventLoop : public RefCounted {
 
   // Queues `task` for the next turn.
   void post(Task task);
-  // Tasks queued and not yet run.
-  std::size_t tasks() const { return ready_.size() + posted_.size(); }
+  // Queues `task` for the end of the present turn (between turns or from a turn-end task: of the
+  // next turn); see the header comment.
+  void atTurnEnd(Task task);
+  // Tasks of either kind queued and not yet run.
+  std::size_t tasks() const {
+    return ready_.size() + posted_.size() + turnEndReady_.size() + turnEnd_.size();
+  }
 
   // Watches `fd` for `interest` (readable and/or writable), replacing an earlier watch of `fd`.
   // Throws std::system_error when the descriptor cannot be watched (e.g. not open).
@@ -98,6 +109,8 @@ class QEL_API EventLoop : public RefCounted {
 
   // One turn; see the header comment.
   void runOnce();
+  // Whether a turn is running: the caller is one of its tasks, handlers or timers.
+  bool inTurn() const { return inTurn_; }
   // Turns until stop() or until nothing is left to do.
   void run();
   // Makes run() return after the present turn.
@@ -123,13 +136,16 @@ class QEL_API EventLoop : public RefCounted {
   void turn(Time limit, std::function<bool()> const* stopIf);
   int waitMillis(Time limit) const;
   void dispatch(int timeoutMs);
+  void runTurnEnd();
   void retire(std::unique_ptr<Watch> w);
 
   Clock::Ptr clock_;
   SimulatedClock* simulated_;  // clock_ when it is a simulated clock
   int epollFd_;
-  std::deque<Task> ready_;   // tasks of the present turn
-  std::deque<Task> posted_;  // tasks for the next turn
+  std::deque<Task> ready_;         // tasks of the present turn
+  std::deque<Task> posted_;        // tasks for the next turn
+  std::deque<Task> turnEndReady_;  // turn-end tasks being run
+  std::deque<Task> turnEnd_;       // turn-end tasks for the end of the present (or next) turn
   std::unordered_map<int, std::unique_ptr<Watch>> watches_;
   std::vector<std::unique_ptr<Watch>> retired_;  // unwatched during a dispatch
   std::size_t dispatched_ = 0;                   // descriptor events of the last turn

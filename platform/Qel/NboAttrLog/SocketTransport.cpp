@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -25,8 +26,12 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 // Unread input discarded at teardown, so that the peer sees the end of the stream rather than
 // a reset after our last frame.
 constexpr std::size_t kDrainLimit = 1 << 20;
-// An output buffer emptied while holding more than this gives its memory back.
-constexpr std::size_t kKeptOutputCapacity = 1 << 20;
+// An output buffer emptied while holding more than this gives its memory back: a turn's output
+// is gathered there, and an idle connection should not keep the room its busiest turn took.
+constexpr std::size_t kKeptOutputCapacity = 4 * 1024;
+// Output gathered in a turn is written at once when it reaches this much: larger writes save
+// nothing more, and the turn need not hold all it produces.
+constexpr std::size_t kGatherBytes = 64 * 1024;
 
 String errnoText(int err) {
   return String(std::strerror(err));
@@ -252,11 +257,39 @@ void SocketTransport::sendMountRequest(String const& uri, String const& typeName
   enqueue(wireFrame(WireMountRequest{seqno, uri, typeName, !state.empty()}));
   if (!state.empty()) enqueue(state);
   unanswered_[seqno] = path;
+  if (gathered_ == 0) {
+    // Queued behind output the socket refused: the writable event writes it, unless the bound
+    // is passed.
+    if (outputBuffered() <= maxOutput_) return;
+  } else if (loop_->inTurn() && gathered_ < std::min(kGatherBytes, maxOutput_)) {
+    flushAtTurnEnd();
+    return;
+  }
   // Failures are handled on a later turn: the demuxer is in the middle of sending.
   if (!flush()) {
     loop_->post([self] { self->lost("write error: " + self->writeError_); });
     return;
   }
+  checkBound();
+}
+
+void SocketTransport::flushAtTurnEnd() {
+  if (flushQueued_) return;
+  flushQueued_ = true;
+  loop_->atTurnEnd([self = Ptr(this)] { self->flushGathered(); });
+}
+
+void SocketTransport::flushGathered() {
+  flushQueued_ = false;
+  if (closing_ || discarding_ || gathered_ == 0) return;
+  if (!flush()) {
+    lost("write error: " + writeError_);
+    return;
+  }
+  checkBound();
+}
+
+void SocketTransport::checkBound() {
   if (outputBuffered() <= maxOutput_) return;
   discardOutputAndClose("agent does not read its connection (" + std::to_string(outputBuffered()) +
                         " bytes waiting, limit " + std::to_string(maxOutput_) + ")");
@@ -309,6 +342,11 @@ void SocketTransport::enqueue(std::string const& frame) {
   output_.append(frame);
   queuedBytes_ += frame.size();
   frameEnds_.push_back(queuedBytes_);
+  // Nothing waits: the socket took all it was given, and the frame waits for the turn's write.
+  if (before == 0) {
+    gathered_ += frame.size();
+    return;
+  }
   outputChanged(before);
 }
 
@@ -316,6 +354,7 @@ void SocketTransport::dropOutput() {
   std::size_t const before = outputBuffered();
   std::string().swap(output_);
   outputOffset_ = 0;
+  gathered_ = 0;
   // The socket took part of a frame whose rest is dropped: the stream can carry nothing more.
   if (writtenBytes_ != frameEnd_) frameCut_ = true;
   frameEnds_.clear();
@@ -336,8 +375,11 @@ bool SocketTransport::flush() {
 }
 
 bool SocketTransport::writeOutput() {
+  // Everything is offered to the socket now: what it refuses waits.
+  gathered_ = 0;
   if (writeFailed_) return false;
   while (outputOffset_ < output_.size()) {
+    ++sends_;
     ssize_t const n =
         ::send(fd_, output_.data() + outputOffset_, output_.size() - outputOffset_, MSG_NOSIGNAL);
     if (n > 0) {

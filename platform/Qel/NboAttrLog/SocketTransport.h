@@ -5,7 +5,7 @@
 // it goes to the owner (Owner::onHello), which either binds the connection's Demuxer (demuxerIs)
 // or refuses the agent (closeWith). Anything else first (except a Close, which simply ends the
 // connection), or a malformed frame, closes the connection with a reason. Once bound:
-//   - sendMountRequest writes a MountRequest and, when an entity stands at the path in
+//   - sendMountRequest sends a MountRequest and, when an entity stands at the path in
 //     Qel::globalDir(), an EntityState of the same sequence number right after it (its type name,
 //     its plain attributes read through the reflection as text, a Dir's entry names). A state
 //     frame longer than the frame limit is left out (the request says no state follows).
@@ -19,17 +19,26 @@
 //     sent (when its socket still takes it). The process never aborts on what the peer sends.
 // close() (from the demuxer) sends a Close with the reason when there is one, stops reading, and
 // tears the connection down on a later loop turn: the socket is flushed once more (what it does not
-// take is dropped), unwatched and closed, and the owner hears Owner::onGone. Writes never block:
-// what the socket does not take waits in an output buffer, written as the socket becomes writable.
-// An agent that lets more than maxOutput() bytes pile up is closed ("agent does not read its
-// connection (N bytes waiting, limit M)"): what waits is discarded at once and the close follows
-// on a later turn (discardOutputAndClose); when the socket has taken part of a frame by then,
-// nothing more is sent on the connection, not even the Close: written after that part, it would
-// read as the rest of the frame, and the agent sees its stream end inside the frame instead.
-// Every change of the bytes waiting is reported to the
-// owner (Owner::onOutputBuffered), which may bound the output of all its connections together.
-// Texts the agent writes for people (a Close's reason, a failed answer's exception text) are
-// taken in their printable form (printableText), so that they cannot break an output line.
+// take is dropped), unwatched and closed, and the owner hears Owner::onGone.
+//
+// Output. What one loop turn produces for the connection is gathered and written with one send at
+// the end of the turn (EventLoop::atTurnEnd), so that a group of requests costs one system call
+// and wakes the agent once; gathered output that reaches 64 KiB (or maxOutput(), if less), and
+// what is sent between turns, is written at once instead. Writes never block: what the socket does
+// not take waits in the output buffer, written as the socket becomes writable, and frames queued
+// behind it wait with it. The bound: bytes waiting (outputBuffered(): offered to the socket and not
+// taken, or queued behind such bytes; not what is gathered and not yet offered) may not exceed
+// maxOutput(). As soon as more waits (after offering it to the socket once more), the agent is
+// taken for one that does not read and closed ("agent does not read its connection (N bytes
+// waiting, limit M)"): what waits is discarded at once and the close follows on a later turn
+// (discardOutputAndClose); when the socket has taken part of a frame by then, nothing more is sent
+// on the connection, not even the Close: written after that part, it would read as the rest of the
+// frame, and the agent sees its stream end inside the frame instead. A connection thus holds at
+// most maxOutput() bytes plus one turn's gathering (at most 64 KiB and one frame). Every change of
+// the bytes waiting is reported to the owner (Owner::onOutputBuffered), which may bound the output
+// of all its connections together. Texts the agent writes for people (a Close's reason, a failed
+// answer's exception text) are taken in their printable form (printableText), so that they cannot
+// break an output line.
 //
 // Lifetimes: the transport owns its socket descriptor. The loop must outlive the connection (the
 // owner tears every connection down before the loop goes: teardownNow()). Loop tasks hold the
@@ -89,8 +98,12 @@ class QEL_API SocketTransport final : public Transport {
   void maxFrameIs(std::size_t bytes);
   std::size_t maxOutput() const { return maxOutput_; }
   void maxOutputIs(std::size_t bytes);
-  // Bytes waiting for the socket.
-  std::size_t outputBuffered() const { return output_.size() - outputOffset_; }
+  // Bytes waiting for the socket (see Output in the header comment).
+  std::size_t outputBuffered() const { return output_.size() - outputOffset_ - gathered_; }
+  // Bytes gathered in the present turn and not yet offered to the socket.
+  std::size_t outputGathered() const { return gathered_; }
+  // send() calls made on the socket so far.
+  U64 sends() const { return sends_; }
 
   // The connection is ending or has ended (either side); endReason() says why, as traced, e.g.
   // "closed by the agent: bye", "closed by the database: no agent profile",
@@ -132,7 +145,13 @@ class QEL_API SocketTransport final : public Transport {
   // The peer closed (`traced`: how, e.g. "closed by the agent: bye"; `reason` is the agent's
   // text) or the connection failed (`traced` empty: "connection lost: <reason>").
   void lost(String const& reason, String const& traced = {});
+  // Queues a frame: gathered when nothing waits, else behind what waits.
   void enqueue(std::string const& frame);
+  // Writes what was gathered at the end of the turn, once however often it is asked.
+  void flushAtTurnEnd();
+  void flushGathered();
+  // Gives the agent up when more than maxOutput() bytes wait.
+  void checkBound();
   // Writes what the socket takes; false on a write error (reported on a later turn).
   bool flush();
   bool writeOutput();
@@ -152,6 +171,11 @@ class QEL_API SocketTransport final : public Transport {
   WireDecoder decoder_;
   std::string output_;
   std::size_t outputOffset_ = 0;
+  // The bytes at the end of output_ gathered in this turn and not yet offered to the socket; only
+  // ever non-zero while nothing waits before them.
+  std::size_t gathered_ = 0;
+  bool flushQueued_ = false;
+  U64 sends_ = 0;
   // Bytes ever queued and ever written, the ends (in queued bytes) of the frames not yet written
   // whole, the end of the last frame written whole, and whether a frame was cut short.
   U64 queuedBytes_ = 0;

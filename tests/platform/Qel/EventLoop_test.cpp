@@ -130,6 +130,41 @@ TEST_F(EventLoopTest, RunUntilStopsAtTheDeadlineRunningWhatIsDueAtIt) {
   EXPECT_EQ(log.back(), "now@3.25");
 }
 
+// Turn-end tasks run after everything else of their turn, whoever queued them; one queued by a
+// turn-end task, or between turns, waits for the end of the next turn, and a turn that leaves
+// turn-end work behind moves no simulated time before doing it.
+TEST_F(EventLoopTest, TurnEndTasksRunLastInTheirTurnBeforeTheTimeMovesOn) {
+  SocketPair sp;
+  loop->watch(sp.fd[0], EventLoop::readable, [&](unsigned) {
+    note("read " + sp.receive());
+    loop->atTurnEnd(noting("end of read"));
+  });
+  Timer due(clock, [&] {
+    note("timer");
+    loop->atTurnEnd(noting("end of timer"));
+  });
+  due.timeMinIs(0);
+  loop->post([&] {
+    note("task");
+    loop->atTurnEnd([&] {
+      note("end of task");
+      loop->atTurnEnd(noting("end of next turn"));
+    });
+  });
+  sp.send("x");
+  loop->runOnce();
+  EXPECT_EQ(log, (Strings{"task@0", "read x@0", "timer@0", "end of task@0", "end of read@0",
+                          "end of timer@0"}));
+  EXPECT_EQ(loop->tasks(), 1u);
+  log.clear();
+  loop->unwatch(sp.fd[0]);
+  Timer later(clock, noting("later"));
+  later.timeMinIs(1);
+  loop->atTurnEnd(noting("between turns"));
+  EXPECT_FALSE(loop->runUntil([] { return false; }, 2));
+  EXPECT_EQ(log, (Strings{"end of next turn@0", "between turns@0", "later@1"}));
+}
+
 TEST_F(EventLoopTest, ALoopDroppedByItsOwnTaskLivesToTheEndOfTheTurn) {
   EventLoop* raw = loop.ptr();
   raw->post([&] {
@@ -255,6 +290,24 @@ TEST(EventLoopRealClockTest, WakesForASocket) {
   Time const start = loop->clock()->now();
   EXPECT_TRUE(loop->runUntil([&] { return !received.empty(); }, start + 5));
   EXPECT_EQ(received, "ping");
+  EXPECT_LT(loop->clock()->now() - start, 5);
+  loop->unwatch(sp.fd[0]);
+}
+
+// A turn-end task queued between turns does not wait for a descriptor or a timer: the next turn
+// runs it at once, though the socket stays silent and the only timer is 5 seconds away.
+TEST(EventLoopRealClockTest, ATurnEndTaskQueuedBetweenTurnsDoesNotWait) {
+  LiveInstanceCheck check;
+  auto loop = EventLoop::eventLoopNew(Qel::MonotonicClock::monotonicClockNew());
+  SocketPair sp;
+  loop->watch(sp.fd[0], EventLoop::readable, [](unsigned) {});
+  Time const start = loop->clock()->now();
+  Timer timeout(loop->clock());
+  timeout.timeMinIs(start + 5);
+  bool ran = false;
+  loop->atTurnEnd([&] { ran = true; });
+  loop->runOnce();
+  EXPECT_TRUE(ran);
   EXPECT_LT(loop->clock()->now() - start, 5);
   loop->unwatch(sp.fd[0]);
 }

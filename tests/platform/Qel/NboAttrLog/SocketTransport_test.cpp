@@ -1,0 +1,198 @@
+// The transport of one agent connection over a socket pair, on a simulated clock: what a turn of
+// the loop produces leaves in one write at the end of the turn, a burst of requests is taken by
+// the socket in large writes, and an agent that stops reading is given up at the output bound.
+#include "Qel/NboAttrLog/SocketTransport.h"
+
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "Qel/Dir.h"
+#include "Qel/SimulatedClock.h"
+#include "support/LeakCheck.h"
+
+namespace Qel::NboAttrLog {
+// Failure messages show the messages as text (defined with the codec's tests).
+void PrintTo(WireMessage const& m, std::ostream* os);
+}  // namespace Qel::NboAttrLog
+
+namespace {
+
+using Qel::MountFlags;
+using Qel::MountTable;
+using Qel::NboAttrLog::Demuxer;
+using Qel::NboAttrLog::SocketTransport;
+using Qel::NboAttrLog::WireDecoder;
+using Qel::NboAttrLog::WireEntityState;
+using Qel::NboAttrLog::WireHello;
+using Qel::NboAttrLog::WireMessage;
+using Qel::NboAttrLog::WireMountRequest;
+using Messages = std::vector<WireMessage>;
+
+// Binds a demuxer to the hello and follows the bytes waiting as they are reported.
+class Owner : public SocketTransport::Owner {
+ public:
+  void onHello(SocketTransport& t, WireHello const& hello) override {
+    demuxer = Demuxer::demuxerNew(hello.agentName, nullptr, Qel::NboAttrLog::Transport::Ptr(&t));
+    t.demuxerIs(demuxer);
+  }
+  void onGone(SocketTransport&, bool) override {}
+  void onOutputBuffered(SocketTransport& t, std::size_t before) override {
+    EXPECT_EQ(before, waiting);
+    waiting = t.outputBuffered();
+    peak = std::max(peak, waiting);
+  }
+
+  Demuxer::Ptr demuxer;
+  std::size_t waiting = 0;
+  std::size_t peak = 0;
+};
+
+class SocketTransportTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    int fd[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fd), 0);
+    agent = fd[1];
+    clock = Qel::SimulatedClock::simulatedClockNew();
+    loop = Qel::EventLoop::eventLoopNew(clock);
+    transport = SocketTransport::socketTransportNew(loop.ptr(), fd[0], &owner);
+    std::string const hello = wireFrame(WireHello{MountTable::kProtocolVersion, "agent", "agent"});
+    ASSERT_EQ(::send(agent, hello.data(), hello.size(), 0), static_cast<ssize_t>(hello.size()));
+    ASSERT_TRUE(loop->runUntil([&] { return owner.demuxer != nullptr; }, 1));
+    tree = Qel::globalDir()->dirIs("sockettest");
+  }
+
+  void TearDown() override {
+    transport->teardownNow();
+    loop->runUntil([&] { return loop->tasks() == 0; }, clock->now() + 1);
+    owner.demuxer = nullptr;
+    transport = nullptr;
+    loop = nullptr;
+    clock = nullptr;
+    tree = nullptr;
+    Qel::globalDir()->entryDel("sockettest");
+    ::close(agent);
+    LeakCheckedTest::TearDown();
+  }
+
+  void mount(std::string const& path) {
+    owner.demuxer->peer()->confIs(
+        MountTable::Conf(path, "", MountFlags::fromLetters("Cnp"), "agent"));
+  }
+  // Bytes the agent could read now.
+  std::size_t readable() const {
+    int n = 0;
+    EXPECT_EQ(::ioctl(agent, FIONREAD, &n), 0);
+    return static_cast<std::size_t>(n);
+  }
+  // Reads what is there and decodes it.
+  Messages receive() {
+    char buf[65536];
+    for (;;) {
+      ssize_t const n = ::read(agent, buf, sizeof buf);
+      if (n <= 0) break;
+      decoder.feed(std::string_view(buf, static_cast<std::size_t>(n)));
+    }
+    Messages out;
+    WireMessage m;
+    while (decoder.next(m) == WireDecoder::Result::message)
+      out.push_back(m);
+    EXPECT_FALSE(decoder.failed()) << decoder.error();
+    return out;
+  }
+
+  int agent = -1;
+  Owner owner;
+  Qel::SimulatedClock::Ptr clock;
+  Qel::EventLoop::Ptr loop;
+  SocketTransport::Ptr transport;
+  Qel::Dir::Ptr tree;
+  WireDecoder decoder;
+};
+
+// Requests (with the states that follow them) sent by a task, a timer or a descriptor handler are
+// gathered: nothing reaches the socket until the turn ends, then all of it in one send.
+TEST_F(SocketTransportTest, WhatATurnSendsLeavesInOneWriteAtTheEndOfTheTurn) {
+  tree->dirIs("a");
+  tree->dirIs("b");
+  Qel::U64 const sends = transport->sends();
+  bool sent = false;
+  loop->post([&] {
+    mount("/sockettest/a");
+    mount("/sockettest/b");
+    mount("/sockettest/absent");
+    EXPECT_EQ(readable(), 0u);
+    EXPECT_EQ(transport->sends(), sends);
+    EXPECT_GT(transport->outputGathered(), 0u);
+    EXPECT_EQ(transport->outputBuffered(), 0u);
+    sent = true;
+  });
+  loop->runOnce();
+  ASSERT_TRUE(sent);
+  EXPECT_EQ(transport->sends(), sends + 1);
+  EXPECT_EQ(transport->outputGathered(), 0u);
+  EXPECT_EQ(owner.peak, 0u);
+  EXPECT_EQ(receive(), (Messages{WireMountRequest{1, "/sockettest/a?flags=Cnp", "", true},
+                                 WireEntityState{1, "/sockettest/a", "Qel::Dir", true, {}, {}},
+                                 WireMountRequest{2, "/sockettest/b?flags=Cnp", "", true},
+                                 WireEntityState{2, "/sockettest/b", "Qel::Dir", true, {}, {}},
+                                 WireMountRequest{3, "/sockettest/absent?flags=Cnp", "", false}}));
+}
+
+// 2,700 requests of 45 bytes in one turn, written one by one, would fill the socket with small
+// buffers long before their 120 KB and leave more than the 64 KB bound waiting. Gathered, they
+// leave in 64 KB writes and the socket takes them all: an agent that reads keeps its connection.
+TEST_F(SocketTransportTest, ABurstOfRequestsInOneTurnIsTakenInLargeWrites) {
+  transport->maxOutputIs(64 * 1024);
+  constexpr int kRequests = 2700;
+  Qel::U64 const sends = transport->sends();
+  loop->post([&] {
+    for (int i = 0; i < kRequests; ++i)
+      mount("/sockettest/p" + std::to_string(1000 + i));
+  });
+  loop->runOnce();
+  EXPECT_FALSE(transport->discarding());
+  EXPECT_EQ(owner.peak, 0u);
+  EXPECT_LE(transport->sends(), sends + 3);
+  Messages const got = receive();
+  ASSERT_EQ(got.size(), static_cast<std::size_t>(kRequests));
+  EXPECT_EQ(got.back(),
+            WireMessage(WireMountRequest{kRequests, "/sockettest/p3699?flags=Cnp", "", false}));
+  EXPECT_FALSE(owner.demuxer->closed());
+}
+
+// An agent that stops reading: its socket fills, what the socket refuses waits, and as soon as
+// more than the bound waits the agent is given up: its output freed at once, the connection closed
+// with the reason on a later turn.
+TEST_F(SocketTransportTest, AnAgentThatStopsReadingIsGivenUpAsSoonAsMoreThanTheBoundWaits) {
+  std::size_t const bound = 64 * 1024;
+  transport->maxOutputIs(bound);
+  int next = 0;
+  for (int turn = 0; turn < 100 && !transport->discarding(); ++turn) {
+    loop->post([&] {
+      for (int i = 0; i < 500 && !transport->discarding(); ++i)
+        mount("/sockettest/p" + std::to_string(10000 + next++));
+    });
+    loop->runOnce();
+    EXPECT_LE(transport->outputBuffered(), bound);
+  }
+  ASSERT_TRUE(transport->discarding());
+  EXPECT_EQ(transport->outputBuffered(), 0u);
+  EXPECT_EQ(owner.waiting, 0u);
+  // A request is 46 bytes: the bound is passed by less than one.
+  EXPECT_GT(owner.peak, bound);
+  EXPECT_LE(owner.peak, bound + 46);
+  ASSERT_TRUE(loop->runUntil([&] { return owner.demuxer->closed(); }, clock->now() + 1));
+  EXPECT_EQ(owner.demuxer->closeReason(), "agent does not read its connection (" +
+                                              std::to_string(owner.peak) +
+                                              " bytes waiting, limit 65536)");
+}
+
+}  // namespace
