@@ -41,6 +41,15 @@ std::vector<Qel::Name> componentsOf(Qel::String const& path) {
 
 constexpr char const* kDirType = "Qel::Dir";
 
+// The flags of a mount request for `path` with `letters`, as the entity URI "path?flags=letters"
+// reads them. A plain absolute path without a query reads as the letters alone; anything else
+// goes through the URI parser, which refuses what no URI may hold.
+Qel::MountFlags requestFlags(Qel::String const& path, Qel::String const& letters) {
+  if (!path.empty() && path.front() == '/' && path.find('?') == std::string::npos)
+    return Qel::MountFlags::fromLetters(letters);
+  return Qel::parseMountFlags(Qel::EntityUri(path + "?flags=" + letters).query());
+}
+
 }  // namespace
 
 Qel::String PassiveEntityManagerSm::canonicalPath(Qel::String const& path) {
@@ -91,10 +100,10 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
   if (!table || !agentStatus_) return;
   auto const d = demuxer();
   Qel::Name const agent = agentName();
-  bool const firstAttempt = !agentStatus_->mountReference(Qel::Name(mountPath));
+  Qel::Name const refName(mountPath);
+  bool const firstAttempt = !agentStatus_->mountReference(refName);
   try {
-    Qel::EntityUri const uri(mountPath + "?flags=" + requestLetters);
-    Qel::MountFlags const flags = Qel::parseMountFlags(uri.query());
+    Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
     TRACE(PassiveEntityManager, kTraceDecision,
           "mounting: {} typeName: {} epoch: {} seqno: {} flags: {} entPtr: 0x{:x}", mountPath,
@@ -102,7 +111,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
           static_cast<void const*>(entity.ptr()));
 
     Qel::MountTable::Conf const current = table->conf(mountPath);
-    auto const ref = agentStatus_->mountReferenceIs(Qel::Name(mountPath));
+    auto const ref = agentStatus_->mountReferenceIs(refName);
     Qel::String const type = letters.has('c') ? typeName : Qel::String();
     Qel::MountTable::Conf const next(mountPath, type, flags,
                                      d ? Qel::Name(d->name()) : Qel::Name());
