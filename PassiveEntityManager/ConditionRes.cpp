@@ -7,11 +7,9 @@ namespace Ledra {
 Qel::QelType const* ConditionRes::staticType() {
   static Qel::QelType const* t =
       Qel::TypeBuilder<ConditionRes>("Ledra::ConditionRes")
-          .value<bool>(
-              "enabled", [](ConditionRes const& c) { return c.enabled(); },
-              [](ConditionRes& c, bool v) { c.enabledIs(v); })
-          .factory([](Qel::Name const& n) { return Qel::Entity::Ptr(conditionResNew(n)); })
-          .done();
+          QEL_ATTR_REFLECTION(LEDRA_CONDITION_RES_ATTRIBUTES)
+              .factory([](Qel::Name const& n) { return Qel::Entity::Ptr(conditionResNew(n)); })
+              .done();
   return t;
 }
 

@@ -3,37 +3,31 @@
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
-#include "Qel/Entity.h"
-#include "Qel/Notifiee.h"
+#include "Qel/AttrList.h"
 
 namespace Ledra {
+
+// The attributes, in id order (see Qel/AttrList.h).
+#define LEDRA_CONDITION_RES_ATTRIBUTES(X) X(value, plain, bool, enabled, Enabled)
 
 class LEDRA_PEM_EXPORT ConditionRes : public Qel::Entity {
  public:
   using Ptr = Qel::Ptr<ConditionRes>;
   using PtrConst = Qel::Ptr<ConditionRes const>;
-  static constexpr Qel::AttributeId kEnabled = 1;
+  QEL_ATTR_IDS(LEDRA_CONDITION_RES_ATTRIBUTES);
 
   template <class N>
   class NotifieeT : public Qel::BasicNotifiee<N> {
    public:
     using Qel::BasicNotifiee<N>::BasicNotifiee;
-    virtual void onEnabled() {}
-    void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const&) override {
-      if (aid == kEnabled) onEnabled();
-    }
+    QEL_ATTR_NOTIFIEE(LEDRA_CONDITION_RES_ATTRIBUTES)
   };
   using Notifiee = NotifieeT<ConditionRes>;
   using NotifieeConst = NotifieeT<ConditionRes const>;
 
   static Ptr conditionResNew(Qel::Name const& name) { return Ptr(new ConditionRes(name)); }
 
-  bool enabled() const { return enabled_; }
-  void enabledIs(bool v) {
-    if (v == enabled_) return;
-    enabled_ = v;
-    notify(kEnabled);
-  }
+  QEL_ATTR_ACCESSORS(LEDRA_CONDITION_RES_ATTRIBUTES)
 
   Qel::QelType const* fwkType() const override { return staticType(); }
   static Qel::QelType const* staticType();
@@ -43,7 +37,7 @@ class LEDRA_PEM_EXPORT ConditionRes : public Qel::Entity {
   ~ConditionRes() override = default;
 
  private:
-  bool enabled_ = false;
+  QEL_ATTR_STORAGE(LEDRA_CONDITION_RES_ATTRIBUTES)
 };
 
 }  // namespace Ledra

@@ -139,7 +139,9 @@ ConditionalMountGroupSm::ConditionalMountGroupSm(PassiveMountGroup::PtrConst con
       qelMountGroup_(std::make_unique<QelMountGroup>(this, mountGroup)),
       conditionRes_(conditionRes),
       passiveEntityManagerSm_(passiveEntityManagerSm),
-      qelTimerWheel_(std::make_unique<QelTimerWheel>(this, timerWheel)) {}
+      qelTimerWheel_(std::make_unique<QelTimerWheel>(this, timerWheel)),
+      retryDelay_(kInitialRetryDelay),
+      maxDelay_(kInitialMaxDelay) {}
 
 ConditionalMountGroupSm::~ConditionalMountGroupSm() {
   // Nothing may reach a state machine that is being destroyed.
@@ -172,36 +174,6 @@ void ConditionalMountGroupSm::conditionalReactorIs(Orn::CountedNotifiee::Ptr con
   Orn::CountedNotifiee::Ptr const old = std::exchange(conditionalReactor_, reactor);
 }
 
-void ConditionalMountGroupSm::currentPendingConditionIs(Qel::String const& condition) {
-  if (condition == currentPendingCondition_) return;
-  currentPendingCondition_ = condition;
-  notify(kCurrentPendingCondition);
-}
-
-Qel::U32 ConditionalMountGroupSm::conditionLocalQueueEnq(Qel::String const& condition) {
-  Qel::U32 const index = conditionLocalQueue_.enqueue(condition);
-  notifyKey(kConditionLocalQueue, index);
-  return index;
-}
-
-Qel::String ConditionalMountGroupSm::conditionLocalQueueDeq() {
-  if (conditionLocalQueue_.empty()) return Qel::String();
-  Qel::U32 const index = conditionLocalQueue_.metadata().head;
-  Qel::String head = std::move(*conditionLocalQueue_.dequeue());
-  notifyKey(kConditionLocalQueue, index);
-  return head;
-}
-
-void ConditionalMountGroupSm::conditionLocalQueueDel(Qel::U32 index) {
-  if (!conditionLocalQueue_.erase(index)) return;
-  notifyKey(kConditionLocalQueue, index);
-}
-
-void ConditionalMountGroupSm::conditionLocalQueueDelAll() {
-  while (!conditionLocalQueue_.empty())
-    conditionLocalQueueDeq();
-}
-
 Orn::TimerWheel::PtrConst ConditionalMountGroupSm::timerWheel() const {
   return qelTimerWheel_->notifier();
 }
@@ -210,34 +182,10 @@ Qel::Time ConditionalMountGroupSm::retryTime() const {
   return qelTimerWheel_->timeMin();
 }
 
-void ConditionalMountGroupSm::retryConditionIs(Qel::String const& condition) {
-  if (condition == retryCondition_) return;
-  retryCondition_ = condition;
-  notify(kRetryCondition);
-}
-
-void ConditionalMountGroupSm::retryDelayIs(double seconds) {
-  if (seconds == retryDelay_) return;
-  retryDelay_ = seconds;
-  notify(kRetryDelay);
-}
-
-void ConditionalMountGroupSm::maxDelayIs(double seconds) {
-  if (seconds == maxDelay_) return;
-  maxDelay_ = seconds;
-  notify(kMaxDelay);
-}
-
-void ConditionalMountGroupSm::deletionIs(bool v) {
-  if (v == deletion_) return;
-  deletion_ = v;
-  notify(kDeletion);
-}
-
 void ConditionalMountGroupSm::handleCondition() {
   TRACE(PassiveEntityManager, kTraceSignature, "ConditionalMountGroupSm::handleCondition");
   PassiveMountGroup::PtrConst const group = mountGroup();
-  if (!group || group->conditionCols() == 0 || !currentPendingCondition_.empty()) return;
+  if (!group || group->conditionCols() == 0 || !currentPendingCondition().empty()) return;
   Ptr const self(this);
   // Nothing is waited for by a reactor: an evaluation waiting for an entity, or one left by a
   // condition without reactor, is dropped and the whole list evaluated again, so that a condition
@@ -303,7 +251,7 @@ void ConditionalMountGroupSm::handleCondition(Qel::String const& condition) {
   // reactor of its own, or waiting for its entity while the pending condition is still this one.
   // Either way this reactor must not report again, or the group would be enabled without the
   // later condition.
-  if (currentPendingCondition_ != condition || conditionLocalQueues() < queued) return;
+  if (currentPendingCondition() != condition || conditionLocalQueues() < queued) return;
   TRACE(PassiveEntityManager, kTraceReport, "Adding conditional reactor 0x{:x} for condition: {}",
         created.address, condition);
   conditionalReactorIs(created.reactor);
@@ -314,21 +262,21 @@ void ConditionalMountGroupSm::waitForEntity(Qel::String const& condition, Qel::S
   conditionalReactorIs(nullptr);
   retryConditionIs(condition);
   if (Orn::TimerWheel::PtrConst const wheel = timerWheel()) {
-    qelTimerWheel_->timeMinIs(wheel->clock()->now() + retryDelay_);
+    qelTimerWheel_->timeMinIs(wheel->clock()->now() + retryDelay());
   }
-  retryDelayIs(maxDelay_ <= retryDelay_ ? maxDelay_ : retryDelay_ * 2);
+  retryDelayIs(maxDelay() <= retryDelay() ? maxDelay() : retryDelay() * 2);
   // One write, formatted with the stream's defaults whatever the state of std::cerr.
   std::ostringstream line;
   line << "Error while processing profile for agent " << agentName() << ". Entity " << path
        << " must be present for the conditional to work."
-       << " retrying in " << retryDelay_ << '\n';
+       << " retrying in " << retryDelay() << '\n';
   std::cerr << line.str() << std::flush;
 }
 
 void ConditionalMountGroupSm::handleRetryCondition() {
   TRACE(PassiveEntityManager, kTraceSignature, "ConditionalMountGroupSm::handleRetryCondition {}",
-        retryCondition_);
-  handleCondition(Qel::String(retryCondition_));
+        retryCondition());
+  handleCondition(Qel::String(retryCondition()));
 }
 
 void ConditionalMountGroupSm::handleDeletion() {
@@ -453,34 +401,8 @@ Qel::QelType const* ConditionalMountGroupSm::staticType() {
   using S = ConditionalMountGroupSm;
   static Qel::QelType const* t =
       Qel::TypeBuilder<S>("Ledra::ConditionalMountGroupSm")
-          .value<PassiveMountGroup::PtrConst>("mountGroup",
-                                              [](S const& s) { return s.mountGroup(); })
-          .constructor()
-          .value<ConditionRes::Ptr>("conditionRes", [](S const& s) { return s.conditionRes(); })
-          .constructor()
-          .value<Qel::String>(
-              "currentPendingCondition", [](S const& s) { return s.currentPendingCondition(); },
-              [](S& s, Qel::String const& v) { s.currentPendingConditionIs(v); })
-          .collection<Qel::U32, Qel::String>(
-              "conditionLocalQueue",
-              [](S const& s, Qel::U32 i) -> std::optional<Qel::String> {
-                Qel::String const* c = s.conditionLocalQueue(i);
-                return c ? std::optional<Qel::String>(*c) : std::nullopt;
-              },
-              [](S const& s) { return s.conditionLocalQueues(); })
-          .value<Qel::String>(
-              "retryCondition", [](S const& s) { return s.retryCondition(); },
-              [](S& s, Qel::String const& v) { s.retryConditionIs(v); })
-          .value<double>(
-              "retryDelay", [](S const& s) { return s.retryDelay(); },
-              [](S& s, double v) { s.retryDelayIs(v); })
-          .value<double>(
-              "maxDelay", [](S const& s) { return s.maxDelay(); },
-              [](S& s, double v) { s.maxDelayIs(v); })
-          .value<bool>(
-              "deletion", [](S const& s) { return s.deletion(); },
-              [](S& s, bool v) { s.deletionIs(v); })
-          .done();
+          QEL_ATTR_REFLECTION(LEDRA_CONDITIONAL_MOUNT_GROUP_SM_ATTRIBUTES)
+              .done();
   return t;
 }
 

@@ -50,6 +50,7 @@
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveAgentStatus.h"
 #include "PassiveEntityManager/PassiveMountGroup.h"
+#include "Qel/AttrList.h"
 #include "Qel/Entity.h"
 #include "Qel/LinkQueue.h"
 #include "Qel/Notifiee.h"
@@ -59,22 +60,23 @@ namespace Ledra {
 
 class PassiveEntityManagerSm;
 
+// The attributes, in id order (see Qel/AttrList.h).
+#define LEDRA_CONDITIONAL_MOUNT_GROUP_SM_ATTRIBUTES(X)                                         \
+  X(ctor, none, PassiveMountGroup::PtrConst, mountGroup, MountGroup)                           \
+  X(ctor, none, ConditionRes::Ptr, conditionRes, ConditionRes)                                 \
+  X(value, plain, Qel::String, currentPendingCondition, CurrentPendingCondition)               \
+  X(queueRo, key, Qel::String, conditionLocalQueue, ConditionLocalQueue, conditionLocalQueues) \
+  X(value, plain, Qel::String, retryCondition, RetryCondition)                                 \
+  X(value, plain, double, retryDelay, RetryDelay)                                              \
+  X(value, plain, double, maxDelay, MaxDelay)                                                  \
+  X(value, plain, bool, deletion, Deletion)
+
 class LEDRA_PEM_EXPORT ConditionalMountGroupSm : public Qel::Entity {
  public:
   using Ptr = Qel::Ptr<ConditionalMountGroupSm>;
   using PtrConst = Qel::Ptr<ConditionalMountGroupSm const>;
   using ConditionLocalQueue = Qel::LinkQueue<Qel::String>;
-
-  enum : Qel::AttributeId {
-    kMountGroup = 1,
-    kConditionRes,
-    kCurrentPendingCondition,
-    kConditionLocalQueue,
-    kRetryCondition,
-    kRetryDelay,
-    kMaxDelay,
-    kDeletion,
-  };
+  QEL_ATTR_IDS(LEDRA_CONDITIONAL_MOUNT_GROUP_SM_ATTRIBUTES);
 
   static constexpr double kInitialRetryDelay = 0.01;
   static constexpr double kInitialMaxDelay = 5.0;
@@ -126,33 +128,14 @@ class LEDRA_PEM_EXPORT ConditionalMountGroupSm : public Qel::Entity {
   Orn::CountedNotifiee::Ptr const& conditionalReactor() const { return conditionalReactor_; }
   void conditionalReactorIs(Orn::CountedNotifiee::Ptr const& reactor);
 
-  Qel::String const& currentPendingCondition() const { return currentPendingCondition_; }
-  void currentPendingConditionIs(Qel::String const& condition);
-
-  // The conditions still to evaluate after the current one, oldest first.
-  ConditionLocalQueue const& conditionLocalQueue() const { return conditionLocalQueue_; }
-  Qel::String const* conditionLocalQueue(Qel::U32 index) const {
-    return conditionLocalQueue_.at(index);
-  }
-  std::size_t conditionLocalQueues() const { return conditionLocalQueue_.size(); }
-  Qel::U32 conditionLocalQueueEnq(Qel::String const& condition);
-  // Removes and returns the head; an empty text when the queue is empty.
-  Qel::String conditionLocalQueueDeq();
-  void conditionLocalQueueDel(Qel::U32 index);
-  void conditionLocalQueueDelAll();
+  // currentPendingCondition; conditionLocalQueue: the conditions still to evaluate after the
+  // current one, oldest first (Deq on an empty queue gives an empty text); retryCondition,
+  // retryDelay, maxDelay, deletion.
+  QEL_ATTR_ACCESSORS(LEDRA_CONDITIONAL_MOUNT_GROUP_SM_ATTRIBUTES)
 
   Orn::TimerWheel::PtrConst timerWheel() const;
   // When the retry timer fires; kNever when it is not armed.
   Qel::Time retryTime() const;
-
-  Qel::String const& retryCondition() const { return retryCondition_; }
-  void retryConditionIs(Qel::String const& condition);
-  double retryDelay() const { return retryDelay_; }
-  void retryDelayIs(double seconds);
-  double maxDelay() const { return maxDelay_; }
-  void maxDelayIs(double seconds);
-  bool deletion() const { return deletion_; }
-  void deletionIs(bool v);
 
   // Starts evaluating the group's conditions, unless there are none or a condition is pending;
   // what is left of an earlier evaluation (an armed retry, the queue) is dropped.
@@ -197,13 +180,8 @@ class LEDRA_PEM_EXPORT ConditionalMountGroupSm : public Qel::Entity {
   ConditionRes::Ptr const conditionRes_;
   PassiveEntityManagerSm* passiveEntityManagerSm_;
   Orn::CountedNotifiee::Ptr conditionalReactor_;
-  Qel::String currentPendingCondition_;
-  ConditionLocalQueue conditionLocalQueue_;
   std::unique_ptr<QelTimerWheel> qelTimerWheel_;
-  Qel::String retryCondition_;
-  double retryDelay_ = kInitialRetryDelay;
-  double maxDelay_ = kInitialMaxDelay;
-  bool deletion_ = false;
+  QEL_ATTR_STORAGE(LEDRA_CONDITIONAL_MOUNT_GROUP_SM_ATTRIBUTES)
   bool notificationActive_ = true;
   bool zombie_ = false;
 };
@@ -219,30 +197,7 @@ template <class N>
 class ConditionalMountGroupSm::NotifieeT : public Qel::BasicNotifiee<N> {
  public:
   using Qel::BasicNotifiee<N>::BasicNotifiee;
-  virtual void onCurrentPendingCondition() {}
-  virtual void onConditionLocalQueue(Qel::U32 index) {}
-  virtual void onRetryCondition() {}
-  virtual void onRetryDelay() {}
-  virtual void onMaxDelay() {}
-  virtual void onDeletion() {}
-  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
-    switch (aid) {
-      case kCurrentPendingCondition:
-        return onCurrentPendingCondition();
-      case kConditionLocalQueue:
-        return onConditionLocalQueue(*static_cast<Qel::U32 const*>(key.native));
-      case kRetryCondition:
-        return onRetryCondition();
-      case kRetryDelay:
-        return onRetryDelay();
-      case kMaxDelay:
-        return onMaxDelay();
-      case kDeletion:
-        return onDeletion();
-      default:
-        return;
-    }
-  }
+  QEL_ATTR_NOTIFIEE(LEDRA_CONDITIONAL_MOUNT_GROUP_SM_ATTRIBUTES)
 };
 
 }  // namespace Ledra

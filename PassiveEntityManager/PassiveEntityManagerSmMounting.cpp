@@ -13,6 +13,7 @@
 #include "PassiveEntityManager/TraceFacility.h"
 #include "Qel/EntityUri.h"
 #include "Qel/Exception.h"
+#include "Qel/KeyedStore.h"
 #include "Qel/Path.h"
 
 namespace Ledra {
@@ -40,6 +41,15 @@ std::vector<Qel::Name> componentsOf(Qel::String const& path) {
 }
 
 constexpr char const* kDirType = "Qel::Dir";
+
+// The flags of a mount request for `path` with `letters`, as the entity URI "path?flags=letters"
+// reads them. A plain absolute path without a query reads as the letters alone; anything else
+// goes through the URI parser, which refuses what no URI may hold.
+Qel::MountFlags requestFlags(Qel::String const& path, Qel::String const& letters) {
+  if (!path.empty() && path.front() == '/' && path.find('?') == std::string::npos)
+    return Qel::MountFlags::fromLetters(letters);
+  return Qel::parseMountFlags(Qel::EntityUri(path + "?flags=" + letters).query());
+}
 
 }  // namespace
 
@@ -91,23 +101,26 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
   if (!table || !agentStatus_) return;
   auto const d = demuxer();
   Qel::Name const agent = agentName();
-  bool const firstAttempt = !agentStatus_->mountReference(Qel::Name(mountPath));
+  Qel::Name const refName(mountPath);
+  bool const firstAttempt = !agentStatus_->mountReference(refName);
   try {
-    Qel::EntityUri const uri(mountPath + "?flags=" + requestLetters);
-    Qel::MountFlags const flags = Qel::parseMountFlags(uri.query());
+    Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
     TRACE(PassiveEntityManager, kTraceDecision,
           "mounting: {} typeName: {} epoch: {} seqno: {} flags: {} entPtr: 0x{:x}", mountPath,
           typeName, d ? d->epoch() : 0u, d ? d->seqno() : 0u, flags.text(),
           static_cast<void const*>(entity.ptr()));
 
-    Qel::MountTable::Conf const current = table->conf(mountPath);
-    auto const ref = agentStatus_->mountReferenceIs(Qel::Name(mountPath));
+    // Looked up in place: compared before anything below can notify and change the table.
+    Qel::MountTable::Conf const* const current = Qel::findOrNull(table->conf(), mountPath);
+    Qel::MountFlags const currentFlags = current ? current->flags() : Qel::MountFlags();
     Qel::String const type = letters.has('c') ? typeName : Qel::String();
     Qel::MountTable::Conf const next(mountPath, type, flags,
                                      d ? Qel::Name(d->name()) : Qel::Name());
-    bool const unchanged = next == current || (current.flags().has(Qel::MountFlags::kConvertible) &&
-                                               !flags.has(Qel::MountFlags::kWrite));
+    bool const unchanged =
+        (current && next == *current) ||
+        (currentFlags.has(Qel::MountFlags::kConvertible) && !flags.has(Qel::MountFlags::kWrite));
+    auto const ref = agentStatus_->mountReferenceIs(refName);
     if (unchanged) {
       if (d) d->pathServedIs(mountPath, true);
       ref->completeIs(true);
@@ -125,7 +138,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
       return;
     }
     if (agentProfile_ && agentProfile_->hybridMount()) {
-      Qel::MountFlags const diff = flags ^ current.flags();
+      Qel::MountFlags const diff = flags ^ currentFlags;
       if (diff.empty()) {
         TRACE(PassiveEntityManager, kTraceDecision,
               "Hybrid mount already mount entity for {} with the same flag 0x{:x} Just set entity.",
@@ -138,7 +151,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
             "Already mounted entity for {} 0x{:x} hybrid {} current flag {} previous flag {} Hence "
             "remounting.",
             mountPath, static_cast<void const*>(entity.ptr()), true, flags.text(),
-            current.flags().text());
+            currentFlags.text());
       table->confIs(next);
       ref->entityIs(entity);
       ref->completeIs(true);

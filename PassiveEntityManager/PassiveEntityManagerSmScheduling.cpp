@@ -95,11 +95,16 @@ bool PassiveEntityManagerSm::queueProfileGroups() {
 
 void PassiveEntityManagerSm::serveReadyGroups() {
   TRACE(PassiveEntityManager, kTraceDecision, "ready mount group pending");
-  for (auto const& [cd, stat] : demuxer()->outMount()->status()) {
-    if (stat.status() == Qel::MountTable::complete_) continue;
-    TRACE(PassiveEntityManager, kTraceDecision,
-          "readyMountGroupPending_ Exception: {}, status: {}, path: {}", stat.exceptionDesc(),
-          Qel::MountTable::Stat(stat.status()).text(), cd.text());
+  auto const table = demuxer()->outMount();
+  // The walk only finds the record to name in the trace.
+  if (table->incompleteStatuses() != 0) {
+    for (auto const& [cd, stat] : table->status()) {
+      if (stat.status() == Qel::MountTable::complete_) continue;
+      TRACE(PassiveEntityManager, kTraceDecision,
+            "readyMountGroupPending_ Exception: {}, status: {}, path: {}", stat.exceptionDesc(),
+            Qel::MountTable::Stat(stat.status()).text(), cd.text());
+      break;
+    }
     return;
   }
   TRACE(PassiveEntityManager, kTraceDecision, "all previous mounts completed");

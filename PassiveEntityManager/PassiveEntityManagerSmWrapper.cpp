@@ -66,13 +66,11 @@ Qel::QelType const* PassiveEntityManagerSmWrapper::staticType() {
   using W = PassiveEntityManagerSmWrapper;
   static Qel::QelType const* t =
       Qel::TypeBuilder<W>("Ledra::PassiveEntityManagerSmWrapper")
-          .value<PassiveEntityManagerRootSm::Ptr>(
-              "passiveEntityManagerRootSm",
-              [](W const& w) { return w.passiveEntityManagerRootSm(); })
-          .factory([](Qel::Name const& n) {
-            return Qel::Entity::Ptr(passiveEntityManagerSmWrapperFactory(n));
-          })
-          .done();
+          QEL_ATTR_REFLECTION(LEDRA_PASSIVE_ENTITY_MANAGER_SM_WRAPPER_ATTRIBUTES)
+              .factory([](Qel::Name const& n) {
+                return Qel::Entity::Ptr(passiveEntityManagerSmWrapperFactory(n));
+              })
+              .done();
   return t;
 }
 

@@ -14,23 +14,26 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveEntityManagerRootSm.h"
+#include "Qel/AttrList.h"
 
 namespace Ledra {
+
+// The attributes, in id order (see Qel/AttrList.h).
+#define LEDRA_PASSIVE_ENTITY_MANAGER_SM_WRAPPER_ATTRIBUTES(X)                   \
+  X(getter, plain, PassiveEntityManagerRootSm::Ptr, passiveEntityManagerRootSm, \
+    PassiveEntityManagerRootSm)
 
 class LEDRA_PEM_EXPORT PassiveEntityManagerSmWrapper : public Qel::Entity {
  public:
   using Ptr = Qel::Ptr<PassiveEntityManagerSmWrapper>;
   using PtrConst = Qel::Ptr<PassiveEntityManagerSmWrapper const>;
-  static constexpr Qel::AttributeId kPassiveEntityManagerRootSm = 1;
+  QEL_ATTR_IDS(LEDRA_PASSIVE_ENTITY_MANAGER_SM_WRAPPER_ATTRIBUTES);
 
   template <class N>
   class NotifieeT : public Qel::BasicNotifiee<N> {
    public:
     using Qel::BasicNotifiee<N>::BasicNotifiee;
-    virtual void onPassiveEntityManagerRootSm() {}
-    void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const&) override {
-      if (aid == kPassiveEntityManagerRootSm) onPassiveEntityManagerRootSm();
-    }
+    QEL_ATTR_NOTIFIEE(LEDRA_PASSIVE_ENTITY_MANAGER_SM_WRAPPER_ATTRIBUTES)
   };
   using Notifiee = NotifieeT<PassiveEntityManagerSmWrapper>;
   using NotifieeConst = NotifieeT<PassiveEntityManagerSmWrapper const>;

@@ -7,10 +7,9 @@
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/NboAttrLog/WireText.h"
+#include "apps/ledrad/OwnerWatcher.h"
 
 namespace Ledrad {
-
-using Weak = Qel::NotifieeBase::Reference;
 
 namespace {
 
@@ -21,31 +20,22 @@ std::string shown(std::string const& text) {
 
 }  // namespace
 
-class AgentEvents::DemuxerMgrWatcher : public Qel::NboAttrLog::DemuxerMgr::NotifieeConst {
-  using NotifieeConst = Qel::NboAttrLog::DemuxerMgr::NotifieeConst;
-
+class AgentEvents::DemuxerMgrWatcher
+    : public OwnerWatcher<Qel::NboAttrLog::DemuxerMgr::NotifieeConst, AgentEvents> {
  public:
-  explicit DemuxerMgrWatcher(AgentEvents& owner) : NotifieeConst(Weak::weak), owner_(owner) {
-    notifierIs(Qel::NboAttrLog::demuxerMgr());
-  }
-  ~DemuxerMgrWatcher() override { notifierIs(nullptr); }
+  explicit DemuxerMgrWatcher(AgentEvents& owner)
+      : OwnerWatcher(owner, Qel::NboAttrLog::demuxerMgr()) {}
   void onDemuxer(Qel::Name const& name) override { owner_.demuxer(name); }
-
- private:
-  AgentEvents& owner_;
 };
 
 // The requests, answers and protocol version of one connection, as its peer mount table has them.
-class AgentEvents::PeerTableWatcher : public Qel::MountTable::NotifieeConst {
-  using NotifieeConst = Qel::MountTable::NotifieeConst;
-
+class AgentEvents::PeerTableWatcher
+    : public OwnerWatcher<Qel::MountTable::NotifieeConst, AgentEvents> {
  public:
   PeerTableWatcher(AgentEvents& owner, Qel::Name name, Qel::MountTable::Ptr const& table)
-      : NotifieeConst(Weak::weak), owner_(owner), name_(std::move(name)) {
-    notifierIs(table);
+      : OwnerWatcher(owner, table), name_(std::move(name)) {
     onCurrentVersion();
   }
-  ~PeerTableWatcher() override { notifierIs(nullptr); }
 
   void onCurrentVersion() override {
     auto const table = notifier();
@@ -82,24 +72,18 @@ class AgentEvents::PeerTableWatcher : public Qel::MountTable::NotifieeConst {
   }
 
  private:
-  AgentEvents& owner_;
   Qel::Name const name_;
   Qel::U32 toldVersion_ = 0;
 };
 
-class AgentEvents::DemuxerWatcher : public Qel::NboAttrLog::Demuxer::NotifieeConst {
-  using NotifieeConst = Qel::NboAttrLog::Demuxer::NotifieeConst;
-
+class AgentEvents::DemuxerWatcher
+    : public OwnerWatcher<Qel::NboAttrLog::Demuxer::NotifieeConst, AgentEvents> {
  public:
   DemuxerWatcher(AgentEvents& owner, Qel::NboAttrLog::Demuxer::Ptr const& d)
-      : NotifieeConst(Weak::weak),
-        owner_(owner),
+      : OwnerWatcher(owner, d),
         name_(d->name()),
         connectedAt_(Qel::now()),
-        peer_(owner, d->name(), d->peer()) {
-    notifierIs(d);
-  }
-  ~DemuxerWatcher() override { notifierIs(nullptr); }
+        peer_(owner, d->name(), d->peer()) {}
   void onClosed() override {
     auto const d = notifier();
     if (!d || !d->closed()) return;
@@ -111,39 +95,26 @@ class AgentEvents::DemuxerWatcher : public Qel::NboAttrLog::Demuxer::NotifieeCon
   Qel::Time connectedAt() const { return connectedAt_; }
 
  private:
-  AgentEvents& owner_;
   Qel::Name const name_;
   Qel::Time const connectedAt_;
   PeerTableWatcher peer_;
 };
 
-class AgentEvents::RootWatcher : public Ledra::PassiveEntityManagerRootSm::NotifieeConst {
-  using NotifieeConst = Ledra::PassiveEntityManagerRootSm::NotifieeConst;
-
+class AgentEvents::RootWatcher
+    : public OwnerWatcher<Ledra::PassiveEntityManagerRootSm::NotifieeConst, AgentEvents> {
  public:
-  RootWatcher(AgentEvents& owner, Ledra::PassiveEntityManagerRootSm::Ptr const& root)
-      : NotifieeConst(Weak::weak), owner_(owner) {
-    notifierIs(root);
-  }
-  ~RootWatcher() override { notifierIs(nullptr); }
+  using OwnerWatcher::OwnerWatcher;
   void onPassiveEntityManagerSm(Qel::Name const& agentName) override { owner_.engine(agentName); }
-
- private:
-  AgentEvents& owner_;
 };
 
 // One directory mounter of an engine: tells once per entry that it still waits after
 // kDirMounterTries tries.
-class AgentEvents::DirMounterWatcher : public Ledra::DirMounter::NotifieeConst {
-  using NotifieeConst = Ledra::DirMounter::NotifieeConst;
-
+class AgentEvents::DirMounterWatcher
+    : public OwnerWatcher<Ledra::DirMounter::NotifieeConst, AgentEvents> {
  public:
   DirMounterWatcher(AgentEvents& owner, Qel::Name const& agentName,
                     Ledra::PassiveDirMounter::Ptr const& mounter)
-      : NotifieeConst(Weak::weak), owner_(owner), agentName_(agentName) {
-    notifierIs(mounter);
-  }
-  ~DirMounterWatcher() override { notifierIs(nullptr); }
+      : OwnerWatcher(owner, mounter), agentName_(agentName) {}
 
   void onHeadWaits() override {
     auto const m = notifier();
@@ -154,24 +125,20 @@ class AgentEvents::DirMounterWatcher : public Ledra::DirMounter::NotifieeConst {
   }
 
  private:
-  AgentEvents& owner_;
   Qel::Name const agentName_;
 };
 
-class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::NotifieeConst {
-  using NotifieeConst = Ledra::PassiveEntityManagerSm::NotifieeConst;
-
+class AgentEvents::EngineWatcher
+    : public OwnerWatcher<Ledra::PassiveEntityManagerSm::NotifieeConst, AgentEvents> {
  public:
   EngineWatcher(AgentEvents& owner, Qel::Name agentName,
                 Ledra::PassiveEntityManagerSm::Ptr const& engine)
-      : NotifieeConst(Weak::weak), owner_(owner), agentName_(std::move(agentName)) {
-    notifierIs(engine);
+      : OwnerWatcher(owner, engine), agentName_(std::move(agentName)) {
     queued_ = engine->readyMountGroups();
     for (auto const& [path, mounter] : engine->passiveDirMounterCol())
       onPassiveDirMounterCol(path);
     onState();
   }
-  ~EngineWatcher() override { notifierIs(nullptr); }
 
   // A group leaves the queue one at a time while the engine mounts; a cleanup empties it at once.
   void onReadyMountGroup() override {
@@ -244,7 +211,6 @@ class AgentEvents::EngineWatcher : public Ledra::PassiveEntityManagerSm::Notifie
     groupSince_ = Qel::kNever;
   }
 
-  AgentEvents& owner_;
   Qel::Name const agentName_;
   bool reported_ = false;
   std::set<std::string> toldBlocking_;

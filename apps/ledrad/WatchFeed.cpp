@@ -6,6 +6,7 @@
 #include "Qel/GenericIf.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/NboAttrLog/WireText.h"
+#include "apps/ledrad/OwnerWatcher.h"
 #include "apps/ledrad/WatchRecord.h"
 
 namespace Ledrad {
@@ -32,48 +33,25 @@ class WatchFeed::Poke : public Qel::GenericIf::NotifieeConst {
   std::string const agent_;
 };
 
-class WatchFeed::DemuxerMgrWatcher : public Qel::NboAttrLog::DemuxerMgr::NotifieeConst {
-  using NotifieeConst = Qel::NboAttrLog::DemuxerMgr::NotifieeConst;
-
+class WatchFeed::DemuxerMgrWatcher
+    : public OwnerWatcher<Qel::NboAttrLog::DemuxerMgr::NotifieeConst, WatchFeed> {
  public:
-  explicit DemuxerMgrWatcher(WatchFeed& feed) : NotifieeConst(Weak::weak), feed_(feed) {
-    notifierIs(Qel::NboAttrLog::demuxerMgr());
-  }
-  ~DemuxerMgrWatcher() override { notifierIs(nullptr); }
-  void onDemuxer(Qel::Name const& name) override { feed_.demuxerChanged(name); }
-
- private:
-  WatchFeed& feed_;
+  explicit DemuxerMgrWatcher(WatchFeed& feed) : OwnerWatcher(feed, Qel::NboAttrLog::demuxerMgr()) {}
+  void onDemuxer(Qel::Name const& name) override { owner_.demuxerChanged(name); }
 };
 
-class WatchFeed::RootWatcher : public Ledra::PassiveEntityManagerRootSm::NotifieeConst {
-  using NotifieeConst = Ledra::PassiveEntityManagerRootSm::NotifieeConst;
-
+class WatchFeed::RootWatcher
+    : public OwnerWatcher<Ledra::PassiveEntityManagerRootSm::NotifieeConst, WatchFeed> {
  public:
-  RootWatcher(WatchFeed& feed, Ledra::PassiveEntityManagerRootSm::Ptr const& root)
-      : NotifieeConst(Weak::weak), feed_(feed) {
-    notifierIs(root);
-  }
-  ~RootWatcher() override { notifierIs(nullptr); }
-  void onPassiveEntityManagerSm(Qel::Name const& name) override { feed_.engineChanged(name); }
-
- private:
-  WatchFeed& feed_;
+  using OwnerWatcher::OwnerWatcher;
+  void onPassiveEntityManagerSm(Qel::Name const& name) override { owner_.engineChanged(name); }
 };
 
-class WatchFeed::StatusDirWatcher : public Ledra::PassiveAgentStatusDir::NotifieeConst {
-  using NotifieeConst = Ledra::PassiveAgentStatusDir::NotifieeConst;
-
+class WatchFeed::StatusDirWatcher
+    : public OwnerWatcher<Ledra::PassiveAgentStatusDir::NotifieeConst, WatchFeed> {
  public:
-  StatusDirWatcher(WatchFeed& feed, Ledra::PassiveAgentStatusDir::Ptr const& dir)
-      : NotifieeConst(Weak::weak), feed_(feed) {
-    notifierIs(dir);
-  }
-  ~StatusDirWatcher() override { notifierIs(nullptr); }
-  void onAgentStatus(Qel::Name const& name) override { feed_.statusChanged(name); }
-
- private:
-  WatchFeed& feed_;
+  using OwnerWatcher::OwnerWatcher;
+  void onAgentStatus(Qel::Name const& name) override { owner_.statusChanged(name); }
 };
 
 WatchFeed::Agent::Agent() = default;

@@ -67,6 +67,10 @@ class Attr {
  public:
   static constexpr AttributeId kId = kAid;
 
+  Attr() = default;
+  // An attribute whose value before any write is `initial`.
+  explicit Attr(T initial) : value_(std::move(initial)) {}
+
   T const& get() const { return value_; }
   void set(GenericIf const& owner, T const& v) {
     if (value_ == v) return;

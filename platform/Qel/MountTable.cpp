@@ -131,12 +131,21 @@ MountTable::Stat MountTable::stat(ConnectDesc const& cd) const {
 }
 
 void MountTable::statusIs(ConnectDesc const& cd, Stat const& s) {
-  if (!storeIfChanged(status_, cd, s)) return;
+  auto const [it, inserted] = status_.try_emplace(cd, s);
+  if (!inserted) {
+    if (it->second == s) return;
+    incomplete_ -= it->second.status() != complete_;
+    it->second = s;
+  }
+  incomplete_ += s.status() != complete_;
   notifyKey(kStatus, cd);
 }
 
 void MountTable::statusDel(ConnectDesc const& cd) {
-  if (status_.erase(cd) == 0) return;
+  auto const it = status_.find(cd);
+  if (it == status_.end()) return;
+  incomplete_ -= it->second.status() != complete_;
+  status_.erase(it);
   notifyKey(kStatus, cd);
 }
 

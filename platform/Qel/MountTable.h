@@ -168,6 +168,9 @@ class QEL_API MountTable : public Entity {
   Status status(ConnectDesc const& cd) const { return stat(cd).status(); }
   Stat stat(ConnectDesc const& cd) const;
   std::size_t statuses() const { return status_.size(); }
+  // The number of status records not complete_: a caller waiting for every mount to complete
+  // asks this instead of walking the records.
+  std::size_t incompleteStatuses() const { return incomplete_; }
   void statusIs(ConnectDesc const& cd, Stat const& s);
   void statusDel(ConnectDesc const& cd);
 
@@ -195,6 +198,7 @@ class QEL_API MountTable : public Entity {
   U32 currentVersion_ = 0;
   ConfMap conf_;
   StatusMap status_;
+  std::size_t incomplete_ = 0;  // records of status_ whose status is not complete_
   PathStateMap pathState_;
   NboAttrLog::Demuxer* connection_ = nullptr;
 };

@@ -87,6 +87,21 @@ TEST_F(EngineMountingTest, FailedFirstMountIsReportedAndALaterAttemptClosesTheAg
   EXPECT_FALSE(engine->initialized());
 }
 
+// Paths are read as entity URIs: a "?" in one, or a path that is no absolute path, is refused
+// with the parser's text before anything is recorded or sent.
+TEST_F(EngineMountingTest, PathNoEntityUriCanHoldIsReportedAndNothingIsSent) {
+  startEngine();
+  rootMounted();
+  std::size_t const sent = requests().size();
+  for (std::string const path : {"/ledra/Ledra/q?flags=w", "http:/x"}) {
+    std::string const err = stderrOf([&] { engine->doPassiveMount(path, "r", ""); });
+    EXPECT_NE(err.find(path + " Error: Hit QEL Exception: "), std::string::npos) << err;
+    EXPECT_FALSE(status->mountReference(path)) << path;
+  }
+  EXPECT_EQ(requests().size(), sent);
+  EXPECT_TRUE(engine->initialized());
+}
+
 TEST_F(EngineMountingTest, ReferenceToAnEntityCutOffFromTheTreeIsNoCompleteMount) {
   auto const ref = status->mountReferenceIs("/ledra/Ledra/o");
   ref->entityIs(dir("o"));

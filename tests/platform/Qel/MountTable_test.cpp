@@ -76,9 +76,19 @@ TEST_F(MountTableTest, StatusesIterateInConnectDescriptorOrder) {
   for (auto const& [cd, st] : table->status())
     order += cd.path() + "=" + st.text() + " ";
   EXPECT_EQ(order, "/a=complete_ /a/c=failed_: other /b=inProgress_ ");
+  EXPECT_EQ(table->incompleteStatuses(), 2u);
   table->statusDel(ConnectDesc("/b"));
   EXPECT_EQ(rec->seen,
             (Strings{"status /b", "status /a/c", "status /a", "status /a/c", "status /b"}));
+  // The count follows every overwrite and removal, complete or not.
+  table->statusIs(ConnectDesc("/a"), MountTable::Stat(MountTable::inProgress_));
+  table->statusIs(ConnectDesc("/a/c"), MountTable::Stat(MountTable::complete_));
+  EXPECT_EQ(table->incompleteStatuses(), 1u);
+  table->statusDel(ConnectDesc("/a/c"));
+  table->statusDel(ConnectDesc("/a/c"));
+  EXPECT_EQ(table->incompleteStatuses(), 1u);
+  table->statusIs(ConnectDesc("/a"), MountTable::Stat(MountTable::complete_));
+  EXPECT_EQ(table->incompleteStatuses(), 0u);
 }
 
 TEST_F(MountTableTest, PathStatesAreNotifiedPerPath) {
