@@ -187,6 +187,20 @@ TEST_F(ControlServerTest, AReplyNotTakenInTimeIsDropped) {
   ::close(fd);
 }
 
+// A watcher takes the records of its keys only, for as long as it likes: the idle timeout of
+// requests and replies does not apply to it.
+TEST_F(ControlServerTest, AWatcherTakesTheRecordsOfItsKeysOnlyAndIsNotTimedOut) {
+  start("done\n", {4, 4, 1.0});
+  int const one = send("watch\tb\n");
+  EXPECT_EQ(take(one), "ok\nwatching\n");
+  loop_->runFor(5.0);
+  server_->publish("a", "a 1\n");
+  server_->publish("b", "b 1\n");
+  EXPECT_EQ(take(one), "b 1\n");
+  EXPECT_EQ(server_->timedOut(), 0u);
+  ::close(one);
+}
+
 // A watcher that does not read holds no more than the latest record of each key, and once its
 // socket has taken nothing for the idle timeout it is dropped; a watcher that reads, late, gets
 // each key's records in order and the latest last; other clients are served all along.

@@ -153,12 +153,14 @@ TEST_F(DatabaseTest, CommandsLoadSetAndTellTheEventsOrSayWhyNot) {
             "refused /no/such\\x0aAll mounts complete for fan-1: cannot read: No such file or "
             "directory");
   EXPECT_EQ(run({"frob"}), "error: unknown command 'frob'\n" + ControlCommands::usage());
+  EXPECT_EQ(run({"set", "/a", "b", "c", "d"}), "error: usage: set PATH ATTRIBUTE VALUE\n");
   EXPECT_EQ(events.size(), 5u);
   // A folder stands for its state files, in name order; other files are passed over.
   std::filesystem::create_directory(dir_ / "more");
   file("more/b.state", Ledrad::state("CmdTest"));
   file("more/a.state", Ledrad::state("CmdTest"));
   file("more/notes.txt", "not a state file");
+  std::filesystem::create_directory(dir_ / "more/c.state");
   std::string const more = (dir_ / "more").string();
   EXPECT_EQ(run({"load-state", more}), "loaded " + more + "/a.state" + again.substr(state.size()) +
                                            "\nloaded " + more + "/b.state" +

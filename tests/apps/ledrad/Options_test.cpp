@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -88,6 +89,8 @@ TEST_F(OptionsTest, RefusalsSayWhy) {
     EXPECT_EQ(refusal({"--max-agent-output", v}), "--max-agent-output" + bytes + v + "'");
   EXPECT_EQ(refusal({"--max-control-clients", "4K"}),
             "--max-control-clients takes a positive whole number, not '4K'");
+  EXPECT_EQ(refusal({"--control-idle-timeout", "0"}),
+            "--control-idle-timeout takes a positive number of seconds, not '0'");
   EXPECT_EQ(refusal({"--hello-timeout", "inf"}),
             "--hello-timeout takes a positive number of seconds, not 'inf'");
   EXPECT_EQ(refusal({"--max-total-output", "3M", "--max-agent-output", "4M"}),
@@ -95,6 +98,20 @@ TEST_F(OptionsTest, RefusalsSayWhy) {
   EXPECT_EQ(refusal({"--max-frame", "1K", "--max-agent-output", "2055"}),
             "--max-agent-output (2055 bytes) cannot hold one mount request and its state "
             "(2056 bytes with --max-frame 1024)");
+}
+
+// Whatever order the folder lists them in (the folder's own tests pass over other files).
+TEST(ConfigFilesIn, ListsTheFilesInNameOrder) {
+  char tmpl[] = "/tmp/ledrad-files-XXXXXX";
+  ASSERT_NE(::mkdtemp(tmpl), nullptr);
+  std::filesystem::path const dir = tmpl;
+  std::vector<std::string> sorted;
+  for (char const* name : {"h", "c", "f", "a", "g", "b", "e", "d"})
+    std::ofstream(dir / (std::string(name) + ".profile")) << "";
+  for (char c = 'a'; c <= 'h'; ++c)
+    sorted.push_back((dir / (std::string(1, c) + ".profile")).string());
+  EXPECT_EQ(configFilesIn(dir.string(), ".profile"), sorted);
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -106,6 +106,7 @@ INSTANTIATE_TEST_SUITE_P(Lines, ProfileFileRefusal, ::testing::Values(
   Refusal{"profile a\n group g 100\n", 2, "priority must be a whole number from 1 to 99, not '100'"},
   Refusal{"profile a\n group g 1\n group g 2\n", 3, "group 'g' is defined twice in profile 'a' (first at line 2)"},
   Refusal{"profile a\n group g 1\n rootFlags N\n", 3, "profile setting 'rootFlags' must come before the first group of profile 'a'"},
+  Refusal{"profile a\n rootFlags N\n rootFlags N\n", 3, "rootFlags is set twice in profile 'a'"},
   Refusal{"profile a\n rootFlags x\n", 2, "unknown root flag letter 'x' in 'x' (letters: w f c i S N)"},
   Refusal{"profile a\n hybridMount yes\n", 2, "'yes' is not a boolean (true or false)"},
   Refusal{"profile a\n templateKey 1 %\n", 2, "template key '%' must begin with '%' and name a key"},

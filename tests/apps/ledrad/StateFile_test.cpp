@@ -175,6 +175,7 @@ INSTANTIATE_TEST_SUITE_P(Lines, StateFileRefusal, ::testing::Values(
   Refusal{"type R::T\ntype R::U\n  collection x R::T U32\n", 3, "a collection key must be a builtin or enum type, not 'R::T'"},
   Refusal{"entity /x U32\n", 1, "type 'U32' is no entity type that can be created"},
   Refusal{"dir /\n", 1, "path '/' is the root itself"},
+  Refusal{"dir /a//b\n", 1, "path '/a//b' has an empty component"},
   Refusal{"dir /%nope/b\n", 1, "unknown template key '%nope' in '/%nope/b'"},
   Refusal{"type R::T\nentity /stateTest/t R::T\nentity /stateTest/t R::T\n", 3, "'/stateTest/t' is already defined at line 2"},
   Refusal{"type R::T\n  collection x string U32\nentity /stateTest/t R::T\n  set x 1\n", 4, "'x' is a collection: use put"},

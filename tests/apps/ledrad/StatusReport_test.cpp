@@ -145,6 +145,9 @@ TEST_F(StatusReportTest, TheTableAndTheJsonShowEveryNameOnItsLine) {
   for (std::istringstream in(table); std::getline(in, line);)
     lines.push_back(line);
   ASSERT_GT(lines.size(), 17u) << table;
+  EXPECT_EQ(
+      lines[0],
+      "ledrad: system dbTest, cell 2, root /dbTest/Ledra, 2 profile(s): gate node-, 2 agent(s)");
   // The first column is as wide as the longest name's 15 code points.
   EXPECT_EQ(lines[2].substr(0, 26), "AGENT            PROFILE  ");
   EXPECT_EQ(lines[4].substr(0, 27), "node-1\\x0a\\xff\xc3\xa9  node-    ");
