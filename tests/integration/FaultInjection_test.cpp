@@ -1,10 +1,8 @@
-// Faults injected against a real ledrad: clients that never read, clients that stall in the middle
-// of a frame, thousands of connections opened and dropped, agents that die at seeded points, and a
-// SIGTERM while agents are being served. Through each, a well-behaved agent connected alongside is
-// served to "All mounts complete for ", ledrad's descriptors (/proc/<pid>/fd) come back exactly to
-// their count before the faults, and its resident memory (VmRSS) stays under a stated bound and
-// comes back within a stated tolerance. Every wait is for an event (a line of ledrad's, a control
-// reply, a socket becoming readable or hung up) with a deadline; nothing sleeps.
+// Faults injected against a real ledrad: clients that never read or stall mid-frame, thousands of
+// connections opened and dropped, agents that die at seeded points, and a SIGTERM while agents are
+// served. Through each, a well-behaved agent alongside is served to its end, ledrad's descriptors
+// come back exactly to their count before the faults, and its resident memory (VmRSS) stays under
+// a bound and comes back within a tolerance. Every wait is for an event, with a deadline.
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -59,13 +57,10 @@ constexpr char const* kProfiles = R"(profile node-
 )";
 constexpr std::size_t kNodeMounts = 7;
 
-// Resident memory may grow by this much while the faults last (on top of what they hold by
-// design), and must come back within kMemoryTolerance of the baseline taken after a warm-up.
-// The sanitizer build keeps freed memory in quarantine and never gives its pools back, so there
-// only the bound on growth is meaningful, and ledrad is started with a small quarantine so that
-// what it holds, not how much it has freed lately, decides its size; leaks there are found by
-// LeakSanitizer at ledrad's exit (an exit status other than 0). It also runs slower by far: it
-// opens fewer connections and gives ledrad longer to stop.
+// Resident memory may grow by kGrowth while the faults last and must come back within
+// kMemoryTolerance of the baseline taken after a warm-up. The sanitizer build keeps freed memory
+// in quarantine (ledrad gets a small one there; LeakSanitizer finds leaks at its exit) and runs
+// slower: it opens fewer connections and gives ledrad longer to stop.
 #ifdef LEDRA_SANITIZE
 constexpr long kMemoryTolerance = 96 << 10;  // KiB
 constexpr int kConnectionsPerRound = 16;

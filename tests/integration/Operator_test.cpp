@@ -71,8 +71,12 @@ TEST_F(OperatorIntegration, TheOperatorSeesDataMetricsAndTraceAndCardsArriveEntr
   EXPECT_EQ(ctl({"get", "/ops/Ledra/hardware/chassis", "ready[fan-1]"}).output, "true\n");
   EXPECT_EQ(ctl({"ls", "/ops/Ledra/hardware"}).output, "chassis Demo::Chassis\nfan Qel::Dir\n");
   auto const missing = ctl({"get", "/ops/Ledra/hardware/card"});
-  EXPECT_NE(missing.status, 0);
-  EXPECT_TRUE(contains(missing.output, "/ops/Ledra/hardware/card")) << missing.output;
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.output, "no entity at /ops/Ledra/hardware/card\n");
+  EXPECT_EQ(ctl({"ls", "/ops/Ledra/hardware/chassis"}).output,
+            "/ops/Ledra/hardware/chassis is a Demo::Chassis, not a directory\n");
+  EXPECT_EQ(ctl({"get", "/ops/Ledra/hardware/chassis", "powerState[x]"}).output,
+            "'powerState' is no collection\n");
 
   // Powered on, the supervisor still waits for its line cards: the card directory does not
   // stand yet. Two cards plugged in one after the other reach it as they come.

