@@ -190,6 +190,22 @@ TEST_F(RetryTest, AnEntityThatNeverComesIsRetriedEveryFiveSecondsForeverUntilDes
   EXPECT_EQ(attempts().size(), n);
 }
 
+TEST_F(RetryTest, AConditionAddedWhileWaitingForAnEntityRestartsTheListAndIsWaitedFor) {
+  condition(lateCondition());
+  condition("1 == " + on("a_U32"));
+  start();    // the first condition waits for its entity
+  addLate();  // a_U32 = 3: the first condition holds once its entity is looked up again
+  condition("5 == /condTest/late.a_U32");
+  // Evaluated again from the head: the second condition waits, the new one queues behind it.
+  EXPECT_EQ(sm->currentPendingCondition(), "1 == /condTest/w.a_U32");
+  runTo(0.1);  // the retry armed before the restart is gone and skips nothing
+  EXPECT_EQ(attempts().size(), 2u);
+  set("a_U32", "1");
+  EXPECT_EQ(sm->currentPendingCondition(), "5 == /condTest/late.a_U32");
+  Qel::globalDir()->entity("/condTest/late")->attributeIs("a_U32", Qel::String("5"));
+  EXPECT_TRUE(enabled());
+}
+
 TEST_F(RetryTest, ASwitchedOffOrZombieStateMachineSkipsItsRetries) {
   condition(lateCondition());
   start();

@@ -52,6 +52,22 @@ TEST_F(EngineMountingTest, FailedFirstMountIsReportedAndALaterAttemptClosesTheAg
   EXPECT_FALSE(engine->initialized());
 }
 
+TEST_F(EngineMountingTest, HybridAgentRemountsWithOtherFlagsAndJustSetsEntityWithSameFlags) {
+  profile->hybridMountIs(true);
+  entMgr->writeMountsGrantedIs(true);
+  dir("h");
+  startEngine();
+  rootMounted();
+  engine->doPassiveMount("/ledra/Ledra/h", "wc", "Qel::Dir");
+  engine->doPassiveMount("/ledra/Ledra/h", "wci", "Qel::Dir");
+  EXPECT_EQ(requests().back(), "/ledra/Ledra/h?flags=winp Qel::Dir");
+  std::size_t const sent = requests().size();
+  // Same flags, another type: nothing is sent, the entity is set.
+  engine->doPassiveMount("/ledra/Ledra/h", "wci", "Other::Type");
+  EXPECT_EQ(requests().size(), sent);
+  EXPECT_EQ(status->mountReference("/ledra/Ledra/h")->entity(), dir("h"));
+}
+
 struct ParentCase {
   SaFlags parent;
   char const* trace;  // empty: the child is mounted

@@ -98,6 +98,21 @@ TEST_F(MountGroupReactorTest, UnusableAttributeThrowsAndLeavesTheConditionPendin
   }
 }
 
+// The reactor of a satisfied condition must not report again once the next condition takes over,
+// be it true at once or without a reactor (its pointer constant names no entity).
+TEST_F(MountGroupReactorTest, TheSatisfiedConditionsReactorGoesWhenTheNextTakesOver) {
+  set("a_bool", "true");
+  for (char const* next : {"true == /condTest/w.a_bool", "/condTest/nowhere == /condTest/w.peer"}) {
+    restartWith("5 == " + on("a_U32"));
+    condition(next);
+    set("a_U32", "0");
+    start();
+    set("a_U32", "5");
+    EXPECT_EQ(sm->conditionalReactor(), nullptr) << next;
+    EXPECT_EQ(watched->notifiees(), 0u) << next;
+  }
+}
+
 using MountGroupReactorDeathTest = MountGroupReactorTest;
 
 TEST_F(MountGroupReactorDeathTest, UnusableConditionEndsTheProcess) {

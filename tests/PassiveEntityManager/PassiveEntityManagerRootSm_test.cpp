@@ -179,7 +179,34 @@ TEST_F(RootSmTest, ConnectedRecordWithoutDemuxerIsFatal) {
   ConnMgrHelper::connectionStatusDir()->passiveConnectionStatusDel("ghost");
 }
 
+TEST_F(RootSmTest, AWhiteListedAgentIsLeftAlone) {
+  profile("w");
+  startRoot();
+  auto const w = agent("w");
+  w->whiteListIs(true);
+  w->connect();
+  run();
+  EXPECT_TRUE(w->connected());
+  EXPECT_TRUE(w->mountRequests().empty());
+  EXPECT_EQ(rootSm->passiveEntityManagerSms(), 0u);
+}
+
 // ---- The switch to active
+
+TEST_F(RootSmTest, EngineHeldByPeerReadyProceedsOnceActive) {
+  blockingGroup(profile("agentA"), "peerReady");
+  entMgr->localIs(Role::backup);
+  startRoot();
+  agent("agentA")->connect();
+  run();
+  auto const engine = rootSm->passiveEntityManagerSm("agentA");
+  EXPECT_TRUE(engine->conditionalMountGroup("peerReady"));
+  entMgr->localIs(Role::active);
+  EXPECT_FALSE(engine->conditionalMountGroup("peerReady"));
+  EXPECT_TRUE(engine->blockingConditionals().empty());
+  run();
+  EXPECT_EQ(completions("agentA"), 1u);
+}
 
 TEST_F(RootSmTest, QueuedPeerReadyGroupIsDroppedBeforeItIsReached) {
   auto const p = profile("agentA");  // "main", priority 2

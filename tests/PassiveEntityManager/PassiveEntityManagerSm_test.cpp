@@ -37,6 +37,14 @@ TEST_F(EngineTest, RootMountLeavesFromInsideTheFactory) {
   EXPECT_EQ(agent->demuxer()->lowMountPrioSets(), 0u);
 }
 
+TEST_F(EngineTest, OlderProtocolVersionWaitsForVersionFive) {
+  agent->currentVersionIs(4);
+  startEngine();
+  EXPECT_TRUE(requests().empty());
+  agent->currentVersionIs(5);
+  EXPECT_EQ(requests(), Strings{"/ledra/Ledra?flags=Cnp"});
+}
+
 TEST_F(EngineTest, HandleInitializedTwiceDoesTheWorkOnceAndSetsLowMountPrioOnce) {
   profile->lowMountPrioIs(true);
   startEngine();

@@ -326,6 +326,23 @@ TEST_F(AgentListenerTest, AnAgentThatReconnectsIsServedWithTheNextEpochAfterTheO
   EXPECT_EQ(std::get<WireMountRequest>(second.received[0]).seqno, 1u);
 }
 
+// Every connection of a name, forgotten or not, gets a higher epoch than all its earlier ones.
+TEST_F(AgentListenerTest, EpochsOfForgottenNamesStayAboveEveryEarlierOne) {
+  listener->maxRememberedNamesIs(1);
+  auto session = [&](std::string const& name) {
+    TestAgent& a = connected(name);
+    Qel::U32 const epoch = demuxer(name)->epoch();
+    a.send(WireClose{"bye"});
+    EXPECT_TRUE(run([&] { return gone(name); }));
+    return epoch;
+  };
+  session("old");
+  EXPECT_EQ(session("old"), 2u);
+  session("new");
+  EXPECT_EQ(listener->epoch("old"), 0u);
+  EXPECT_EQ(session("old"), 3u);
+}
+
 // The output of all connections together is bounded, even within one turn of the loop: the agent
 // with the most waiting is given up at once (its output freed, its close on a later turn), the
 // one with less stays and gets everything once it reads.

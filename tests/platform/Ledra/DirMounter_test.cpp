@@ -107,6 +107,21 @@ class DirMounterTest : public Ledra::test::LeakCheckedTest {
   Qel::Dir::Ptr root;
 };
 
+TEST_F(DirMounterTest, EntriesAppearingLaterAreQueuedBehindTheWaitingOne) {
+  auto d = dirWithPlainX();
+  auto m = mounter();
+  m->start();
+  clock->nowIs(0.5);
+  d->dirIs("b");
+  // The pending retry is kept: the new entry waits for it.
+  EXPECT_EQ(m->log.size(), 3u);
+  EXPECT_EQ(m->timeMin(), 1.0);
+  xTurnsUp(d);
+  clock->nowIs(2.0);
+  EXPECT_EQ(m->log, (Log{"init", "existing /dmTest/d/x", "delay /dmTest/d/x", "mount /dmTest/d/x w",
+                         "mount /dmTest/d/b w", "complete /dmTest/d"}));
+}
+
 TEST_F(DirMounterTest, DirectoryOnThePathDeletedAndCreatedAgainIsFollowed) {
   auto p = root->dirIs("p");
   auto m = mounter("/dmTest/p/q/d");

@@ -79,6 +79,14 @@ TEST_F(LoopbackAgentTest, AnswerComesAfterExactlyTheChosenTurnsWithItsPathStateF
   EXPECT_EQ(watch.seen, (std::vector<PathState>{PathState(), wanted}));
 }
 
+TEST_F(LoopbackAgentTest, DelayedAnswerComesAtTheDelayOnTheSimulatedClock) {
+  agent->answerDelayIs(2.5);
+  agent->connect();
+  mount("/a");
+  EXPECT_TRUE(loop->runUntil([&] { return status("/a") == MountTable::complete_; }, 10));
+  EXPECT_DOUBLE_EQ(clock->now(), 2.5);
+}
+
 TEST_F(LoopbackAgentTest, HeldAnswersAreReleasedOutOfOrder) {
   agent->holdAnswersIs(true);
   agent->connect();
