@@ -1,14 +1,13 @@
-// Reactors over run-time entities: plain attributes of every builtin, membership and element
-// counts of collections, enums, pointers, the assertions, and lifetimes under re-entrance.
+// Reactors over run-time entities, for what the simulation's conditions do not use: every
+// operator on every builtin (signedness, NaN), enums and their keyed collections, the assertions,
+// and lifetimes under re-entrance.
 #include "Orn/ConditionalReactor.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cmath>
 #include <limits>
 
-#include "Qel/Dir.h"
 #include "Qel/Exception.h"
 #include "ReactorFixture.h"
 
@@ -84,15 +83,8 @@ TYPED_TEST(EveryBuiltinTest, EveryOperatorWithTheConstantOnTheLeft) {
   EXPECT_EQ(write(TypeParam::low()), "101100");   // low OP low
 }
 
-TEST_F(ReactorTest, IntLessThanFiresAboveTheConstantAndTracesTheExpression) {
+TEST_F(ReactorTest, IntLessThanFiresAboveTheConstantOnEveryChange) {
   auto r = watch("a_S32", 5, Orn::LT);
-  EXPECT_EQ(messages(),
-            (std::vector<std::string>{
-                tagged("ConditionalReactor::handleCreation checking initial state of "
-                       "ornTest::Watched::a_S32( aid 7) for 5"),
-                tagged("ConditionalReactor::onAttribute Received update on attr a_S32(aid 7) of "
-                       "ornTest::Watched index is 0x0"),
-                tagged("attrCompare evaluating \"5 < 0\"")}));
   set("a_S32", 6);
   EXPECT_EQ(r->fired(), 1);
   EXPECT_EQ(messages().back(), tagged("attrCompare evaluating \"5 < 6\""));
@@ -118,8 +110,6 @@ TEST_F(ReactorTest, NanIsUnequalToEverything) {
   double const nan = std::numeric_limits<double>::quiet_NaN();
   set("a_F64", nan);
   set("a_F32", static_cast<float>(nan));
-  EXPECT_EQ(watch("a_F64", 1.0, Orn::NEQ)->fired(), 1);
-  EXPECT_EQ(messages().back(), tagged("attrCompare evaluating \"1 != nan\""));
   EXPECT_EQ(fired(watch("a_F64", nan, Orn::NEQ), watch("a_F32", 1.0f, Orn::NEQ)), "1 1");
   for (LogicalOp op : {Orn::EQ, Orn::LE, Orn::GE, Orn::LT, Orn::GT}) {
     EXPECT_EQ(fired(watch("a_F64", 1.0, op), watch("a_F64", nan, op), watch("a_F32", 1.0f, op)),
@@ -128,76 +118,12 @@ TEST_F(ReactorTest, NanIsUnequalToEverything) {
   }
 }
 
-TEST_F(ReactorTest, EqualMembershipFiresForItsKeyAddedUpdatedOrRemoved) {
-  put("tags", "k", "true");
-  auto absent = watch("tags", Qel::String("j"), Orn::EQ);
-  auto r = watch("tags", Qel::String("k"), Orn::strToLogicalOp("in"));
-  EXPECT_EQ(fired(r, absent), "1 0");
-  put("tags", "other", "true");
-  put("tags", "k", "false");
-  EXPECT_EQ(fired(r, absent), "2 0");
-  drop("tags", "k");  // the notification names the key: it fires although the key is gone
-  EXPECT_EQ(messages().back(), tagged("attrCompare evaluating \"k == k\""));
-  drop("tags", "other");
-  put("tags", "j", "true");
-  EXPECT_EQ(fired(r, absent), "3 1");
-}
-
-TEST_F(ReactorTest, UnequalMembershipFiresWhenItsKeyIsFoundGone) {
-  auto r = watch("tags", Qel::String("k"), Orn::strToLogicalOp("notin"));
-  EXPECT_EQ(r->fired(), 1);
-  put("tags", "other", "true");
-  EXPECT_EQ(messages().back(),
-            tagged("ConditionalReactor::onAttribute ignored the uninteresting key update"));
-  put("tags", "k", "true");
-  EXPECT_EQ(messages().back(),
-            tagged("ConditionalReactor::onAttribute key k is still part of the collection tags"));
-  put("tags", "k", "false");
-  drop("tags", "other");
-  EXPECT_EQ(r->fired(), 1);
-  drop("tags", "k");
-  EXPECT_EQ(r->fired(), 2);
-  put("tags", "k", "true");
-  EXPECT_EQ(watch("tags", Qel::String("k"), Orn::NEQ)->fired(), 0);
-}
-
-TEST_F(ReactorTest, MembershipKeyTakesTheCollectionsKeyType) {
-  // A name-keyed collection watched with a string constant, a U32-keyed one with an int.
-  put("names", "n", "true");
-  put("byNumber", "12", "x");
-  EXPECT_EQ(fired(watch("names", Qel::String("n"), Orn::EQ), watch("byNumber", 12, Orn::EQ),
-                  watch("byNumber", 13, Orn::NEQ)),
-            "1 1 1");
-}
-
-TEST_F(ReactorTest, LengthComparesTheElementCountOnEveryChange) {
-  auto le = watch("tags", 2u, Orn::LE, true);
-  auto ge = watch("tags", 2u, Orn::GE, true);
-  EXPECT_EQ(fired(le, ge), "0 1");
-  put("tags", "a", "true");
-  EXPECT_EQ(fired(le, ge), "0 2");
-  put("tags", "b", "true");
-  EXPECT_EQ(fired(le, ge), "1 3");
-  EXPECT_EQ(messages().back(), tagged("attrCompare evaluating \"2 >= 2\""));
-  put("tags", "c", "true");
-  put("tags", "c", "false");  // an update recounts too
-  EXPECT_EQ(fired(le, ge), "3 3");
-  auto equal = watch("tags", 3u, Orn::strToLogicalOp("in"), true);
-  auto unequal = watch("tags", 3u, Orn::strToLogicalOp("notin"), true);
-  EXPECT_EQ(fired(equal, unequal), "1 0");
-  drop("tags", "a");
-  EXPECT_EQ(fired(le, ge, equal, unequal), "4 4 1 1");
-  drop("tags", "b");
-  EXPECT_EQ(fired(le, ge), "4 5");
-}
-
 TEST_F(ReactorTest, EnumsCompareTheirUnderlyingInteger) {
   auto blue = watch("colour", 7u, Orn::EQ);
   auto aboveGreen = watch("colour", 1u, Orn::LT);
   EXPECT_EQ(fired(blue, aboveGreen), "0 0");
   entity_->attributeIs("colour", Qel::String("blue"));
   EXPECT_EQ(fired(blue, aboveGreen), "1 1");
-  EXPECT_EQ(messages().back(), tagged("attrCompare evaluating \"1 < 7\""));
   // An enum-keyed collection takes the constant as an enumerator.
   auto green = watch("byColour", 1u, Orn::EQ);
   auto notGreen = watch("byColour", static_cast<unsigned char>(1), Orn::NEQ);
@@ -205,36 +131,8 @@ TEST_F(ReactorTest, EnumsCompareTheirUnderlyingInteger) {
   put("byColour", "blue", "3");
   put("byColour", "green", "4");
   EXPECT_EQ(fired(green, notGreen), "1 1");
-  EXPECT_EQ(messages().back(),
-            tagged("ConditionalReactor::onAttribute key 1 is still part of the collection "
-                   "byColour"));
   drop("byColour", "green");
   EXPECT_EQ(fired(green, notGreen), "2 2");
-}
-
-TEST_F(ReactorTest, PointersCompareIdentityNotText) {
-  auto target = Qel::globalDir()->dirIs("ornTarget");
-  Qel::globalDir()->dirIs("ornOther");
-  Qel::Entity const* const address = target.ptr();
-  auto isNull = watch("peer", static_cast<Qel::Entity const*>(nullptr), Orn::EQ);
-  auto isTarget = watch("peer", address, Orn::EQ);
-  auto notTarget = watch("peer", address, Orn::NEQ);
-  EXPECT_EQ(fired(isNull, isTarget, notTarget), "1 0 1");
-  entity_->attributeIs("peer", Qel::String("/ornTarget"));
-  EXPECT_EQ(fired(isNull, isTarget, notTarget), "1 1 1");
-  entity_->attributeIs("peer", Qel::String("/ornOther"));
-  EXPECT_EQ(fired(isNull, isTarget, notTarget), "1 1 2");
-  Qel::globalDir()->entryDel("ornTarget");
-  Qel::globalDir()->entryDel("ornOther");
-  static char held[] = "abc";
-  static char sameText[] = "abc";
-  auto r = watch("a_char*", static_cast<char*>(sameText), Orn::EQ);
-  auto c = watch("a_const char*", static_cast<char const*>(held), Orn::EQ);
-  set("a_char*", static_cast<char*>(held));
-  set("a_const char*", static_cast<char const*>(held));
-  EXPECT_EQ(fired(r, c), "0 1");
-  set("a_char*", static_cast<char*>(sameText));
-  EXPECT_EQ(fired(r, c), "1 1");
 }
 
 TEST_F(ReactorDeathTest, MisuseEndsTheProcessWithItsMessage) {
@@ -242,11 +140,7 @@ TEST_F(ReactorDeathTest, MisuseEndsTheProcessWithItsMessage) {
                literal("\"Collection only supports EQ/NEQ logical ops or len()\""));
   EXPECT_DEATH(watch("byColour", 1.0, Orn::EQ),
                literal("\"enums cannot be used with non integral types\""));
-  EXPECT_DEATH(watch("byColour", Qel::Name("green"), Orn::NEQ),
-               literal("\"enums cannot be used with non integral types\""));
   EXPECT_DEATH(watch("peer", static_cast<Qel::Entity const*>(nullptr), Orn::LE),
-               literal("\"Only EQ and NEQ are supported for pointer types\""));
-  EXPECT_DEATH(watch("a_char*", static_cast<char*>(nullptr), Orn::GT),
                literal("\"Only EQ and NEQ are supported for pointer types\""));
 }
 

@@ -21,9 +21,7 @@ namespace OrnTesting {
 // "ornTest::Watched": a_<builtin> for each of the eighteen builtins, then
 //   colour    ornTest::Colour (red 0, green 1, blue 7)
 //   peer      pointer to an entity
-//   tags      bool keyed by string        names     bool keyed by name
-//   byColour  U32 keyed by ornTest::Colour
-//   byNumber  string keyed by U32
+//   tags      bool keyed by string        byColour  U32 keyed by ornTest::Colour
 inline Qel::QelType const* watchedType() {
   static Qel::QelType const* t = [] {
     Qel::QelType const* colour =
@@ -37,9 +35,7 @@ inline Qel::QelType const* watchedType() {
     attrs.push_back({"colour", colour->name()});
     attrs.push_back({"peer", "Qel::Entity"});
     attrs.push_back({"tags", "bool", "string"});
-    attrs.push_back({"names", "bool", "name"});
     attrs.push_back({"byColour", "U32", colour->name()});
-    attrs.push_back({"byNumber", "string", "U32"});
     return Qel::defineType("ornTest::Watched", attrs);
   }();
   return t;

@@ -20,12 +20,10 @@ namespace ConditionalTesting {
 
 using Ledra::test::literal;
 
-// "condTest::Watched": a_<builtin> for each builtin (a_charptr and a_constcharptr for char* and
-// const char*), then
+// "condTest::Watched": a_<builtin> for each builtin, then
 //   colour    condTest::Colour (red 0, green 1, blue 7)
 //   peer      pointer to an entity
-//   tags      bool keyed by string        byColour  U32 keyed by condTest::Colour
-//   byNumber  string keyed by U32         mount     Ledra::Mount (a value type: no reactor)
+//   tags      bool keyed by string        mount     Ledra::Mount (a value type: no reactor)
 inline Qel::QelType const* watchedType() {
   static Qel::QelType const* t = [] {
     Qel::QelType const* colour =
@@ -35,13 +33,9 @@ inline Qel::QelType const* watchedType() {
                           "F64", "char", "long", "double", "string", "name"}) {
       attrs.push_back({Qel::Name(std::string("a_") + b), b});
     }
-    attrs.push_back({"a_charptr", "char*"});
-    attrs.push_back({"a_constcharptr", "const char*"});
     attrs.push_back({"colour", colour->name()});
     attrs.push_back({"peer", "Qel::Entity"});
     attrs.push_back({"tags", "bool", "string"});
-    attrs.push_back({"byColour", "U32", colour->name()});
-    attrs.push_back({"byNumber", "string", "U32"});
     attrs.push_back({"mount", Ledra::Mount::staticType()->name()});
     return Qel::defineType("condTest::Watched", attrs);
   }();
@@ -113,23 +107,17 @@ class ConditionalTest : public Ledra::test::SimulatedDatabaseTest {
   void set(char const* attr, Qel::String const& text, Qel::String const& key = {}) {
     watched->attributeIs(attr, text, key);
   }
-  // Writes a plain attribute as a value of its own type.
-  template <class T>
-  void setValue(char const* attr, T const& v) {
-    Qel::AttributeId const aid = watched->attributeId(attr);
-    watched->valueIs(aid, watchedType()->attribute(aid)->type()->newValue(Qel::toValue(v)));
-  }
 
   bool enabled() const { return res->enabled(); }
 
-  // The messages of the PassiveEntityManager facility at or below `level`; with `bare`, every
-  // address shown as 0x*.
-  std::vector<std::string> messages(int level = 9, bool bare = true) const {
+  // The messages of the PassiveEntityManager facility at or below `level`, every address shown
+  // as 0x*.
+  std::vector<std::string> messages(int level = 9) const {
     std::vector<std::string> out;
     for (auto const& line : capture.lines()) {
       if (line.facility != "PassiveEntityManager" || line.level > level) continue;
       std::string text = line.message;
-      for (std::string a = addressIn(text); bare && !a.empty(); a = addressIn(text))
+      for (std::string a = addressIn(text); !a.empty(); a = addressIn(text))
         text.replace(text.find(a), a.size(), "0x*");
       out.push_back(text);
     }
