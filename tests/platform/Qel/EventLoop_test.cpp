@@ -155,6 +155,21 @@ TEST_F(EventLoopTest, ALoopDroppedByItsOwnTaskLivesToTheEndOfTheTurn) {
   EXPECT_EQ(log, (Strings{"dropped@0"}));
 }
 
+TEST_F(EventLoopTest, WritableAndHangupAreReported) {
+  SocketPair sp;
+  std::vector<unsigned> seen;
+  loop->watch(sp.fd[0], EventLoop::writable, [&](unsigned ready) { seen.push_back(ready); });
+  loop->runOnce();
+  EXPECT_EQ(seen, (std::vector<unsigned>{EventLoop::writable}));
+  seen.clear();
+  loop->watch(sp.fd[0], EventLoop::readable, [&](unsigned ready) { seen.push_back(ready); });
+  ::shutdown(sp.fd[1], SHUT_WR);  // the peer's end of stream alone is a hangup
+  loop->runOnce();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0] & (EventLoop::readable | EventLoop::hangup),
+            EventLoop::readable | EventLoop::hangup);
+}
+
 TEST_F(EventLoopTest, AHandlerMayUnwatchItselfOrAnotherReadyDescriptor) {
   SocketPair a, b;
   auto handler = [&](unsigned) {
@@ -171,6 +186,20 @@ TEST_F(EventLoopTest, AHandlerMayUnwatchItselfOrAnotherReadyDescriptor) {
   // Both were ready in the same turn, but the first handler unwatched the second descriptor.
   EXPECT_EQ(log.size(), 1u);
   EXPECT_EQ(loop->watches(), 0u);
+}
+
+TEST_F(EventLoopTest, ATaskThatThrowsLeavesTheRestQueuedAndTheNextTurnMayStart) {
+  std::vector<int> ran;
+  loop->post([&] {
+    ran.push_back(1);
+    throw std::runtime_error("task failed");
+  });
+  loop->post([&] { ran.push_back(2); });
+  EXPECT_THROW(loop->runOnce(), std::runtime_error);
+  EXPECT_EQ(ran, std::vector<int>{1});
+  loop->post([&] { ran.push_back(3); });
+  loop->runOnce();
+  EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
 }
 
 TEST_F(EventLoopTest, WatchingAClosedDescriptorThrows) {
