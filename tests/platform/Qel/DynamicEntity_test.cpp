@@ -67,51 +67,6 @@ TEST_F(DynamicEntityTest, BadTextIsRefusedAndChangesNothing) {
   EXPECT_THROW(entity_->attributeIs("nosuch", Qel::String("1")), Qel::TypeException);
 }
 
-TEST_F(DynamicEntityTest, CollectionsMembershipAndCount) {
-  AttributeId const tags = aid("tags");
-  auto key = [](char const* k) { return Qel::ValueTraits<Qel::String>::box(k); };
-  entity_->attributeIs("tags", Qel::String("true"), "b");
-  entity_->attributeIs("tags", Qel::String("false"), "a");
-  EXPECT_EQ(entity_->colLength(tags)->valueAs<Qel::U32>(), 2u);
-  EXPECT_FALSE(entity_->isMember(tags, key("c"))->valueAs<bool>());
-  EXPECT_TRUE(entity_->attribute(tags, key("b"))->valueAs<bool>());
-  auto keys = entity_->keys(tags);
-  ASSERT_EQ(keys.size(), 2u);
-  EXPECT_EQ(keys[0]->text(), "a");  // ordered by key
-  entity_->attributeIs("tags", GenericIf::PtrConst(), key("a"));
-  EXPECT_EQ(entity_->colLength(tags)->valueAs<Qel::U32>(), 1u);
-  EXPECT_THROW(entity_->attribute(tags), Qel::TypeException) << "a collection is read by key";
-
-  entity_->attributeIs("byColour", Qel::String("3"), "green");
-  auto green = everythingType()->attribute(aid("byColour"))->keyType()->valueFromText("green");
-  EXPECT_EQ(entity_->attribute(aid("byColour"), green)->valueAs<Qel::U32>(), 3u);
-  EXPECT_THROW(entity_->isMember(aid("byColour"), key("green")), Qel::TypeException);
-}
-
-class KeyRecorder : public GenericIf::NotifieeConst {
- public:
-  std::vector<std::string> seen;
-  void onAttribute(AttributeId aid, GenericIf::PtrConst& key) override {
-    seen.push_back(notifier()->attributeName(aid) + ":" + (key ? key->text() : "-"));
-  }
-};
-
-TEST_F(DynamicEntityTest, NotificationsFollowTheCompiledRulesAndTheNameIsReadOnly) {
-  KeyRecorder r;
-  r.notifierIs(entity_);
-  entity_->attributeIs("a_U32", Qel::String("5"));
-  entity_->attributeIs("a_U32", Qel::String("5"));
-  entity_->attributeIs("tags", Qel::String("true"), "k");
-  entity_->attributeIs("tags", Qel::String("true"), "k");
-  entity_->attributeIs("tags", Qel::String(""), "k");
-  entity_->attributeIs("tags", Qel::String(""), "k");
-  EXPECT_THROW(entity_->attributeIs("name", Qel::String("x")), Qel::TypeException);
-  EXPECT_THROW(Qel::Ptr<GenericIf const>(entity_)->attributeIs("a_U32", Qel::String("1")),
-               Qel::ConstInstanceException);
-  EXPECT_EQ(r.seen, (std::vector<std::string>{"a_U32:-", "tags:k", "tags:k"}));
-  EXPECT_EQ(read("name")->text(), "e");
-}
-
 TEST_F(DynamicEntityTest, TypesAreCreatedByNameAndABadSchemaRegistersNothing) {
   auto made = Qel::QelType::typeOrThrow("test::Everything").newEntity("byname");
   EXPECT_EQ(made->fwkType(), everythingType());

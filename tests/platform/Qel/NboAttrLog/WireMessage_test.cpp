@@ -225,6 +225,7 @@ TEST(WireTextTest, FaultsPrintableFormsAndWidths) {
       {"\xc2\x9f", "holds control character U+009F at byte 0", "\\u009f", 6},
       {"\xc2\xa0", "", "\xc2\xa0", 1},  // no-break space: shown
       {"x\xe2\x80\xa9", "holds control character U+2029 at byte 1", "x\\u2029", 7},
+      {"\xe2\x81\xa6", "holds control character U+2066 at byte 0", "\\u2066", 6},
       {"ab\x80", "is not valid UTF-8 at byte 2 (0x80)", "ab\\x80", 6},
       {"\xed\xa0\x80", "is not valid UTF-8 at byte 0 (0xed)", "\\xed\\xa0\\x80", 12},  // surrogate
       {"\xe2\x82", "is not valid UTF-8 at byte 0 (0xe2)", "\\xe2\\x82", 8},            // cut off
