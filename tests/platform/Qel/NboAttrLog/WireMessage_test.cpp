@@ -198,6 +198,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "malformed Close: 2 bytes after the last field"},
         BadBody{"flag out of range", kRequest + u32(1) + text("/a") + text("") + byte(2),
                 "malformed MountRequest: stateFollows must be 0 or 1, not 2"},
+        BadBody{"ok out of range", kAnswer + byte(0x80) + text("") + byte(0) + kEid,
+                "malformed MountAnswer: ok must be 0 or 1, not 128"},
         BadBody{"unknown path state bits", kAnswer + byte(1) + text("") + byte(0x25) + kEid,
                 "malformed MountAnswer: unknown pathState bits 0x20"},
         BadBody{"attribute count too large", kState + byte(0) + u32(0xffffffff) + u32(0),
