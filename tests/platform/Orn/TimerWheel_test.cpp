@@ -5,15 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <random>
-#include <sstream>
 #include <vector>
 
 #include "Qel/SimulatedClock.h"
@@ -29,15 +26,6 @@ using Qel::kNever;
 using Qel::SimulatedClock;
 using Qel::Time;
 using Firings = std::vector<Firing>;
-
-// The number of the first tick of `w` at or after t.
-std::uint64_t tickAtOrAfter(TimerWheel const& w, Time t) {
-  auto k = static_cast<std::uint64_t>(std::max(0.0, std::ceil(t / w.tick())));
-  if (w.tickTime(k) < t) ++k;
-  while (k > 0 && w.tickTime(k - 1) >= t)
-    --k;
-  return k;
-}
 
 // Logs each wake-up; `action` runs inside onTime.
 class Recorder : public TimerWheel::Notifiee {
@@ -68,92 +56,55 @@ class TimerWheelTest : public ::testing::Test, public LiveInstanceCheck {
   TimerWheel::Ptr wheel = TimerWheel::timerWheelNew(clock);
 };
 
-// A time as a test name: 0.0015 -> "0_0015".
-std::string timeName(::testing::TestParamInfo<Time> const& info) {
-  std::ostringstream os;
-  os << info.param;
-  std::string name = os.str();
-  std::replace_if(
-      name.begin(), name.end(), [](char c) { return !std::isalnum(c); }, '_');
-  return name;
-}
-
 // Times just after a tick (by one unit in the last place) belong to the next tick, times at or
 // just before it to that tick: the conversion of a time to a tick must not round either way.
 // Which way the division rounds depends on the tick length, hence several of them.
-class TimerWheelTickTest : public TimerWheelTest, public ::testing::WithParamInterface<Time> {};
-
-TEST_P(TimerWheelTickTest, TimesNextToATickAreNotRoundedAcrossIt) {
-  wheel = TimerWheel::timerWheelNew(clock, GetParam());
-  auto after = recorder(1), exact = recorder(2), before = recorder(3), late = recorder(4);
-  int checked = 0;
-  for (std::uint64_t k : {1ull, 400ull, 1000ull, 10000ull, 3600000ull, 90000000ull}) {
-    for (std::uint64_t j = k + 1; j < k + 300; j += 3, ++checked) {
-      Time const t = wheel->tickTime(j);
-      Time const justBefore = std::nextafter(t, 0.0);
-      after->timeMinIs(std::nextafter(t, kNever));
-      exact->timeMinIs(t);
-      before->timeMinIs(justBefore);
-      log.clear();
-      clock->nowIs(justBefore);
-      ASSERT_TRUE(log.empty()) << "tick " << j;
-      // A timer due in the previous tick wakes the wheel one unit before tick j: it processes
-      // the ticks up to j - 1 only.
-      late->timeMinIs(wheel->tickTime(j - 1));
-      clock->advance(0);
-      ASSERT_EQ(log, (Firings{{4, justBefore}})) << "tick " << j;
-      clock->nowIs(t);
-      ASSERT_EQ(log, (Firings{{4, justBefore}, {2, t}, {3, t}})) << "tick " << j;
-      clock->nowIs(wheel->tickTime(j + 1));
-      ASSERT_EQ(log, (Firings{{4, justBefore}, {2, t}, {3, t}, {1, wheel->tickTime(j + 1)}}))
-          << "tick " << j;
+TEST_F(TimerWheelTest, TimesNextToATickAreNotRoundedAcrossIt) {
+  for (Time const tick : {0.001, 0.003, 0.01}) {
+    wheel = TimerWheel::timerWheelNew(clock, tick);
+    auto after = recorder(1), exact = recorder(2), before = recorder(3), late = recorder(4);
+    for (std::uint64_t k : {1ull, 1000ull, 3600000ull, 90000000ull}) {
+      for (std::uint64_t j = k + 1; j < k + 300; j += 3) {
+        Time const t = wheel->tickTime(j);
+        Time const justBefore = std::nextafter(t, 0.0);
+        after->timeMinIs(std::nextafter(t, kNever));
+        exact->timeMinIs(t);
+        before->timeMinIs(justBefore);
+        log.clear();
+        clock->nowIs(justBefore);
+        ASSERT_TRUE(log.empty()) << "tick " << j;
+        // A timer due in the previous tick wakes the wheel one unit before tick j: it processes
+        // the ticks up to j - 1 only.
+        late->timeMinIs(wheel->tickTime(j - 1));
+        clock->advance(0);
+        clock->nowIs(t);
+        clock->nowIs(wheel->tickTime(j + 1));
+        ASSERT_EQ(log, (Firings{{4, justBefore}, {2, t}, {3, t}, {1, wheel->tickTime(j + 1)}}))
+            << tick << " tick " << j;
+      }
     }
   }
-  EXPECT_EQ(checked, 6 * 100);
 }
 
-INSTANTIATE_TEST_SUITE_P(TickLengths, TimerWheelTickTest, ::testing::Values(0.001, 0.003, 0.01),
-                         timeName);
-
-TEST_F(TimerWheelTest, NeverCancelsAndAnIdleWheelStopsWaking) {
-  auto a = recorder(1), b = recorder(2);
-  a->timeMinIs(0.2);
-  b->timeMinIs(5);
-  a->timeMinIs(kNever);
-  b->timeMinIs(kNever);
-  clock->nowIs(10);
-  EXPECT_EQ(clock->timers(), 0u);
-  a->timeMinIs(1e30);  // beyond the last level: kept, and cancellable
-  clock->nowIs(1e6);
-  EXPECT_EQ(wheel->timers(), 1u);
-  a->timeMinIs(kNever);
-  EXPECT_EQ(wheel->timers(), 0u);
-  EXPECT_TRUE(log.empty());
-}
-
-TEST_F(TimerWheelTest, ASwitchedOffNotifieeSkipsItsWakeUp) {
-  auto a = recorder(1), b = recorder(2);
-  a->timeMinIs(0.01);
-  b->timeMinIs(0.01);
-  a->hasNotificationActiveIs(false);
-  clock->nowIs(1);
-  EXPECT_EQ(log, (Firings{{2, 0.01}}));
-  EXPECT_EQ(a->timeMin(), kNever);
-}
-
-TEST_F(TimerWheelTest, DestroyingANotifieeCancelsItAlsoInsideOnTime) {
-  auto a = recorder(1), b = recorder(2), c = recorder(3), d = recorder(4);
-  a->timeMinIs(0.005);
-  b->timeMinIs(0.005);
-  c->timeMinIs(0.005);
-  d->timeMinIs(20);
-  d.reset();
-  EXPECT_EQ(wheel->timers(), 3u);
-  // a destroys b, due in the same tick; c destroys itself.
-  a->action = [&] { b.reset(); };
+// Cancelled, switched off and destroyed notifiees (also by another one's onTime, or their own)
+// are not woken; a time beyond the last level is kept and cancellable.
+TEST_F(TimerWheelTest, CancelledSwitchedOffAndDestroyedNotifieesStaySilent) {
+  auto a = recorder(1), b = recorder(2), c = recorder(3), d = recorder(4), e = recorder(5);
+  for (auto* r : {a.get(), b.get(), c.get(), d.get(), e.get()})
+    r->timeMinIs(0.005);
+  d->timeMinIs(kNever);
+  e->hasNotificationActiveIs(false);
+  a->action = [&] { b.reset(); };  // due in the same tick
   c->action = [&] { c.reset(); };
   clock->nowIs(30);
   EXPECT_EQ(log, (Firings{{1, 0.005}, {3, 0.005}}));
+  EXPECT_EQ(e->timeMin(), kNever);
+  EXPECT_EQ(wheel->timers(), 0u);
+  EXPECT_EQ(clock->timers(), 0u);
+  a->timeMinIs(1e30);
+  clock->nowIs(1e6);
+  EXPECT_EQ(wheel->timers(), 1u);
+  a->timeMinIs(kNever);
   EXPECT_EQ(wheel->timers(), 0u);
 }
 
@@ -182,26 +133,7 @@ struct Geometry {
   std::uint32_t bucketSize;
 };
 
-std::string geometryName(::testing::TestParamInfo<Geometry> const& info) {
-  Geometry const& g = info.param;
-  return std::to_string(static_cast<int>(g.tick * 1000)) + "ms" + std::to_string(g.ticks) + "x" +
-         std::to_string(g.bucketSize);
-}
-
 class TimerWheelModelTest : public ::testing::TestWithParam<Geometry>, public LiveInstanceCheck {};
-
-// The distance in ticks of the n-th re-arming of timer `id` from inside onTime(): fixed by the
-// arguments, so that the model and the wheel make the same choices. 0 means "for the present
-// time", which the wheel turns into the next tick.
-std::uint64_t rearmDistance(int id, int n, Geometry const& g) {
-  std::uint64_t x = static_cast<std::uint64_t>(id) * 1000003u + static_cast<std::uint64_t>(n);
-  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-  x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-  x ^= x >> 31;
-  std::uint64_t const spans[] = {0, 4, 2ull * g.ticks, 2ull * g.ticks * g.bucketSize};
-  std::uint64_t const span = spans[x % 4];
-  return span == 0 ? 0 : 1 + (x >> 8) % span;
-}
 
 TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
   Geometry const g = GetParam();
@@ -209,28 +141,37 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
   auto wheel = TimerWheel::timerWheelNew(clock, g.tick, g.ticks, g.bucketSize);
   std::mt19937_64 rng(1234);
   auto tickAtOrBefore = [&](Time t) {
-    std::uint64_t const k = tickAtOrAfter(*wheel, t);
-    return wheel->tickTime(k) > t ? k - 1 : k;
+    auto k = static_cast<std::uint64_t>(std::floor(t / g.tick)) + 1;
+    while (wheel->tickTime(k) > t)
+      --k;
+    return k;
   };
   // A time within the tick before `tick`, so that `tick` is the first one at or after it.
   auto timeFor = [&](std::uint64_t tick) { return wheel->tickTime(tick) - g.tick * 0.25; };
+  // The distance in ticks of the n-th re-arming of timer `id` from inside onTime(), the same for
+  // the model and the wheel; 0 means "for the present time", which fires at the next tick.
+  auto rearmDistance = [&g](int id, int n) -> std::uint64_t {
+    std::uint64_t x = static_cast<std::uint64_t>(id) * 1000003u + static_cast<std::uint64_t>(n);
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+    x ^= x >> 31;
+    std::uint64_t const spans[] = {0, 4, 2ull * g.ticks, 2ull * g.ticks * g.bucketSize};
+    std::uint64_t const span = spans[x % 4];
+    return span == 0 ? 0 : 1 + (x >> 8) % span;
+  };
 
   constexpr int kTimers = 64;
   Firings log;
   std::vector<std::unique_ptr<Recorder>> timers;
-  std::vector<int> fired(kTimers, 0);
+  std::vector<int> fired(kTimers, 0), modelFired(kTimers, 0);
   auto rearms = [](int id) { return id % 3 == 0; };
   for (int id = 0; id < kTimers; ++id) {
     timers.push_back(std::make_unique<Recorder>(id, log));
     timers.back()->notifierIs(wheel);
     if (!rearms(id)) continue;
     timers.back()->action = [&, id] {
-      std::uint64_t const d = rearmDistance(id, ++fired[id], g);
-      if (d == 0) {
-        timers[id]->timeMinIs(clock->now());
-        return;
-      }
-      timers[id]->timeMinIs(timeFor(tickAtOrBefore(clock->now()) + d));
+      std::uint64_t const d = rearmDistance(id, ++fired[id]);
+      timers[id]->timeMinIs(d == 0 ? clock->now() : timeFor(tickAtOrBefore(clock->now()) + d));
     };
   }
 
@@ -238,7 +179,6 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
   using Key = std::pair<std::uint64_t, long>;
   std::map<Key, int> model;
   std::vector<std::optional<Key>> armedAt(kTimers);
-  std::vector<int> modelFired(kTimers, 0);
   long seq = 0;
   auto modelArm = [&](int id, std::optional<std::uint64_t> tick) {
     if (armedAt[id]) model.erase(*armedAt[id]);
@@ -251,11 +191,6 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
   // Distances of arming from the test: mostly near, some across one or several levels.
   std::uint64_t const spans[] = {4, 2ull * g.ticks, 4ull * g.ticks * g.bucketSize,
                                  3ull * g.ticks * g.bucketSize * g.bucketSize};
-  auto distance = [&] {
-    std::uint64_t const span = spans[rng() % 4];
-    return rng() % span;
-  };
-
   std::size_t totalFired = 0;
   for (int round = 0; round < 300; ++round) {
     for (int k = 0; k < 20; ++k) {
@@ -265,7 +200,8 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
         modelArm(id, std::nullopt);
         continue;
       }
-      std::uint64_t const tick = tickAtOrAfter(*wheel, clock->now()) + 1 + distance();
+      std::uint64_t const span = spans[rng() % 4];
+      std::uint64_t const tick = tickAtOrBefore(clock->now()) + 2 + rng() % span;
       timers[id]->timeMinIs(timeFor(tick));
       modelArm(id, tick);
     }
@@ -275,22 +211,19 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
     std::uint64_t const step =
         rng() % 3 == 0 ? rng() % (2ull * g.ticks * g.bucketSize) : rng() % (g.ticks + 2);
     Time const target = clock->now() + static_cast<Time>(step) * g.tick;
-    std::uint64_t const last = tickAtOrBefore(target);
     Firings expected;
-    while (!model.empty() && model.begin()->first.first <= last) {
+    while (!model.empty() && model.begin()->first.first <= tickAtOrBefore(target)) {
       auto const [key, id] = *model.begin();
-      model.erase(model.begin());
-      armedAt[id].reset();
+      modelArm(id, std::nullopt);
       expected.push_back({id, wheel->tickTime(key.first)});
       if (!rearms(id)) continue;
-      std::uint64_t const d = rearmDistance(id, ++modelFired[id], g);
+      std::uint64_t const d = rearmDistance(id, ++modelFired[id]);
       modelArm(id, key.first + (d == 0 ? 1 : d));
     }
     log.clear();
     clock->nowIs(target);
     ASSERT_EQ(log, expected) << "round " << round;
     totalFired += expected.size();
-    ASSERT_EQ(wheel->timers(), model.size()) << "round " << round;
   }
   EXPECT_GT(totalFired, 2000u);  // the comparison covered real work
   timers.clear();
@@ -300,8 +233,7 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
 INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelModelTest,
                          ::testing::Values(Geometry{0.001, 255, 1024}, Geometry{0.001, 4, 2},
                                            Geometry{0.001, 3, 5}, Geometry{0.25, 8, 3},
-                                           Geometry{0.01, 64, 64}),
-                         geometryName);
+                                           Geometry{0.01, 64, 64}));
 
 using TimerWheelDeathTest = TimerWheelTest;
 

@@ -12,7 +12,6 @@
 namespace Qel {
 namespace {
 
-using Ledra::test::CopyThrows;
 using Ledra::test::Counted;
 
 using Queue = BucketQueue<int, std::string>;
@@ -79,15 +78,6 @@ TEST_F(BucketQueueTest, ExplicitKeysLookupsAndErasures) {
   EXPECT_EQ(q.buckets(), 0u);
   q.clear();
   EXPECT_EQ(str(q.enqueue(1, "g")), "1.11");  // clear() does not reset the counter
-}
-
-TEST_F(BucketQueueTest, FailedEnqueueLeavesNoEmptyBucket) {
-  BucketQueue<int, CopyThrows> p;
-  CopyThrows const bad(1);
-  EXPECT_THROW(p.enqueue(7, bad), std::runtime_error);
-  EXPECT_THROW(p.insert({7, 3}, bad), std::runtime_error);
-  EXPECT_EQ(p.buckets(), 0u);
-  EXPECT_TRUE(p.empty());
 }
 
 TEST(BucketQueueLifetimeTest, NothingLeaksOrIsCopied) {

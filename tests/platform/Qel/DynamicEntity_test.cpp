@@ -51,35 +51,6 @@ class DynamicEntityTest : public Ledra::test::LeakCheckedTest {
   Qel::DynamicEntity::Ptr entity_;
 };
 
-struct TextCase {
-  char const* builtin;
-  char const* text;               // written through the generic view as text
-  char const* printed = nullptr;  // the value's text form read back, when not `text`
-};
-
-class BuiltinTextTest : public DynamicEntityTest, public ::testing::WithParamInterface<TextCase> {};
-
-TEST_P(BuiltinTextTest, WrittenAsTextAndReadBack) {
-  TextCase const& c = GetParam();
-  std::string const attr = std::string("a_") + c.builtin;
-  entity_->attributeIs(Qel::Name(attr), Qel::String(c.text));
-  GenericIf::PtrConst v = read(attr.c_str());
-  ASSERT_TRUE(v);
-  EXPECT_EQ(v->qelType()->name(), c.builtin);
-  EXPECT_EQ(v->text(), c.printed ? c.printed : c.text);
-}
-
-// clang-format off
-INSTANTIATE_TEST_SUITE_P(EveryBuiltin, BuiltinTextTest, ::testing::Values(
-    TextCase{"bool", "true"}, TextCase{"U8", "255"}, TextCase{"S8", "-128"},
-    TextCase{"U16", "65535"}, TextCase{"S16", "-32768"}, TextCase{"U32", "4294967295"},
-    TextCase{"S32", "-2147483648"}, TextCase{"U64", "18446744073709551615"},
-    TextCase{"S64", "-9223372036854775808"}, TextCase{"F32", "1.5"}, TextCase{"F64", "0.1"},
-    TextCase{"char", "x"}, TextCase{"char*", "0", "0x0"}, TextCase{"const char*", "null", "0x0"},
-    TextCase{"long", "-7"}, TextCase{"double", "-2.25"}, TextCase{"string", "a b"},
-    TextCase{"name", "n1"}));
-// clang-format on
-
 TEST_F(DynamicEntityTest, BadTextIsRefusedAndChangesNothing) {
   entity_->attributeIs("a_U8", Qel::String("7"));
   for (auto [attr, text] : {std::pair{"a_U8", "256"},
@@ -94,81 +65,6 @@ TEST_F(DynamicEntityTest, BadTextIsRefusedAndChangesNothing) {
   }
   EXPECT_EQ(read("a_U8")->valueAs<Qel::U8>(), 7);
   EXPECT_THROW(entity_->attributeIs("nosuch", Qel::String("1")), Qel::TypeException);
-}
-
-TEST_F(DynamicEntityTest, TypedReadsConvertAndDistinctBuiltinsStayDistinct) {
-  entity_->attributeIs("a_S16", Qel::String("-3"));
-  EXPECT_EQ(read("a_S16")->valueAs<long long>(), -3);
-  EXPECT_NE(read("a_F64")->qelType(), read("a_double")->qelType());
-  EXPECT_NE(read("a_S64")->qelType(), read("a_long")->qelType());
-  // A value of the wrong builtin is refused even when the C++ representation matches.
-  auto f64 = Qel::ValueTraits<double>::box(1.0);
-  EXPECT_THROW(entity_->attributeIs("a_double", f64), Qel::TypeException);
-  entity_->attributeIs("a_F64", f64);
-  EXPECT_EQ(read("a_F64")->valueAs<double>(), 1.0);
-}
-
-TEST_F(DynamicEntityTest, EnumAndPointerAttributes) {
-  EXPECT_EQ(read("colour")->text(), "red");
-  entity_->attributeIs("colour", Qel::String("blue"));
-  EXPECT_EQ(read("colour")->valueAs<int>(), 7);
-  EXPECT_EQ(read("colour")->text(), "blue");
-
-  EXPECT_FALSE(read("peer"));
-  auto dir = Qel::globalDir()->dirIs("dyntest");
-  entity_->attributeIs("peer", Qel::String("/dyntest"));
-  EXPECT_EQ(read("peer"), dir);
-  EXPECT_THROW(entity_->attributeIs("peer", Qel::String("/nowhere")), Qel::ParseException);
-  EXPECT_THROW(entity_->attributeIs("peer", Qel::ValueTraits<Qel::U32>::box(1)),
-               Qel::TypeException);
-  entity_->attributeIs("peer", Qel::String(""));
-  EXPECT_FALSE(read("peer"));
-  Qel::globalDir()->entryDel("dyntest");
-}
-
-TEST_F(DynamicEntityTest, CollectionsMembershipAndCount) {
-  AttributeId const tags = aid("tags");
-  auto key = [](char const* k) { return Qel::ValueTraits<Qel::String>::box(k); };
-  entity_->attributeIs("tags", Qel::String("true"), "b");
-  entity_->attributeIs("tags", Qel::String("false"), "a");
-  EXPECT_EQ(entity_->colLength(tags)->valueAs<Qel::U32>(), 2u);
-  EXPECT_FALSE(entity_->isMember(tags, key("c"))->valueAs<bool>());
-  EXPECT_TRUE(entity_->attribute(tags, key("b"))->valueAs<bool>());
-  auto keys = entity_->keys(tags);
-  ASSERT_EQ(keys.size(), 2u);
-  EXPECT_EQ(keys[0]->text(), "a");  // ordered by key
-  entity_->attributeIs("tags", GenericIf::PtrConst(), key("a"));
-  EXPECT_EQ(entity_->colLength(tags)->valueAs<Qel::U32>(), 1u);
-  EXPECT_THROW(entity_->attribute(tags), Qel::TypeException) << "a collection is read by key";
-
-  entity_->attributeIs("byColour", Qel::String("3"), "green");
-  auto green = everythingType()->attribute(aid("byColour"))->keyType()->valueFromText("green");
-  EXPECT_EQ(entity_->attribute(aid("byColour"), green)->valueAs<Qel::U32>(), 3u);
-  EXPECT_THROW(entity_->isMember(aid("byColour"), key("green")), Qel::TypeException);
-}
-
-class KeyRecorder : public GenericIf::NotifieeConst {
- public:
-  std::vector<std::string> seen;
-  void onAttribute(AttributeId aid, GenericIf::PtrConst& key) override {
-    seen.push_back(notifier()->attributeName(aid) + ":" + (key ? key->text() : "-"));
-  }
-};
-
-TEST_F(DynamicEntityTest, NotificationsFollowTheCompiledRulesAndTheNameIsReadOnly) {
-  KeyRecorder r;
-  r.notifierIs(entity_);
-  entity_->attributeIs("a_U32", Qel::String("5"));
-  entity_->attributeIs("a_U32", Qel::String("5"));
-  entity_->attributeIs("tags", Qel::String("true"), "k");
-  entity_->attributeIs("tags", Qel::String("true"), "k");
-  entity_->attributeIs("tags", Qel::String(""), "k");
-  entity_->attributeIs("tags", Qel::String(""), "k");
-  EXPECT_THROW(entity_->attributeIs("name", Qel::String("x")), Qel::TypeException);
-  EXPECT_THROW(Qel::Ptr<GenericIf const>(entity_)->attributeIs("a_U32", Qel::String("1")),
-               Qel::ConstInstanceException);
-  EXPECT_EQ(r.seen, (std::vector<std::string>{"a_U32:-", "tags:k", "tags:k"}));
-  EXPECT_EQ(read("name")->text(), "e");
 }
 
 TEST_F(DynamicEntityTest, TypesAreCreatedByNameAndABadSchemaRegistersNothing) {

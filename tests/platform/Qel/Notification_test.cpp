@@ -47,9 +47,12 @@ class NotificationTest : public Ledra::test::LeakCheckedTest {
   Config::Ptr g;
 };
 
-TEST_F(NotificationTest, SwitchedOffAndZombieNotifieesReceiveNothing) {
+// Only real changes are told, and not to switched-off or zombie notifiees; the generic view
+// writes too.
+TEST_F(NotificationTest, OnlyRealChangesReachActiveNotifiees) {
   Counter c;
   c.notifierIs(g);
+  g->systemNameIs("ledra");  // unchanged
   c.hasNotificationActiveIs(false);
   g->systemNameIs("a");
   c.hasNotificationActiveIs(true);
@@ -57,6 +60,7 @@ TEST_F(NotificationTest, SwitchedOffAndZombieNotifieesReceiveNothing) {
   g->systemNameIs("b");
   EXPECT_EQ(c.calls, 0);
   c.qelDoZombieReactorsIs(false);
+  g->attributeIs("systemName", Qel::String("c"));
   g->systemNameIs("c");
   EXPECT_EQ(c.calls, 1);
 }
@@ -158,6 +162,12 @@ TEST_F(NotificationTest, NotifieeDroppingTheLastReferenceDuringDelivery) {
   };
   raw->systemNameIs("a");  // must not touch the entity after its last notifiee let go
   EXPECT_EQ(owner.calls, 1);
+}
+
+using NotificationDeathTest = NotificationTest;
+
+TEST_F(NotificationDeathTest, TheActivityManagerNeedsAClock) {
+  EXPECT_DEATH(g->clockIs(nullptr), "\"the activity manager needs a clock\"");
 }
 
 }  // namespace

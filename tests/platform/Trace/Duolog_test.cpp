@@ -7,10 +7,10 @@
 
 #include "Trace/FileSink.h"
 #include "TraceTestSupport.h"
+#include "support/ExactText.h"
 
 namespace {
 
-using Trace::CaptureSink;
 using Strings = std::vector<std::string>;
 using TraceTesting::TempPath;
 
@@ -74,12 +74,11 @@ TEST_F(TraceDuologTest, ASinkThatTracesDoesNotRecurseOneThatThrowsLeavesTracingU
 TEST_F(TraceDuologTest, DestroyingCapturesOutOfOrderIsAContractViolation) {
   EXPECT_DEATH(
       {
-        auto* const outer = new CaptureSink;
-        new CaptureSink;
+        auto* const outer = new Trace::CaptureSink;
+        new Trace::CaptureSink;
         delete outer;
       },
-      "Assertion failed: textSink\\(\\) == this && \"capture sink destroyed while another sink is "
-      "installed\"");
+      "\"capture sink destroyed while another sink is installed\"");
 }
 
 TEST_F(TraceDuologTest, FileSinkAppendsFlushedLinesAndHandsBackToTheStandardErrorSink) {
@@ -95,17 +94,9 @@ TEST_F(TraceDuologTest, FileSinkAppendsFlushedLinesAndHandsBackToTheStandardErro
               "12.250000 TraceTest/2 first 1\n3601.000001 TraceTest/4 second ff\n");
   }
   EXPECT_EQ(Trace::textSink(), &Trace::StderrSink::instance());
-  testing::internal::CaptureStderr();
-  TRACE(TraceTest, 5, "on stderr {}", true);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "3601.000001 TraceTest/5 on stderr true\n");
   Trace::textSinkIs(previous);
-  try {
-    Trace::FileSink sink("/nonexistent-dir/trace.txt");
-    FAIL() << "opened";
-  } catch (std::runtime_error const& error) {
-    EXPECT_STREQ(error.what(),
-                 "cannot open trace file /nonexistent-dir/trace.txt: No such file or directory");
-  }
+  EXPECT_THROW_TEXT(Trace::FileSink("/nonexistent-dir/trace.txt"), std::runtime_error,
+                    "cannot open trace file /nonexistent-dir/trace.txt: No such file or directory");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// The demuxer of one agent connection: mount requests through its peer table, answers in and out
-// of order, the low-priority property, the three close flags, and the registry.
+// The demuxer of one agent connection: the low-priority property, the closes by the peer, silent,
+// deferred and from inside a notification. Requests and answers are checked by the simulation
+// through loopback agents.
 #include "Qel/NboAttrLog/Demuxer.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +11,6 @@
 #include <vector>
 
 #include "Qel/Exception.h"
-#include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "support/ExactText.h"
 #include "support/LeakCheck.h"
 
@@ -40,33 +40,16 @@ class RecordingTransport : public Qel::NboAttrLog::Transport {
   }
 };
 
-// Logs demuxer and table events in one sequence, with what the table says at that moment.
-class EventLog : public Demuxer::NotifieeConst {
+// Logs the low-priority and path-served notifications; runs `onCount` when the number of
+// outstanding requests changes.
+class CountWatch : public Demuxer::NotifieeConst {
  public:
-  struct TableWatch : MountTable::NotifieeConst {
-    EventLog* log = nullptr;
-    void onStatus(ConnectDesc const& cd) override {
-      log->events.push_back("status " + cd.path() + " " + log->demuxer->peer()->stat(cd).text());
-    }
-  };
-  explicit EventLog(Demuxer::Ptr const& d) : demuxer(d) {
-    notifierIs(d);
-    table.log = this;
-    table.notifierIs(d->peer());
-  }
-  Demuxer::Ptr demuxer;
-  TableWatch table;
-  Strings events;
   std::function<void()> onCount;
-
+  Strings events;
   void onFlowOutMountRequests() override {
-    events.push_back("count " + std::to_string(demuxer->flowOutMountRequests()));
     if (onCount) onCount();
   }
-  void onSeqno() override { events.push_back("seqno " + std::to_string(demuxer->seqno())); }
   void onLowMountPrio() override { events.push_back("lowMountPrio"); }
-  void onClosed() override { events.push_back("closed"); }
-  void onCloseReason() override { events.push_back("reason " + demuxer->closeReason()); }
   void onPathServed(Qel::String const& p) override { events.push_back("served " + p); }
 };
 
@@ -76,7 +59,8 @@ class DemuxerTest : public Ledra::test::LeakCheckedTest {
     LeakCheckedTest::SetUp();
     wire = RecordingTransport::make();
     demuxer = Demuxer::demuxerNew("agentA", nullptr, wire, 3);
-    log = std::make_unique<EventLog>(demuxer);
+    log = std::make_unique<CountWatch>();
+    log->notifierIs(demuxer);
   }
   void TearDown() override {
     log.reset();
@@ -94,43 +78,8 @@ class DemuxerTest : public Ledra::test::LeakCheckedTest {
 
   RecordingTransport::Ptr wire;
   Demuxer::Ptr demuxer;
-  std::unique_ptr<EventLog> log;
+  std::unique_ptr<CountWatch> log;
 };
-
-TEST_F(DemuxerTest, ARequestSetsTheStatusThenTheSeqnoThenTheCountAndGoesOut) {
-  mount("/a");
-  EXPECT_EQ(events(), (Strings{"status /a inProgress_", "seqno 1", "count 1"}));
-  EXPECT_EQ(sent(), (Strings{"request /a?flags=Cnp () #1"}));
-  mount("/a");  // the same configuration again is no change
-  mount("/b", "wiSp", "Qel::Dir");
-  EXPECT_EQ(sent(), (Strings{"request /b?flags=wiSp (Qel::Dir) #2"}));
-  EXPECT_EQ(demuxer->flowOutMountRequests(), 2u);
-  EXPECT_EQ(demuxer->flowOutMountRequests("/a"), 1u);
-}
-
-TEST_F(DemuxerTest, AnswersInAnyOrderSetTheStatusBeforeTheCountFalls) {
-  mount("/a");
-  mount("/b");
-  mount("/c");
-  events();
-  EXPECT_TRUE(demuxer->mountAnswered("/c", true, ""));
-  EXPECT_TRUE(demuxer->mountAnswered("/a", false, "Unknown type: No::Such"));
-  EXPECT_EQ(events(), (Strings{"status /c complete_", "count 2",
-                               "status /a failed_: Unknown type: No::Such", "count 1"}));
-  EXPECT_EQ(status("/b"), MountTable::inProgress_);
-  // Answers nobody waits for change nothing.
-  EXPECT_FALSE(demuxer->mountAnswered("/never", true, ""));
-  EXPECT_FALSE(demuxer->mountAnswered("/c", false, "late"));
-  EXPECT_EQ(status("/c"), MountTable::complete_);
-  EXPECT_TRUE(events().empty());
-  // A remount before the answer counts twice; the answers come in request order.
-  mount("/b", "wnp");
-  EXPECT_EQ(demuxer->flowOutMountRequests("/b"), 2u);
-  EXPECT_TRUE(demuxer->mountAnswered("/b", true, ""));
-  EXPECT_TRUE(demuxer->mountAnswered("/b", false, "refused"));
-  EXPECT_EQ(status("/b"), MountTable::failed_);
-  EXPECT_EQ(demuxer->flowOutMountRequests(), 0u);
-}
 
 TEST_F(DemuxerTest, LowMountPrioAndPathServedNotifyOnChange) {
   demuxer->lowMountPrioIs(false);
@@ -142,26 +91,6 @@ TEST_F(DemuxerTest, LowMountPrioAndPathServedNotifyOnChange) {
   demuxer->pathServedIs("/a", true);
   EXPECT_EQ(events(), (Strings{"lowMountPrio", "served /a"}));
   EXPECT_EQ(sent(), (Strings{"served /a yes"}));
-}
-
-TEST_F(DemuxerTest, ImmediateCloseTellsThePeerAndStopsRequests) {
-  mount("/a");
-  events();
-  sent();
-  demuxer->close("no agent profile", {.notifyPeer = true, .removeStatus = true});
-  EXPECT_EQ(sent(), (Strings{"close 'no agent profile' removeStatus"}));
-  EXPECT_EQ(events(), (Strings{"reason no agent profile", "closed"}));
-  // The unanswered request stays unanswered; answers are ignored now.
-  EXPECT_FALSE(demuxer->mountAnswered("/a", true, ""));
-  EXPECT_EQ(demuxer->flowOutMountRequests(), 1u);
-  // A configuration installed now is stored and marked failed; nothing goes out.
-  mount("/b");
-  EXPECT_EQ(demuxer->peer()->stat(ConnectDesc("/b")).text(),
-            "failed_: connection closed: no agent profile");
-  // The first close wins.
-  demuxer->close("other", {.notifyPeer = true});
-  EXPECT_EQ(demuxer->closeReason(), "no agent profile");
-  EXPECT_TRUE(sent().empty());
 }
 
 TEST_F(DemuxerTest, PeerAndSilentClosesGiveThePeerNoReason) {
@@ -206,18 +135,6 @@ TEST_F(DemuxerTest, HandlerMayCloseTheConnectionThatNotifiesIt) {
   EXPECT_TRUE(demuxer->closed());
   // The close came between the count and the send: nothing else reached the wire.
   EXPECT_EQ(sent(), (Strings{"close 'closed by handler' removeStatus"}));
-}
-
-TEST_F(DemuxerTest, RegistryFindsDemuxersByConnectionName) {
-  auto const& mgr = Qel::NboAttrLog::demuxerMgr();
-  mgr->demuxerIs(demuxer);
-  mgr->demuxerIs(demuxer);
-  EXPECT_EQ(mgr->demuxer("agentA"), demuxer);
-  EXPECT_THROW_TEXT(mgr->demuxerIs(Demuxer::demuxerNew("agentA", nullptr, nullptr)),
-                    Qel::NameInUseException,
-                    "Reinstantiating the demuxer with name agentA not allowed");
-  mgr->demuxerDel("agentA");
-  EXPECT_EQ(mgr->demuxers(), 0u);
 }
 
 using DemuxerDeathTest = DemuxerTest;
