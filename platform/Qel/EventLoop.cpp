@@ -21,6 +21,19 @@ namespace {
 
 constexpr int kMaxEvents = 64;
 
+// Runs the tasks queued in `queued` so far, in order, through `running`; those queued while they
+// run wait in `queued` for the next call.
+template <class Task>
+void runQueued(std::deque<Task>& queued, std::deque<Task>& running) {
+  std::move(queued.begin(), queued.end(), std::back_inserter(running));
+  queued.clear();
+  while (!running.empty()) {
+    Task task = std::move(running.front());
+    running.pop_front();
+    task();
+  }
+}
+
 std::uint32_t epollInterest(unsigned interest) {
   std::uint32_t ev = 0;
   if (interest & EventLoop::readable) ev |= EPOLLIN | EPOLLRDHUP;
@@ -181,13 +194,7 @@ void EventLoop::turn(Time limit, std::function<bool()> const* stopIf) {
   FlagGuard inTurn(inTurn_);
 
   // Tasks posted before this turn; those they post wait for the next one.
-  std::move(posted_.begin(), posted_.end(), std::back_inserter(ready_));
-  posted_.clear();
-  while (!ready_.empty()) {
-    Task task = std::move(ready_.front());
-    ready_.pop_front();
-    task();
-  }
+  runQueued(posted_, ready_);
 
   int const timeoutMs = waitMillis(limit);
   dispatched_ = 0;
@@ -211,13 +218,7 @@ void EventLoop::turn(Time limit, std::function<bool()> const* stopIf) {
 
 void EventLoop::runTurnEnd() {
   // Those queued from here on run at the end of the next turn.
-  std::move(turnEnd_.begin(), turnEnd_.end(), std::back_inserter(turnEndReady_));
-  turnEnd_.clear();
-  while (!turnEndReady_.empty()) {
-    Task task = std::move(turnEndReady_.front());
-    turnEndReady_.pop_front();
-    task();
-  }
+  runQueued(turnEnd_, turnEndReady_);
 }
 
 void EventLoop::dispatch(int timeoutMs) {
