@@ -37,12 +37,6 @@ void ActivityManagerConfig::instanceIs(Ptr const& c) {
   processInstance() = c;
 }
 
-void ActivityManagerConfig::systemNameIs(String const& s) {
-  if (s == systemName_) return;
-  systemName_ = s;
-  notify(kSystemName);
-}
-
 void ActivityManagerConfig::clockIs(Clock::Ptr const& c) {
   QEL_CHECK(c, "c && \"the activity manager needs a clock\"");
   clock_ = c;
@@ -51,11 +45,9 @@ void ActivityManagerConfig::clockIs(Clock::Ptr const& c) {
 QelType const* ActivityManagerConfig::staticType() {
   static QelType const* t =
       TypeBuilder<ActivityManagerConfig>("Qel::ActivityManagerConfig")
-          .value<String>(
-              "systemName", [](ActivityManagerConfig const& c) { return c.systemName(); },
-              [](ActivityManagerConfig& c, String const& s) { c.systemNameIs(s); })
-          .factory([](Name const& n) { return Entity::Ptr(activityManagerConfigNew(n)); })
-          .done();
+          QEL_ATTR_REFLECTION(QEL_ACTIVITY_MANAGER_CONFIG_ATTRIBUTES)
+              .factory([](Name const& n) { return Entity::Ptr(activityManagerConfigNew(n)); })
+              .done();
   return t;
 }
 

@@ -19,17 +19,20 @@
 #pragma once
 
 #include "Qel/Api.h"
+#include "Qel/AttrList.h"
 #include "Qel/Clock.h"
 #include "Qel/Entity.h"
-#include "Qel/Notifiee.h"
 
 namespace Qel {
+
+// The attributes, in id order (see Qel/AttrList.h); the clock is not one of them.
+#define QEL_ACTIVITY_MANAGER_CONFIG_ATTRIBUTES(X) X(value, plain, String, systemName, SystemName)
 
 class QEL_API ActivityManagerConfig : public Entity {
  public:
   using Ptr = Qel::Ptr<ActivityManagerConfig>;
   using PtrConst = Qel::Ptr<ActivityManagerConfig const>;
-  static constexpr AttributeId kSystemName = 1;
+  QEL_ATTR_IDS(QEL_ACTIVITY_MANAGER_CONFIG_ATTRIBUTES);
 
   template <class N>
   class NotifieeT;
@@ -47,8 +50,7 @@ class QEL_API ActivityManagerConfig : public Entity {
   // Installs `c` as the process's configuration; null forgets the present one.
   static void instanceIs(Ptr const& c);
 
-  String const& systemName() const { return systemName_; }
-  void systemNameIs(String const& s);
+  QEL_ATTR_ACCESSORS(QEL_ACTIVITY_MANAGER_CONFIG_ATTRIBUTES)
 
   Clock::Ptr const& clock() const { return clock_; }
   // Replaces the clock; it must not be null.
@@ -61,7 +63,7 @@ class QEL_API ActivityManagerConfig : public Entity {
   explicit ActivityManagerConfig(Name name);
   ~ActivityManagerConfig() override = default;
 
-  String systemName_;
+  QEL_ATTR_STORAGE(QEL_ACTIVITY_MANAGER_CONFIG_ATTRIBUTES)
   Clock::Ptr clock_;
 };
 
@@ -69,10 +71,7 @@ template <class N>
 class QEL_API ActivityManagerConfig::NotifieeT : public BasicNotifiee<N> {
  public:
   using BasicNotifiee<N>::BasicNotifiee;
-  virtual void onSystemName() {}
-  void qelDispatch(AttributeId aid, NotifyKey const&) override {
-    if (aid == kSystemName) onSystemName();
-  }
+  QEL_ATTR_NOTIFIEE(QEL_ACTIVITY_MANAGER_CONFIG_ATTRIBUTES)
 };
 
 }  // namespace Qel
