@@ -85,24 +85,15 @@ int msLeft(Clock::time_point deadline) {
   return left < 0 ? 0 : static_cast<int>(left);
 }
 
-// Whether ledrad has closed its end of `fd` within kWait, reading (and keeping, in `received`)
-// what arrives meanwhile.
-bool hungUp(int fd, std::string* received = nullptr) {
-  auto const deadline = deadlineIn(kWait);
-  while (true) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, msLeft(deadline)) <= 0) return false;
-    char buf[65536];
-    ssize_t const n = ::recv(fd, buf, sizeof buf, 0);
-    if (n <= 0) return true;
-    if (received) received->append(buf, static_cast<std::size_t>(n));
-  }
+// Whether ledrad has closed its end of `fd` within kWait.
+bool hungUp(int fd) {
+  return !test::readToEnd(fd).ends_with("<timeout>");
 }
 
 // The reason of the first Close ledrad sends before it closes `fd`, if any.
 std::optional<std::string> closeReason(int fd) {
-  std::string bytes;
-  if (!hungUp(fd, &bytes)) return "<not closed>";
+  std::string const bytes = test::readToEnd(fd);
+  if (bytes.ends_with("<timeout>")) return "<not closed>";
   Wire::WireDecoder decoder;
   decoder.feed(bytes);
   Wire::WireMessage m;
@@ -253,10 +244,9 @@ class FaultInjection : public test::LedradFolder {
     int const fd = Ledrad::connectUnixSocket(path("ctl.sock"));
     std::string const line = Ledrad::encodeRequest(request) + "\n";
     (void)::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
-    std::string reply;
-    bool const ended = hungUp(fd, &reply);
+    std::string reply = test::readToEnd(fd);
     ::close(fd);
-    return ended ? reply : reply + "<timeout>";
+    return reply;
   }
 
   // Turns of ledrad's loop (control exchanges) until its descriptors are back to `base`; then
