@@ -346,7 +346,10 @@ TEST_F(LedradIntegration, ExplainTellsWhatAnAgentGetsAndWhyConnectedOrNot) {
   auto const connected = nlohmann::json::parse(ctl({"explain", "--json", "probe-3-x-y"}).output);
   EXPECT_TRUE(connected.at("connected"));
   EXPECT_EQ(connected.at("match"), "family");
-  auto const& condition = connected.at("groups").at(1).at("conditions").at(0);
+  auto const& gated = connected.at("groups").at(1);
+  EXPECT_EQ(gated.at("mounts").at(0).at("request"), "wnp");
+  auto const& condition = gated.at("conditions").at(0);
+  EXPECT_TRUE(condition.at("waitedFor"));
   EXPECT_EQ(condition.at("entity").get<std::string>() + " " +
                 condition.at("currentValue").get<std::string>(),
             "/itest/Ledra/a/box off");

@@ -34,7 +34,7 @@ TEST(MetricsText, CountersHistogramBucketsBoundedReasonsAndEscapes) {
         "ledrad_agent_closes_total{reason=\"other\"} 4",
         "ledrad_group_seconds_bucket{le=\"0.001\"} 1",
         "ledrad_group_seconds_bucket{le=\"300.0\"} 1", "ledrad_group_seconds_bucket{le=\"+Inf\"} 2",
-        "# TYPE ledrad_agent_serve_seconds histogram"})
+        "ledrad_group_seconds_count 2", "# TYPE ledrad_agent_serve_seconds histogram"})
     EXPECT_TRUE(hasLine(t, line)) << line << "\n" << t;
   EXPECT_EQ(m.closes().size(), Metrics::kMaxReasons + 1);
 }
