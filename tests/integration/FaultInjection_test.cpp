@@ -1,8 +1,6 @@
-// Faults injected against a real ledrad: clients that never read or stall mid-frame, thousands of
-// connections opened and dropped, agents that die at seeded points, and a SIGTERM while agents are
-// served. Through each, a well-behaved agent alongside is served to its end, ledrad's descriptors
-// come back exactly to their count before the faults, and its resident memory (VmRSS) stays under
-// a bound and comes back within a tolerance. Every wait is for an event, with a deadline.
+// Faults injected against a real ledrad (clients that never read or stall mid-frame, thousands of
+// connections dropped, agents killed at seeded points, SIGTERM while agents are served): a good
+// agent alongside is served to its end, and ledrad's descriptors and resident memory come back.
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -299,10 +297,10 @@ class FaultInjection : public test::LedradFolder {
 
 // (a) Clients that never read while ledrad pushes to them: ledrad holds for each what its socket
 // did not take of the root's state (about 600 KB) without waiting for it. (b) Clients that stall
-// in the middle of a frame: in their hello (closed at the hello timeout, with the reason; one
-// whose first frame is longer than any hello at once), or after it in the middle of an answer
-// (held: an agent may be slow; when it goes, the frame is reported cut short). An agent is served
-// meanwhile; once the faulty clients go, everything they held is given back.
+// in the middle of a frame: in their hello (closed at the hello timeout, with the reason), or
+// after it in the middle of an answer or of a frame of 1 MB (held: an agent may be slow). An
+// agent is served meanwhile; once the faulty clients go, everything they held is given back.
+// (What the listener tells of a frame too long or cut short is met by its own tests.)
 TEST_F(FaultInjection, ClientsThatNeverReadOrStallMidFrameAreHeldOrTimedOutAndGiveItBack) {
   std::ostringstream bulk;
   for (int i = 0; i < 1000; ++i)
@@ -315,7 +313,6 @@ TEST_F(FaultInjection, ClientsThatNeverReadOrStallMidFrameAreHeldOrTimedOutAndGi
   std::string const answer = WireAgent::answerFrame(1, "/ftest/Ledra");
   for (int i = 0; i < 4; ++i)
     connectAgent(i % 2 ? hello.substr(0, hello.size() / 2) : "");
-  WireAgent& oversized = connectAgent(big.substr(0, 5));
   std::set<std::string> names;
   for (int i = 0; i < 10; ++i) {
     std::string const name = (i < 6 ? "node-deaf" : "node-stall") + std::to_string(i);
@@ -337,19 +334,8 @@ TEST_F(FaultInjection, ClientsThatNeverReadOrStallMidFrameAreHeldOrTimedOutAndGi
   for (int i = 0; i < 4; ++i)
     EXPECT_EQ(closeReason(clients_[i]->fd()),
               std::optional<std::string>("no hello within 0.5 seconds"));
-  EXPECT_EQ(closeReason(oversized.fd()),
-            std::optional<std::string>("frame of 1000000 bytes exceeds the limit of 65536 bytes"));
   EXPECT_TRUE(startsWith(control({"status", "node-stall6"}), "ok\n"));
   clients_.clear();
-  std::string const answerCut =
-      std::to_string(answer.size() - 5) + " of " + std::to_string(answer.size() - 4);
-  for (int i = 6; i < 10; ++i) {
-    EXPECT_TRUE(ledrad_->printed(
-        "agent node-stall" + std::to_string(i) + " closed: truncated frame: " +
-            (i % 2 ? answerCut : std::string("999999 of 1000000")) + " body bytes received",
-        kWait))
-        << i;
-  }
   awaitDisconnected(names);
   expectBackTo(base);
 }
