@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -18,6 +19,14 @@ extern char** environ;
 namespace test {
 
 namespace {
+
+std::vector<char*> cArgs(std::vector<std::string> const& argv) {
+  std::vector<char*> args;
+  for (auto const& a : argv)
+    args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  return args;
+}
 
 long long nowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -41,10 +50,7 @@ ChildProcess::ChildProcess(std::vector<std::string> const& argv, std::string con
     posix_spawn_file_actions_addopen(&actions, 2, stderrFile.c_str(), O_WRONLY | O_CREAT | O_APPEND,
                                      0644);
   }
-  std::vector<char*> args;
-  for (auto const& a : argv)
-    args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  std::vector<char*> args = cArgs(argv);
   int const rc = ::posix_spawn(&pid_, args[0], &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(fds[1]);
@@ -57,10 +63,7 @@ ChildProcess::ChildProcess(std::vector<std::string> const& argv, std::string con
 }
 
 ChildProcess::ChildProcess(std::vector<std::string> const& argv, Terminal terminal) {
-  std::vector<char*> args;
-  for (auto const& a : argv)
-    args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
+  std::vector<char*> args = cArgs(argv);
   winsize size{};
   size.ws_col = terminal.columns;
   size.ws_row = terminal.rows;
@@ -119,16 +122,26 @@ bool ChildProcess::readSome(long long deadlineMs) {
   return true;
 }
 
+bool ChildProcess::waitUntil(std::function<bool()> const& done, double seconds) {
+  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
+  while (!done()) {
+    if (nowMs() >= deadline || !readSome(deadline)) return done();
+  }
+  return true;
+}
+
 std::optional<std::string> ChildProcess::waitForLine(
     std::function<bool(std::string const&)> const& match, double seconds) {
-  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
-  while (true) {
-    for (; consumed_ < lines_.size(); ++consumed_) {
-      if (match(lines_[consumed_])) return lines_[consumed_++];
-    }
-    if (nowMs() >= deadline) return std::nullopt;
-    if (!readSome(deadline) && consumed_ == lines_.size()) return std::nullopt;
-  }
+  std::optional<std::string> found;
+  waitUntil(
+      [&] {
+        for (; consumed_ < lines_.size() && !found; ++consumed_) {
+          if (match(lines_[consumed_])) found = lines_[consumed_];
+        }
+        return found.has_value();
+      },
+      seconds);
+  return found;
 }
 
 std::optional<std::string> ChildProcess::waitForLine(std::string const& exact, double seconds) {
@@ -136,15 +149,8 @@ std::optional<std::string> ChildProcess::waitForLine(std::string const& exact, d
 }
 
 bool ChildProcess::printed(std::string const& exact, double seconds) {
-  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
-  std::size_t seen = 0;
-  while (true) {
-    for (; seen < lines_.size(); ++seen) {
-      if (lines_[seen] == exact) return true;
-    }
-    if (nowMs() >= deadline) return false;
-    if (!readSome(deadline) && seen == lines_.size()) return false;
-  }
+  return waitUntil([&] { return std::find(lines_.begin(), lines_.end(), exact) != lines_.end(); },
+                   seconds);
 }
 
 void ChildProcess::signal(int sig) {
@@ -153,11 +159,7 @@ void ChildProcess::signal(int sig) {
 
 bool ChildProcess::waitForOutput(std::function<bool(std::string const&)> const& done,
                                  double seconds) {
-  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
-  while (!done(output())) {
-    if (nowMs() >= deadline || !readSome(deadline)) return done(output());
-  }
-  return true;
+  return waitUntil([&] { return done(output()); }, seconds);
 }
 
 void ChildProcess::type(std::string const& keys) {
@@ -166,11 +168,7 @@ void ChildProcess::type(std::string const& keys) {
 }
 
 std::optional<int> ChildProcess::waitExit(double seconds) {
-  long long const deadline = nowMs() + static_cast<long long>(seconds * 1000);
-  while (fd_ >= 0) {
-    if (nowMs() >= deadline) return std::nullopt;
-    readSome(deadline);
-  }
+  if (!waitUntil([this] { return fd_ < 0; }, seconds)) return std::nullopt;
   if (pid_ <= 0) return status_;
   // The output has ended: the child is exiting.
   int st = 0;

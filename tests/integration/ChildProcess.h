@@ -59,6 +59,8 @@ class ChildProcess {
   bool running() const { return pid_ > 0; }
 
  private:
+  // Reads until `done` holds, the deadline passes or the output ends; whether `done` holds.
+  bool waitUntil(std::function<bool()> const& done, double seconds);
   // Reads what the pipe holds within `deadlineMs` of the steady clock; false at the end of output.
   bool readSome(long long deadlineMs);
 

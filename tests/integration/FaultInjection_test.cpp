@@ -1,8 +1,6 @@
-// Faults injected against a real ledrad: clients that never read or stall mid-frame, thousands of
-// connections opened and dropped, agents that die at seeded points, and a SIGTERM while agents are
-// served. Through each, a well-behaved agent alongside is served to its end, ledrad's descriptors
-// come back exactly to their count before the faults, and its resident memory (VmRSS) stays under
-// a bound and comes back within a tolerance. Every wait is for an event, with a deadline.
+// Faults injected against a real ledrad (clients that never read or stall mid-frame, thousands of
+// connections dropped, agents killed at seeded points, SIGTERM while agents are served): a good
+// agent alongside is served to its end, and ledrad's descriptors and resident memory come back.
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -85,24 +83,15 @@ int msLeft(Clock::time_point deadline) {
   return left < 0 ? 0 : static_cast<int>(left);
 }
 
-// Whether ledrad has closed its end of `fd` within kWait, reading (and keeping, in `received`)
-// what arrives meanwhile.
-bool hungUp(int fd, std::string* received = nullptr) {
-  auto const deadline = deadlineIn(kWait);
-  while (true) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, msLeft(deadline)) <= 0) return false;
-    char buf[65536];
-    ssize_t const n = ::recv(fd, buf, sizeof buf, 0);
-    if (n <= 0) return true;
-    if (received) received->append(buf, static_cast<std::size_t>(n));
-  }
+// Whether ledrad has closed its end of `fd` within kWait.
+bool hungUp(int fd) {
+  return !test::readToEnd(fd).ends_with("<timeout>");
 }
 
 // The reason of the first Close ledrad sends before it closes `fd`, if any.
 std::optional<std::string> closeReason(int fd) {
-  std::string bytes;
-  if (!hungUp(fd, &bytes)) return "<not closed>";
+  std::string const bytes = test::readToEnd(fd);
+  if (bytes.ends_with("<timeout>")) return "<not closed>";
   Wire::WireDecoder decoder;
   decoder.feed(bytes);
   Wire::WireMessage m;
@@ -253,10 +242,9 @@ class FaultInjection : public test::LedradFolder {
     int const fd = Ledrad::connectUnixSocket(path("ctl.sock"));
     std::string const line = Ledrad::encodeRequest(request) + "\n";
     (void)::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
-    std::string reply;
-    bool const ended = hungUp(fd, &reply);
+    std::string reply = test::readToEnd(fd);
     ::close(fd);
-    return ended ? reply : reply + "<timeout>";
+    return reply;
   }
 
   // Turns of ledrad's loop (control exchanges) until its descriptors are back to `base`; then
@@ -309,10 +297,10 @@ class FaultInjection : public test::LedradFolder {
 
 // (a) Clients that never read while ledrad pushes to them: ledrad holds for each what its socket
 // did not take of the root's state (about 600 KB) without waiting for it. (b) Clients that stall
-// in the middle of a frame: in their hello (closed at the hello timeout, with the reason; one
-// whose first frame is longer than any hello at once), or after it in the middle of an answer
-// (held: an agent may be slow; when it goes, the frame is reported cut short). An agent is served
-// meanwhile; once the faulty clients go, everything they held is given back.
+// in the middle of a frame: in their hello (closed at the hello timeout, with the reason), or
+// after it in the middle of an answer or of a frame of 1 MB (held: an agent may be slow). An
+// agent is served meanwhile; once the faulty clients go, everything they held is given back.
+// (What the listener tells of a frame too long or cut short is met by its own tests.)
 TEST_F(FaultInjection, ClientsThatNeverReadOrStallMidFrameAreHeldOrTimedOutAndGiveItBack) {
   std::ostringstream bulk;
   for (int i = 0; i < 1000; ++i)
@@ -325,7 +313,6 @@ TEST_F(FaultInjection, ClientsThatNeverReadOrStallMidFrameAreHeldOrTimedOutAndGi
   std::string const answer = WireAgent::answerFrame(1, "/ftest/Ledra");
   for (int i = 0; i < 4; ++i)
     connectAgent(i % 2 ? hello.substr(0, hello.size() / 2) : "");
-  WireAgent& oversized = connectAgent(big.substr(0, 5));
   std::set<std::string> names;
   for (int i = 0; i < 10; ++i) {
     std::string const name = (i < 6 ? "node-deaf" : "node-stall") + std::to_string(i);
@@ -347,19 +334,8 @@ TEST_F(FaultInjection, ClientsThatNeverReadOrStallMidFrameAreHeldOrTimedOutAndGi
   for (int i = 0; i < 4; ++i)
     EXPECT_EQ(closeReason(clients_[i]->fd()),
               std::optional<std::string>("no hello within 0.5 seconds"));
-  EXPECT_EQ(closeReason(oversized.fd()),
-            std::optional<std::string>("frame of 1000000 bytes exceeds the limit of 65536 bytes"));
   EXPECT_TRUE(startsWith(control({"status", "node-stall6"}), "ok\n"));
   clients_.clear();
-  std::string const answerCut =
-      std::to_string(answer.size() - 5) + " of " + std::to_string(answer.size() - 4);
-  for (int i = 6; i < 10; ++i) {
-    EXPECT_TRUE(ledrad_->printed(
-        "agent node-stall" + std::to_string(i) + " closed: truncated frame: " +
-            (i % 2 ? answerCut : std::string("999999 of 1000000")) + " body bytes received",
-        kWait))
-        << i;
-  }
   awaitDisconnected(names);
   expectBackTo(base);
 }

@@ -3,7 +3,11 @@
 // to their end, and the folder removed after the test.
 #pragma once
 
+#include <poll.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+
+#include <chrono>
 
 #include <filesystem>
 #include <fstream>
@@ -25,6 +29,23 @@ inline bool startsWith(std::string const& s, std::string const& prefix) {
 }
 inline bool contains(std::string const& s, std::string const& part) {
   return s.find(part) != std::string::npos;
+}
+
+// What the peer writes on `fd` until it closes it; "<timeout>" appended when kWait passes first.
+inline std::string readToEnd(int fd) {
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(int(kWait));
+  std::string out;
+  char buf[65536];
+  while (true) {
+    auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())
+                          .count();
+    pollfd p{fd, POLLIN, 0};
+    if (left <= 0 || ::poll(&p, 1, static_cast<int>(left)) <= 0) return out + "<timeout>";
+    ssize_t const n = ::recv(fd, buf, sizeof buf, 0);
+    if (n <= 0) return out;
+    out.append(buf, static_cast<std::size_t>(n));
+  }
 }
 
 class LedradFolder : public ::testing::Test {

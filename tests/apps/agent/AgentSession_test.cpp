@@ -24,7 +24,17 @@ using Messages = std::vector<Wire::WireMessage>;
 
 class AgentSessionTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { open(); }
+  void TearDown() override {
+    session.reset();
+    if (db >= 0) ::close(db);
+  }
+  // A new session on a new socket pair.
+  void open() {
+    TearDown();
+    out.str("");
+    decoder = Wire::WireDecoder();
+    got.clear();
     clock = Qel::SimulatedClock::simulatedClockNew();
     loop = Qel::EventLoop::eventLoopNew(clock);
     int fds[2];
@@ -38,10 +48,6 @@ class AgentSessionTest : public ::testing::Test {
     o.holds.insert("/h");
     o.show = true;
     session = std::make_unique<AgentSession>(loop, fds[0], o, out);
-  }
-  void TearDown() override {
-    session.reset();
-    if (db >= 0) ::close(db);
   }
   void send(std::string const& bytes) {
     ASSERT_EQ(::write(db, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
@@ -128,46 +134,30 @@ TEST_F(AgentSessionTest, AnswersMountsFailsHoldsAndStops) {
 
 // How the database ends the session in error: the line printed last and exit status 1; a protocol
 // error is also told to the database. (A Close is read end to end, against a real ledrad.)
-struct End {
-  char const* name;  // the test's name
-  std::string bytes;
-  std::string line;
-};
-
-void PrintTo(End const& e, std::ostream* os) {
-  *os << e.name;
-}
-
-class AgentSessionEndTest : public AgentSessionTest, public ::testing::WithParamInterface<End> {};
-
-TEST_P(AgentSessionEndTest, PrintsWhyAndSetsTheExitStatus) {
-  send(GetParam().bytes);
-  if (GetParam().bytes.empty()) {  // the database hangs up at once
-    ::close(db);
-    db = -1;
+TEST_F(AgentSessionTest, AnErrorEndPrintsWhyAndSetsTheExitStatus) {
+  std::pair<std::string, std::string> const ends[] = {
+      {"", "lost connection"},  // the database hangs up at once
+      {std::string("\0\0\0\x02\x09x", 6), "protocol error: unknown message kind 9"},
+      {Wire::wireFrame(Wire::WireMountRequest{1, "/a?flags=w", "", true}) +
+           Wire::wireFrame(Wire::WireEntityState{2, "/b", "T", false, {}, {}}),
+       "protocol error: expected the state of request 1, got EntityState 2 /b type T 0 "
+       "attributes"},
+      {Wire::wireFrame(Wire::WireHello{5, "db", ""}),
+       "protocol error: unexpected Hello from the database"}};
+  for (auto const& [bytes, line] : ends) {
+    open();
+    send(bytes);
+    if (bytes.empty()) {
+      ::close(db);
+      db = -1;
+    }
+    session->start();
+    ASSERT_TRUE(runUntil([&] { return session->ended(); })) << line;
+    EXPECT_EQ(lines().back(), line);
+    EXPECT_EQ(session->exitStatus(), 1) << line;
+    if (db < 0) continue;
+    EXPECT_EQ(received().back(), Wire::WireMessage(Wire::WireClose{line.substr(16)}));
   }
-  session->start();
-  ASSERT_TRUE(runUntil([&] { return session->ended(); }));
-  EXPECT_EQ(lines().back(), GetParam().line);
-  EXPECT_EQ(session->exitStatus(), 1);
-  if (db >= 0) {
-    EXPECT_EQ(received().back(), Wire::WireMessage(Wire::WireClose{GetParam().line.substr(16)}));
-  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Ends, AgentSessionEndTest,
-    ::testing::Values(
-        End{"LostConnection", "", "lost connection"},
-        End{"MalformedFrame", std::string("\0\0\0\x02\x09x", 6),
-            "protocol error: unknown message kind 9"},
-        End{"StateOfAnotherRequest",
-            Wire::wireFrame(Wire::WireMountRequest{1, "/a?flags=w", "", true}) +
-                Wire::wireFrame(Wire::WireEntityState{2, "/b", "T", false, {}, {}}),
-            "protocol error: expected the state of request 1, got EntityState 2 /b type T 0 "
-            "attributes"},
-        End{"HelloFromTheDatabase", Wire::wireFrame(Wire::WireHello{5, "db", ""}),
-            "protocol error: unexpected Hello from the database"}),
-    [](testing::TestParamInfo<End> const& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -23,11 +23,26 @@
 
 namespace Ledrad::test {
 
+// A box whose power is off, and the profile gate: group base, then group gated, which waits for the
+// box to be powered on.
+inline constexpr char const* kBoxState = R"(enum BoxTest::Power off on
+type BoxTest::Box
+  attribute power BoxTest::Power
+entity /%sysname/Ledra/box BoxTest::Box
+  set power off
+)";
+inline constexpr char const* kGateProfile = R"(profile gate
+  group base 10
+    mount /dbTest/Ledra/a Qel::Dir
+  group gated 30
+    condition on == /%sysname/Ledra/box.power
+    mount /dbTest/Ledra/box BoxTest::Box
+)";
+
 // What a database process sets for the whole process (its configuration, cell and reserved
-// template keys, the connection configuration made for each profile), put back after each test,
-// and a temporary folder for the files the test writes; the leak check proves nothing else
-// stayed.
-class ProcessStateTest : public Ledra::test::LeakCheckedTest {
+// template keys, the connection configuration made for each profile) is put back after each test;
+// the leak check proves nothing else stayed.
+class DatabaseFixture : public Ledra::test::LeakCheckedTest {
  protected:
   void SetUp() override {
     Qel::ActivityManagerConfig::instanceIs(nullptr);
@@ -36,27 +51,6 @@ class ProcessStateTest : public Ledra::test::LeakCheckedTest {
     char tmpl[] = "/tmp/ledrad-test-XXXXXX";
     ASSERT_NE(::mkdtemp(tmpl), nullptr);
     dir_ = tmpl;
-  }
-  void TearDown() override {
-    Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
-    Qel::ActivityManagerConfig::instanceIs(nullptr);
-    Cell::cellIdIs(1);
-    Ledra::globalReservedTemplateKeyDict() = savedDict_;
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-    LeakCheckedTest::TearDown();
-  }
-
-  std::filesystem::path dir_;
-
- private:
-  Ledra::ReservedTemplateKeyDict savedDict_;
-};
-
-class DatabaseFixture : public ProcessStateTest {
- protected:
-  void SetUp() override {
-    ProcessStateTest::SetUp();
     clock = Qel::SimulatedClock::simulatedClockNew();
     Qel::ActivityManagerConfig::instance()->clockIs(clock);
     loop = Qel::EventLoop::eventLoopNew(clock);
@@ -69,7 +63,13 @@ class DatabaseFixture : public ProcessStateTest {
     db.reset();
     loop = nullptr;
     clock = nullptr;
-    ProcessStateTest::TearDown();
+    Ledra::ConnMgrHelper::connectionConfigDir()->passiveConnectionConfigDelAll();
+    Qel::ActivityManagerConfig::instanceIs(nullptr);
+    Cell::cellIdIs(1);
+    Ledra::globalReservedTemplateKeyDict() = savedDict_;
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+    LeakCheckedTest::TearDown();
   }
 
   // Writes `text` to a file of the test's folder; returns its path.
@@ -86,10 +86,14 @@ class DatabaseFixture : public ProcessStateTest {
 
   void run(Qel::Time seconds = 0.1) { loop->runFor(seconds); }
 
+  std::filesystem::path dir_;
   Qel::SimulatedClock::Ptr clock;
   Qel::EventLoop::Ptr loop;
   std::unique_ptr<Database> db;
   std::vector<Ledra::LoopbackAgent::Ptr> agents;
+
+ private:
+  Ledra::ReservedTemplateKeyDict savedDict_;
 };
 
 }  // namespace Ledrad::test

@@ -17,13 +17,6 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-constexpr char const* kState = R"(enum StatusTest::Power off on
-type StatusTest::Box
-  attribute power StatusTest::Power
-entity /%sysname/Ledra/box StatusTest::Box
-  set power off
-)";
-
 constexpr char const* kProfiles = R"(profile node-
   templateKey 1 %n
   group first 10
@@ -33,20 +26,14 @@ constexpr char const* kProfiles = R"(profile node-
   group only-one 5
     templateCondition %n in 1
     mount /dbTest/Ledra/%n/one Qel::Dir
-profile gate
-  group base 10
-    mount /dbTest/Ledra/a Qel::Dir
-  group gated 30
-    condition on == /%sysname/Ledra/box.power
-    mount /dbTest/Ledra/box StatusTest::Box
 )";
 
 class StatusReportTest : public test::DatabaseFixture {
  protected:
   void SetUp() override {
     DatabaseFixture::SetUp();
-    db->loadState({file("s.state", kState)});
-    db->loadProfiles({file("p.profile", kProfiles)});
+    db->loadState({file("s.state", test::kBoxState)});
+    db->loadProfiles({file("p.profile", std::string(kProfiles) + test::kGateProfile)});
   }
   AgentReport report(char const* name) {
     StatusReport const r = db->status({name});
@@ -165,7 +152,7 @@ TEST_F(StatusReportTest, ABlockingGroupThatWaitsIsToldOnce) {
   db->loadProfiles({file("h.profile",
                          "profile holder\n group held 10\n  blocking true\n"
                          "  condition on == /%sysname/Ledra/box.power\n"
-                         "  mount /dbTest/Ledra/box StatusTest::Box\n"
+                         "  mount /dbTest/Ledra/box BoxTest::Box\n"
                          " group after 20\n  mount /dbTest/Ledra/a Qel::Dir\n")});
   Strings lines;
   AgentEvents events(db->root(), [&](std::string const& l) { lines.push_back(l); });
@@ -199,7 +186,7 @@ TEST_F(StatusReportTest, ADirectoryEntryThatKeepsWaitingIsToldOnce) {
   run();
   db->loadState({file("c.state", "dir /%sysname/Ledra/card\n")});
   run(0.5);
-  db->loadState({file("e.state", "entity /%sysname/Ledra/card/lost StatusTest::Box\n")});
+  db->loadState({file("e.state", "entity /%sysname/Ledra/card/lost BoxTest::Box\n")});
   std::string const told =
       "agent cards: directory mounter of /dbTest/Ledra/card still waits for lost after 5 tries";
   run(AgentEvents::kDirMounterTries - 1.5);

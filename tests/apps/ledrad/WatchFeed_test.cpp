@@ -14,30 +14,15 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-constexpr char const* kState = R"(enum WatchTest::Power off on
-type WatchTest::Box
-  attribute power WatchTest::Power
-entity /%sysname/Ledra/box WatchTest::Box
-  set power off
-)";
-
-constexpr char const* kGate = R"(profile gate
-  group base 10
-    mount /dbTest/Ledra/a Qel::Dir
-  group gated 30
-    condition on == /%sysname/Ledra/box.power
-    mount /dbTest/Ledra/box WatchTest::Box
-)";
-
 class WatchFeedTest : public test::DatabaseFixture {
  protected:
   void SetUp() override {
     DatabaseFixture::SetUp();
-    db->loadState({file("s.state", kState)});
+    db->loadState({file("s.state", test::kBoxState)});
     std::string bulk = "profile bulk\n  group many 20\n    mount /dbTest/Ledra/a Qel::Dir\n";
     for (int i = 0; i < 500; ++i)
       bulk += "    mount /dbTest/Ledra/a/p" + std::to_string(i) + " Qel::Dir\n";
-    db->loadProfiles({file("p.profile", bulk + kGate)});
+    db->loadProfiles({file("p.profile", bulk + test::kGateProfile)});
     // Departed agents are noted as ledrad notes them.
     events = std::make_unique<AgentEvents>(
         db->root(), nullptr, nullptr, [this](std::string const& agent, std::string const& reason) {
