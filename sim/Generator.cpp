@@ -8,24 +8,41 @@ namespace Sim {
 
 namespace {
 
-// The kinds of event and how often each is drawn.
+// The kinds of event in the order of Kind, their names and how often each is drawn.
 struct Weighted {
   Kind kind;
+  char const* name;
   unsigned weight;
 };
 constexpr std::array kKinds{
-    Weighted{Kind::connect, 10},        Weighted{Kind::disconnect, 4},
-    Weighted{Kind::releaseAnswers, 8},  Weighted{Kind::holdAnswers, 3},
-    Weighted{Kind::answerDelay, 3},     Weighted{Kind::failMount, 2},
-    Weighted{Kind::unsyncPath, 2},      Weighted{Kind::createDir, 6},
-    Weighted{Kind::deleteDir, 3},       Weighted{Kind::createSensor, 3},
-    Weighted{Kind::deleteSensor, 1},    Weighted{Kind::writeAttribute, 10},
-    Weighted{Kind::reloadProfile, 2},   Weighted{Kind::addGroup, 2},
-    Weighted{Kind::removeGroup, 2},     Weighted{Kind::editGroup, 1},
-    Weighted{Kind::grantWrites, 3},     Weighted{Kind::switchRole, 2},
-    Weighted{Kind::protocolVersion, 1}, Weighted{Kind::traceLevels, 3},
-    Weighted{Kind::idle, 10},
+    Weighted{Kind::connect, "connect", 10},
+    Weighted{Kind::disconnect, "disconnect", 4},
+    Weighted{Kind::releaseAnswers, "releaseAnswers", 8},
+    Weighted{Kind::holdAnswers, "holdAnswers", 3},
+    Weighted{Kind::answerDelay, "answerDelay", 3},
+    Weighted{Kind::failMount, "failMount", 2},
+    Weighted{Kind::unsyncPath, "unsyncPath", 2},
+    Weighted{Kind::createDir, "createDir", 6},
+    Weighted{Kind::deleteDir, "deleteDir", 3},
+    Weighted{Kind::createSensor, "createSensor", 3},
+    Weighted{Kind::deleteSensor, "deleteSensor", 1},
+    Weighted{Kind::writeAttribute, "writeAttribute", 10},
+    Weighted{Kind::reloadProfile, "reloadProfile", 2},
+    Weighted{Kind::addGroup, "addGroup", 2},
+    Weighted{Kind::removeGroup, "removeGroup", 2},
+    Weighted{Kind::editGroup, "editGroup", 1},
+    Weighted{Kind::grantWrites, "grantWrites", 3},
+    Weighted{Kind::switchRole, "switchRole", 2},
+    Weighted{Kind::protocolVersion, "protocolVersion", 1},
+    Weighted{Kind::traceLevels, "traceLevels", 3},
+    Weighted{Kind::idle, "idle", 10},
 };
+static_assert([] {
+  for (std::size_t i = 0; i < kKinds.size(); ++i) {
+    if (static_cast<std::size_t>(kKinds[i].kind) != i) return false;
+  }
+  return true;
+}());
 constexpr unsigned totalWeight() {
   unsigned t = 0;
   for (auto const& k : kKinds)
@@ -44,83 +61,21 @@ std::vector<std::string> const kPlainPaths{
 std::vector<std::string> const kTemplatedPaths{
     "d%unit", "d%unit/s%slot", "d%u/s1", "cell/%cellId", "cell/%peerCellId/x", "d%unit/s0/e%slot"};
 std::vector<std::string> const kDirMountPaths{"d0", "d1", "d2/s1", "d3", "d%unit", "d%u/s2"};
+std::vector<std::string> const kOrdered{"==", "!=", "<", "<=", ">", ">="};
 std::vector<std::string> const kTemplateConditions{"%unit == 1",    "%unit != 2",   "%slot == NULL",
                                                    "%slot != NULL", "%cellId == 1", "%u == 3"};
 
 }  // namespace
 
 char const* kindName(Kind k) {
-  switch (k) {
-    case Kind::connect:
-      return "connect";
-    case Kind::disconnect:
-      return "disconnect";
-    case Kind::releaseAnswers:
-      return "releaseAnswers";
-    case Kind::holdAnswers:
-      return "holdAnswers";
-    case Kind::answerDelay:
-      return "answerDelay";
-    case Kind::failMount:
-      return "failMount";
-    case Kind::unsyncPath:
-      return "unsyncPath";
-    case Kind::createDir:
-      return "createDir";
-    case Kind::deleteDir:
-      return "deleteDir";
-    case Kind::createSensor:
-      return "createSensor";
-    case Kind::deleteSensor:
-      return "deleteSensor";
-    case Kind::writeAttribute:
-      return "writeAttribute";
-    case Kind::reloadProfile:
-      return "reloadProfile";
-    case Kind::addGroup:
-      return "addGroup";
-    case Kind::removeGroup:
-      return "removeGroup";
-    case Kind::editGroup:
-      return "editGroup";
-    case Kind::grantWrites:
-      return "grantWrites";
-    case Kind::switchRole:
-      return "switchRole";
-    case Kind::protocolVersion:
-      return "protocolVersion";
-    case Kind::traceLevels:
-      return "traceLevels";
-    case Kind::idle:
-      return "idle";
-  }
-  return "?";
+  return kKinds[static_cast<std::size_t>(k)].name;
 }
 
 char const* controlName(Control c) {
-  switch (c) {
-    case Control::none:
-      return "none";
-    case Control::trimGroup:
-      return "trimGroup";
-    case Control::extendGroup:
-      return "extendGroup";
-    case Control::profileByName:
-      return "profileByName";
-    case Control::refused:
-      return "refused";
-    case Control::records:
-      return "records";
-    case Control::graft:
-      return "graft";
-    case Control::placeholder:
-      return "placeholder";
-    case Control::engineByName:
-      return "engineByName";
-    case Control::sensorWrite:
-      return "sensorWrite";
-  }
-  return "?";
+  static constexpr std::array<char const*, kControls> kNames{
+      "none",    "trimGroup", "extendGroup", "profileByName", "refused",
+      "records", "graft",     "placeholder", "engineByName",  "sensorWrite"};
+  return kNames[static_cast<std::size_t>(c)];
 }
 
 std::string Generator::describe(Event const& e) {
@@ -315,7 +270,6 @@ MountPlan Generator::mount() {
 ConditionPlan Generator::condition() {
   ConditionPlan c;
   c.sensor = static_cast<int>(below(kSensors));
-  static std::vector<std::string> const ops{"==", "!=", "<", "<=", ">", ">="};
   switch (below(6)) {
     case 0:
       c.attribute = "ready";
@@ -324,7 +278,7 @@ ConditionPlan Generator::condition() {
       break;
     case 1:
       c.attribute = "level";
-      c.op = pick(ops);
+      c.op = pick(kOrdered);
       c.constant = std::to_string(c.op == ">" ? 1 + below(4) : below(5));
       break;
     case 2:
@@ -345,17 +299,16 @@ ConditionPlan Generator::condition() {
     default:
       c.attribute = "tags";
       c.len = true;
-      c.op = pick(ops);
+      c.op = pick(kOrdered);
       c.constant = std::to_string(c.op == ">" ? 1 + below(3) : below(3));
       break;
   }
   // Some conditions watch attributes of the other types instead (second generator).
   unsigned const typed = extra(100);
   if (typed < 30) {
-    static std::vector<std::string> const allOps{"==", "!=", "<", "<=", ">", ">="};
     auto const& numeric = numericAttributes();
     c.attribute = numeric[extra(static_cast<unsigned>(numeric.size()))];
-    c.op = allOps[extra(static_cast<unsigned>(allOps.size()))];
+    c.op = kOrdered[extra(static_cast<unsigned>(kOrdered.size()))];
     c.constant = std::to_string(c.op == ">" ? 1 + extra(4) : extra(5));
     c.len = false;
   } else if (typed < 36) {
@@ -373,7 +326,6 @@ ConditionPlan Generator::condition() {
 }
 
 void Generator::asideCondition(ConditionPlan& c) {
-  static std::vector<std::string> const ordered{"==", "!=", "<", "<=", ">", ">="};
   auto membership = [&](char const* attribute, std::vector<char const*> const& keys) {
     c.attribute = attribute;
     c.op = aside(10) < 6 ? "in" : "notin";
@@ -383,7 +335,7 @@ void Generator::asideCondition(ConditionPlan& c) {
   switch (aside(10)) {
     case 0:
       c.attribute = "ch";
-      c.op = ordered[aside(6)];
+      c.op = kOrdered[aside(6)];
       c.constant = std::string(1, "bcd"[aside(3)]);
       return;
     case 1: {
@@ -435,7 +387,7 @@ void Generator::asideCondition(ConditionPlan& c) {
         default:
           c.attribute = "templateCache";
           c.len = true;
-          c.op = ordered[aside(6)];
+          c.op = kOrdered[aside(6)];
           c.constant = std::to_string(c.op == ">" ? 1 + aside(2) : aside(3));
           return;
       }

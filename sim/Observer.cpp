@@ -12,6 +12,18 @@ namespace Sim {
 
 using Qel::NotifieeBase;
 
+namespace {
+
+// The conditions a group holds, in its order.
+std::vector<std::string> conditionsOf(Ledra::PassiveMountGroup const& group) {
+  std::vector<std::string> out;
+  for (auto const& entry : group.conditionCol())
+    out.push_back(entry.value);
+  return out;
+}
+
+}  // namespace
+
 // New connections appear in the demuxer manager before their status record, so before the
 // database sends them anything.
 class Observer::DemuxerMgrWatch : public Qel::NboAttrLog::DemuxerMgr::NotifieeConst {
@@ -235,13 +247,6 @@ class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
   bool done() const { return released_ || !notifier(); }
 
  private:
-  static std::vector<std::string> conditionsOf(Ledra::PassiveMountGroup const& group) {
-    std::vector<std::string> out;
-    for (auto const& entry : group.conditionCol())
-      out.push_back(entry.value);
-    return out;
-  }
-
   Observer& o_;
   std::string const agent_;
   std::string const group_;
@@ -352,10 +357,7 @@ void Observer::conditionalGroupSeen(
   if (!group) return;
   if (!record.initialized()) {
     // Released while it joined the engine: its conditions held when it started.
-    std::vector<std::string> conditions;
-    for (auto const& entry : group->conditionCol())
-      conditions.push_back(entry.value);
-    groupReleased(agent, std::string(group->name()), conditions, {});
+    groupReleased(agent, std::string(group->name()), conditionsOf(*group), {});
     return;
   }
   if (auto const& sm = record.conditionalMountGroupSm()) {

@@ -89,8 +89,27 @@ bool compareBy(std::string const& op, K const& k, V const& v) {
   return k >= v;
 }
 
+// A value v for which "k op v" holds.
+long satisfying(std::string const& op, long k) {
+  if (op == "!=" || op == "notin" || op == "<") return k + 1;
+  return op == ">" ? k - 1 : k;
+}
+
+// The text a condition's constant stands for: "NULL" is the empty text.
+std::string textOf(std::string const& constant) {
+  return constant == "NULL" ? std::string() : constant;
+}
+
 bool isNullText(std::string const& text) {
   return text == "NULL" || text == "0";
+}
+
+// The directory `relative` (below the root) would stand in, or null, and its name there.
+std::pair<Qel::Dir*, Qel::Name> slotOf(std::string const& relative) {
+  std::string const path = std::string(kRoot) + "/" + relative;
+  auto const slash = path.rfind('/');
+  auto const parent = Qel::globalDir()->entity(path.substr(0, slash));
+  return {dynamic_cast<Qel::Dir*>(parent.ptr()), Qel::Name(path.substr(slash + 1))};
 }
 
 std::vector<std::string> const kTags{"hot", "cold", "warm", "dry"};
@@ -712,11 +731,7 @@ void World::makeDir(std::string const& relative) {
 }
 
 std::string World::removeDir(std::string const& relative) {
-  std::string const path = std::string(kRoot) + "/" + relative;
-  auto const slash = path.rfind('/');
-  auto parent = Qel::globalDir()->entity(path.substr(0, slash));
-  auto* dir = dynamic_cast<Qel::Dir*>(parent.ptr());
-  Qel::Name const name(path.substr(slash + 1));
+  auto const [dir, name] = slotOf(relative);
   if (!dir || !dir->entry(name)) return "delete " + relative + ": absent";
   dir->entryDel(name);
   return "delete " + relative;
@@ -816,10 +831,7 @@ void World::setTrue(ConditionPlan const& c) {
   }
   bool const eq = c.op == "==" || c.op == "in";
   if (c.len || numeric(c.attribute)) {
-    long const k = c.len ? std::stol(c.constant) : numericConstant(c);
-    long v = k;  // the constant is on the left: k <op> v
-    if (c.op == "!=" || c.op == "notin" || c.op == "<") v = k + 1;
-    if (c.op == ">") v = k - 1;
+    long const v = satisfying(c.op, c.len ? std::stol(c.constant) : numericConstant(c));
     if (!c.len) {
       s->attributeIs(Qel::Name(c.attribute), Qel::String(std::to_string(v)));
       return;
@@ -838,14 +850,9 @@ void World::setTrue(ConditionPlan const& c) {
     s->attributeIs("mode", Qel::String(eq ? c.constant : (c.constant == "on" ? "off" : "on")));
     return;
   }
-  if (c.attribute == Generator::kNameAttribute) {
-    std::string const k = c.constant == "NULL" ? "" : c.constant;
+  if (c.attribute == Generator::kNameAttribute || c.attribute == "label") {
+    std::string const k = textOf(c.constant);
     s->attributeIs(Qel::Name(c.attribute), Qel::String(eq ? k : k + "x"));
-    return;
-  }
-  if (c.attribute == "label") {
-    std::string const k = c.constant == "NULL" ? "" : c.constant;
-    s->attributeIs("label", Qel::String(eq ? k : k + "x"));
     return;
   }
   s->attributeIs("tags", Qel::String(eq ? "true" : ""), Qel::String(c.constant));
@@ -860,14 +867,7 @@ bool World::holds(std::string const& text) const {
   if (!s) return false;
   if (asideAttribute(c.attribute)) return asideHolds(c, *s);
   Qel::AttributeId const aid = s->attributeId(Qel::Name(c.attribute));
-  auto compare = [&c](auto k, auto v) {
-    if (c.op == "==" || c.op == "in") return k == v;
-    if (c.op == "!=" || c.op == "notin") return k != v;
-    if (c.op == "<") return k < v;
-    if (c.op == "<=") return k <= v;
-    if (c.op == ">") return k > v;
-    return k >= v;
-  };
+  auto compare = [&c](auto k, auto v) { return compareBy(c.op, k, v); };
   if (c.len) return compare(std::stol(c.constant), static_cast<long>(s->elements(aid)));
   if (c.attribute == "tags") {
     bool member = false;
@@ -881,7 +881,7 @@ bool World::holds(std::string const& text) const {
     return compare(static_cast<double>(numericConstant(c)), now.empty() ? 0.0 : std::stod(now));
   if (c.attribute == "ready") return compare(c.constant == "true", now == "true");
   if (c.attribute == "mode") return compare(c.constant, now.empty() ? std::string("off") : now);
-  return compare(c.constant == "NULL" ? std::string() : c.constant, now);
+  return compare(textOf(c.constant), now);
 }
 
 // --- the attributes added last and the records beside the sensors
@@ -971,9 +971,7 @@ void World::asideSetTrue(ConditionPlan const& c, Qel::DynamicEntity& s) {
     return;
   }
   if (c.attribute == "ch") {
-    int v = c.constant.empty() ? 0 : c.constant[0];
-    if (c.op == "!=" || c.op == "<") ++v;
-    if (c.op == ">") --v;
+    long const v = satisfying(c.op, c.constant.empty() ? 0 : c.constant[0]);
     s.attributeIs("ch", Qel::String(std::string(1, static_cast<char>(v))));
     return;
   }
@@ -1027,7 +1025,7 @@ bool World::recordHolds(ConditionPlan const& c) const {
   if (c.attribute == "enabled")
     return compareBy(c.op, c.constant == "true", value && value->valueAs<bool>());
   std::string const now = value ? std::string(value->text()) : "";
-  return compareBy(c.op, c.constant == "NULL" ? std::string() : c.constant, now);
+  return compareBy(c.op, textOf(c.constant), now);
 }
 
 void World::recordSetTrue(ConditionPlan const& c) {
@@ -1036,10 +1034,7 @@ void World::recordSetTrue(ConditionPlan const& c) {
   bool const eq = c.op == "==" || c.op == "in";
   if (c.len) {
     // Entries k0, k1, ... of the cache until the count v satisfies "k op v".
-    long const k = std::stol(c.constant);
-    long v = k;
-    if (c.op == "!=" || c.op == "<") v = k + 1;
-    if (c.op == ">") v = k - 1;
+    long const v = satisfying(c.op, std::stol(c.constant));
     for (long i = 0; i < 4; ++i) {
       e->attributeIs(Qel::Name(c.attribute), Qel::String(i < v ? "/ledra/Ledra" : ""),
                      Qel::String("k" + std::to_string(i)));
@@ -1055,7 +1050,7 @@ void World::recordSetTrue(ConditionPlan const& c) {
     e->attributeIs("enabled", Qel::String(k == eq ? "true" : "false"));
     return;
   }
-  std::string const k = c.constant == "NULL" ? "" : c.constant;
+  std::string const k = textOf(c.constant);
   e->attributeIs(Qel::Name(c.attribute), Qel::String(eq ? k : k + "x"));
 }
 
@@ -1408,11 +1403,7 @@ std::string World::engineByName(unsigned d) {
 std::string World::graft(unsigned d) {
   auto const& dirs = Generator::directories();
   std::string const relative = dirs[d % dirs.size()];
-  std::string const path = std::string(kRoot) + "/" + relative;
-  auto const slash = path.rfind('/');
-  auto const parent = Qel::globalDir()->entity(path.substr(0, slash));
-  auto* const dir = dynamic_cast<Qel::Dir*>(parent.ptr());
-  Qel::Name const name(path.substr(slash + 1));
+  auto const [dir, name] = slotOf(relative);
   if (!dir || dir->entry(name)) return "graft " + relative + ": no parent, or present";
   // Built aside with everything below it, then put in place in one piece.
   auto const top = Qel::Dir::dirNew(name);
@@ -1434,11 +1425,7 @@ std::string World::graft(unsigned d) {
 std::string World::placeholder(unsigned d) {
   auto const& dirs = Generator::directories();
   std::string const relative = dirs[d % dirs.size()];
-  std::string const path = std::string(kRoot) + "/" + relative;
-  auto const slash = path.rfind('/');
-  auto const parent = Qel::globalDir()->entity(path.substr(0, slash));
-  auto* const dir = dynamic_cast<Qel::Dir*>(parent.ptr());
-  Qel::Name const name(path.substr(slash + 1));
+  auto const [dir, name] = slotOf(relative);
   if (!dir || dir->entry(name)) return "placeholder " + relative + ": no parent, or present";
   dir->entryIs(Qel::DynamicEntity::entityNew(placeholderType(), name));
   return "placeholder at " + relative;
@@ -1602,17 +1589,13 @@ std::vector<std::string> World::leftoversAfterDisconnect() {
   run(1.0);
   std::vector<std::string> out;
   auto const root = wrapper_->passiveEntityManagerRootSm();
-  if (root->passiveEntityManagerSms() != 0) {
-    out.push_back(std::to_string(root->passiveEntityManagerSms()) + " engines left");
-  }
-  if (root->connStatuses() != 0) {
-    out.push_back(std::to_string(root->connStatuses()) + " connection reactors left");
-  }
-  if (statuses_->agentStatus().size() != 0) {
-    out.push_back(std::to_string(statuses_->agentStatus().size()) + " agent status records left");
-  }
-  if (root->timerWheel()->timers() != 0) {
-    out.push_back(std::to_string(root->timerWheel()->timers()) + " timers armed on the wheel");
+  std::pair<std::size_t, char const*> const left[] = {
+      {root->passiveEntityManagerSms(), " engines left"},
+      {root->connStatuses(), " connection reactors left"},
+      {statuses_->agentStatus().size(), " agent status records left"},
+      {root->timerWheel()->timers(), " timers armed on the wheel"}};
+  for (auto const& [n, what] : left) {
+    if (n != 0) out.push_back(std::to_string(n) + what);
   }
   return out;
 }
@@ -1796,23 +1779,23 @@ void World::connected(AgentState const& a, std::size_t closeReasonsBefore) {
                             a.agent->whiteList(), closed);
 }
 
-void World::profileChanged(std::string const& name) {
-  auto const plan = plans_.find(name);
-  if (plan == plans_.end()) return;
-  for (auto const& a : agents_) {
-    auto it = expected_.find(std::string(a.agent->agentName()));
-    if (it == expected_.end() || !a.agent->connected() || it->second.first != a.agent->epoch())
-      continue;
-    it->second.second->versionSeen(plan->second);
-  }
-}
-
-void World::peerReadyDropped() {
+template <class F>
+void World::forEachLiveModel(F const& f) {
   for (auto const& a : agents_) {
     auto it = expected_.find(std::string(a.agent->agentName()));
     if (it != expected_.end() && a.agent->connected() && it->second.first == a.agent->epoch())
-      it->second.second->peerReadyDropped();
+      f(*it->second.second);
   }
+}
+
+void World::profileChanged(std::string const& name) {
+  auto const plan = plans_.find(name);
+  if (plan == plans_.end()) return;
+  forEachLiveModel([&](Expectation& model) { model.versionSeen(plan->second); });
+}
+
+void World::peerReadyDropped() {
+  forEachLiveModel([](Expectation& model) { model.peerReadyDropped(); });
 }
 
 Expectation const* World::expectation(std::string const& agent, unsigned epoch) const {

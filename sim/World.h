@@ -193,6 +193,9 @@ class World {
   void profileChanged(std::string const& name);
   // The process becomes active: the engines of connected agents drop their "peerReady" groups.
   void peerReadyDropped();
+  // Runs `f` on the model of every agent still on the connection the model was made for.
+  template <class F>
+  void forEachLiveModel(F const& f);
   std::map<std::string, std::pair<unsigned, std::unique_ptr<Expectation>>> expected_;
 };
 

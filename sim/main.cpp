@@ -1,7 +1,7 @@
 // ledra-sim: the deterministic simulation of the passive entity manager.
 //
 //   ledra-sim [--seed S] [--seeds K] [--steps N] [--avoid LIST] [--keep-going] [--open SEEDS]
-//             [--single] [--verbose] [--history LINES] [--trace LEVELS]
+//             [--single] [--verbose] [--trace LEVELS]
 //
 // Runs seeds S .. S+K-1, each for N steps, twice: untraced and with random trace level changes
 // (into the ring only), and compares what every agent was sent. --single skips the second run.
@@ -24,6 +24,7 @@
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "Trace/TextSink.h"
@@ -39,7 +40,6 @@ struct Options {
   bool keepGoing = false;
   bool single = false;
   bool verbose = false;
-  std::size_t history = Sim::History::kCapacity;
   std::string trace;
   std::vector<std::uint64_t> open;  // seeds of known faults still open: reported, not failed
 };
@@ -49,7 +49,7 @@ struct Options {
       stderr,
       "ledra-sim: %s\nusage: ledra-sim [--seed S] [--seeds K] [--steps N] "
       "[--avoid shared-create,in-place-edit,all-skipped,root-refusal,old-protocol,controls|known] "
-      "[--keep-going] [--open SEEDS] [--single] [--verbose] [--history LINES] [--trace LEVELS]\n",
+      "[--keep-going] [--open SEEDS] [--single] [--verbose] [--trace LEVELS]\n",
       why);
   std::exit(2);
 }
@@ -81,27 +81,26 @@ Options parse(int argc, char** argv) {
     } else if (a == "--steps") {
       o.steps = static_cast<unsigned>(number(value()));
     } else if (a == "--avoid") {
-      std::string list = value();
-      list += ",";
+      // Each class, and whether "known" names it.
+      std::tuple<char const*, bool Sim::Avoid::*, bool> const classes[] = {
+          {"shared-create", &Sim::Avoid::sharedCreate, true},
+          {"in-place-edit", &Sim::Avoid::inPlaceEdit, true},
+          {"all-skipped", &Sim::Avoid::allSkipped, true},
+          {"root-refusal", &Sim::Avoid::rootRefusal, true},
+          {"old-protocol", &Sim::Avoid::oldProtocol, false},
+          {"controls", &Sim::Avoid::controls, false}};
+      std::string list = std::string(value()) + ",";
       for (std::size_t pos = 0, comma; (comma = list.find(',', pos)) != std::string::npos;
            pos = comma + 1) {
         std::string const item = list.substr(pos, comma - pos);
-        bool const known = item == "known";
-        if (known || item == "shared-create") o.avoid.sharedCreate = true;
-        if (known || item == "in-place-edit") o.avoid.inPlaceEdit = true;
-        if (known || item == "all-skipped") o.avoid.allSkipped = true;
-        if (known || item == "root-refusal") o.avoid.rootRefusal = true;
-        if (item == "old-protocol") o.avoid.oldProtocol = true;
-        if (item == "controls") o.avoid.controls = true;
-        if (!known && item != "shared-create" && item != "in-place-edit" && item != "all-skipped" &&
-            item != "root-refusal" && item != "old-protocol" && item != "controls" &&
-            !item.empty()) {
-          usage("unknown fault class");
+        bool named = item.empty() || item == "known";
+        for (auto const& [name, flag, known] : classes) {
+          if (item != name && !(known && item == "known")) continue;
+          o.avoid.*flag = true;
+          named = true;
         }
+        if (!named) usage("unknown fault class");
       }
-    } else if (a == "--history") {
-      o.history = static_cast<std::size_t>(number(value()));
-      if (o.history == 0) usage("--history must be at least 1");
     } else if (a == "--trace") {
       o.trace = value();
       o.single = true;
@@ -218,7 +217,7 @@ int main(int argc, char** argv) {
   ::signal(SIGFPE, onFatalSignal);
 
   auto const start = std::chrono::steady_clock::now();
-  static Sim::History history(o.history);
+  static Sim::History history;
   std::vector<std::uint64_t> failed;
   for (std::uint64_t seed = o.seed; seed < o.seed + o.seeds; ++seed) {
     if (!o.keepGoing) {

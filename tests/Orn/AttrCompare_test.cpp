@@ -1,6 +1,7 @@
 // One comparison at a time: operand order and operators outside the six, the enum conversion of
-// constants, and the element count refused for a plain attribute.
+// constants, the element count refused for a plain attribute, and the operators' text forms.
 #include "Orn/AttrCompare.h"
+#include "Orn/LogicalOp.h"
 
 #include <gtest/gtest.h>
 
@@ -41,6 +42,16 @@ TEST_F(AttrCompareTest, EnumToGifMakesAValueOfTheEnumType) {
 
 TEST_F(AttrCompareTest, ColLengthRefusesPlainAttributes) {
   EXPECT_THROW(Orn::getColLength(entity_, aid("a_U32")), Qel::TypeException);
+}
+
+// Whole texts only: neither a prefix, an extension, another case nor padding is accepted.
+TEST(LogicalOpDeathTest, AnythingElseIsUnknown) {
+  for (char const* text : {"=", "<==", "IN", "notin "}) {
+    EXPECT_DEATH(Orn::strToLogicalOp(text), OrnTesting::literal("\"Unknown logical op\""))
+        << '"' << text;
+  }
+  EXPECT_DEATH(Orn::logicalOpToStr(static_cast<Orn::LogicalOp>(6)),
+               OrnTesting::literal("\"Unknown logical op\""));
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -40,17 +39,6 @@ inline Qel::QelType const* watchedType() {
     return Qel::defineType("condTest::Watched", attrs);
   }();
   return t;
-}
-
-// The first address ("0x" and at least one hex digit) in `text` at or after `from`, or "".
-inline std::string addressIn(std::string const& text, std::size_t from = 0) {
-  for (std::size_t at = text.find("0x", from); at != std::string::npos;
-       at = text.find("0x", at + 2)) {
-    std::size_t const end =
-        std::min(text.find_first_not_of("0123456789abcdef", at + 2), text.size());
-    if (end > at + 2) return text.substr(at, end - at);
-  }
-  return {};
 }
 
 // Trace lines carry the time of the test's simulated clock.
@@ -110,24 +98,6 @@ class ConditionalTest : public Ledra::test::SimulatedDatabaseTest {
 
   bool enabled() const { return res->enabled(); }
 
-  // The messages of the PassiveEntityManager facility at or below `level`, every address shown
-  // as 0x*.
-  std::vector<std::string> messages(int level = 9) const {
-    std::vector<std::string> out;
-    for (auto const& line : capture.lines()) {
-      if (line.facility != "PassiveEntityManager" || line.level > level) continue;
-      std::string text = line.message;
-      for (std::string a = addressIn(text); !a.empty(); a = addressIn(text))
-        text.replace(text.find(a), a.size(), "0x*");
-      out.push_back(text);
-    }
-    return out;
-  }
-  // How many messages of the facility are exactly `text`.
-  std::size_t countOf(std::string const& text) const {
-    std::vector<std::string> const all = messages();
-    return static_cast<std::size_t>(std::count(all.begin(), all.end(), text));
-  }
   // The times of the lines whose message begins with `prefix`.
   std::vector<double> timesOf(std::string const& prefix) const {
     std::vector<double> out;

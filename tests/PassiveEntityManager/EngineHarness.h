@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,12 +64,6 @@ class SimulatedDatabaseTest : public LeakCheckedTest {
     clock = nullptr;
     Trace::Facilities::instance().reset();
     LeakCheckedTest::TearDown();
-  }
-
-  // Every one of `texts` is part of some trace message.
-  void expectTraced(std::initializer_list<std::string_view> texts) const {
-    for (std::string_view t : texts)
-      EXPECT_TRUE(capture.contains(t)) << t;
   }
 
   // Runs the loop for `seconds` of simulated time.

@@ -1,6 +1,6 @@
-// Mount execution where the simulation (which checks the flag letters and types of every request)
-// does not look: the trace of each parent state that makes a mount wait, automatic parent mounts
-// and their type assertion, a mount on a closed connection, an agent string without fields.
+// Mount execution where the simulation (which checks the flag letters and types of every request,
+// and the close of an agent string without fields) does not look: the parent states that make a
+// mount wait, automatic parent mounts and their type assertion, a mount on a closed connection.
 #include <gtest/gtest.h>
 
 #include "EngineHarness.h"
@@ -113,16 +113,12 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         ParentCase{{.mounted = true, .complete = true, .mountPoint = true},
                    "mount for /ledra/Ledra/p is complete but not synced"},
-        ParentCase{{.mounted = true},
-                   "parent sa /ledra/Ledra/p not a mountpoint and  unsynchronized"},
         ParentCase{{.mounted = true,
                     .complete = true,
                     .mountPoint = true,
                     .synced = true,
                     .monitoring = true},
                    "parent sa /ledra/Ledra/p synced but is monitoring eid=7"},
-        ParentCase{{.mounted = true, .mountPoint = true},
-                   "parent sa /ledra/Ledra/p not synced yet "},
         ParentCase{{.mounted = true, .complete = true, .mountPoint = true, .synced = true}, ""}));
 
 TEST_F(EngineMountingTest, ParentProfileOfAnotherTypeIsAProgrammingError) {
@@ -132,20 +128,6 @@ TEST_F(EngineMountingTest, ParentProfileOfAnotherTypeIsAProgrammingError) {
   rootMounted();
   EXPECT_DEATH(engine->doNestedPassiveMount(Mount("/ledra/Ledra/p/q", "Qel::Dir", "r")),
                "parentMount.type\\(\\) == \"Qel::Dir\"");
-}
-
-TEST_F(EngineMountingTest, AgentStringWithoutFieldsClosesTheAgent) {
-  profile->templateKeyIs(1, "%slot");
-  status->agentStringIs("agentA");
-  profile->mountGroupIs("g", 1)->addProfile("/ledra/Ledra/%slot", "Qel::Dir", "r");
-  std::string const err = stderrOf([&] { startEngine(); });
-  EXPECT_TRUE(capture.contains("No template value found for %slot"));
-  EXPECT_NE(err.find("Processed an invalid mount profile. No template value found for %slot"),
-            std::string::npos);
-  EXPECT_FALSE(engine->initialized());
-  EXPECT_TRUE(requests().empty());
-  run();
-  EXPECT_FALSE(agent->connected());
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
-// The reactor a condition gets, chosen by the watched attribute's declared type, for the types the
-// simulation's conditions do not use (it covers characters, pointers, memberships, counts and
-// texts); the exception for an unusable attribute and the assertions for unusable conditions.
+// The reactor a condition gets, chosen by the watched attribute's declared type, with constants at
+// the types' bounds (the simulation's constants are small); the exception for an unusable
+// attribute and the assertions for unusable conditions.
 #include "PassiveEntityManager/MountGroupReactor.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
-#include <vector>
 
 #include "ConditionalFixture.h"
 #include "Qel/Exception.h"
@@ -16,14 +14,12 @@ namespace {
 
 using ConditionalTesting::literal;
 using Ledra::ConditionalMountGroupSm;
-using Strings = std::vector<std::string>;
 
 class MountGroupReactorTest : public ConditionalTesting::ConditionalTest {
  protected:
   // Starts over with a fresh group holding `text` and a result record that is not enabled.
   void restartWith(std::string const& text) {
     sm = nullptr;
-    capture.clear();
     res->enabledIs(false);
     group = Ledra::PassiveMountGroup::mountGroupNew("g", 10);
     condition(text);
@@ -32,34 +28,27 @@ class MountGroupReactorTest : public ConditionalTesting::ConditionalTest {
 
 TEST_F(MountGroupReactorTest, TheAttributesTypeChoosesTheReactorAndReadsTheConstant) {
   // "<constant> == <attr>" holds once the attribute is written as `yes` and not while it reads
-  // `no`; `row` is the type name traced right after the attribute's look-up.
+  // `no`: the constant is read as the attribute's type, at the type's bounds.
   struct {
     char const* attr;
     char const* constant;
-    char const* row;
     char const* no;
     char const* yes;
   } const rows[] = {
-      {"a_F64", "-4", "F64", "4", "-4"},
-      {"a_F32", "3", "F32", "2.5", "3"},
-      {"a_U64", "9223372036854775807", "U64", "1", "9223372036854775807"},
-      {"a_S64", "-9000000000", "S64", "9000000000", "-9000000000"},
-      {"a_U32", "4000000000", "U32", "1", "4000000000"},
-      {"a_S32", "-7", "S32", "7", "-7"},
-      {"a_U16", "65535", "U16", "1", "65535"},
-      {"a_S16", "-2", "S16", "2", "-2"},
+      {"a_F64", "-4", "4", "-4"},
+      {"a_U64", "9223372036854775807", "1", "9223372036854775807"},
+      {"a_S64", "-9000000000", "9000000000", "-9000000000"},
+      {"a_U32", "4000000000", "1", "4000000000"},
+      {"a_U16", "65535", "1", "65535"},
       // U8 and S8 take the code of the first character: "1" is 49.
-      {"a_U8", "1", "U8", "1", "49"},
-      {"a_S8", "Ab", "S8", "66", "65"},
-      {"a_long", "-12", "long", "12", "-12"},
-      {"a_double", "1e3", "double", "999", "1000"},
-      {"a_char", "xyz", "char", "y", "x"},
-      {"a_name", "node", "name", "nod", "node"},
+      {"a_U8", "1", "1", "49"},
+      {"a_S8", "Ab", "66", "65"},
+      {"a_char", "xyz", "y", "x"},
       // "NULL" is the empty text for the textual types.
-      {"a_name", "NULL", "name", "x", ""},
-      {"colour", "blue", "isEnumType", "red", "blue"},
+      {"a_name", "NULL", "x", ""},
+      {"colour", "blue", "red", "blue"},
       // Constants that are no number read as 0.
-      {"a_S32", "seven", "S32", "7", "0"},
+      {"a_S32", "seven", "7", "0"},
   };
   for (auto const& r : rows) {
     SCOPED_TRACE(std::string(r.attr) + " with " + r.constant);
@@ -67,13 +56,6 @@ TEST_F(MountGroupReactorTest, TheAttributesTypeChoosesTheReactorAndReadsTheConst
     set(r.attr, r.no);
     start();
     EXPECT_FALSE(enabled());
-    Strings const all = messages();
-    Strings const lookup{std::string("looking up aid for attr: ") + r.attr +
-                             " /condTest/w for type: condTest::Watched",
-                         r.row};
-    EXPECT_NE(std::search(all.begin(), all.end(), lookup.begin(), lookup.end()), all.end());
-    EXPECT_EQ(countOf(r.row), 1u);
-    EXPECT_EQ(capture.count("Adding conditional reactor"), 1u);
     set(r.attr, r.yes);
     EXPECT_TRUE(enabled());
   }

@@ -42,7 +42,6 @@ TEST(StateText, NamesRoundTripAndTheReaderNamesEveryError) {
       {"'init", "parse: premature end of value type State"},
       {"Init", "range: State"},
       {"init,", "parse: junk at column 4 deserializing init,"},
-      {"'init\\'", "parse: premature end of value type State"},
   };
   for (auto const& [text, result] : cases)
     EXPECT_EQ(read<State>(text), result) << text;
@@ -65,8 +64,6 @@ TEST(IndexText, CanonicalFormRoundTripsAndTheReaderNamesEveryError) {
       {head + "{'index0': 4294967296})",
        "parse: cannot read \"4294967296\" as U32 for ReadyMountGroupCompoundIndex::index0: out of "
        "range"},
-      {text.substr(0, text.size() - 1),
-       "parse: premature end of value type ReadyMountGroupCompoundIndex"},
   };
   for (auto const& [in, result] : cases)
     EXPECT_EQ(read<Index>(in), result) << in;

@@ -1,7 +1,7 @@
 // The engine's lifecycle against a loopback agent on simulated time, where the simulation does not
-// look: the root mount sent from inside the factory, a second start, cleanup and destruction, the
-// close with its standard-error line, the mounts-in-progress guard, a profile reloaded under a
-// queued group, the retry timer, orphaned references and a conflicting profile entry.
+// look: the older protocol, a second start and the low mount priority, cleanup and destruction, the
+// close with its standard-error line, the mounts-in-progress guard, the retry timer and a
+// conflicting profile entry.
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
 
 #include <gtest/gtest.h>
@@ -28,14 +28,6 @@ class EngineTest : public EngineHarness {
     return g;
   }
 };
-
-TEST_F(EngineTest, RootMountLeavesFromInsideTheFactory) {
-  startEngine();
-  // Recorded before any loop turn: the request left while the factory ran.
-  EXPECT_EQ(requests(), Strings{"/ledra/Ledra?flags=Cnp"});
-  EXPECT_EQ(engine->ledraRoot(), root);
-  EXPECT_EQ(agent->demuxer()->lowMountPrioSets(), 0u);
-}
 
 TEST_F(EngineTest, OlderProtocolVersionWaitsForVersionFive) {
   agent->currentVersionIs(4);
@@ -112,32 +104,6 @@ TEST_F(EngineTest, AReadyGroupKeyedWithAnotherPriorityIsFatal) {
   startEngine();
   EXPECT_DEATH(engine->readyMountGroupIs(4, PassiveMountGroup::mountGroupNew("g", 3)),
                "rv->priority\\(\\) == prio");
-}
-
-// A profile reloaded as a profile file is (a changed group is a new object, a dropped group is
-// deleted, a new group is added) while the engine has its old groups queued behind an unanswered
-// request: the engine goes on with the groups it took, as they were, and this connection gets
-// nothing of the new content.
-TEST_F(EngineTest, AProfileReloadedWhileOldGroupsAreQueuedLeavesThemAsTheEngineTookThem) {
-  group("g1", 1, "b1");
-  group("g2", 2, "b2");
-  group("g3", 3, "b3");
-  agent->holdAnswersIs(true);
-  startEngine();
-  agent->answersRelease();
-  run();
-  ASSERT_EQ(requestPaths(), (Strings{"/ledra/Ledra", "/ledra/Ledra/b1"}));
-  ASSERT_EQ(engine->readyMountGroups(), 2u);
-  profile->mountGroupDel("g2");
-  group("g2", 2, "new2");
-  profile->mountGroupDel("g3");
-  group("g4", 4, "new4");
-  agent->holdAnswersIs(false);
-  agent->answersRelease();
-  run();
-  EXPECT_EQ(requestPaths(),
-            (Strings{"/ledra/Ledra", "/ledra/Ledra/b1", "/ledra/Ledra/b2", "/ledra/Ledra/b3"}));
-  EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
 }
 
 TEST_F(EngineTest, RetryTimerIsArmedWhileAMountWaitsAndDisarmedByTheCompletingPass) {

@@ -65,10 +65,10 @@ TEST_F(PathTemplatesTest, OnlyPathsWithKeysAreCachedAndACachedPathIsNeverRecompu
 }
 
 TEST_F(PathTemplatesTest, TemplateConditions) {
-  std::pair<char const*, bool> const cases[] = {
-      {"%a != A", false},      {"%a == %a", true},         {"%none == NULL", true},
-      {"%a == NULL", false},   {"%peerCellId in 2", true}, {"%cellPath notin cell/1", false},
-      {"  %b   ==   B ", true}};
+  std::pair<char const*, bool> const cases[] = {{"%a == %a", true},
+                                                {"%none == NULL", true},
+                                                {"%cellPath notin cell/1", false},
+                                                {"  %b   ==   B ", true}};
   for (auto const& [condition, result] : cases)
     EXPECT_EQ(evaluateTemplateCondition(condition, status_), result) << condition;
 }

@@ -1,6 +1,5 @@
 // Agent profiles and mount groups: the priority range and its exact text, a group asked for again
-// with another priority, the condition queue's indices and its immediate notification, and
-// whether the own or a family profile serves a name.
+// with another priority, and whether the own or a family profile serves a name.
 #include <gtest/gtest.h>
 
 #include "EngineHarness.h"
@@ -10,15 +9,6 @@
 
 namespace Ledra {
 namespace {
-
-class GroupWatcher : public PassiveMountGroup::NotifieeConst {
- public:
-  std::vector<std::string> seen;
-  void onConditionCol(unsigned index) override {
-    seen.push_back("conditionCol " + std::to_string(index));
-  }
-  void onConditionColqelImmediate() override { seen.push_back("conditionCol immediate"); }
-};
 
 using ProfileTest = test::LeakCheckedTest;
 
@@ -37,20 +27,6 @@ TEST_F(ProfileTest, GroupPrioritiesRunFromOneToNinetyNineAndAreFixed) {
   EXPECT_EQ(test::errorOf<Qel::NameInUseException>([&] { profile->mountGroupIs("p1", 20); }),
             "Reinstantiating the entity with name p1 where constructor parameter attribute "
             "_priority has a different value of 20 than the current value of 1 not allowed");
-}
-
-TEST_F(ProfileTest, ConditionQueueKeepsItsIndicesAndNotifiesTheImmediateReactor) {
-  auto const g = PassiveMountGroup::mountGroupNew("g", 5);
-  GroupWatcher gw;
-  gw.notifierIs(g);
-  EXPECT_EQ(g->conditionColEnq("c0"), 0u);
-  EXPECT_EQ(g->conditionColEnq("c1"), 1u);
-  g->conditionColDeq();
-  EXPECT_EQ(g->conditionCol(0), nullptr);
-  EXPECT_EQ(g->conditionColEnq("c2"), 2u);
-  EXPECT_EQ(g->conditionColMetadata(), (Qel::LinkQueueMetadata{1, 3}));
-  EXPECT_EQ(gw.seen[0], "conditionCol 0");
-  EXPECT_EQ(gw.seen[1], "conditionCol immediate");
 }
 
 // The serving profile for every kind of name is the root's agentProfileFor test.

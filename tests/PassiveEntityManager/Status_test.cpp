@@ -1,5 +1,4 @@
-// Agent status records and mount references: a record made again starts empty, and a reference's
-// completion follows its entity out of the tree.
+// Mount references: a reference's completion follows its entity out of the tree.
 #include <gtest/gtest.h>
 
 #include "PassiveEntityManager/PassiveAgentStatusDir.h"
@@ -22,22 +21,6 @@ class StatusTest : public test::LeakCheckedTest {
   }
   PassiveAgentStatusDir::Ptr dir;
 };
-
-TEST_F(StatusTest, ARecreatedRecordStartsEmpty) {
-  auto s = dir->agentStatusIs("agent");
-  s->agentStringIs("agent-1-2");
-  s->templateValueDictIs("%a", "1");
-  s->templateCacheIs("/x/%a", "/x/1");
-  s->mountReferenceIs("/x/1")->completeIs(true);
-  EXPECT_EQ(dir->agentStatusIs("agent"), s);
-  dir->agentStatusDel("agent");
-  auto fresh = dir->agentStatusIs("agent");
-  EXPECT_NE(fresh, s);
-  EXPECT_EQ(fresh->agentString(), "");
-  EXPECT_TRUE(fresh->templateValueDict().empty());
-  EXPECT_TRUE(fresh->templateCache().empty());
-  EXPECT_EQ(fresh->mountReferences(), 0u);
-}
 
 TEST_F(StatusTest, CompletionFollowsTheMountedEntity) {
   using Completion = PassiveMountReference::Completion;
