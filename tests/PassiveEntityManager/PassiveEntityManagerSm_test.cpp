@@ -106,6 +106,32 @@ TEST_F(EngineTest, AReadyGroupKeyedWithAnotherPriorityIsFatal) {
                "rv->priority\\(\\) == prio");
 }
 
+// A profile reloaded as a profile file is (a changed group is a new object, a dropped group is
+// deleted, a new group is added) while the engine has its old groups queued behind an unanswered
+// request: the engine goes on with the groups it took, as they were, and this connection gets
+// nothing of the new content.
+TEST_F(EngineTest, AProfileReloadedWhileOldGroupsAreQueuedLeavesThemAsTheEngineTookThem) {
+  group("g1", 1, "b1");
+  group("g2", 2, "b2");
+  group("g3", 3, "b3");
+  agent->holdAnswersIs(true);
+  startEngine();
+  agent->answersRelease();
+  run();
+  ASSERT_EQ(requestPaths(), (Strings{"/ledra/Ledra", "/ledra/Ledra/b1"}));
+  ASSERT_EQ(engine->readyMountGroups(), 2u);
+  profile->mountGroupDel("g2");
+  group("g2", 2, "new2");
+  profile->mountGroupDel("g3");
+  group("g4", 4, "new4");
+  agent->holdAnswersIs(false);
+  agent->answersRelease();
+  run();
+  EXPECT_EQ(requestPaths(),
+            (Strings{"/ledra/Ledra", "/ledra/Ledra/b1", "/ledra/Ledra/b2", "/ledra/Ledra/b3"}));
+  EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
+}
+
 TEST_F(EngineTest, RetryTimerIsArmedWhileAMountWaitsAndDisarmedByTheCompletingPass) {
   group("parent", 1, "p");
   group("child", 2, "p/q");
