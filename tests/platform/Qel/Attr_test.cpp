@@ -26,8 +26,6 @@ using Log = std::vector<std::string>;
 using Ledra::test::Leaf;
 
 #define PROBE_ATTRIBUTES(X)                                   \
-  X(value, plain, Qel::String, note, Note)                    \
-  X(valueRo, plain, bool, flag, Flag)                         \
   X(map, keyImmediateWhole, LabelMap, label, Label, labels)   \
   X(children, keyWhole, Leaf, leaf, Leaf, leaves)             \
   X(queue, keyImmediateWhole, Qel::String, line, Line, lines) \
@@ -94,8 +92,6 @@ class Watch : public Probe::NotifieeT<Probe const> {
   Log* log;
   std::function<void(std::string const&)> then;
 
-  void onNote() override { add("note"); }
-  void onFlag() override { add("flag"); }
   void onLabel(Qel::String const& k) override { add("label " + k); }
   void onLabelqelImmediate() override { add("label immediate"); }
   void onLabel() override { add("label"); }
@@ -140,9 +136,6 @@ struct Row {
 
 // clang-format off
 Row const kRows[] = {
-    {"value stored once, equal value tells nobody", {},
-     [](Probe& p) { p.noteIs("a"); p.noteIs("a"); p.noteIs("b"); p.flagIs(false); },
-     {"note", "note"}},
     {"map key, immediate, whole; only on a change", {},
      [](Probe& p) { p.labelIs("k", "1"); p.labelIs("k", "1"); p.labelIs("k", "2"); },
      {"label k", "label immediate", "label", "label k", "label immediate", "label"}},

@@ -41,19 +41,6 @@ class BucketQueueTest : public ::testing::Test {
   Queue q;
 };
 
-TEST_F(BucketQueueTest, LowestPriorityFirstThenArrivalOrder) {
-  EXPECT_FALSE(q.dequeue().has_value());
-  EXPECT_EQ(str(q.enqueue(3, "a")), "3.0");
-  for (auto [p, v] : {std::pair{-2, "b"}, {3, "c"}, {0, "d"}, {-2, "e"}, {3, "c"}})
-    q.enqueue(p, v);  // duplicates are separate members
-  EXPECT_EQ(show(q), "[6/3] -2.1=b -2.4=e 0.3=d 3.0=a 3.2=c 3.5=c");
-  EXPECT_EQ(q.dequeue(), "b");
-  EXPECT_EQ(q.dequeue(), "e");
-  EXPECT_EQ(show(q), "[4/2] 0.3=d 3.0=a 3.2=c 3.5=c");
-  EXPECT_EQ(drain(q), "dacc");
-  EXPECT_EQ(show(q), "[0/0]");
-}
-
 // Explicit keys sort into their buckets and move the counter past them; at() and erase() find
 // exact keys only; an emptied bucket goes and comes back under another priority.
 TEST_F(BucketQueueTest, ExplicitKeysLookupsAndErasures) {
