@@ -32,7 +32,7 @@ class LEDRA_PEM_EXPORT Mount {
 
   friend bool operator==(Mount const&, Mount const&) = default;
   // A collection of mounts is keyed by path; what refuses a mount stored under another key.
-  friend Qel::String qelKey(Mount const& m) { return m.path_; }
+  friend Qel::InternedText const& qelKey(Mount const& m) { return m.path_; }
   friend char const* qelKeyMismatch(Mount const&) { return "mount profile keyed by another path"; }
 
   // "path (type) flags"

@@ -55,7 +55,7 @@ Qel::MountFlags requestFlags(Qel::String const& path, Qel::String const& letters
 
 Qel::String PassiveEntityManagerSm::canonicalPath(Qel::String const& path) {
   Qel::String const real = canonicalizePath(path, agentStatus_);
-  if (real != path) templateCacheIs(path, real);
+  if (real != path) templateCacheIs(Qel::InternedText(path), Qel::InternedText(real));
   return real;
 }
 

@@ -27,7 +27,7 @@ TEST_F(StatusTest, ARecreatedRecordStartsEmpty) {
   auto s = dir->agentStatusIs("agent");
   s->agentStringIs("agent-1-2");
   s->templateValueDictIs("%a", "1");
-  s->templateCacheIs("/x/%a", "/x/1");
+  s->templateCacheIs(Qel::InternedText("/x/%a"), Qel::InternedText("/x/1"));
   s->mountReferenceIs("/x/1")->completeIs(true);
   EXPECT_EQ(dir->agentStatusIs("agent"), s);
   dir->agentStatusDel("agent");
