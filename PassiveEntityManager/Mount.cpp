@@ -5,7 +5,7 @@
 namespace Ledra {
 
 Qel::String Mount::text() const {
-  return Qel::String(path_ + " (" + type_ + ") " + flags_.letters());
+  return Qel::String(path_.str() + " (" + type_.str() + ") " + flags_.letters());
 }
 
 Qel::String mountRequestLetters(UserFlags const& userFlags, UserFlags const& rootFlags,

@@ -1,6 +1,7 @@
 // Ledra::Mount: one mount profile: a database path (which may hold template keys), the type name
 // of the entity found there, and the mount flags (as text, and read once into UserFlags). A plain
-// value, compared by all three fields; registered with the reflection as "Ledra::Mount".
+// value, compared by all three fields; registered with the reflection as "Ledra::Mount". The path
+// and the type name are interned: the mounts of many agents share them.
 //
 // mountRequestLetters() gives the flag letters of the request that mounts it on an agent.
 #pragma once
@@ -8,6 +9,7 @@
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/UserFlags.h"
 #include "Qel/BoxedValue.h"
+#include "Qel/InternedText.h"
 #include "Qel/Types.h"
 
 namespace Ledra {
@@ -17,20 +19,20 @@ class LEDRA_PEM_EXPORT Mount {
   static constexpr bool kQelValueType = true;
 
   Mount() = default;
-  Mount(Qel::String path, Qel::String type, Qel::String flags)
-      : path_(std::move(path)), type_(std::move(type)), flags_(std::move(flags)) {}
-  Mount(Qel::String path, Qel::String type, UserFlags flags)
-      : path_(std::move(path)), type_(std::move(type)), flags_(std::move(flags)) {}
+  Mount(std::string_view path, std::string_view type, Qel::String flags)
+      : path_(path), type_(type), flags_(std::move(flags)) {}
+  Mount(std::string_view path, std::string_view type, UserFlags flags)
+      : path_(path), type_(type), flags_(std::move(flags)) {}
 
-  Qel::String path() const { return path_; }
-  Qel::String type() const { return type_; }
+  Qel::String const& path() const { return path_; }
+  Qel::String const& type() const { return type_; }
   Qel::String flags() const { return flags_.letters(); }
   UserFlags const& userFlags() const { return flags_; }
   bool empty() const { return path_.empty() && type_.empty() && flags_.letters().empty(); }
 
   friend bool operator==(Mount const&, Mount const&) = default;
   // A collection of mounts is keyed by path; what refuses a mount stored under another key.
-  friend Qel::String qelKey(Mount const& m) { return m.path_; }
+  friend Qel::InternedText const& qelKey(Mount const& m) { return m.path_; }
   friend char const* qelKeyMismatch(Mount const&) { return "mount profile keyed by another path"; }
 
   // "path (type) flags"
@@ -38,8 +40,8 @@ class LEDRA_PEM_EXPORT Mount {
   static Qel::QelType const* staticType();
 
  private:
-  Qel::String path_;
-  Qel::String type_;
+  Qel::InternedText path_;
+  Qel::InternedText type_;
   UserFlags flags_;
 };
 

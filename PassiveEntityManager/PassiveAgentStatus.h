@@ -15,7 +15,7 @@ namespace Ledra {
 // The attributes, in id order (see Qel/AttrList.h).
 #define LEDRA_PASSIVE_AGENT_STATUS_ATTRIBUTES(X)                    \
   X(value, plain, Qel::String, agentString, AgentString)            \
-  X(map, keyWhole, StringMap, templateCache, TemplateCache)         \
+  X(map, keyWhole, TemplateCacheMap, templateCache, TemplateCache)  \
   X(map, keyWhole, StringMap, templateValueDict, TemplateValueDict) \
   X(children, keyWhole, PassiveMountReference, mountReference, MountReference, mountReferences)
 
@@ -24,6 +24,10 @@ class LEDRA_PEM_EXPORT PassiveAgentStatus : public Qel::Entity {
   using Ptr = Qel::Ptr<PassiveAgentStatus>;
   using PtrConst = Qel::Ptr<PassiveAgentStatus const>;
   using StringMap = std::unordered_map<Qel::String, Qel::String>;
+  // Raw path to substituted path, both interned: the raw paths are the profile's, the same for
+  // every agent, and a substituted path is the one the mount tables hold.
+  using TemplateCacheMap = std::unordered_map<Qel::InternedText, Qel::InternedText,
+                                              Qel::InternedText::Hash, Qel::InternedText::Equal>;
   using MountReferenceCol = Qel::EntityMap<PassiveMountReference>::Map;
   QEL_ATTR_IDS(LEDRA_PASSIVE_AGENT_STATUS_ATTRIBUTES);
 

@@ -75,7 +75,7 @@ class ConditionalMountGroupSm;
   X(custom, plain, ReadyMountGroupCompoundIndex, readyMountGroup, ReadyMountGroup)                 \
   X(mapOwnWrites, key, ConditionalMountGroupCol, conditionalMountGroup, ConditionalMountGroup)     \
   X(map, key, StringBoolMap, blockingConditionals, BlockingConditionals)                           \
-  X(mapRo, none, StringMap, templateCache, TemplateCache)                                          \
+  X(mapRo, none, TemplateCacheMap, templateCache, TemplateCache)                                   \
   X(keyedMap, key, MountMap, allMountPaths, AllMountPaths)                                         \
   X(handler, none, void, handleInitialized, HandleInitialized)                                     \
   X(handler, none, void, handleInputProtocolVersion, HandleInputProtocolVersion)                   \
@@ -135,8 +135,9 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   using PassiveDirMounterCol = std::unordered_map<Qel::String, Qel::Ptr<PassiveDirMounter>>;
   using ReadyMountGroupCol = Qel::BucketQueue<Qel::U32, PassiveMountGroup::PtrConst>;
   using StringBoolMap = std::unordered_map<Qel::String, bool>;
-  using StringMap = std::unordered_map<Qel::String, Qel::String>;
-  using MountMap = std::unordered_map<Qel::String, Mount>;
+  using TemplateCacheMap = PassiveAgentStatus::TemplateCacheMap;
+  using MountMap = std::unordered_map<Qel::InternedText, Mount, Qel::InternedText::Hash,
+                                      Qel::InternedText::Equal>;
 
   class QelConditionalMountGroup;
   using ConditionalMountGroupCol =

@@ -55,7 +55,7 @@ Qel::MountFlags requestFlags(Qel::String const& path, Qel::String const& letters
 
 Qel::String PassiveEntityManagerSm::canonicalPath(Qel::String const& path) {
   Qel::String const real = canonicalizePath(path, agentStatus_);
-  if (real != path) templateCacheIs(path, real);
+  if (real != path) templateCacheIs(Qel::InternedText(path), Qel::InternedText(real));
   return real;
 }
 
@@ -102,6 +102,8 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
   auto const d = demuxer();
   Qel::Name const agent = agentName();
   Qel::Name const refName(mountPath);
+  // Interned once: the configuration, the status record and the peer's state share the text.
+  Qel::InternedText const path(mountPath);
   bool const firstAttempt = !agentStatus_->mountReference(refName);
   try {
     Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
@@ -112,11 +114,10 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
           static_cast<void const*>(entity.ptr()));
 
     // Looked up in place: compared before anything below can notify and change the table.
-    Qel::MountTable::Conf const* const current = Qel::findOrNull(table->conf(), mountPath);
+    Qel::MountTable::Conf const* const current = Qel::findOrNull(table->conf(), path);
     Qel::MountFlags const currentFlags = current ? current->flags() : Qel::MountFlags();
     Qel::String const type = letters.has('c') ? typeName : Qel::String();
-    Qel::MountTable::Conf const next(mountPath, type, flags,
-                                     d ? Qel::Name(d->name()) : Qel::Name());
+    Qel::MountTable::Conf const next(path, type, flags, d ? Qel::Name(d->name()) : Qel::Name());
     bool const unchanged =
         (current && next == *current) ||
         (currentFlags.has(Qel::MountFlags::kConvertible) && !flags.has(Qel::MountFlags::kWrite));
@@ -131,7 +132,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
       table->confIs(next);
       if (!entity) entity = Qel::globalDir()->entity(mountPath);
       ref->entityIs(entity);
-      Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(mountPath));
+      Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
                   << " agent: " << agent << std::endl;
@@ -155,7 +156,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
       table->confIs(next);
       ref->entityIs(entity);
       ref->completeIs(true);
-      Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(mountPath));
+      Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
                   << " upon remount, agent: " << agent << std::endl;

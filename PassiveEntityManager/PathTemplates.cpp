@@ -54,16 +54,16 @@ Qel::String substituteTemplates(Qel::String const& path, TemplateValueLookup con
 Qel::String canonicalizePath(Qel::String const& path, PassiveAgentStatus::Ptr const& status) {
   if (path.find('%') == std::string::npos) return path;
   if (status) {
-    if (Qel::String const* cached = status->templateCache(path)) {
+    if (Qel::InternedText const* cached = status->templateCache(path)) {
       TRACE(PassiveEntityManager, kTraceDecision, "template path exists {} in cache {}", path,
-            *cached);
+            cached->str());
       return *cached;
     }
   }
   Qel::String const out = substituteTemplates(
       path, [&status](Qel::String const& key) { return templateValue(key, status); });
   TRACE(PassiveEntityManager, kTraceDecision, "incoming path {} real path {}", path, out);
-  if (status) status->templateCacheIs(path, out);
+  if (status) status->templateCacheIs(Qel::InternedText(path), Qel::InternedText(out));
   return out;
 }
 

@@ -39,7 +39,7 @@ class Substitution {
   std::string operator()(std::string const& path) const {
     if (path.find('%') == std::string::npos) return path;
     if (status_) {
-      if (Qel::String const* cached = status_->templateCache(Qel::String(path))) return *cached;
+      if (Qel::InternedText const* cached = status_->templateCache(path)) return *cached;
     }
     return Ledra::substituteTemplates(Qel::String(path), [this](Qel::String const& key) {
       return Qel::String(valueOf(values_, key));

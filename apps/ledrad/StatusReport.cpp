@@ -26,7 +26,7 @@ using Engine = Ledra::PassiveEntityManagerSm;
 std::string substitute(std::string const& path, Ledra::PassiveAgentStatus::Ptr const& status) {
   if (path.find('%') == std::string::npos) return path;
   if (status) {
-    if (Qel::String const* cached = status->templateCache(Qel::String(path))) return *cached;
+    if (Qel::InternedText const* cached = status->templateCache(path)) return *cached;
   }
   return Ledra::substituteTemplates(Qel::String(path), [&status](Qel::String const& key) {
     return Ledra::templateValue(key, status);

@@ -16,7 +16,9 @@
 //                                    of the entry; delAll() dequeues one by one, each notified.
 //
 // Each notification is delivered through GenericIf::notify: the typed notifiee's qelDispatch
-// turns it into its onX callbacks (see AttrList.h). None of these keeps a pointer to its owner or
+// turns it into its onX callbacks (see AttrList.h). A map keyed by InternedText tells its keys as
+// the String they hold (NotifiedKey), the type its reflection registers for them.
+// Lookups take any key the map can search with. None of these keeps a pointer to its owner or
 // allocates beyond what the stored value itself needs. Single-threaded.
 #pragma once
 
@@ -30,6 +32,7 @@
 #include "Qel/EntityMap.h"
 #include "Qel/Exception.h"
 #include "Qel/GenericIf.h"
+#include "Qel/InternedText.h"
 #include "Qel/KeyedStore.h"
 #include "Qel/LinkQueue.h"
 
@@ -38,6 +41,10 @@ namespace Qel {
 // How a key reaches a notifiee's callback: scalars by value, the rest by reference.
 template <class K>
 using KeyArg = std::conditional_t<std::is_scalar_v<K>, K, K const&>;
+
+// The type a key is told in: an interned text as its String, any other key as itself.
+template <class K>
+using NotifiedKey = std::conditional_t<std::is_same_v<K, InternedText>, String, K>;
 
 namespace detail {
 template <class V>
@@ -59,6 +66,9 @@ struct AttrNotifier {
   template <class K>
   static void notifyKey(GenericIf const& owner, AttributeId aid, K const& key) {
     owner.notifyKey(aid, key);
+  }
+  static void notifyKey(GenericIf const& owner, AttributeId aid, InternedText const& key) {
+    owner.notifyKey(aid, key.str());
   }
 };
 
@@ -93,7 +103,8 @@ class NotifyingMap {
   Map const& map() const { return map_; }
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
-  LookupResult<Value> find(Key const& key) const {
+  template <class K>
+  LookupResult<Value> find(K const& key) const {
     auto it = map_.find(key);
     if constexpr (std::is_scalar_v<Value>) {
       if (it == map_.end()) return std::nullopt;
@@ -112,8 +123,9 @@ class NotifyingMap {
   // Returns whether `key` was present. The removed value is released after the notification, so
   // a notifiee (or the value itself, when it removes itself) still finds it alive.
   bool del(GenericIf const& owner, Key const& key) {
-    auto removed = map_.extract(key);
-    if (removed.empty()) return false;
+    auto const it = map_.find(key);
+    if (it == map_.end()) return false;
+    auto removed = map_.extract(it);
     AttrNotifier::notifyKey(owner, kAid, removed.key());
     return true;
   }

@@ -107,12 +107,13 @@ class TypeBuilder;
 #define QEL_ATTR_ACCESSOR_custom(T, name, Upper, ...)
 #define QEL_ATTR_ACCESSOR_handler(T, name, Upper, ...)
 
-#define QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)                                              \
-  T const& name() const {                                                                  \
-    return name##_.map();                                                                  \
-  }                                                                                        \
-  ::Qel::LookupResult<typename T::mapped_type> name(typename T::key_type const& k) const { \
-    return name##_.find(k);                                                                \
+#define QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)                           \
+  T const& name() const {                                               \
+    return name##_.map();                                               \
+  }                                                                     \
+  template <class K>                                                    \
+  ::Qel::LookupResult<typename T::mapped_type> name(K const& k) const { \
+    return name##_.find(k);                                             \
   }
 #define QEL_ATTR_ACCESSOR_MAP_READ(T, name, ...) \
   QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)          \
@@ -194,11 +195,11 @@ class TypeBuilder;
 #define QEL_ATTR_KEY_ctor(T) T
 #define QEL_ATTR_KEY_custom(T) T
 #define QEL_ATTR_KEY_handler(T) T
-#define QEL_ATTR_KEY_map(T) typename T::key_type
-#define QEL_ATTR_KEY_mapRo(T) typename T::key_type
-#define QEL_ATTR_KEY_keyedMap(T) typename T::key_type
-#define QEL_ATTR_KEY_keyedMapRw(T) typename T::key_type
-#define QEL_ATTR_KEY_mapOwnWrites(T) typename T::key_type
+#define QEL_ATTR_KEY_map(T) ::Qel::NotifiedKey<typename T::key_type>
+#define QEL_ATTR_KEY_mapRo QEL_ATTR_KEY_map
+#define QEL_ATTR_KEY_keyedMap QEL_ATTR_KEY_map
+#define QEL_ATTR_KEY_keyedMapRw QEL_ATTR_KEY_map
+#define QEL_ATTR_KEY_mapOwnWrites QEL_ATTR_KEY_map
 #define QEL_ATTR_KEY_children(T) ::Qel::Name
 #define QEL_ATTR_KEY_queue(T) ::Qel::U32
 #define QEL_ATTR_KEY_queueRo(T) ::Qel::U32

@@ -1,6 +1,7 @@
 // Qel::ConnectDesc: the connect descriptor of a mount, the key under which a mount table keeps
 // the status of the mount of one path. Built from the mounted path (without query); ordered and
-// hashed by it, printed as it. A plain value, registered with the reflection as "Qel::ConnectDesc".
+// hashed by it, printed as it. The path is interned: a descriptor is one shared pointer. A plain
+// value, registered with the reflection as "Qel::ConnectDesc".
 #pragma once
 
 #include "Qel/Api.h"
@@ -9,6 +10,7 @@
 #include <functional>
 
 #include "Qel/BoxedValue.h"
+#include "Qel/InternedText.h"
 #include "Qel/Types.h"
 
 namespace Qel {
@@ -18,20 +20,22 @@ class QEL_API ConnectDesc {
   static constexpr bool kQelValueType = true;
 
   ConnectDesc() = default;
-  explicit ConnectDesc(String path) : path_(std::move(path)) {}
+  explicit ConnectDesc(std::string_view path) : path_(path) {}
+  explicit ConnectDesc(InternedText path) : path_(std::move(path)) {}
 
   String const& path() const { return path_; }
+  InternedText const& internedPath() const { return path_; }
   String text() const { return path_; }
 
   friend bool operator==(ConnectDesc const&, ConnectDesc const&) = default;
   friend std::strong_ordering operator<=>(ConnectDesc const& a, ConnectDesc const& b) {
-    return a.path_.compare(b.path_) <=> 0;
+    return a.path_ <=> b.path_;
   }
 
   static QelType const* staticType();
 
  private:
-  String path_;
+  InternedText path_;
 };
 
 }  // namespace Qel
@@ -39,6 +43,6 @@ class QEL_API ConnectDesc {
 template <>
 struct std::hash<Qel::ConnectDesc> {
   std::size_t operator()(Qel::ConnectDesc const& cd) const noexcept {
-    return std::hash<Qel::String>()(cd.path());
+    return cd.internedPath().hash();
   }
 };

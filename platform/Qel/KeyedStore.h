@@ -15,6 +15,15 @@ bool storeIfChanged(Map& map, K const& key, V&& value) {
   return true;
 }
 
+// Erases the element at key, which may be any type the map searches with; false when absent.
+template <class Map, class K>
+bool eraseIfPresent(Map& map, K const& key) {
+  auto const it = map.find(key);
+  if (it == map.end()) return false;
+  map.erase(it);
+  return true;
+}
+
 // The element at key, or null.
 template <class Map, class K>
 auto findOrNull(Map const& map, K const& key) -> decltype(&map.begin()->second) {

@@ -38,7 +38,7 @@ QelType const* registerValueType(char const* name, Add add) {
 }  // namespace
 
 String MountTable::Conf::text() const {
-  return String(path_ + " (" + type_ + ") " + flags_.text() + " @" + connection_);
+  return String(path_.str() + " (" + type_.str() + ") " + flags_.text() + " @" + connection_.str());
 }
 
 QelType const* MountTable::Conf::staticType() {
@@ -112,16 +112,16 @@ MountTable::Conf MountTable::conf(String const& path) const {
 
 void MountTable::confIs(Conf const& c) {
   QEL_CHECK(!c.path().empty(), "!c.path().empty() && \"mount configuration without a path\"");
-  if (!storeIfChanged(conf_, c.path(), c)) return;
+  if (!storeIfChanged(conf_, c.internedPath(), c)) return;
   // The notification may drop the last outside reference to this table.
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
-  String const path = c.path();
-  notifyKey(kConf, path);
+  InternedText const path = c.internedPath();
+  notifyKey(kConf, path.str());
   if (connection_) connection_->mountRequest(c);
 }
 
 void MountTable::confDel(String const& path) {
-  if (conf_.erase(path) == 0) return;
+  if (!eraseIfPresent(conf_, path)) return;
   notifyKey(kConf, path);
 }
 
@@ -155,12 +155,18 @@ MountTable::PathState MountTable::pathState(String const& path) const {
 }
 
 void MountTable::pathStateIs(String const& path, PathState const& s) {
-  if (!storeIfChanged(pathState_, path, s)) return;
+  auto const it = pathState_.find(path);
+  if (it == pathState_.end()) {
+    pathState_.emplace(InternedText(path), s);
+  } else {
+    if (it->second == s) return;
+    it->second = s;
+  }
   notifyKey(kPathState, path);
 }
 
 void MountTable::pathStateDel(String const& path) {
-  if (pathState_.erase(path) == 0) return;
+  if (!eraseIfPresent(pathState_, path)) return;
   notifyKey(kPathState, path);
 }
 

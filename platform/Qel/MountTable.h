@@ -22,7 +22,9 @@
 // false (hasPathState tells whether the peer reported one at all).
 //
 // Every change notifies once (onCurrentVersion, onConf(path), onStatus(cd), onPathState(path));
-// storing an equal value notifies nobody. Single-threaded.
+// storing an equal value notifies nobody. Paths are kept interned (Qel::InternedText): the key,
+// the configuration and the status record of one path share its text with every other table
+// that holds it. Single-threaded.
 #pragma once
 
 #include "Qel/Api.h"
@@ -33,6 +35,7 @@
 #include "Qel/ConnectDesc.h"
 #include "Qel/Entity.h"
 #include "Qel/GenericValue.h"
+#include "Qel/InternedText.h"
 #include "Qel/MountFlags.h"
 #include "Qel/Notifiee.h"
 
@@ -56,17 +59,18 @@ class QEL_API MountTable : public Entity {
    public:
     static constexpr bool kQelValueType = true;
     Conf() = default;
-    Conf(String path, String type, MountFlags flags, Name connection)
-        : path_(std::move(path)),
-          type_(std::move(type)),
-          flags_(flags),
-          connection_(std::move(connection)) {}
+    Conf(InternedText path, std::string_view type, MountFlags flags, std::string_view connection)
+        : path_(std::move(path)), type_(type), flags_(flags), connection_(connection) {}
+    Conf(std::string_view path, std::string_view type, MountFlags flags,
+         std::string_view connection)
+        : Conf(InternedText(path), type, flags, connection) {}
 
     String const& path() const { return path_; }
+    InternedText const& internedPath() const { return path_; }
     String const& type() const { return type_; }
     MountFlags flags() const { return flags_; }
     // The name of the connection (Demuxer) the mount is made for.
-    Name const& connection() const { return connection_; }
+    Name connection() const { return Name(connection_.str()); }
     bool empty() const { return path_.empty(); }
 
     friend bool operator==(Conf const&, Conf const&) = default;
@@ -75,10 +79,12 @@ class QEL_API MountTable : public Entity {
     static QelType const* staticType();
 
    private:
-    String path_;
-    String type_;
+    // All three texts are interned: the type and the connection name are the same for many
+    // configurations, the path for every table that mounts it.
+    InternedText path_;
+    InternedText type_;
     MountFlags flags_;
-    Name connection_;
+    InternedText connection_;
   };
 
   // The status record of one connect descriptor.
@@ -143,9 +149,10 @@ class QEL_API MountTable : public Entity {
     U64 monitoringEid_ = 0;
   };
 
-  using ConfMap = std::map<String, Conf>;
+  // Ordered by path, searchable with a plain text.
+  using ConfMap = std::map<InternedText, Conf, std::less<>>;
   using StatusMap = std::map<ConnectDesc, Stat>;
-  using PathStateMap = std::map<String, PathState>;
+  using PathStateMap = std::map<InternedText, PathState, std::less<>>;
 
   template <class N>
   class NotifieeT;
@@ -176,7 +183,7 @@ class QEL_API MountTable : public Entity {
 
   PathStateMap const& pathState() const { return pathState_; }
   PathState pathState(String const& path) const;
-  bool hasPathState(String const& path) const { return pathState_.count(path) != 0; }
+  bool hasPathState(String const& path) const { return pathState_.contains(path); }
   std::size_t pathStates() const { return pathState_.size(); }
   void pathStateIs(String const& path, PathState const& s);
   void pathStateDel(String const& path);

@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "Qel/GenericValue.h"
+#include "Qel/InternedText.h"
 #include "Qel/QelType.h"
 
 namespace Qel {
@@ -40,6 +41,16 @@ template <> struct ValueTraits<long> : BuiltinTraits<Builtin::long_, long> {};
 template <> struct ValueTraits<String> : BuiltinTraits<Builtin::string, String> {};
 template <> struct ValueTraits<Name> : BuiltinTraits<Builtin::name, Name> {};
 // clang-format on
+
+// An interned text appears as the string it holds.
+template <>
+struct ValueTraits<InternedText> {
+  static QelType const* type() { return ValueTraits<String>::type(); }
+  static GenericIf::PtrConst box(InternedText const& t) { return ValueTraits<String>::box(t); }
+  static InternedText unbox(GenericIf::PtrConst const& g) {
+    return InternedText(ValueTraits<String>::unbox(g));
+  }
+};
 
 // Pointers to entities: the generic value of a pointer attribute is the entity itself.
 template <class E>

@@ -50,7 +50,7 @@ void Demuxer::pathServedIs(String const& path, bool served) {
 
 void Demuxer::mountRequest(MountTable::Conf const& conf) {
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
-  ConnectDesc const cd(conf.path());
+  ConnectDesc const cd(conf.internedPath());
   if (closed_ || closing_) {
     peer_->statusIs(cd,
                     MountTable::Stat(MountTable::failed_, "connection closed: " + closeReason_));
@@ -60,7 +60,7 @@ void Demuxer::mountRequest(MountTable::Conf const& conf) {
   ++seqno_;
   U32 const seqno = seqno_;
   notify(kSeqno);
-  ++outstanding_[conf.path()];
+  ++outstanding_[conf.internedPath()];
   ++flowOutMountRequests_;
   notify(kFlowOutMountRequests);
   // A handler of the notifications above may have closed the connection.
@@ -73,8 +73,8 @@ bool Demuxer::mountAnswered(String const& path, bool ok, String const& exception
   auto it = outstanding_.find(path);
   if (it == outstanding_.end()) return false;
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
+  ConnectDesc const cd(it->first);
   if (--it->second == 0) outstanding_.erase(it);
-  ConnectDesc const cd(path);
   peer_->statusIs(cd, ok ? MountTable::Stat(MountTable::complete_)
                          : MountTable::Stat(MountTable::failed_, exceptionText));
   --flowOutMountRequests_;

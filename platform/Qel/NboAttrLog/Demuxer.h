@@ -41,6 +41,7 @@
 #include <map>
 
 #include "Qel/Entity.h"
+#include "Qel/InternedText.h"
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/Transport.h"
 #include "Qel/Notifiee.h"
@@ -127,7 +128,7 @@ class QEL_API Demuxer : public Entity {
   Transport::Ptr transport_;
   U32 seqno_ = 0;
   U32 flowOutMountRequests_ = 0;
-  std::map<String, U32> outstanding_;
+  std::map<InternedText, U32, std::less<>> outstanding_;
   bool lowMountPrio_ = false;
   U32 lowMountPrioSets_ = 0;
   PathServedMap pathServed_;
