@@ -81,6 +81,8 @@ class TestAgent {
               Qel::U8 bits = WireMountAnswer::kDefaultPathState) {
     send(WireMountAnswer{seqno, path, ok, text, bits, 0});
   }
+  // Stops writing; the listener sees the end of the stream but can still send.
+  void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
   // Stops reading from the socket (a slow agent); readAgain() resumes.
   void stopReading() { loop_->unwatch(fd_); }
   void readAgain() {
@@ -436,6 +438,12 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BadInput{"Oversized", [](TestAgent& a) { a.sendRaw(u32(65)); },
                  "frame of 65 bytes exceeds the limit of 64 bytes"},
+        BadInput{"Truncated",
+                 [](TestAgent& a) {
+                   a.sendRaw(Wire::wireFrame(WireClose{"bye"}).substr(0, 7));
+                   a.shutdownWrite();
+                 },
+                 "truncated frame: 3 of 8 body bytes received"},
         BadInput{"AnswerToNoRequest", [](TestAgent& a) { a.answer(7, "/wiretest/m"); },
                  "answer to unknown request 7"},
         BadInput{"AnswerForAnotherPath", [](TestAgent& a) { a.answer(1, "/wiretest/other"); },
