@@ -1668,8 +1668,8 @@ std::vector<std::string> World::browseRecords() const {
     for (auto const& [groupName, group] : profile->mountGroup()) {
       browseElement(*profile, "mountGroup", std::string(groupName), seen);
       // A group is also found by its path below the profile directory.
-      if (profiles_->entity(Qel::String(name + "/" + groupName)) != group)
-        problems.push_back("group " + groupName + " of " + name + " not found by its path");
+      if (profiles_->entity(Qel::String(name + "/" + group->name())) != group)
+        problems.push_back("group " + group->name() + " of " + name + " not found by its path");
       for (auto const& entry : group->conditionCol())
         browseElement(*group, "conditionCol", std::to_string(entry.index), seen);
       for (auto const& [condition, flag] : group->templateConditionCol())

@@ -131,7 +131,7 @@ AgentReport agentReport(Ledra::PassiveAgentStatus const& status, Engine const* e
     r.connected = !d->closed();
   }
   for (auto const& [path, ref] : status.mountReference())
-    r.mounts.push_back(MountReport{path, mountState(d.ptr(), path, ref.ptr())});
+    r.mounts.push_back(MountReport{ref->name(), mountState(d.ptr(), ref->name(), ref.ptr())});
   std::sort(r.mounts.begin(), r.mounts.end(),
             [](MountReport const& a, MountReport const& b) { return a.path < b.path; });
   if (!engine) {

@@ -70,7 +70,7 @@ WatchFeed::WatchFeed(Qel::EventLoop::Ptr loop, Database const& db, Publish publi
   rootWatcher_ = std::make_unique<RootWatcher>(*this, root);
   statusDirWatcher_ = std::make_unique<StatusDirWatcher>(*this, db_.statusDir());
   for (auto const& [name, d] : Qel::NboAttrLog::demuxerMgr()->demuxer())
-    demuxerChanged(name);
+    demuxerChanged(d->name());
   if (root) {
     for (auto const& [name, e] : root->passiveEntityManagerSm())
       engineChanged(name);

@@ -145,7 +145,7 @@ class NotifyingMap {
   Map map_;
 };
 
-template <class E, AttributeId kAid, class M = std::unordered_map<Name, Ptr<E>>>
+template <class E, AttributeId kAid, class M = typename EntityMap<E>::Map>
 class NotifyingEntityMap {
  public:
   static constexpr AttributeId kId = kAid;

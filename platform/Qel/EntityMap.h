@@ -2,16 +2,19 @@
 // Inserting sets the child's parent to the owner, removing clears it, and so does the owner's
 // destruction, so that an entity still held elsewhere is seen as cut off from the tree. The owner
 // notifies; the map only keeps the parents right. Unordered unless another map type is given
-// (an ordered one iterates in ascending name order). Single-threaded.
+// (an ordered one iterates in ascending name order). The default map's keys are views of the
+// children's own names, which are fixed at construction and live as long as the map holds the
+// child: a child's name is stored once. Single-threaded.
 #pragma once
 
+#include <string_view>
 #include <unordered_map>
 
 #include "Qel/Entity.h"
 
 namespace Qel {
 
-template <class E, class M = std::unordered_map<Name, Ptr<E>>>
+template <class E, class M = std::unordered_map<std::string_view, Ptr<E>>>
 class EntityMap {
  public:
   using Map = M;
@@ -31,10 +34,10 @@ class EntityMap {
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
   Map const& map() const { return map_; }
-  Name const& anyName() const { return map_.begin()->first; }
+  Name const& anyName() const { return map_.begin()->second->name(); }
 
   void insert(Ptr<E> const& e) {
-    map_.emplace(e->name(), e);
+    map_.emplace(typename Map::key_type(e->name()), e);
     e->qelParentIs(owner_);
   }
   // Removes and returns the entity, or null when absent.

@@ -54,7 +54,7 @@ QelType const* MountTable::Conf::staticType() {
 
 String MountTable::Stat::text() const {
   if (exceptionDesc_.empty()) return String(statusName(status_));
-  return String(std::string(statusName(status_)) + ": " + exceptionDesc_);
+  return String(std::string(statusName(status_)) + ": " + exceptionDesc_.str());
 }
 
 QelType const* MountTable::Stat::staticType() {

@@ -92,12 +92,12 @@ class QEL_API MountTable : public Entity {
    public:
     static constexpr bool kQelValueType = true;
     Stat() = default;
-    explicit Stat(Status status, String exceptionDesc = {})
-        : status_(status), exceptionDesc_(std::move(exceptionDesc)) {}
+    explicit Stat(Status status, std::string_view exceptionDesc = {})
+        : status_(status), exceptionDesc_(exceptionDesc) {}
 
     Status status() const { return status_; }
     // The peer's exception text for a failed mount; empty when none.
-    String const& exceptionDesc() const { return exceptionDesc_; }
+    String const& exceptionDesc() const { return exceptionDesc_.str(); }
 
     friend bool operator==(Stat const&, Stat const&) = default;
     String text() const;
@@ -105,7 +105,7 @@ class QEL_API MountTable : public Entity {
 
    private:
     Status status_ = none_;
-    String exceptionDesc_;
+    InternedText exceptionDesc_;  // empty, and then no node, unless the mount failed
   };
 
   // The peer's state of one path.
