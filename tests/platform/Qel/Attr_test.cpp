@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <unordered_map>
 #include <vector>
 
 #include "Qel/GenericValue.h"
@@ -29,13 +30,16 @@ using Ledra::test::Leaf;
   X(map, keyImmediateWhole, LabelMap, label, Label, labels)   \
   X(children, keyWhole, Leaf, leaf, Leaf, leaves)             \
   X(queue, keyImmediateWhole, Qel::String, line, Line, lines) \
-  X(mapOwnWrites, key, HeldMap, held, Held, helds)
+  X(mapOwnWrites, key, HeldMap, held, Held, helds)            \
+  X(map, key, TagMap, tag, Tag, tags)
 
 class Probe : public Qel::Entity {
  public:
   using Ptr = Qel::Ptr<Probe>;
   using LabelMap = std::map<Qel::String, Qel::String>;
   using HeldMap = std::map<Qel::String, Leaf::Ptr>;
+  using TagMap = std::unordered_map<Qel::InternedText, Qel::String, Qel::InternedText::Hash,
+                                    Qel::InternedText::Equal>;
   QEL_ATTR_IDS(PROBE_ATTRIBUTES);
   template <class N>
   class NotifieeT;
@@ -101,6 +105,7 @@ class Watch : public Probe::NotifieeT<Probe const> {
   void onLineqelImmediate() override { add("line immediate"); }
   void onLine() override { add("line"); }
   void onHeld(Qel::String const& k) override { add("held " + k); }
+  void onTag(Qel::String const& k) override { add("tag " + k); }
 
  private:
   void add(std::string const& entry) {
@@ -219,6 +224,26 @@ TEST_F(AttrTest, RemovedChildrenAndMapValuesLiveUntilEveryNotifieeWasTold) {
   EXPECT_EQ(liveWhenTold, live - 1);
   EXPECT_EQ(Qel::RefCounted::liveInstances(), live - 2);
   EXPECT_EQ(probe->removals, 1);
+}
+
+// A map keyed by interned texts tells its keys as the text they hold, to the typed and to the
+// generic view, and the reflection reads it with a plain string key.
+TEST_F(AttrTest, InternedKeysAreToldAndReadAsTheirText) {
+  struct Generic : Qel::GenericIf::NotifieeConst {
+    Log keys;
+    void onAttribute(Qel::AttributeId, Qel::GenericIf::PtrConst& key) override {
+      keys.push_back(key ? key->valueAs<Qel::String>() : "-");
+    }
+  } generic;
+  generic.notifierIs(probe);
+  probe->tagIs(Qel::InternedText("/a/b"), "x");
+  probe->tagDel(Qel::InternedText("/a/b"));
+  EXPECT_EQ(log, (Log{"tag /a/b", "tag /a/b"}));
+  EXPECT_EQ(generic.keys, (Log{"/a/b", "/a/b"}));
+  probe->tagIs(Qel::InternedText("/c"), "y");
+  EXPECT_EQ(*probe->tag(std::string("/c")), "y");
+  auto const key = Qel::ValueTraits<Qel::String>::box(Qel::String("/c"));
+  EXPECT_EQ(probe->attribute(Probe::kTag, key)->valueAs<Qel::String>(), "y");
 }
 
 }  // namespace
