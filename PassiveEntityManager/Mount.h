@@ -23,9 +23,13 @@ class LEDRA_PEM_EXPORT Mount {
       : path_(path), type_(type), flags_(std::move(flags)) {}
   Mount(std::string_view path, std::string_view type, UserFlags flags)
       : path_(path), type_(type), flags_(std::move(flags)) {}
+  Mount(Qel::InternedText path, Qel::InternedText type, UserFlags flags)
+      : path_(std::move(path)), type_(std::move(type)), flags_(std::move(flags)) {}
 
   Qel::String const& path() const { return path_; }
   Qel::String const& type() const { return type_; }
+  Qel::InternedText const& internedPath() const { return path_; }
+  Qel::InternedText const& internedType() const { return type_; }
   Qel::String flags() const { return flags_.letters(); }
   UserFlags const& userFlags() const { return flags_; }
   bool empty() const { return path_.empty() && type_.empty() && flags_.letters().empty(); }

@@ -282,7 +282,10 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   void demuxerIs(Qel::NboAttrLog::Demuxer::Ptr const& d);
   void peerMountTableIs(Qel::MountTable::Ptr const& t);
   // `path` with its template keys substituted (noted in templateCache).
-  Qel::String canonicalPath(Qel::String const& path);
+  Qel::InternedText canonicalPath(Qel::InternedText const& path);
+  // doPassiveMount for a path already interned.
+  void doPassiveMount(Qel::InternedText const& path, Qel::String const& userFlags,
+                      Qel::String const& typeName);
   // Whether the mount of `path` for this agent has completed (orphans traced and refused).
   bool isMountComplete(Qel::String const& path) const;
   template <class F>

@@ -53,9 +53,9 @@ Qel::MountFlags requestFlags(Qel::String const& path, Qel::String const& letters
 
 }  // namespace
 
-Qel::String PassiveEntityManagerSm::canonicalPath(Qel::String const& path) {
-  Qel::String const real = canonicalizePath(path, agentStatus_);
-  if (real != path) templateCacheIs(Qel::InternedText(path), Qel::InternedText(real));
+Qel::InternedText PassiveEntityManagerSm::canonicalPath(Qel::InternedText const& path) {
+  Qel::InternedText real = canonicalizePath(path, agentStatus_);
+  if (real != path) templateCacheIs(path, real);
   return real;
 }
 
@@ -82,6 +82,13 @@ bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
 void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
                                             Qel::String const& userFlags,
                                             Qel::String const& typeName) {
+  doPassiveMount(Qel::InternedText(mountPath), userFlags, typeName);
+}
+
+void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
+                                            Qel::String const& userFlags,
+                                            Qel::String const& typeName) {
+  Qel::String const& mountPath = path.str();
   TRACE(PassiveEntityManager, kTraceDecision, "mountPath: {} userFlags: {} typeName: {}", mountPath,
         userFlags, typeName);
   bool const granted = entMgr_ && entMgr_->writeMountsGranted();
@@ -102,8 +109,6 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
   auto const d = demuxer();
   Qel::Name const agent = agentName();
   Qel::Name const refName(mountPath);
-  // Interned once: the configuration, the status record and the peer's state share the text.
-  Qel::InternedText const path(mountPath);
   bool const firstAttempt = !agentStatus_->mountReference(refName);
   try {
     Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
@@ -178,9 +183,9 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
 }
 
 void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
-  Mount const mount(canonicalPath(profileMount.path()), profileMount.type(),
+  Mount const mount(canonicalPath(profileMount.internedPath()), profileMount.internedType(),
                     profileMount.userFlags());
-  Qel::String const path = mount.path();
+  Qel::String const& path = mount.path();
   Qel::String const flags = mount.flags();
   if (isMountComplete(path)) {
     TRACE(PassiveEntityManager, kTraceDecision, "mount already complete for {}", path);
@@ -220,7 +225,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
   TRACE(PassiveEntityManager, kTraceDecision, "parentDir: {}", parent);
   switch (parentSaState(parent)) {
     case ParentSaState::synchronised:
-      return doPassiveMount(path, flags, mount.type());
+      return doPassiveMount(mount.internedPath(), flags, mount.type());
     case ParentSaState::waiting:
       return pendingMountProfileIs(mount);
     case ParentSaState::absent:
@@ -311,7 +316,8 @@ void PassiveEntityManagerSm::doPopulateMountPaths() {
           group ? Qel::String(name) : Qel::String("<unknown>"));
     if (!group) continue;
     for (auto const& [rawPath, profileMount] : group->mountProfile()) {
-      Mount const mount(canonicalPath(rawPath), profileMount.type(), profileMount.userFlags());
+      Mount const mount(canonicalPath(profileMount.internedPath()), profileMount.internedType(),
+                        profileMount.userFlags());
       Mount const existing = orEmpty(allMountPaths(mount.path()));
       if (existing.empty()) {
         TRACE(PassiveEntityManager, kTraceDecision, "Adding path  {} to allMountPaths ",

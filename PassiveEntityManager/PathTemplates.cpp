@@ -53,17 +53,24 @@ Qel::String substituteTemplates(Qel::String const& path, TemplateValueLookup con
 
 Qel::String canonicalizePath(Qel::String const& path, PassiveAgentStatus::Ptr const& status) {
   if (path.find('%') == std::string::npos) return path;
+  return canonicalizePath(Qel::InternedText(path), status);
+}
+
+Qel::InternedText canonicalizePath(Qel::InternedText const& path,
+                                   PassiveAgentStatus::Ptr const& status) {
+  Qel::String const& text = path.str();
+  if (text.find('%') == std::string::npos) return path;
   if (status) {
     if (Qel::InternedText const* cached = status->templateCache(path)) {
-      TRACE(PassiveEntityManager, kTraceDecision, "template path exists {} in cache {}", path,
+      TRACE(PassiveEntityManager, kTraceDecision, "template path exists {} in cache {}", text,
             cached->str());
       return *cached;
     }
   }
-  Qel::String const out = substituteTemplates(
-      path, [&status](Qel::String const& key) { return templateValue(key, status); });
-  TRACE(PassiveEntityManager, kTraceDecision, "incoming path {} real path {}", path, out);
-  if (status) status->templateCacheIs(Qel::InternedText(path), Qel::InternedText(out));
+  Qel::InternedText const out(substituteTemplates(
+      text, [&status](Qel::String const& key) { return templateValue(key, status); }));
+  TRACE(PassiveEntityManager, kTraceDecision, "incoming path {} real path {}", text, out.str());
+  if (status) status->templateCacheIs(path, out);
   return out;
 }
 

@@ -73,6 +73,10 @@ LEDRA_PEM_EXPORT Qel::String substituteTemplates(Qel::String const& path,
 // A key runs from its "%" to the next "%", "-" or "/" (the "-" or "/" is kept) or the end.
 LEDRA_PEM_EXPORT Qel::String canonicalizePath(Qel::String const& path,
                                               PassiveAgentStatus::Ptr const& status);
+// The same for an interned path, without interning anything again: a path without "%" comes back
+// as the same node, a cached one as the cache's node.
+LEDRA_PEM_EXPORT Qel::InternedText canonicalizePath(Qel::InternedText const& path,
+                                                    PassiveAgentStatus::Ptr const& status);
 
 // A template condition "template operator value" (blank-separated, read in that order): the
 // template and the value are substituted, "NULL" stands for the empty text, and the operator must
