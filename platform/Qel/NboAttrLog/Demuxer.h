@@ -46,11 +46,6 @@
 #include "Qel/MountTable.h"
 #include "Qel/NboAttrLog/Transport.h"
 
-namespace Qel {
-template <class E>
-class TypeBuilder;
-}  // namespace Qel
-
 namespace Qel::NboAttrLog {
 
 // The attributes, in id order (see Qel/AttrList.h).
