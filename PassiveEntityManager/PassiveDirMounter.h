@@ -26,7 +26,7 @@ namespace Ledra {
 
 class PassiveEntityManagerSm;
 
-// The attributes, in id order after the base's (see Qel/AttrList.h).
+// The attributes, in id order after the base's (see Qel/Entity/AttrList.h).
 #define LEDRA_PASSIVE_DIR_MOUNTER_ATTRIBUTES(X) \
   X(getter, none, Mount, mount, Mount)          \
   X(getter, none, bool, blocking, Blocking)     \

@@ -40,17 +40,17 @@
 #include "Ledra/ConnectionConfigDir.h"
 #include "Ledra/ConnectionStatusDir.h"
 #include "Ledra/EntityManager.h"
-#include "Orn/TimerWheel.h"
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/OwnedReactor.h"
 #include "PassiveEntityManager/PassiveAgentProfileDir.h"
 #include "PassiveEntityManager/PassiveAgentStatusDir.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
-#include "Qel/AttrList.h"
+#include "Qel/Entity/AttrList.h"
+#include "Timer/TimerWheel.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_PASSIVE_ENTITY_MANAGER_ROOT_SM_ATTRIBUTES(X)                                    \
   X(ctor, none, PassiveAgentProfileDir::Ptr, agentProfileDir, AgentProfileDir)                \
   X(ctor, none, PassiveAgentStatusDir::Ptr, agentStatusDir, AgentStatusDir)                   \

@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
-#include "Qel/MountTable.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 #include "sim/Plans.h"
 

@@ -36,19 +36,19 @@
 // Single-threaded, on the event loop's thread.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
 #include <map>
 
-#include "Qel/AttrList.h"
-#include "Qel/Entity.h"
-#include "Qel/InternedText.h"
-#include "Qel/MountTable.h"
+#include "Qel/Containers/InternedText.h"
+#include "Qel/Entity/AttrList.h"
+#include "Qel/Entity/Entity.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/Transport.h"
 
 namespace Qel::NboAttrLog {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define QEL_DEMUXER_ATTRIBUTES(X)                                           \
   X(ctor, none, MountTable::Ptr, peer, Peer)                                \
   X(ctor, none, U32, epoch, Epoch)                                          \

@@ -6,14 +6,14 @@
 // Each registration and removal notifies onDemuxer(name). Single-threaded.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
-#include "Qel/AttrList.h"
+#include "Qel/Entity/AttrList.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 
 namespace Qel::NboAttrLog {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define QEL_DEMUXER_MGR_ATTRIBUTES(X) X(children, key, Demuxer, demuxer, Demuxer, demuxers)
 
 class QEL_API DemuxerMgr : public Entity {

@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "Qel/Exception.h"
-#include "Qel/ValueTraits.h"
-#include "support/ExactText.h"
-#include "support/LeakCheck.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Reflection/ValueTraits.h"
+#include "tests/support/ExactText.h"
+#include "tests/support/LeakCheck.h"
 
 namespace {
 

@@ -1,0 +1,68 @@
+// Qel::Dir: an entity that owns named child entities. globalDir() is the root of the database
+// tree; entities are found from it by path (Entity::entity).
+//
+// Inserting an entity sets its parent; removing it clears the parent, so an entity held elsewhere
+// after its removal is cut off from the tree (its root() is no longer the global directory).
+// Entries iterate in ascending name order. Each insertion and removal notifies onEntry(name).
+#pragma once
+
+#include "Qel/Core/Api.h"
+
+#include <map>
+
+#include "Qel/Entity/AttrList.h"
+#include "Qel/Entity/Entity.h"
+
+namespace Qel {
+
+// The attributes, in id order (see Qel/Entity/AttrList.h).
+#define QEL_DIR_ATTRIBUTES(X) X(childMap, key, Entries, entry, Entry, entries)
+
+class QEL_API Dir : public Entity {
+ public:
+  using Ptr = Qel::Ptr<Dir>;
+  using PtrConst = Qel::Ptr<Dir const>;
+  using Entries = std::map<Name, Entity::Ptr>;
+  QEL_ATTR_IDS(QEL_DIR_ATTRIBUTES);
+
+  template <class N>
+  class NotifieeT;
+  using Notifiee = NotifieeT<Dir>;
+  using NotifieeConst = NotifieeT<Dir const>;
+
+  static Ptr dirNew(Name const& name) { return Ptr(new Dir(name)); }
+
+  // entry() is the entries by name, entry(name) one of them (null when absent); entryDel(name)
+  // removes one, if present.
+  QEL_ATTR_ACCESSORS(QEL_DIR_ATTRIBUTES)
+  Entries const& entryMap() const { return entry(); }
+
+  // Inserts `e` under its name. Inserting the same entity again does nothing; another entity of
+  // that name is refused with NameInUseException, as is an entity that already has a parent.
+  void entryIs(Entity::Ptr const& e);
+  // The sub-directory `name`, created when absent; NameInUseException when `name` is not a Dir.
+  Ptr dirIs(Name const& name);
+
+  Entity::Ptr child(Name const& name) const override { return entry(name); }
+  QelType const* fwkType() const override { return staticType(); }
+  static QelType const* staticType();
+
+ protected:
+  explicit Dir(Name name) : Entity(std::move(name)) {}
+  ~Dir() override = default;
+
+ private:
+  QEL_ATTR_STORAGE(QEL_DIR_ATTRIBUTES)
+};
+
+template <class N>
+class Dir::NotifieeT : public BasicNotifiee<N> {
+ public:
+  using BasicNotifiee<N>::BasicNotifiee;
+  QEL_ATTR_NOTIFIEE(QEL_DIR_ATTRIBUTES)
+};
+
+// The root directory of the database tree.
+Dir::Ptr globalDir();
+
+}  // namespace Qel
