@@ -1,8 +1,33 @@
 # Compiler settings shared by every target of the project.
+#
+# Two include roots: platform/ for the platform ("Qel/Core/Ptr.h", "Ledra/Cell.h") and the project's
+# own for everything above it ("Orn/LogicalOp.h", "PassiveEntityManager/Mount.h", "apps/...",
+# "tests/support/..."). A folder name present under both would let a header of one layer shadow a
+# header of the other, so configuring stops on one.
+set(LEDRA_INCLUDE_ROOTS ${PROJECT_SOURCE_DIR}/platform ${PROJECT_SOURCE_DIR})
+function(ledra_check_include_roots)
+  set(seen)
+  foreach(root IN LISTS LEDRA_INCLUDE_ROOTS)
+    file(GLOB entries LIST_DIRECTORIES true RELATIVE ${root} ${root}/*)
+    foreach(entry IN LISTS entries)
+      if(NOT IS_DIRECTORY ${root}/${entry} OR entry MATCHES "^(\\.|build)")
+        continue()
+      endif()
+      file(GLOB_RECURSE headers ${root}/${entry}/*.h)
+      if(NOT headers)
+        continue()
+      endif()
+      if(entry IN_LIST seen)
+        message(FATAL_ERROR "the folder '${entry}' stands under two include roots "
+                            "(${LEDRA_INCLUDE_ROOTS}): a header of one could shadow the other's")
+      endif()
+      list(APPEND seen ${entry})
+    endforeach()
+  endforeach()
+endfunction()
+ledra_check_include_roots()
 add_library(ledra_options INTERFACE)
-target_include_directories(ledra_options INTERFACE
-  ${PROJECT_SOURCE_DIR}/platform
-  ${PROJECT_SOURCE_DIR})
+target_include_directories(ledra_options INTERFACE ${LEDRA_INCLUDE_ROOTS})
 target_compile_options(ledra_options INTERFACE -Wall -Wextra -Wpedantic -Wno-unused-parameter)
 # Calls inside a shared library may be inlined: nothing interposes the project's own symbols.
 target_compile_options(ledra_options INTERFACE -fno-semantic-interposition)
