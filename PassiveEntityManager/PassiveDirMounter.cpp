@@ -101,9 +101,7 @@ Qel::QelType const* PassiveDirMounter::staticType() {
   static Qel::QelType const* t = [] {
     Qel::TypeBuilder<PassiveDirMounter> b("Ledra::PassiveDirMounter");
     DirMounter::qelAttributes(b);
-    b.value<Mount>("mount", [](PassiveDirMounter const& m) { return m.mount(); })
-        .value<bool>("blocking", [](PassiveDirMounter const& m) { return m.blocking(); })
-        .value<bool>("initialized", [](PassiveDirMounter const& m) { return m.initialized(); })
+    b QEL_ATTR_REFLECTION(LEDRA_PASSIVE_DIR_MOUNTER_ATTRIBUTES)
         .factory([](Qel::Name const&) -> Qel::Entity::Ptr {
           throw Qel::TypeException("a directory mounter is created by its engine");
         });

@@ -26,10 +26,17 @@ namespace Ledra {
 
 class PassiveEntityManagerSm;
 
+// The attributes, in id order after the base's (see Qel/Entity/AttrList.h).
+#define LEDRA_PASSIVE_DIR_MOUNTER_ATTRIBUTES(X) \
+  X(getter, none, Mount, mount, Mount)          \
+  X(getter, none, bool, blocking, Blocking)     \
+  X(getter, none, bool, initialized, Initialized)
+
 class LEDRA_PEM_EXPORT PassiveDirMounter : public DirMounter {
  public:
   using Ptr = Qel::Ptr<PassiveDirMounter>;
   using PtrConst = Qel::Ptr<PassiveDirMounter const>;
+  QEL_ATTR_IDS_AFTER(DirMounter, LEDRA_PASSIVE_DIR_MOUNTER_ATTRIBUTES);
   static constexpr Qel::Time kRetryDelay = 1.0;
 
   static Ptr passiveDirMounterNew(Qel::String const& agentName, Qel::String const& path,

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <vector>
 
 #include "Check/Check.h"
@@ -31,28 +30,40 @@ char const* roleText(bool active) {
   return active ? "an active" : "a backup";
 }
 
-// A pointer as it appears in name-in-use messages: an entity by its full name and address,
-// anything else by its address.
-template <class T>
-std::string pointerText(T const* p) {
+// A pointer as it appears in name-in-use messages: its address, after the full name of the
+// entity it is (when it is one).
+std::string pointerText(void const* p, Qel::Entity const* entity) {
   if (!p) return "null";
   char buf[32];
   std::snprintf(buf, sizeof buf, "0x%llx",
                 static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
-  if constexpr (std::is_base_of_v<Qel::Entity, T>) return p->fullName() + "@" + buf;
+  if (entity) return entity->fullName() + "@" + buf;
   return buf;
 }
 
-template <class T>
-void requireSame(char const* attribute, T const* requested, T const* current) {
-  if (requested == current) return;
+[[noreturn]] void refuseOtherValue(char const* attribute, std::string const& requested,
+                                   std::string const& current) {
   throw Qel::NameInUseException(
       std::string("Reinstantiating the pointer interface where constructor parameter attribute ") +
-      attribute + " has a different value of " + pointerText(requested) +
-      " than the current value of " + pointerText(current) + " not allowed");
+      attribute + " has a different value of " + requested + " than the current value of " +
+      current + " not allowed");
 }
 
 }  // namespace
+
+void PassiveEntityManagerRootSm::constructorAttributeCheck(char const* attribute,
+                                                           Qel::Entity const* requested,
+                                                           Qel::Entity const* current) {
+  if (requested == current) return;
+  refuseOtherValue(attribute, pointerText(requested, requested), pointerText(current, current));
+}
+
+void PassiveEntityManagerRootSm::constructorAttributeCheck(char const* attribute,
+                                                           void const* requested,
+                                                           void const* current) {
+  if (requested == current) return;
+  refuseOtherValue(attribute, pointerText(requested, nullptr), pointerText(current, nullptr));
+}
 
 PassiveEntityManagerRootSm::Ptr PassiveEntityManagerRootSm::passiveEntityManagerRootSmNew(
     PassiveAgentProfileDir::Ptr const& agentProfileDir,
@@ -93,8 +104,6 @@ PassiveEntityManagerRootSm::~PassiveEntityManagerRootSm() {
   qelEntMgr_ = nullptr;
   qelConnectionStatusDir_ = nullptr;
   timerWheel_ = nullptr;
-  connectionConfigDir_ = nullptr;
-  connectionStatusDir_ = nullptr;
 }
 
 template <class F>
@@ -102,25 +111,12 @@ void PassiveEntityManagerRootSm::forEachReactor(F f) {
   if (qelAgentProfileDir_) f(*qelAgentProfileDir_);
   if (qelEntMgr_) f(*qelEntMgr_);
   if (qelConnectionStatusDir_) f(*qelConnectionStatusDir_);
-  for (auto const& [name, reactor] : connStatus_)
+  for (auto const& [name, reactor] : connStatus())
     f(*reactor);
 }
 
-void PassiveEntityManagerRootSm::initializedIs(bool v) {
-  if (initialized_ == v) return;
-  initialized_ = v;
-  notify(kInitialized);
-}
-
-void PassiveEntityManagerRootSm::connectionConfigDirIs(ConnectionConfigDir::Ptr const& d) {
-  if (connectionConfigDir_ == d) return;
-  connectionConfigDir_ = d;
-  notify(kConnectionConfigDir);
-}
-
 void PassiveEntityManagerRootSm::connectionStatusDirIs(ConnectionStatusDir::PtrConst const& d) {
-  if (connectionStatusDir_ == d) return;
-  connectionStatusDir_ = d;
+  if (connectionStatusDir() == d) return;
   if (!qelConnectionStatusDir_) {
     qelConnectionStatusDir_ = QelConnectionStatusDir::reactorNew(this, d);
     qelConnectionStatusDir_->hasNotificationActiveIs(notificationActive_);
@@ -128,13 +124,7 @@ void PassiveEntityManagerRootSm::connectionStatusDirIs(ConnectionStatusDir::PtrC
   } else {
     qelConnectionStatusDir_->notifierIs(d);
   }
-  notify(kConnectionStatusDir);
-}
-
-Qel::Ptr<PassiveEntityManagerRootSm::QelConnStatus> PassiveEntityManagerRootSm::connStatus(
-    Qel::Name const& name) const {
-  auto it = connStatus_.find(name);
-  return it == connStatus_.end() ? nullptr : it->second;
+  connectionStatusDir_.set(*this, d);
 }
 
 Qel::Ptr<PassiveEntityManagerRootSm::QelConnStatus> PassiveEntityManagerRootSm::connStatusIs(
@@ -151,30 +141,21 @@ Qel::Ptr<PassiveEntityManagerRootSm::QelConnStatus> PassiveEntityManagerRootSm::
   Qel::Ptr<QelConnStatus> reactor = QelConnStatus::reactorNew(this, record);
   reactor->hasNotificationActiveIs(notificationActive_);
   reactor->qelDoZombieReactorsIs(zombie_);
-  connStatus_.emplace(record->name(), reactor);
-  notifyKey(kConnStatus, record->name());
+  connStatus_.set(*this, record->name(), reactor);
   return reactor;
 }
 
 void PassiveEntityManagerRootSm::connStatusDel(Qel::Name const& name) {
-  auto it = connStatus_.find(name);
-  if (it == connStatus_.end()) return;
-  Qel::Ptr<QelConnStatus> const reactor = std::move(it->second);
-  connStatus_.erase(it);
+  Qel::Ptr<QelConnStatus> const reactor = connStatus(name);
+  if (!reactor) return;
   reactor->ownerIs(nullptr);
-  notifyKey(kConnStatus, name);
+  connStatus_.del(*this, name);
   doCleanup(reactor->agentName().empty() ? name : reactor->agentName());
 }
 
 void PassiveEntityManagerRootSm::connStatusDelAll() {
   while (!connStatus_.empty())
-    connStatusDel(Qel::Name(connStatus_.begin()->first));
-}
-
-PassiveEntityManagerSm::Ptr PassiveEntityManagerRootSm::passiveEntityManagerSm(
-    Qel::Name const& agentName) const {
-  auto it = passiveEntityManagerSm_.find(agentName);
-  return it == passiveEntityManagerSm_.end() ? nullptr : it->second;
+    connStatusDel(Qel::Name(connStatus().begin()->first));
 }
 
 PassiveEntityManagerSm::Ptr PassiveEntityManagerRootSm::passiveEntityManagerSmIs(
@@ -188,33 +169,19 @@ PassiveEntityManagerSm::Ptr PassiveEntityManagerRootSm::passiveEntityManagerSmIs
   }
   Qel::Name const key = agentStatus->name();
   if (PassiveEntityManagerSm::Ptr existing = passiveEntityManagerSm(key)) {
-    requireSame("_agentProfile", agentProfile.ptr(), existing->agentProfile().ptr());
-    requireSame("_agentStatus", agentStatus.ptr(), existing->agentStatus().ptr());
-    requireSame("_demuxer", demuxer.ptr(), existing->demuxer().ptr());
-    requireSame("_peerMountTable", peerMountTable.ptr(), existing->peerMountTable().ptr());
-    requireSame("_entMgr", entMgr.ptr(), existing->entMgr().ptr());
-    requireSame("_timerWheel", timerWheel.ptr(), existing->timerWheel().ptr());
+    constructorAttributeCheck("_agentProfile", agentProfile.ptr(), existing->agentProfile().ptr());
+    constructorAttributeCheck("_agentStatus", agentStatus.ptr(), existing->agentStatus().ptr());
+    constructorAttributeCheck("_demuxer", demuxer.ptr(), existing->demuxer().ptr());
+    constructorAttributeCheck("_peerMountTable", peerMountTable.ptr(),
+                              existing->peerMountTable().ptr());
+    constructorAttributeCheck("_entMgr", entMgr.ptr(), existing->entMgr().ptr());
+    constructorAttributeCheck("_timerWheel", timerWheel.ptr(), existing->timerWheel().ptr());
     return existing;
   }
   PassiveEntityManagerSm::Ptr engine = passiveEntityManagerSmFactory(
       agentProfile, agentStatus, demuxer, peerMountTable, entMgr, timerWheel);
-  passiveEntityManagerSm_.emplace(key, engine);
-  notifyKey(kPassiveEntityManagerSm, key);
+  passiveEntityManagerSm_.set(*this, key, engine);
   return engine;
-}
-
-void PassiveEntityManagerRootSm::passiveEntityManagerSmDel(Qel::Name const& agentName) {
-  auto it = passiveEntityManagerSm_.find(agentName);
-  if (it == passiveEntityManagerSm_.end()) return;
-  // The engine is destroyed after it has left the collection, once nobody else holds it.
-  PassiveEntityManagerSm::Ptr const engine = std::move(it->second);
-  passiveEntityManagerSm_.erase(it);
-  notifyKey(kPassiveEntityManagerSm, agentName);
-}
-
-void PassiveEntityManagerRootSm::passiveEntityManagerSmDelAll() {
-  while (!passiveEntityManagerSm_.empty())
-    passiveEntityManagerSmDel(Qel::Name(passiveEntityManagerSm_.begin()->first));
 }
 
 PassiveAgentProfile::Ptr PassiveEntityManagerRootSm::agentProfileFor(
@@ -235,13 +202,13 @@ void PassiveEntityManagerRootSm::fillReservedTemplateKeys() {
 
 void PassiveEntityManagerRootSm::handleInitialized() {
   TRACE(PassiveEntityManager, kTraceEntry, "PassiveEntityManagerRootSm::handleInitialized()");
-  if (initialized_) return;
+  if (initialized()) return;
   connectionConfigDirIs(ConnMgrHelper::connectionConfigDir());
   connectionStatusDirIs(ConnMgrHelper::connectionStatusDir());
   fillReservedTemplateKeys();
   timerWheel_ = Orn::TimerWheel::timerWheelNew(Qel::ActivityManagerConfig::instance()->clock(),
                                                kWheelTick, kWheelTicks, kWheelBucketSize);
-  initializedIs(true);
+  initialized_.set(*this, true);
   TRACE(PassiveEntityManager, kTraceEvent, "PassiveEntityManagerRootSm is initialized on {}",
         roleText(entMgr_->active()));
 
@@ -251,9 +218,9 @@ void PassiveEntityManagerRootSm::handleInitialized() {
     profiles.push_back(name);
   for (Qel::Name const& name : profiles)
     handleAgentProfile(name);
-  if (!connectionStatusDir_) return;
+  if (!connectionStatusDir()) return;
   std::vector<PassiveConnectionStatus::PtrConst> records;
-  for (auto const& [name, record] : connectionStatusDir_->passiveConnectionStatus())
+  for (auto const& [name, record] : connectionStatusDir()->passiveConnectionStatus())
     records.push_back(record);
   for (PassiveConnectionStatus::PtrConst const& record : records) {
     Qel::Ptr<QelConnStatus> reactor = connStatusIs(record);
@@ -264,10 +231,10 @@ void PassiveEntityManagerRootSm::handleInitialized() {
 void PassiveEntityManagerRootSm::handleAgentProfile(Qel::Name const& name) {
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerRootSm::handleAgentProfile(Qel::Name name) name: {}", name);
-  if (!initialized_) return;
+  if (!initialized()) return;
   if (agentProfileDir_->agentProfile(name)) {
     TRACE(PassiveEntityManager, kTraceDecision, "adding connection config for {}", name);
-    if (connectionConfigDir_) connectionConfigDir_->passiveConnectionConfigIs(name);
+    if (connectionConfigDir()) connectionConfigDir()->passiveConnectionConfigIs(name);
     return;
   }
   QEL_CHECK(false, "false && \"mount profile being deleted\"");
@@ -276,10 +243,10 @@ void PassiveEntityManagerRootSm::handleAgentProfile(Qel::Name const& name) {
 void PassiveEntityManagerRootSm::handleWriteMountsGranted() {
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerRootSm::handleWriteMountsGranted()");
-  if (!initialized_ || !entMgr_->writeMountsGranted()) return;
+  if (!initialized() || !entMgr_->writeMountsGranted()) return;
   // A pass may close an agent and so change the collection: work on a copy.
   std::vector<PassiveEntityManagerSm::Ptr> engines;
-  for (auto const& [name, engine] : passiveEntityManagerSm_)
+  for (auto const& [name, engine] : passiveEntityManagerSm())
     engines.push_back(engine);
   for (auto const& engine : engines)
     engine->doInitiateMounts();
@@ -287,7 +254,7 @@ void PassiveEntityManagerRootSm::handleWriteMountsGranted() {
 
 void PassiveEntityManagerRootSm::handleLocal() {
   TRACE(PassiveEntityManager, kTraceEntry, "PassiveEntityManagerRootSm::handleLocal()");
-  if (!initialized_) return;
+  if (!initialized()) return;
   bool const active = entMgr_->active();
   TRACE(PassiveEntityManager, kTraceEvent, "{} supervisor", roleText(active));
   if (!active) return;
@@ -297,7 +264,7 @@ void PassiveEntityManagerRootSm::handleLocal() {
   for (PassiveAgentProfile::Ptr const& profile : profiles)
     profile->mountGroupDel(kPeerReadyGroup);
   std::vector<PassiveEntityManagerSm::Ptr> engines;
-  for (auto const& [name, engine] : passiveEntityManagerSm_)
+  for (auto const& [name, engine] : passiveEntityManagerSm())
     engines.push_back(engine);
   for (PassiveEntityManagerSm::Ptr const& engine : engines)
     freePeerReady(engine);
@@ -426,36 +393,10 @@ void PassiveEntityManagerRootSm::QelConnStatus::handleConnection() {
 // ---- Reflection ----
 
 Qel::QelType const* PassiveEntityManagerRootSm::staticType() {
-  using R = PassiveEntityManagerRootSm;
   static Qel::QelType const* t =
-      Qel::TypeBuilder<R>("Ledra::PassiveEntityManagerRootSm")
-          .value<PassiveAgentProfileDir::Ptr>("agentProfileDir",
-                                              [](R const& r) { return r.agentProfileDir(); })
-          .constructor()
-          .value<PassiveAgentStatusDir::Ptr>("agentStatusDir",
-                                             [](R const& r) { return r.agentStatusDir(); })
-          .constructor()
-          .value<EntityManager::PtrConst>("entMgr", [](R const& r) { return r.entMgr(); })
-          .constructor()
-          .value<bool>("initialized", [](R const& r) { return r.initialized(); })
-          .value<ConnectionConfigDir::Ptr>(
-              "connectionConfigDir", [](R const& r) { return r.connectionConfigDir(); },
-              [](R& r, ConnectionConfigDir::Ptr const& d) { r.connectionConfigDirIs(d); })
-          .value<ConnectionStatusDir::PtrConst>(
-              "connectionStatusDir", [](R const& r) { return r.connectionStatusDir(); },
-              [](R& r, ConnectionStatusDir::PtrConst const& d) { r.connectionStatusDirIs(d); })
-          .collection<Qel::Name, PassiveConnectionStatus::PtrConst>(
-              "connStatus",
-              [](R const& r, Qel::Name const& n) -> PassiveConnectionStatus::PtrConst {
-                auto reactor = r.connStatus(n);
-                return reactor ? reactor->notifier() : nullptr;
-              },
-              [](R const& r) { return r.connStatuses(); })
-          .collection<Qel::Name, PassiveEntityManagerSm::Ptr>(
-              "passiveEntityManagerSm",
-              [](R const& r, Qel::Name const& n) { return r.passiveEntityManagerSm(n); },
-              [](R const& r) { return r.passiveEntityManagerSms(); })
-          .done();
+      Qel::TypeBuilder<PassiveEntityManagerRootSm>("Ledra::PassiveEntityManagerRootSm")
+          QEL_ATTR_REFLECTION(LEDRA_PASSIVE_ENTITY_MANAGER_ROOT_SM_ATTRIBUTES)
+              .done();
   return t;
 }
 

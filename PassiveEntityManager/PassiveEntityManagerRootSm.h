@@ -45,9 +45,23 @@
 #include "PassiveEntityManager/PassiveAgentProfileDir.h"
 #include "PassiveEntityManager/PassiveAgentStatusDir.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
+#include "Qel/Entity/AttrList.h"
 #include "Timer/TimerWheel.h"
 
 namespace Ledra {
+
+// The attributes, in id order (see Qel/Entity/AttrList.h).
+#define LEDRA_PASSIVE_ENTITY_MANAGER_ROOT_SM_ATTRIBUTES(X)                                    \
+  X(ctor, none, PassiveAgentProfileDir::Ptr, agentProfileDir, AgentProfileDir)                \
+  X(ctor, none, PassiveAgentStatusDir::Ptr, agentStatusDir, AgentStatusDir)                   \
+  X(ctor, none, EntityManager::PtrConst, entMgr, EntMgr)                                      \
+  X(valueOwnWrites, plain, bool, initialized, Initialized)                                    \
+  X(value, plain, ConnectionConfigDir::Ptr, connectionConfigDir, ConnectionConfigDir)         \
+  X(valueOwnWritesRw, plain, ConnectionStatusDir::PtrConst, connectionStatusDir,              \
+    ConnectionStatusDir)                                                                      \
+  X(notifieeMap, key, ConnStatusCol, connStatus, ConnStatus, connStatuses)                    \
+  X(mapOwnIs, key, PassiveEntityManagerSmCol, passiveEntityManagerSm, PassiveEntityManagerSm, \
+    passiveEntityManagerSms)
 
 class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
  public:
@@ -60,23 +74,13 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
   // The reason given to a connection whose agent has no profile.
   static constexpr char const* kNoProfileReason = "no agent profile";
 
-  enum : Qel::AttributeId {
-    kAgentProfileDir = 1,
-    kAgentStatusDir,
-    kEntMgr,
-    kInitialized,
-    kConnectionConfigDir,
-    kConnectionStatusDir,
-    kConnStatus,
-    kPassiveEntityManagerSm,
-  };
-
   class QelAgentProfileDir;
   class QelEntMgr;
   class QelConnectionStatusDir;
   class QelConnStatus;
   using ConnStatusCol = std::map<Qel::Name, Qel::Ptr<QelConnStatus>>;
   using PassiveEntityManagerSmCol = std::map<Qel::Name, PassiveEntityManagerSm::Ptr>;
+  QEL_ATTR_IDS(LEDRA_PASSIVE_ENTITY_MANAGER_ROOT_SM_ATTRIBUTES);
 
   template <class N>
   class NotifieeT;
@@ -90,24 +94,31 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
                                            EntityManager::PtrConst const& entMgr,
                                            Qel::Name const& name = kDefaultName);
 
+  // Refuses `requested` as constructor attribute `attribute` of an object that exists with
+  // `current`: Qel::NameInUseException "Reinstantiating the pointer interface where constructor
+  // parameter attribute <attribute> has a different value of <requested> than the current value
+  // of <current> not allowed", where an entity shows as its full name and address
+  // ("<fullName>@0x..."), anything else as its address, and null as "null".
+  static void constructorAttributeCheck(char const* attribute, Qel::Entity const* requested,
+                                        Qel::Entity const* current);
+  static void constructorAttributeCheck(char const* attribute, void const* requested,
+                                        void const* current);
+
   // Constructor attributes.
   PassiveAgentProfileDir::Ptr const& agentProfileDir() const { return agentProfileDir_; }
   PassiveAgentStatusDir::Ptr const& agentStatusDir() const { return agentStatusDir_; }
   EntityManager::PtrConst const& entMgr() const { return entMgr_; }
 
-  bool initialized() const { return initialized_; }
-  ConnectionConfigDir::Ptr const& connectionConfigDir() const { return connectionConfigDir_; }
-  void connectionConfigDirIs(ConnectionConfigDir::Ptr const& d);
-  ConnectionStatusDir::PtrConst const& connectionStatusDir() const { return connectionStatusDir_; }
+  // initialized, connectionConfigDir (with its mutator), connectionStatusDir; connStatus, one
+  // reactor per connection status record by the record's name (the reflection shows the
+  // records); passiveEntityManagerSm, one engine per connected agent by agent name (with
+  // passiveEntityManagerSmDel and passiveEntityManagerSmDelAll).
+  QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_ENTITY_MANAGER_ROOT_SM_ATTRIBUTES)
   // Binds the QelConnectionStatusDir reactor to `d` (null: to nothing).
   void connectionStatusDirIs(ConnectionStatusDir::PtrConst const& d);
   // Null until handleInitialized has run.
   Orn::TimerWheel::Ptr const& timerWheel() const { return timerWheel_; }
 
-  // One reactor per connection status record, by the record's name.
-  ConnStatusCol const& connStatus() const { return connStatus_; }
-  Qel::Ptr<QelConnStatus> connStatus(Qel::Name const& name) const;
-  std::size_t connStatuses() const { return connStatus_.size(); }
   // The reactor of the record's name, bound to `record` (created when absent). A null record
   // throws Qel::RangeException.
   Qel::Ptr<QelConnStatus> connStatusIs(PassiveConnectionStatus::PtrConst const& record);
@@ -115,12 +126,6 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
   void connStatusDel(Qel::Name const& name);
   void connStatusDelAll();
 
-  // One engine per connected agent, by agent name.
-  PassiveEntityManagerSmCol const& passiveEntityManagerSm() const {
-    return passiveEntityManagerSm_;
-  }
-  PassiveEntityManagerSm::Ptr passiveEntityManagerSm(Qel::Name const& agentName) const;
-  std::size_t passiveEntityManagerSms() const { return passiveEntityManagerSm_.size(); }
   // The engine of agentStatus's name: the existing one when every argument equals its constructor
   // attributes, else a new one (passiveEntityManagerSmFactory). An existing engine with another
   // attribute throws Qel::NameInUseException ("Reinstantiating the pointer interface where
@@ -130,8 +135,6 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
       PassiveAgentProfile::PtrConst const& agentProfile, PassiveAgentStatus::Ptr const& agentStatus,
       Qel::NboAttrLog::Demuxer::Ptr const& demuxer, Qel::MountTable::Ptr const& peerMountTable,
       EntityManager::PtrConst const& entMgr, Orn::TimerWheel::PtrConst const& timerWheel);
-  void passiveEntityManagerSmDel(Qel::Name const& agentName);
-  void passiveEntityManagerSmDelAll();
 
   // The profile that serves `agentName` (agentProfileChoice): its own, else the longest prefix
   // ending in "-"; null.
@@ -163,7 +166,6 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
   ~PassiveEntityManagerRootSm() override;
 
  private:
-  void initializedIs(bool v);
   void fillReservedTemplateKeys();
   void freePeerReady(PassiveEntityManagerSm::Ptr const& engine);
   bool dropQueuedPeerReady(PassiveEntityManagerSm::Ptr const& engine);
@@ -177,14 +179,10 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerRootSm : public Qel::Entity {
   Qel::Ptr<QelEntMgr> qelEntMgr_;
   Qel::Ptr<QelConnectionStatusDir> qelConnectionStatusDir_;
 
-  bool initialized_ = false;
   bool notificationActive_ = true;
   bool zombie_ = false;
-  ConnectionConfigDir::Ptr connectionConfigDir_;
-  ConnectionStatusDir::PtrConst connectionStatusDir_;
+  QEL_ATTR_STORAGE(LEDRA_PASSIVE_ENTITY_MANAGER_ROOT_SM_ATTRIBUTES)
   Orn::TimerWheel::Ptr timerWheel_;
-  ConnStatusCol connStatus_;
-  PassiveEntityManagerSmCol passiveEntityManagerSm_;
 };
 
 // A profile added, changed or removed reaches handleAgentProfile.
@@ -245,28 +243,7 @@ template <class N>
 class PassiveEntityManagerRootSm::NotifieeT : public Qel::BasicNotifiee<N> {
  public:
   using Qel::BasicNotifiee<N>::BasicNotifiee;
-  virtual void onInitialized() {}
-  virtual void onConnectionConfigDir() {}
-  virtual void onConnectionStatusDir() {}
-  virtual void onConnStatus(Qel::Name const& name) {}
-  virtual void onPassiveEntityManagerSm(Qel::Name const& agentName) {}
-  void qelDispatch(Qel::AttributeId aid, Qel::NotifyKey const& key) override {
-    auto name = [&key] { return *static_cast<Qel::Name const*>(key.native); };
-    switch (aid) {
-      case kInitialized:
-        return onInitialized();
-      case kConnectionConfigDir:
-        return onConnectionConfigDir();
-      case kConnectionStatusDir:
-        return onConnectionStatusDir();
-      case kConnStatus:
-        return onConnStatus(name());
-      case kPassiveEntityManagerSm:
-        return onPassiveEntityManagerSm(name());
-      default:
-        return;
-    }
-  }
+  QEL_ATTR_NOTIFIEE(LEDRA_PASSIVE_ENTITY_MANAGER_ROOT_SM_ATTRIBUTES)
 };
 
 }  // namespace Ledra

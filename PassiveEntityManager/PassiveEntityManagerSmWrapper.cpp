@@ -1,7 +1,5 @@
 #include "PassiveEntityManager/PassiveEntityManagerSmWrapper.h"
 
-#include <cstdint>
-#include <cstdio>
 #include <new>
 #include <string>
 
@@ -10,26 +8,6 @@
 
 namespace Ledra {
 
-namespace {
-
-std::string pointerText(Qel::Entity const* p) {
-  if (!p) return "null";
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "0x%llx",
-                static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(p)));
-  return p->fullName() + "@" + buf;
-}
-
-void requireSame(char const* attribute, Qel::Entity const* requested, Qel::Entity const* current) {
-  if (requested == current) return;
-  throw Qel::NameInUseException(
-      std::string("Reinstantiating the pointer interface where constructor parameter attribute ") +
-      attribute + " has a different value of " + pointerText(requested) +
-      " than the current value of " + pointerText(current) + " not allowed");
-}
-
-}  // namespace
-
 PassiveEntityManagerSmWrapper::~PassiveEntityManagerSmWrapper() {
   if (root_) root_->qelParentIs(nullptr);
 }
@@ -37,10 +15,13 @@ PassiveEntityManagerSmWrapper::~PassiveEntityManagerSmWrapper() {
 PassiveEntityManagerRootSm::Ptr PassiveEntityManagerSmWrapper::passiveEntityManagerRootSmIs(
     PassiveAgentProfileDir::Ptr const& agentProfileDir,
     PassiveAgentStatusDir::Ptr const& agentStatusDir, EntityManager::PtrConst const& entMgr) {
+  using Root = PassiveEntityManagerRootSm;
   if (root_) {
-    requireSame("_agentProfileDir", agentProfileDir.ptr(), root_->agentProfileDir().ptr());
-    requireSame("_agentStatusDir", agentStatusDir.ptr(), root_->agentStatusDir().ptr());
-    requireSame("_entMgr", entMgr.ptr(), root_->entMgr().ptr());
+    Root::constructorAttributeCheck("_agentProfileDir", agentProfileDir.ptr(),
+                                    root_->agentProfileDir().ptr());
+    Root::constructorAttributeCheck("_agentStatusDir", agentStatusDir.ptr(),
+                                    root_->agentStatusDir().ptr());
+    Root::constructorAttributeCheck("_entMgr", entMgr.ptr(), root_->entMgr().ptr());
     return root_;
   }
   root_ = PassiveEntityManagerRootSm::passiveEntityManagerRootSmNew(agentProfileDir, agentStatusDir,

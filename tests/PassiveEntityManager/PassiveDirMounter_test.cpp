@@ -63,6 +63,21 @@ TEST_F(PassiveDirMounterTest, MounterEndsOneSecondAfterTheLastNewEntry) {
   EXPECT_EQ(engine->state(), PassiveEntityManagerSm::mountComplete);
 }
 
+// The mounter's own attributes are read by name and by ids that follow the base's.
+TEST_F(PassiveDirMounterTest, OwnAttributesFollowTheBaseInTheReflection) {
+  startWith("wDB");
+  PassiveDirMounter::Ptr const m = mounter();
+  ASSERT_TRUE(m);
+  Qel::QelType const* const type = m->qelType();
+  EXPECT_EQ(type->attribute(PassiveDirMounter::kHeadWaits)->name(), "headWaits");
+  EXPECT_EQ(type->attribute(PassiveDirMounter::kMount)->name(), "mount");
+  EXPECT_EQ(type->attribute(PassiveDirMounter::kBlocking)->name(), "blocking");
+  EXPECT_EQ(type->attribute(PassiveDirMounter::kInitialized)->name(), "initialized");
+  EXPECT_EQ(m->attribute(PassiveDirMounter::kMountPath)->valueAs<Qel::String>(), kDirPath);
+  EXPECT_TRUE(m->attribute(PassiveDirMounter::kBlocking)->valueAs<bool>());
+  EXPECT_TRUE(m->attribute(PassiveDirMounter::kInitialized)->valueAs<bool>());
+}
+
 // An entry asked for before it is a directory: a placeholder entity that is replaced later, or a
 // request for a name that is not there at all.
 enum class LateEntry { placeholderReplaced, requestedBeforeCreated };

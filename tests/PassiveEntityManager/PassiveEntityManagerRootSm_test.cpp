@@ -116,6 +116,16 @@ TEST_F(RootSmTest, StartUpFillsTheReservedTableOnceAndServesWhoIsConnected) {
   EXPECT_EQ(capture.count("is initialized on"), 1u);
   run();
   EXPECT_EQ(completions("agentA"), 1u);
+  // By name, each connection shows its status record (not the reactor that watches it), and
+  // the agent its engine.
+  ASSERT_FALSE(rootSm->connStatus().empty());
+  Qel::Name const connection = rootSm->connStatus().begin()->first;
+  auto const byName = [](char const* name) { return Qel::ValueTraits<Qel::Name>::box(name); };
+  EXPECT_EQ(rootSm->attribute(Root::kConnStatus, byName(connection.c_str())).ptr(),
+            ConnMgrHelper::connectionStatusDir()->passiveConnectionStatus(connection).ptr());
+  EXPECT_FALSE(rootSm->attribute(Root::kConnStatus, byName("none")));
+  EXPECT_EQ(rootSm->attribute(Root::kPassiveEntityManagerSm, byName("agentA")).ptr(),
+            rootSm->passiveEntityManagerSm("agentA").ptr());
 }
 
 TEST_F(RootSmTest, NullArgumentsAreRefusedWithTheirExactTexts) {

@@ -12,6 +12,7 @@
 //   NotifyingEntityMap<E, kAid, M>   child entities keyed by name (an EntityMap): insert() and
 //                                    del() notify with the name; a removed child stays alive until
 //                                    every notifiee has been told; delAll() removes one by one.
+//                                    NotifyingEntityMapIn<M, kAid> names it by its map type.
 //   NotifyingQueue<V, kAid>          a LinkQueue: enq(), deq(), set(), del() notify with the index
 //                                    of the entry; delAll() dequeues one by one, each notified.
 //
@@ -176,6 +177,18 @@ class NotifyingEntityMap {
  private:
   EntityMap<E, M> entities_;
 };
+
+// The map type an EntityMap<E> holds by default.
+template <class E>
+using EntityMapOf = typename EntityMap<E>::Map;
+
+// Child entities held in the map type M, from name to Ptr<E>.
+template <class M, AttributeId kAid>
+using NotifyingEntityMapIn = NotifyingEntityMap<typename M::mapped_type::element_type, kAid, M>;
+
+// What a Ptr to a notifiee's notifier() gives: the Ptr to the notifier it watches.
+template <class P>
+using NotifierOf = decltype(std::declval<P const&>()->notifier());
 
 template <class V, AttributeId kAid>
 class NotifyingQueue {

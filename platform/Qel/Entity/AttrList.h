@@ -27,6 +27,11 @@
 // element count accessor for the collections that have one):
 //   value       T                  name(), nameIs(v); readable and writable by name
 //   valueRo     T                  the same; read-only by name
+//   valueOwnWrites T               name(), read-only by name; the writes are the entity's own,
+//                                  on name_ (for a value only the entity itself changes)
+//   valueOwnWritesRw T             name(); nameIs(v) is the entity's own, and the value is
+//                                  writable by name through it (for a write that does more
+//                                  than store)
 //   getter      T                  nothing generated but the reflection: read-only name()
 //   ctor        T                  the same, marked as a constructor attribute
 //   map         map type T         name() (the whole map), name(k) (LookupResult), nameIs(k, v),
@@ -40,8 +45,16 @@
 //                                  and nameDelAll are the entity's own, written on name_ (for
 //                                  writes that do more than store: a side effect after a removal,
 //                                  a value made from other arguments)
+//   mapOwnIs    map type T         as mapRo, but nameIs is the entity's own (for a value made
+//                                  from other arguments)
+//   notifieeMap map type T         a map of Ptrs to notifiees, each watching one notifier:
+//                                  name() and name(k) as map; nameIs, nameDel and nameDelAll are
+//                                  the entity's own, written on name_; read-only by name, where
+//                                  each element shows as the notifier it watches
 //   children    entity type T      name() (the map), name(n) (a Ptr), nameDel(n), nameDelAll();
 //                                  nameIs is the entity's own (it decides how a child is made)
+//   childMap    map type T         as children, for children held in T (name to Ptr<E>, for
+//                                  instance ordered by name)
 //   queue       element type T     name() (the LinkQueue), name(i), nameEnq(v) (the index),
 //                                  nameDeq() (the value), nameIs(i, v), nameDel(i), nameDelAll(),
 //                                  nameMetadata(); writable by name
@@ -49,6 +62,10 @@
 //   custom      key type T         accessors and storage are the entity's own; the reflection is
 //                                  registered by its static qelReflectName(TypeBuilder<E>&)
 //   handler     -                  an id only; handlers are registered after the list
+//
+// A type derived from an entity with a list declares the ids of its own list with
+// QEL_ATTR_IDS_AFTER(Base, LIST): they follow the base's, as its reflection does when the base's
+// attributes are registered first.
 //
 // style: what the typed notifiee is told, in its own callbacks:
 //   none                 nothing
@@ -73,8 +90,10 @@ class TypeBuilder;
 // --- ids
 
 #define QEL_ATTR_ID(kind, style, T, name, Upper, ...) k##Upper,
-#define QEL_ATTR_IDS(LIST) \
-  enum : ::Qel::AttributeId { kQelNameAttribute_ = ::Qel::Entity::kName, LIST(QEL_ATTR_ID) }
+#define QEL_ATTR_IDS_FROM(last, LIST) \
+  enum : ::Qel::AttributeId { kQelAttributesBefore_ = last, LIST(QEL_ATTR_ID) kQelAttributesEnd_ }
+#define QEL_ATTR_IDS(LIST) QEL_ATTR_IDS_FROM(::Qel::Entity::kName, LIST)
+#define QEL_ATTR_IDS_AFTER(Base, LIST) QEL_ATTR_IDS_FROM(Base::kQelAttributesEnd_ - 1, LIST)
 
 // --- accessors
 
@@ -102,6 +121,11 @@ class TypeBuilder;
     name##_.set(*this, v);                           \
   }
 #define QEL_ATTR_ACCESSOR_valueRo QEL_ATTR_ACCESSOR_value
+#define QEL_ATTR_ACCESSOR_valueOwnWrites(T, name, Upper, ...) \
+  T const& name() const {                                     \
+    return name##_.get();                                     \
+  }
+#define QEL_ATTR_ACCESSOR_valueOwnWritesRw QEL_ATTR_ACCESSOR_valueOwnWrites
 #define QEL_ATTR_ACCESSOR_getter(T, name, Upper, ...)
 #define QEL_ATTR_ACCESSOR_ctor(T, name, Upper, ...)
 #define QEL_ATTR_ACCESSOR_custom(T, name, Upper, ...)
@@ -134,15 +158,21 @@ class TypeBuilder;
 #define QEL_ATTR_ACCESSOR_mapOwnWrites(T, name, Upper, ...) \
   QEL_ATTR_ACCESSOR_MAP_LOOKUP(T, name)                     \
   QEL_ATTR_COUNT(name __VA_OPT__(, ) __VA_ARGS__)
+#define QEL_ATTR_ACCESSOR_mapOwnIs(T, name, Upper, ...) \
+  QEL_ATTR_ACCESSOR_MAP_READ(T, name __VA_OPT__(, ) __VA_ARGS__)
+#define QEL_ATTR_ACCESSOR_notifieeMap QEL_ATTR_ACCESSOR_mapOwnWrites
 
-#define QEL_ATTR_ACCESSOR_children(T, name, Upper, ...)                      \
-  typename ::Qel::NotifyingEntityMap<T, k##Upper>::Map const& name() const { \
-    return name##_.map();                                                    \
-  }                                                                          \
-  ::Qel::Ptr<T> name(::Qel::Name const& n) const {                           \
-    return name##_.find(n);                                                  \
-  }                                                                          \
+#define QEL_ATTR_ACCESSOR_childMap(T, name, Upper, ...)      \
+  T const& name() const {                                    \
+    return name##_.map();                                    \
+  }                                                          \
+  typename T::mapped_type name(::Qel::Name const& n) const { \
+    return name##_.find(n);                                  \
+  }                                                          \
   QEL_ATTR_ACCESSOR_DELETE(::Qel::Name const&, name __VA_OPT__(, ) __VA_ARGS__)
+#define QEL_ATTR_ACCESSOR_children(T, name, Upper, ...) \
+  QEL_ATTR_ACCESSOR_childMap(QEL_ATTR_CHILD_MAP(T), name, Upper __VA_OPT__(, ) __VA_ARGS__)
+#define QEL_ATTR_CHILD_MAP(T) ::Qel::EntityMapOf<T>
 
 #define QEL_ATTR_ACCESSOR_queue(T, name, Upper, ...)                       \
   typename ::Qel::NotifyingQueue<T, k##Upper>::Queue const& name() const { \
@@ -173,6 +203,8 @@ class TypeBuilder;
 
 #define QEL_ATTR_FIELD_value(T, name, Upper) ::Qel::Attr<T, k##Upper> name##_;
 #define QEL_ATTR_FIELD_valueRo QEL_ATTR_FIELD_value
+#define QEL_ATTR_FIELD_valueOwnWrites QEL_ATTR_FIELD_value
+#define QEL_ATTR_FIELD_valueOwnWritesRw QEL_ATTR_FIELD_value
 #define QEL_ATTR_FIELD_getter(T, name, Upper)
 #define QEL_ATTR_FIELD_ctor(T, name, Upper)
 #define QEL_ATTR_FIELD_custom(T, name, Upper)
@@ -182,8 +214,12 @@ class TypeBuilder;
 #define QEL_ATTR_FIELD_keyedMap QEL_ATTR_FIELD_map
 #define QEL_ATTR_FIELD_keyedMapRw QEL_ATTR_FIELD_map
 #define QEL_ATTR_FIELD_mapOwnWrites QEL_ATTR_FIELD_map
+#define QEL_ATTR_FIELD_mapOwnIs QEL_ATTR_FIELD_map
+#define QEL_ATTR_FIELD_notifieeMap QEL_ATTR_FIELD_map
+#define QEL_ATTR_FIELD_childMap(T, name, Upper) \
+  ::Qel::NotifyingEntityMapIn<T, k##Upper> name##_{this};
 #define QEL_ATTR_FIELD_children(T, name, Upper) \
-  ::Qel::NotifyingEntityMap<T, k##Upper> name##_{this};
+  QEL_ATTR_FIELD_childMap(QEL_ATTR_CHILD_MAP(T), name, Upper)
 #define QEL_ATTR_FIELD_queue(T, name, Upper) ::Qel::NotifyingQueue<T, k##Upper> name##_;
 #define QEL_ATTR_FIELD_queueRo QEL_ATTR_FIELD_queue
 
@@ -191,6 +227,8 @@ class TypeBuilder;
 
 #define QEL_ATTR_KEY_value(T) T
 #define QEL_ATTR_KEY_valueRo(T) T
+#define QEL_ATTR_KEY_valueOwnWrites(T) T
+#define QEL_ATTR_KEY_valueOwnWritesRw(T) T
 #define QEL_ATTR_KEY_getter(T) T
 #define QEL_ATTR_KEY_ctor(T) T
 #define QEL_ATTR_KEY_custom(T) T
@@ -200,7 +238,10 @@ class TypeBuilder;
 #define QEL_ATTR_KEY_keyedMap QEL_ATTR_KEY_map
 #define QEL_ATTR_KEY_keyedMapRw QEL_ATTR_KEY_map
 #define QEL_ATTR_KEY_mapOwnWrites QEL_ATTR_KEY_map
+#define QEL_ATTR_KEY_mapOwnIs QEL_ATTR_KEY_map
+#define QEL_ATTR_KEY_notifieeMap QEL_ATTR_KEY_map
 #define QEL_ATTR_KEY_children(T) ::Qel::Name
+#define QEL_ATTR_KEY_childMap(T) ::Qel::Name
 #define QEL_ATTR_KEY_queue(T) ::Qel::U32
 #define QEL_ATTR_KEY_queueRo(T) ::Qel::U32
 
@@ -259,6 +300,8 @@ class TypeBuilder;
 #define QEL_ATTR_REFLECT_valueRo(T, name, Upper) \
   .template value<T>(#name, [](auto const& e) { return e.name(); })
 #define QEL_ATTR_REFLECT_getter QEL_ATTR_REFLECT_valueRo
+#define QEL_ATTR_REFLECT_valueOwnWrites QEL_ATTR_REFLECT_valueRo
+#define QEL_ATTR_REFLECT_valueOwnWritesRw QEL_ATTR_REFLECT_value
 #define QEL_ATTR_REFLECT_ctor(T, name, Upper) QEL_ATTR_REFLECT_valueRo(T, name, Upper).constructor()
 #define QEL_ATTR_REFLECT_custom(T, name, Upper) .with(&qelReflect##Upper)
 #define QEL_ATTR_REFLECT_handler(T, name, Upper)
@@ -271,6 +314,15 @@ class TypeBuilder;
   QEL_ATTR_REFLECT_COLLECTION(typename T::key_type, typename T::mapped_type, name))
 #define QEL_ATTR_REFLECT_keyedMap QEL_ATTR_REFLECT_mapRo
 #define QEL_ATTR_REFLECT_mapOwnWrites QEL_ATTR_REFLECT_mapRo
+#define QEL_ATTR_REFLECT_mapOwnIs QEL_ATTR_REFLECT_mapRo
+#define QEL_ATTR_REFLECT_notifieeMap(T, name, Upper)                                         \
+  .template collection<typename T::key_type, ::Qel::NotifierOf<typename T::mapped_type>>(    \
+      #name,                                                                                 \
+      [](auto const& e, typename T::key_type const& k) {                                     \
+        auto const watcher = e.name(k);                                                      \
+        return watcher ? watcher->notifier() : ::Qel::NotifierOf<typename T::mapped_type>(); \
+      },                                                                                     \
+      [](auto const& e) { return e.name().size(); })
 #define QEL_ATTR_REFLECT_map(T, name, Upper)                                               \
   QEL_ATTR_REFLECT_COLLECTION(typename T::key_type, typename T::mapped_type, name),      \
       [](auto& e, typename T::key_type const& k, ::Qel::GenericIf::PtrConst const& v) {  \
@@ -285,8 +337,10 @@ class TypeBuilder;
         if (qelKey(element) != k) throw ::Qel::RangeException(qelKeyMismatch(element));  \
         e.name##Is(element);                                                             \
       })
+#define QEL_ATTR_REFLECT_childMap(T, name, Upper) \
+  QEL_ATTR_REFLECT_COLLECTION(::Qel::Name, typename T::mapped_type, name))
 #define QEL_ATTR_REFLECT_children(T, name, Upper) \
-  QEL_ATTR_REFLECT_COLLECTION(::Qel::Name, ::Qel::Ptr<T>, name))
+  QEL_ATTR_REFLECT_childMap(QEL_ATTR_CHILD_MAP(T), name, Upper)
 #define QEL_ATTR_REFLECT_queueRo(T, name, Upper) QEL_ATTR_REFLECT_COLLECTION(::Qel::U32, T, name))
 #define QEL_ATTR_REFLECT_queue(T, name, Upper)                                   \
   QEL_ATTR_REFLECT_COLLECTION(::Qel::U32, T, name),                            \

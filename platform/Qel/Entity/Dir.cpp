@@ -5,30 +5,17 @@
 
 namespace Qel {
 
-Dir::~Dir() {
-  for (auto& [name, e] : entries_)
-    e->qelParentIs(nullptr);
-}
-
-Entity::Ptr Dir::entry(Name const& name) const {
-  auto it = entries_.find(name);
-  return it == entries_.end() ? nullptr : it->second;
-}
-
 void Dir::entryIs(Entity::Ptr const& e) {
   QEL_CHECK(e, "e && \"null entry\"");
-  auto it = entries_.find(e->name());
-  if (it != entries_.end()) {
-    if (it->second == e) return;
+  if (Entity::Ptr existing = entry(e->name())) {
+    if (existing == e) return;
     throw NameInUseException("Reinstantiating the entity with name " + e->name() + " in " +
                              fullName() + " not allowed");
   }
   if (e->parent()) {
     throw NameInUseException("entity " + e->fullName() + " already has a parent");
   }
-  entries_.emplace(e->name(), e);
-  e->qelParentIs(this);
-  notifyKey(kEntry, e->name());
+  entry_.insert(*this, e);
 }
 
 Dir::Ptr Dir::dirIs(Name const& name) {
@@ -42,25 +29,8 @@ Dir::Ptr Dir::dirIs(Name const& name) {
   return d;
 }
 
-void Dir::entryDel(Name const& name) {
-  auto it = entries_.find(name);
-  if (it == entries_.end()) return;
-  Entity::Ptr e = std::move(it->second);
-  entries_.erase(it);
-  e->qelParentIs(nullptr);
-  notifyKey(kEntry, name);
-}
-
-void Dir::entryDelAll() {
-  while (!entries_.empty())
-    entryDel(Name(entries_.begin()->first));
-}
-
 QelType const* Dir::staticType() {
-  static QelType const* t = TypeBuilder<Dir>("Qel::Dir")
-                                .collection<Name, Entity::Ptr>(
-                                    "entry", [](Dir const& d, Name const& n) { return d.entry(n); },
-                                    [](Dir const& d) { return d.entries(); })
+  static QelType const* t = TypeBuilder<Dir>("Qel::Dir") QEL_ATTR_REFLECTION(QEL_DIR_ATTRIBUTES)
                                 .factory([](Name const& n) { return Entity::Ptr(dirNew(n)); })
                                 .done();
   return t;

@@ -10,17 +10,20 @@
 
 #include <map>
 
+#include "Qel/Entity/AttrList.h"
 #include "Qel/Entity/Entity.h"
-#include "Qel/Entity/Notifiee.h"
 
 namespace Qel {
+
+// The attributes, in id order (see Qel/Entity/AttrList.h).
+#define QEL_DIR_ATTRIBUTES(X) X(childMap, key, Entries, entry, Entry, entries)
 
 class QEL_API Dir : public Entity {
  public:
   using Ptr = Qel::Ptr<Dir>;
   using PtrConst = Qel::Ptr<Dir const>;
   using Entries = std::map<Name, Entity::Ptr>;
-  static constexpr AttributeId kEntry = 1;
+  QEL_ATTR_IDS(QEL_DIR_ATTRIBUTES);
 
   template <class N>
   class NotifieeT;
@@ -29,18 +32,16 @@ class QEL_API Dir : public Entity {
 
   static Ptr dirNew(Name const& name) { return Ptr(new Dir(name)); }
 
-  Entity::Ptr entry(Name const& name) const;
-  std::size_t entries() const { return entries_.size(); }
-  Entries const& entryMap() const { return entries_; }
+  // entry() is the entries by name, entry(name) one of them (null when absent); entryDel(name)
+  // removes one, if present.
+  QEL_ATTR_ACCESSORS(QEL_DIR_ATTRIBUTES)
+  Entries const& entryMap() const { return entry(); }
 
   // Inserts `e` under its name. Inserting the same entity again does nothing; another entity of
   // that name is refused with NameInUseException, as is an entity that already has a parent.
   void entryIs(Entity::Ptr const& e);
   // The sub-directory `name`, created when absent; NameInUseException when `name` is not a Dir.
   Ptr dirIs(Name const& name);
-  // Removes the entry, if present.
-  void entryDel(Name const& name);
-  void entryDelAll();
 
   Entity::Ptr child(Name const& name) const override { return entry(name); }
   QelType const* fwkType() const override { return staticType(); }
@@ -48,20 +49,17 @@ class QEL_API Dir : public Entity {
 
  protected:
   explicit Dir(Name name) : Entity(std::move(name)) {}
-  ~Dir() override;
+  ~Dir() override = default;
 
  private:
-  Entries entries_;
+  QEL_ATTR_STORAGE(QEL_DIR_ATTRIBUTES)
 };
 
 template <class N>
 class Dir::NotifieeT : public BasicNotifiee<N> {
  public:
   using BasicNotifiee<N>::BasicNotifiee;
-  virtual void onEntry(Name const& /*name*/) {}
-  void qelDispatch(AttributeId aid, NotifyKey const& key) override {
-    if (aid == kEntry) onEntry(*static_cast<Name const*>(key.native));
-  }
+  QEL_ATTR_NOTIFIEE(QEL_DIR_ATTRIBUTES)
 };
 
 // The root directory of the database tree.

@@ -32,9 +32,7 @@ U32 Demuxer::flowOutMountRequests(String const& path) const {
 
 void Demuxer::lowMountPrioIs(bool v) {
   ++lowMountPrioSets_;
-  if (v == lowMountPrio_) return;
-  lowMountPrio_ = v;
-  notify(kLowMountPrio);
+  lowMountPrio_.set(*this, v);
 }
 
 bool Demuxer::pathServed(String const& path) const {
@@ -53,16 +51,14 @@ void Demuxer::mountRequest(MountTable::Conf const& conf) {
   ConnectDesc const cd(conf.internedPath());
   if (closed_ || closing_) {
     peer_->statusIs(cd,
-                    MountTable::Stat(MountTable::failed_, "connection closed: " + closeReason_));
+                    MountTable::Stat(MountTable::failed_, "connection closed: " + closeReason()));
     return;
   }
   peer_->statusIs(cd, MountTable::Stat(MountTable::inProgress_));
-  ++seqno_;
-  U32 const seqno = seqno_;
-  notify(kSeqno);
+  U32 const seqno = seqno_.get() + 1;
+  seqno_.set(*this, seqno);
   ++outstanding_[conf.internedPath()];
-  ++flowOutMountRequests_;
-  notify(kFlowOutMountRequests);
+  flowOutMountRequests_.set(*this, flowOutMountRequests() + 1);
   // A handler of the notifications above may have closed the connection.
   if (!transport_ || closed_) return;
   transport_->sendMountRequest(conf.path() + "?flags=" + conf.flags().text(), conf.type(), seqno);
@@ -77,9 +73,8 @@ bool Demuxer::mountAnswered(String const& path, bool ok, String const& exception
   if (--it->second == 0) outstanding_.erase(it);
   peer_->statusIs(cd, ok ? MountTable::Stat(MountTable::complete_)
                          : MountTable::Stat(MountTable::failed_, exceptionText));
-  --flowOutMountRequests_;
-  notify(kFlowOutMountRequests);
-  if (closing_ && flowOutMountRequests_ == 0 && !closed_) closeNow();
+  flowOutMountRequests_.set(*this, flowOutMountRequests() - 1);
+  if (closing_ && flowOutMountRequests() == 0 && !closed_) closeNow();
   return true;
 }
 
@@ -89,13 +84,10 @@ void Demuxer::close(String const& reason, CloseOptions options) {
   if (!closing_) {
     closeNotifiesPeer_ = options.notifyPeer;
     closeRemovesStatus_ = options.removeStatus;
-    if (reason != closeReason_) {
-      closeReason_ = reason;
-      notify(kCloseReason);
-    }
+    closeReason_.set(*this, reason);
     if (closed_) return;
   }
-  if (options.deferred && flowOutMountRequests_ > 0) {
+  if (options.deferred && flowOutMountRequests() > 0) {
     closing_ = true;
     return;
   }
@@ -106,7 +98,7 @@ void Demuxer::closeNow() {
   closing_ = false;
   closed_ = true;
   Transport::Ptr t = std::move(transport_);
-  if (t) t->close(closeNotifiesPeer_ ? closeReason_ : String(), closeRemovesStatus_);
+  if (t) t->close(closeNotifiesPeer_ ? closeReason() : String(), closeRemovesStatus_);
   notify(kClosed);
 }
 
@@ -116,40 +108,29 @@ void Demuxer::peerClosed(String const& reason) {
   closing_ = false;
   closed_ = true;
   transport_ = nullptr;
-  if (reason != closeReason_) {
-    closeReason_ = reason;
-    notify(kCloseReason);
-  }
+  closeReason_.set(*this, reason);
   notify(kClosed);
 }
 
+void Demuxer::qelReflectPathServed(TypeBuilder<Demuxer>& b) {
+  // A path not reported reads as absent; writing null reports it not served.
+  b.collection<String, bool>(
+      "pathServed",
+      [](Demuxer const& d, String const& p) -> std::optional<bool> {
+        auto it = d.pathServed().find(p);
+        if (it == d.pathServed().end()) return std::nullopt;
+        return it->second;
+      },
+      [](Demuxer const& d) { return d.pathServed().size(); },
+      [](Demuxer& d, String const& p, GenericIf::PtrConst const& v) {
+        d.pathServedIs(p, v && v->valueAs<bool>());
+      });
+}
+
 QelType const* Demuxer::staticType() {
-  using D = Demuxer;
-  static QelType const* t =
-      TypeBuilder<D>("Qel::NboAttrLog::Demuxer")
-          .value<MountTable::Ptr>("peer", [](D const& d) { return d.peer(); })
-          .constructor()
-          .value<U32>("epoch", [](D const& d) { return d.epoch(); })
-          .constructor()
-          .value<U32>("flowOutMountRequests", [](D const& d) { return d.flowOutMountRequests(); })
-          .value<bool>(
-              "lowMountPrio", [](D const& d) { return d.lowMountPrio(); },
-              [](D& d, bool v) { d.lowMountPrioIs(v); })
-          .value<U32>("seqno", [](D const& d) { return d.seqno(); })
-          .value<bool>("closed", [](D const& d) { return d.closed(); })
-          .value<String>("closeReason", [](D const& d) { return d.closeReason(); })
-          .collection<String, bool>(
-              "pathServed",
-              [](D const& d, String const& p) -> std::optional<bool> {
-                auto it = d.pathServed().find(p);
-                if (it == d.pathServed().end()) return std::nullopt;
-                return it->second;
-              },
-              [](D const& d) { return d.pathServed().size(); },
-              [](D& d, String const& p, GenericIf::PtrConst const& v) {
-                d.pathServedIs(p, v && v->valueAs<bool>());
-              })
-          .done();
+  static QelType const* t = TypeBuilder<Demuxer>("Qel::NboAttrLog::Demuxer")
+                                QEL_ATTR_REFLECTION(QEL_DEMUXER_ATTRIBUTES)
+                                    .done();
   return t;
 }
 

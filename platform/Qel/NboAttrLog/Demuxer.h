@@ -41,28 +41,30 @@
 #include <map>
 
 #include "Qel/Containers/InternedText.h"
+#include "Qel/Entity/AttrList.h"
 #include "Qel/Entity/Entity.h"
-#include "Qel/Entity/Notifiee.h"
 #include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/Transport.h"
 
 namespace Qel::NboAttrLog {
+
+// The attributes, in id order (see Qel/Entity/AttrList.h).
+#define QEL_DEMUXER_ATTRIBUTES(X)                                           \
+  X(ctor, none, MountTable::Ptr, peer, Peer)                                \
+  X(ctor, none, U32, epoch, Epoch)                                          \
+  X(valueOwnWrites, plain, U32, flowOutMountRequests, FlowOutMountRequests) \
+  X(valueOwnWritesRw, plain, bool, lowMountPrio, LowMountPrio)              \
+  X(valueOwnWrites, plain, U32, seqno, Seqno)                               \
+  X(getter, plain, bool, closed, Closed)                                    \
+  X(valueOwnWrites, plain, String, closeReason, CloseReason)                \
+  X(custom, key, String, pathServed, PathServed)
 
 class QEL_API Demuxer : public Entity {
  public:
   using Ptr = Qel::Ptr<Demuxer>;
   using PtrConst = Qel::Ptr<Demuxer const>;
   using PathServedMap = std::map<String, bool>;
-  enum : AttributeId {
-    kPeer = 1,
-    kEpoch,
-    kFlowOutMountRequests,
-    kLowMountPrio,
-    kSeqno,
-    kClosed,
-    kCloseReason,
-    kPathServed,
-  };
+  QEL_ATTR_IDS(QEL_DEMUXER_ATTRIBUTES);
 
   template <class N>
   class NotifieeT;
@@ -77,13 +79,12 @@ class QEL_API Demuxer : public Entity {
   MountTable::Ptr const& peer() const { return peer_; }
   MountTable::Ptr const& outMount() const { return peer_; }
   U32 epoch() const { return epoch_; }
-  // The sequence number of the latest mount request; 0 before the first.
-  U32 seqno() const { return seqno_; }
-  U32 flowOutMountRequests() const { return flowOutMountRequests_; }
+  // flowOutMountRequests, lowMountPrio, seqno (the sequence number of the latest mount request;
+  // 0 before the first) and closeReason.
+  QEL_ATTR_ACCESSORS(QEL_DEMUXER_ATTRIBUTES)
   // Unanswered requests for one path.
   U32 flowOutMountRequests(String const& path) const;
 
-  bool lowMountPrio() const { return lowMountPrio_; }
   void lowMountPrioIs(bool v);
   U32 lowMountPrioSets() const { return lowMountPrioSets_; }
 
@@ -105,7 +106,6 @@ class QEL_API Demuxer : public Entity {
   bool closed() const { return closed_; }
   // A deferred close is waiting for the outstanding answers.
   bool closing() const { return closing_; }
-  String const& closeReason() const { return closeReason_; }
 
   // Sends the mount request for `conf` (called by the peer table's confIs).
   void mountRequest(MountTable::Conf const& conf);
@@ -122,51 +122,27 @@ class QEL_API Demuxer : public Entity {
 
  private:
   void closeNow();
+  static void qelReflectPathServed(TypeBuilder<Demuxer>& b);
 
   MountTable::Ptr const peer_;
   U32 const epoch_;
+  QEL_ATTR_STORAGE(QEL_DEMUXER_ATTRIBUTES)
   Transport::Ptr transport_;
-  U32 seqno_ = 0;
-  U32 flowOutMountRequests_ = 0;
   std::map<InternedText, U32, std::less<>> outstanding_;
-  bool lowMountPrio_ = false;
   U32 lowMountPrioSets_ = 0;
   PathServedMap pathServed_;
+  // Set before the close's work, notified after it.
   bool closed_ = false;
   bool closing_ = false;
   bool closeNotifiesPeer_ = false;
   bool closeRemovesStatus_ = true;
-  String closeReason_;
 };
 
 template <class N>
 class Demuxer::NotifieeT : public BasicNotifiee<N> {
  public:
   using BasicNotifiee<N>::BasicNotifiee;
-  virtual void onFlowOutMountRequests() {}
-  virtual void onLowMountPrio() {}
-  virtual void onSeqno() {}
-  virtual void onClosed() {}
-  virtual void onCloseReason() {}
-  virtual void onPathServed(String const& path) {}
-  void qelDispatch(AttributeId aid, NotifyKey const& key) override {
-    switch (aid) {
-      case kFlowOutMountRequests:
-        return onFlowOutMountRequests();
-      case kLowMountPrio:
-        return onLowMountPrio();
-      case kSeqno:
-        return onSeqno();
-      case kClosed:
-        return onClosed();
-      case kCloseReason:
-        return onCloseReason();
-      case kPathServed:
-        return onPathServed(*static_cast<String const*>(key.native));
-      default:
-        return;
-    }
-  }
+  QEL_ATTR_NOTIFIEE(QEL_DEMUXER_ATTRIBUTES)
 };
 
 }  // namespace Qel::NboAttrLog

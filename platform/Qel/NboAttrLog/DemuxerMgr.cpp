@@ -11,24 +11,13 @@ void DemuxerMgr::demuxerIs(Demuxer::Ptr const& d) {
     if (existing == d) return;
     throw NameInUseException("Reinstantiating the demuxer with name " + d->name() + " not allowed");
   }
-  demuxer_.insert(d);
-  notifyKey(kDemuxer, d->name());
-}
-
-void DemuxerMgr::demuxerDel(Name const& name) {
-  Demuxer::Ptr gone = demuxer_.erase(name);
-  if (!gone) return;
-  notifyKey(kDemuxer, name);
+  demuxer_.insert(*this, d);
 }
 
 QelType const* DemuxerMgr::staticType() {
-  using M = DemuxerMgr;
-  static QelType const* t =
-      TypeBuilder<M>("Qel::NboAttrLog::DemuxerMgr")
-          .collection<Name, Demuxer::Ptr>(
-              "demuxer", [](M const& m, Name const& n) { return m.demuxer(n); },
-              [](M const& m) { return m.demuxers(); })
-          .done();
+  static QelType const* t = TypeBuilder<DemuxerMgr>("Qel::NboAttrLog::DemuxerMgr")
+                                QEL_ATTR_REFLECTION(QEL_DEMUXER_MGR_ATTRIBUTES)
+                                    .done();
   return t;
 }
 

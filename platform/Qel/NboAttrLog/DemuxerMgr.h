@@ -8,48 +8,45 @@
 
 #include "Qel/Core/Api.h"
 
-#include "Qel/Entity/EntityMap.h"
+#include "Qel/Entity/AttrList.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 
 namespace Qel::NboAttrLog {
+
+// The attributes, in id order (see Qel/Entity/AttrList.h).
+#define QEL_DEMUXER_MGR_ATTRIBUTES(X) X(children, key, Demuxer, demuxer, Demuxer, demuxers)
 
 class QEL_API DemuxerMgr : public Entity {
  public:
   using Ptr = Qel::Ptr<DemuxerMgr>;
   using PtrConst = Qel::Ptr<DemuxerMgr const>;
   using DemuxerCol = EntityMap<Demuxer>::Map;
-  static constexpr AttributeId kDemuxer = 1;
+  QEL_ATTR_IDS(QEL_DEMUXER_MGR_ATTRIBUTES);
 
   template <class N>
   class NotifieeT : public BasicNotifiee<N> {
    public:
     using BasicNotifiee<N>::BasicNotifiee;
-    virtual void onDemuxer(Name const& name) {}
-    void qelDispatch(AttributeId aid, NotifyKey const& key) override {
-      if (aid == kDemuxer) onDemuxer(*static_cast<Name const*>(key.native));
-    }
+    QEL_ATTR_NOTIFIEE(QEL_DEMUXER_MGR_ATTRIBUTES)
   };
   using Notifiee = NotifieeT<DemuxerMgr>;
   using NotifieeConst = NotifieeT<DemuxerMgr const>;
 
   static Ptr demuxerMgrNew(Name const& name) { return Ptr(new DemuxerMgr(name)); }
 
-  DemuxerCol const& demuxer() const { return demuxer_.map(); }
-  Demuxer::Ptr demuxer(Name const& name) const { return demuxer_.find(name); }
-  std::size_t demuxers() const { return demuxer_.size(); }
+  QEL_ATTR_ACCESSORS(QEL_DEMUXER_MGR_ATTRIBUTES)
   void demuxerIs(Demuxer::Ptr const& d);
-  void demuxerDel(Name const& name);
 
   Entity::Ptr child(Name const& name) const override { return demuxer(name); }
   QelType const* fwkType() const override { return staticType(); }
   static QelType const* staticType();
 
  protected:
-  explicit DemuxerMgr(Name name) : Entity(std::move(name)), demuxer_(this) {}
+  explicit DemuxerMgr(Name name) : Entity(std::move(name)) {}
   ~DemuxerMgr() override = default;
 
  private:
-  EntityMap<Demuxer> demuxer_;
+  QEL_ATTR_STORAGE(QEL_DEMUXER_MGR_ATTRIBUTES)
 };
 
 // The process's demuxer manager.

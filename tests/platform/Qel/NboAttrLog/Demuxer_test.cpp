@@ -1,6 +1,6 @@
-// The demuxer of one agent connection: the low-priority property, the closes by the peer, silent,
-// deferred and from inside a notification. Requests and answers are checked by the simulation
-// through loopback agents.
+// The demuxer of one agent connection: the low-priority property (also written by name), the
+// closes by the peer, silent, deferred and from inside a notification. Requests and answers are
+// checked by the simulation through loopback agents.
 #include "Qel/NboAttrLog/Demuxer.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Qel/Core/Exception.h"
+#include "Qel/Reflection/ValueTraits.h"
 #include "tests/support/ExactText.h"
 #include "tests/support/LeakCheck.h"
 
@@ -91,6 +92,15 @@ TEST_F(DemuxerTest, LowMountPrioAndPathServedNotifyOnChange) {
   demuxer->pathServedIs("/a", true);
   EXPECT_EQ(events(), (Strings{"lowMountPrio", "served /a"}));
   EXPECT_EQ(sent(), (Strings{"served /a yes"}));
+  // By name: a write goes through the demuxer's own mutator, and a path written empty is
+  // reported not served rather than forgotten.
+  demuxer->attributeIs("lowMountPrio", Qel::String("false"));
+  EXPECT_EQ(demuxer->lowMountPrioSets(), 4u);
+  demuxer->attributeIs("pathServed", Qel::GenericIf::PtrConst(),
+                       Qel::ValueTraits<Qel::String>::box(Qel::String("/a")));
+  EXPECT_EQ(demuxer->pathServed().size(), 1u);
+  EXPECT_EQ(events(), (Strings{"lowMountPrio", "served /a"}));
+  EXPECT_EQ(sent(), (Strings{"served /a no"}));
 }
 
 TEST_F(DemuxerTest, PeerAndSilentClosesGiveThePeerNoReason) {
