@@ -20,7 +20,8 @@
 //
 // Invariants checked as things happen (each failure is a line in violations()):
 //   - gate: a group leaves the ready queue only when the connection has no unanswered request,
-//     every earlier request completed, and no mount is pending;
+//     every earlier request completed, no mount is pending, no blocking group of the engine
+//     waits for its conditions and no directory mounter started for a profile with 'B' runs;
 //   - order: the groups of one engine leave the ready queue in ascending priority;
 //   - parent: a path is requested only after its parent path was requested on that connection;
 //   - entitlement: every requested path is one the model of the connection (Expectation, made by
