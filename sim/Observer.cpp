@@ -524,7 +524,13 @@ void Observer::checkLeftovers() {
     }
     for (auto const& [group, record] : engine->conditionalMountGroup()) {
       auto const sm = record ? record->conditionalMountGroupSm() : nullptr;
-      if (!sm || sm->retryTime() == Qel::kNever || !sm->conditionalReactor()) continue;
+      auto const reactor = sm ? sm->conditionalReactor() : nullptr;
+      if (reactor && oracle_.holdsOn &&
+          oracle_.holdsOn(sm->currentPendingCondition(), reactor->notifier().ptr())) {
+        violation("awaited: " + std::string(agent) + " group " + std::string(group) +
+                  " still waits on '" + sm->currentPendingCondition() + "', which holds");
+      }
+      if (!reactor || sm->retryTime() == Qel::kNever) continue;
       violation("leftover: " + std::string(agent) + " group " + std::string(group) +
                 " waits to retry '" + sm->retryCondition() + "' while a reactor is still set");
     }

@@ -45,6 +45,8 @@
 //   - leftovers: a completed engine's retry timer is disarmed by the pass that completed it and
 //     stays so; a condition that waits for its entity holds no reactor (checked at each retry,
 //     and after every event and every step: checkLeftovers()).
+//   - awaited: after every event and every step, no conditional group waits on a condition that
+//     holds in the tree on the entity its reactor watches (a reactor decides at once).
 //   - condition: when a conditional group is released, each of its conditions holds now, read
 //     from the tree by the world (see Holds), not from the library. The group's conditions are
 //     taken one after the other, and one that held may turn false again while a later one is
@@ -87,6 +89,9 @@ class Observer {
     std::function<std::string(std::string const& profile)> rootFlags;
     // Whether an entity stands at a path now.
     std::function<bool(std::string const& path)> exists;
+    // Whether `condition` holds now, read from the tree by the world, on the entity `watched`
+    // (false when another entity, or none, stands at the condition's path).
+    std::function<bool(std::string const& condition, void const* watched)> holdsOn;
   };
 
   Observer(History& history, Entitlement entitlement, Holds holds);
