@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
+#include "PassiveEntityManager/PassiveDirMounter.h"
 #include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 #include "sim/Plans.h"
@@ -150,11 +151,20 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
     names_ = std::move(names);
   }
 
+  // A blocking group holds the queue back from the moment its record joins the engine waiting
+  // until the record goes (its conditions held, or the switch to active dropped it).
   void onConditionalMountGroup(Qel::Name const& name) override {
     auto const engine = notifier();
     if (!engine) return;
-    if (auto const record = engine->conditionalMountGroup(name))
-      o_.conditionalGroupSeen(agent_, *record);
+    auto const record = engine->conditionalMountGroup(name);
+    if (!record) {
+      blockers_.erase(std::string(name));
+      return;
+    }
+    auto const& group = record->mountGroup();
+    if (record->initialized() && group && group->blockingConditional())
+      blockers_.insert(std::string(name));
+    o_.conditionalGroupSeen(agent_, *record);
   }
 
   void onState() override {
@@ -187,6 +197,10 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
                    std::to_string(lastPriority_));
     }
     lastPriority_ = key.first;
+    if (!blockers_.empty()) {
+      o_.violation("gate: " + agent_ + " started group " + name + " while blocking group " +
+                   *blockers_.begin() + " waits for its conditions");
+    }
     auto const d = engine.demuxer();
     if (!d) {
       o_.violation("gate: " + agent_ + " started group " + name + " without a connection");
@@ -201,6 +215,15 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
       o_.violation("gate: " + agent_ + " started group " + name + " while " + cd.path() +
                    " is not complete");
     }
+    // A directory mounted whole meanwhile no longer waits for its mounter.
+    auto const& sent = o_.connections_[{agent_, d->epoch()}].sent;
+    for (auto const& [path, mounter] : engine.passiveDirMounterCol()) {
+      if (!mounter || !mounter->mount().userFlags().has('B') || sent.count(std::string(path)))
+        continue;
+      o_.violation("gate: " + agent_ + " started group " + name +
+                   " while the blocking directory mount of " + std::string(path) +
+                   " has not finished");
+    }
     if (engine.pendingMountProfiles() != 0) {
       o_.violation("gate: " + agent_ + " started group " + name + " with mounts pending");
     }
@@ -211,6 +234,7 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
   std::vector<Key> queue_;
   std::vector<std::string> names_;
   Qel::U32 lastPriority_ = 0;
+  std::set<std::string> blockers_;  // blocking groups waiting for their conditions
   bool completed_ = false;
   bool disarmChecked_ = false;
 };
@@ -500,7 +524,13 @@ void Observer::checkLeftovers() {
     }
     for (auto const& [group, record] : engine->conditionalMountGroup()) {
       auto const sm = record ? record->conditionalMountGroupSm() : nullptr;
-      if (!sm || sm->retryTime() == Qel::kNever || !sm->conditionalReactor()) continue;
+      auto const reactor = sm ? sm->conditionalReactor() : nullptr;
+      if (reactor && oracle_.holdsOn &&
+          oracle_.holdsOn(sm->currentPendingCondition(), reactor->notifier().ptr())) {
+        violation("awaited: " + std::string(agent) + " group " + std::string(group) +
+                  " still waits on '" + sm->currentPendingCondition() + "', which holds");
+      }
+      if (!reactor || sm->retryTime() == Qel::kNever) continue;
       violation("leftover: " + std::string(agent) + " group " + std::string(group) +
                 " waits to retry '" + sm->retryCondition() + "' while a reactor is still set");
     }

@@ -20,7 +20,8 @@
 //
 // Invariants checked as things happen (each failure is a line in violations()):
 //   - gate: a group leaves the ready queue only when the connection has no unanswered request,
-//     every earlier request completed, and no mount is pending;
+//     every earlier request completed, no mount is pending, no blocking group of the engine
+//     waits for its conditions and no directory mounter started for a profile with 'B' runs;
 //   - order: the groups of one engine leave the ready queue in ascending priority;
 //   - parent: a path is requested only after its parent path was requested on that connection;
 //   - entitlement: every requested path is one the model of the connection (Expectation, made by
@@ -44,6 +45,8 @@
 //   - leftovers: a completed engine's retry timer is disarmed by the pass that completed it and
 //     stays so; a condition that waits for its entity holds no reactor (checked at each retry,
 //     and after every event and every step: checkLeftovers()).
+//   - awaited: after every event and every step, no conditional group waits on a condition that
+//     holds in the tree on the entity its reactor watches (a reactor decides at once).
 //   - condition: when a conditional group is released, each of its conditions holds now, read
 //     from the tree by the world (see Holds), not from the library. The group's conditions are
 //     taken one after the other, and one that held may turn false again while a later one is
@@ -86,6 +89,9 @@ class Observer {
     std::function<std::string(std::string const& profile)> rootFlags;
     // Whether an entity stands at a path now.
     std::function<bool(std::string const& path)> exists;
+    // Whether `condition` holds now, read from the tree by the world, on the entity `watched`
+    // (false when another entity, or none, stands at the condition's path).
+    std::function<bool(std::string const& condition, void const* watched)> holdsOn;
   };
 
   Observer(History& history, Entitlement entitlement, Holds holds);

@@ -283,7 +283,13 @@ World::World(Generator& generator, Avoid avoid, bool traced, History& history)
          auto it = plans_.find(profile);
          return it == plans_.end() ? std::string() : it->second.rootFlags;
        },
-       [](std::string const& path) { return bool(Qel::globalDir()->entity(path)); }});
+       [](std::string const& path) { return bool(Qel::globalDir()->entity(path)); },
+       [this](std::string const& condition, void const* watched) {
+         auto it = conditions_.find(condition);
+         if (it == conditions_.end()) return false;
+         auto const now = Qel::globalDir()->entity(it->second.sensorPath());
+         return now && static_cast<Qel::GenericIf const*>(now.ptr()) == watched && holds(condition);
+       }});
 }
 
 World::~World() {

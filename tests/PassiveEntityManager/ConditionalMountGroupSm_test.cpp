@@ -1,7 +1,8 @@
 // The conditional mount group state machine: the condition parser, the order in which conditions
 // are evaluated (inline and later), re-entrance, the retry of missing entities on the timer wheel
-// with its standard-error line, path templates, lifetimes, notification switches, the engine's
-// blocking conditions and the assertions.
+// with its standard-error line, path templates, lifetimes, notification switches and the
+// assertions. The simulation checks that a blocking group holds its engine's queue back until its
+// last condition holds.
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 
 #include <gtest/gtest.h>
@@ -11,8 +12,6 @@
 #include <vector>
 
 #include "ConditionalFixture.h"
-#include "Ledra/EntityManager.h"
-#include "PassiveEntityManager/PassiveEntityManagerSm.h"
 #include "PassiveEntityManager/PathTemplates.h"
 
 namespace {
@@ -249,35 +248,6 @@ TEST_F(ConditionalMountGroupSmTest, NotificationSwitchesReachTheReactorsAndNewOn
   EXPECT_FALSE(sm->conditionalReactor()->notificationActive());
   set("a_string", "world");
   EXPECT_FALSE(enabled());
-}
-
-// --- the engine
-
-using WithEngineTest = ConditionalTesting::ConditionalTest;
-
-TEST_F(WithEngineTest, ABlockingGroupRemovesItsConditionExactlyWhenTheLastConditionHolds) {
-  auto const entMgr = Ledra::EntityManager::entityManagerNew("entityManager");
-  auto const engine = Ledra::passiveEntityManagerSmFactory(
-      Ledra::PassiveAgentProfile::agentProfileNew("agentB"),
-      Ledra::PassiveAgentStatus::agentStatusNew("agentB"), nullptr, nullptr, entMgr, wheel);
-  group->blockingConditionalIs(true);
-  group->entireConditionIs("whole condition");
-  engine->blockingConditionalsIs("whole condition", true);
-  engine->blockingConditionalsIs("another group", true);
-  condition("5 < " + on("a_S32"));
-  condition("hello == " + on("a_string"));
-  sm = Ledra::conditionalMountGroupSmFactory(group, res, engine.ptr(), wheel);
-  set("a_S32", "6");
-  EXPECT_TRUE(engine->blockingConditionals("whole condition").has_value());
-  bool blockingGoneFirst = false;
-  OnEnabled order(res, [&] {
-    blockingGoneFirst = !engine->blockingConditionals("whole condition").has_value();
-  });
-  set("a_string", "hello");
-  EXPECT_TRUE(enabled());
-  EXPECT_TRUE(blockingGoneFirst);
-  EXPECT_TRUE(engine->blockingConditionals("another group").has_value());
-  sm = nullptr;
 }
 
 // --- assertions
