@@ -149,6 +149,7 @@ inline void TimerWheel::cancel(Notifiee* n) {
 }
 
 inline bool TimerWheel::nextSet(Level const& l, std::uint32_t from, std::uint32_t& slot) {
+  // A level never used has no slot lists: no need to scan its empty bitmap.
   if (from >= l.slots || !l.heads) return false;
   std::size_t w = from >> 6;
   std::uint64_t word = l.bits[w] & (~std::uint64_t(0) << (from & 63));
@@ -165,9 +166,10 @@ inline bool TimerWheel::nextSet(Level const& l, std::uint32_t from, std::uint32_
 inline bool TimerWheel::earliest(std::size_t& level, std::uint32_t& slot) const {
   // Level k holds only ticks beyond the current slot of level k (level 0: from it on) and within
   // the current slot of level k + 1, so the lowest level with a pending slot holds the earliest.
-  for (std::size_t k = 0; k < levels_.size(); ++k) {
-    std::uint32_t const from = k == 0 ? levels_[0].cur : levels_[k].cur + 1;
-    if (!nextSet(levels_[k], from, slot)) continue;
+  level = 0;
+  if (nextSet(levels_[0], levels_[0].cur, slot)) return true;
+  for (std::size_t k = 1; k < levels_.size(); ++k) {
+    if (!nextSet(levels_[k], levels_[k].cur + 1, slot)) continue;
     level = k;
     return true;
   }
@@ -211,14 +213,15 @@ inline void TimerWheel::fireFiring() {
   }
 }
 
-void TimerWheel::advanceTo(std::uint64_t last) {
+bool TimerWheel::advanceTo(std::uint64_t last, std::size_t& level, std::uint32_t& slot) {
   // Timers left over from a tick whose firing was interrupted by an exception.
   fireFiring();
-  std::size_t level = 0;
-  std::uint32_t slot = 0;
   while (earliest(level, slot)) {
     std::uint64_t const start = slotStart(level, slot);
-    if (start > last) break;
+    if (start > last) {
+      next_ = std::max(next_, last + 1);
+      return true;
+    }
     if (level > 0) {
       cascade(level, slot);
       continue;
@@ -231,50 +234,69 @@ void TimerWheel::advanceTo(std::uint64_t last) {
     fireFiring();
   }
   next_ = std::max(next_, last + 1);
+  return false;
 }
 
 void TimerWheel::onClockTime() {
   if (processing_) return;
   // A notifiee may drop the last reference to this wheel from inside onTime().
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
-  armedTick_ = kNoTick;  // the driver's wake-up is consumed
+  std::uint64_t const armed = std::exchange(armedTick_, kNoTick);  // the wake-up is consumed
   Time const now = clock_->now();
   if (now < origin_) {
     armDriver();
     return;
   }
   processing_ = true;
+  // When a callback throws, the wheel is left consistent and the driver armed from scratch.
   struct Finish {
     TimerWheel* w;
+    bool done = false;
     ~Finish() {
       w->processing_ = false;
-      w->armDriver();
+      if (!done) w->armDriver();
     }
   } finish{this};
-  advanceTo(tickAtOrBefore(now));
+  std::size_t level = 0;
+  std::uint32_t slot = 0;
+  // The clock usually wakes the wheel within the tick it was armed for: two products tell that
+  // tick without the division's rounding corrections. advanceTo stops at the earliest pending
+  // slot, which is where the driver goes next: no second search for it.
+  bool const inArmed = armed < kMaxTick && tickTime(armed) <= now && now < tickTime(armed + 1);
+  bool const pending = advanceTo(inArmed ? armed : tickAtOrBefore(now), level, slot);
+  processing_ = false;
+  finish.done = true;
+  armDriverFor(pending, level, slot);
 }
 
 void TimerWheel::armDriver() {
-  std::uint64_t t = kNoTick;
+  if (!firing_.empty()) {
+    std::uint64_t const t = static_cast<Notifiee*>(firing_.next)->tick_;
+    armedTick_ = t;
+    driver_.timeMinIs(tickTime(t));
+    return;
+  }
   std::size_t level = 0;
   std::uint32_t slot = 0;
-  if (!firing_.empty()) {
-    t = static_cast<Notifiee*>(firing_.next)->tick_;
-  } else if (earliest(level, slot)) {
-    if (level == 0) {
-      t = slotStart(0, slot);
-    } else {
-      // Wake for the slot's earliest timer when the slot holds few; for a crowded slot, wake at
-      // its start to move its timers down (cheaper than visiting them twice).
-      Link const& head = levels_[level].heads[slot];
-      int visited = 0;
-      for (Link const* l = head.next; l != &head; l = l->next) {
-        if (++visited > kExactWakeScan) {
-          t = slotStart(level, slot);
-          break;
-        }
-        t = std::min(t, static_cast<Notifiee const*>(l)->tick_);
+  bool const pending = earliest(level, slot);
+  armDriverFor(pending, level, slot);
+}
+
+inline void TimerWheel::armDriverFor(bool pending, std::size_t level, std::uint32_t slot) {
+  std::uint64_t t = kNoTick;
+  if (pending && level == 0) {
+    t = slotStart(0, slot);
+  } else if (pending) {
+    // Wake for the slot's earliest timer when the slot holds few; for a crowded slot, wake at
+    // its start to move its timers down (cheaper than visiting them twice).
+    Link const& head = levels_[level].heads[slot];
+    int visited = 0;
+    for (Link const* l = head.next; l != &head; l = l->next) {
+      if (++visited > kExactWakeScan) {
+        t = slotStart(level, slot);
+        break;
       }
+      t = std::min(t, static_cast<Notifiee const*>(l)->tick_);
     }
   }
   armedTick_ = t;

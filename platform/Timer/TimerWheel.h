@@ -147,9 +147,12 @@ class QEL_API TimerWheel : public Qel::RefCounted {
   // Moves the present tick to the start of `slot` of `level` and empties the slot one level down.
   void cascade(std::size_t level, std::uint32_t slot);
   void fireFiring();
-  void advanceTo(std::uint64_t last);
+  // Processes every tick up to `last`; true with the earliest pending slot when timers remain.
+  bool advanceTo(std::uint64_t last, std::size_t& level, std::uint32_t& slot);
   void onClockTime();
+  // Arms the driver for the earliest pending timer: armDriverFor when that slot is known.
   void armDriver();
+  void armDriverFor(bool pending, std::size_t level, std::uint32_t slot);
 
   Qel::Clock::Ptr clock_;
   Time const tick_;

@@ -124,6 +124,55 @@ TEST_F(TimerWheelTest, NotifieesHoldTheWheelAndMayDropItInOnTime) {
   EXPECT_EQ(clock->timers(), 0u);
 }
 
+// A clock moved by hand that fires its due timers only when told, as the event loop does after
+// a turn: its time may jump past many ticks of the wheel at once.
+class JumpClock final : public Qel::Clock {
+ public:
+  using Ptr = Qel::Ptr<JumpClock>;
+  Time now() const override { return now_; }
+  void nowIs(Time t) {
+    now_ = t;
+    runDueTimers();
+  }
+
+ private:
+  ~JumpClock() override = default;
+  Time now_ = 0;
+};
+
+class ClockRecorder : public Qel::Clock::Notifiee {
+ public:
+  ClockRecorder(int id, Firings& log) : id_(id), log_(log) {}
+  void onTime() override { log_.push_back({id_, notifier()->now()}); }
+
+ private:
+  int id_;
+  Firings& log_;
+};
+
+// When the clock has jumped past several ticks, the one wake-up of the wheel fires every tick up
+// to the clock's time, near and far ones, before a timer of the clock due between those ticks.
+TEST(TimerWheelJumpTest, OneWakeUpCatchesUpWithTheClock) {
+  LiveInstanceCheck leaks;
+  auto clock = JumpClock::Ptr(new JumpClock);
+  auto wheel = TimerWheel::timerWheelNew(clock);
+  Firings log;
+  Recorder a(1, log), b(2, log), c(3, log);
+  ClockRecorder between(9, log);
+  for (Recorder* r : {&a, &b, &c})
+    r->notifierIs(wheel);
+  between.notifierIs(clock);
+  a.timeMinIs(wheel->tickTime(2));
+  b.timeMinIs(wheel->tickTime(3));
+  c.timeMinIs(wheel->tickTime(300));  // beyond the first revolution
+  between.timeMinIs((wheel->tickTime(2) + wheel->tickTime(3)) / 2);
+  Time const t = wheel->tickTime(300);
+  clock->nowIs(t);
+  EXPECT_EQ(log, (Firings{{1, t}, {2, t}, {3, t}, {9, t}}));
+  EXPECT_EQ(wheel->timers(), 0u);
+  EXPECT_EQ(wheel->wakeTime(), kNever);
+}
+
 // A random mix of arming, re-arming (also from inside onTime, also for the present), cancelling
 // and moving time, compared with a model that orders wake-ups by (tick, arming order). Small
 // geometries make timers move between levels all the time.
