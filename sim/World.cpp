@@ -429,8 +429,10 @@ std::string World::apply(Event const& e) {
       GroupPlan& gs = it->second.groups[e.index % it->second.groups.size()];
       auto g = profiles_->agentProfile(Qel::Name(profileName))->mountGroup(Qel::Name(gs.name));
       if (!g) return "edit group " + gs.name + ": gone";
-      g->conditionColEnq(e.newCondition.text());
+      // Known to the world before the group has it: the engine may take it in, and release the
+      // group, while it is added.
       conditions_[e.newCondition.text()] = e.newCondition;
+      g->conditionColEnq(e.newCondition.text());
       gs.conditions.push_back(e.newCondition);
       profileChanged(profileName);
       return "edit group " + gs.name + " of " + profileName + " in place: add condition " +
