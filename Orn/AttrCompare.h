@@ -25,9 +25,9 @@
 #include "Orn/ConstantTypes.h"
 #include "Orn/LogicalOp.h"
 #include "Orn/TraceFacility.h"
-#include "Qel/Entity.h"
-#include "Qel/GenericValue.h"
-#include "Qel/QelType.h"
+#include "Qel/Entity/Entity.h"
+#include "Qel/Reflection/GenericValue.h"
+#include "Qel/Reflection/QelType.h"
 
 namespace Orn {
 

@@ -34,8 +34,8 @@
 #include "Orn/CountedNotifiee.h"
 #include "Orn/LogicalOp.h"
 #include "Orn/TraceFacility.h"
-#include "Qel/GenericIf.h"
-#include "Qel/QelType.h"
+#include "Qel/Reflection/GenericIf.h"
+#include "Qel/Reflection/QelType.h"
 
 namespace Orn {
 

@@ -11,8 +11,8 @@
 //   pointer identity          char*, char const*, Qel::Entity const*
 #pragma once
 
-#include "Qel/Entity.h"
-#include "Qel/Types.h"
+#include "Qel/Core/Types.h"
+#include "Qel/Entity/Entity.h"
 
 // clang-format off
 #define ORN_FOR_EACH_CONSTANT_TYPE(X) \

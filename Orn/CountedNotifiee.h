@@ -10,8 +10,8 @@
 // It counts as a live instance of Qel::RefCounted. Single-threaded, like every notifiee.
 #pragma once
 
-#include "Qel/GenericIf.h"
-#include "Qel/Ptr.h"
+#include "Qel/Core/Ptr.h"
+#include "Qel/Reflection/GenericIf.h"
 
 namespace Orn {
 

@@ -10,7 +10,7 @@
 // Pure functions; usable from any thread.
 #pragma once
 
-#include "Qel/Types.h"
+#include "Qel/Core/Types.h"
 
 namespace Orn {
 

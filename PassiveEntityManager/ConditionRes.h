@@ -3,11 +3,11 @@
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
-#include "Qel/AttrList.h"
+#include "Qel/Entity/AttrList.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_CONDITION_RES_ATTRIBUTES(X) X(value, plain, bool, enabled, Enabled)
 
 class LEDRA_PEM_EXPORT ConditionRes : public Qel::Entity {

@@ -11,9 +11,9 @@
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
 #include "PassiveEntityManager/PathTemplates.h"
 #include "PassiveEntityManager/TraceFacility.h"
-#include "Qel/Dir.h"
-#include "Qel/Exception.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 

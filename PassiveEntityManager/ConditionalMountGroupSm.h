@@ -45,22 +45,22 @@
 
 #include "Orn/CountedNotifiee.h"
 #include "Orn/LogicalOp.h"
-#include "Orn/TimerWheel.h"
 #include "PassiveEntityManager/ConditionRes.h"
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveAgentStatus.h"
 #include "PassiveEntityManager/PassiveMountGroup.h"
-#include "Qel/AttrList.h"
-#include "Qel/Entity.h"
-#include "Qel/LinkQueue.h"
-#include "Qel/Notifiee.h"
-#include "Qel/QelType.h"
+#include "Qel/Containers/LinkQueue.h"
+#include "Qel/Entity/AttrList.h"
+#include "Qel/Entity/Entity.h"
+#include "Qel/Entity/Notifiee.h"
+#include "Qel/Reflection/QelType.h"
+#include "Timer/TimerWheel.h"
 
 namespace Ledra {
 
 class PassiveEntityManagerSm;
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_CONDITIONAL_MOUNT_GROUP_SM_ATTRIBUTES(X)                                         \
   X(ctor, none, PassiveMountGroup::PtrConst, mountGroup, MountGroup)                           \
   X(ctor, none, ConditionRes::Ptr, conditionRes, ConditionRes)                                 \

@@ -8,9 +8,9 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/UserFlags.h"
-#include "Qel/BoxedValue.h"
-#include "Qel/InternedText.h"
-#include "Qel/Types.h"
+#include "Qel/Containers/InternedText.h"
+#include "Qel/Core/Types.h"
+#include "Qel/Reflection/BoxedValue.h"
 
 namespace Ledra {
 

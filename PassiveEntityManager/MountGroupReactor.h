@@ -27,8 +27,8 @@
 
 #include "Orn/ConditionalReactor.h"
 #include "PassiveEntityManager/Export.h"
-#include "Qel/Entity.h"
-#include "Qel/GenericIf.h"
+#include "Qel/Entity/Entity.h"
+#include "Qel/Reflection/GenericIf.h"
 
 namespace Ledra {
 

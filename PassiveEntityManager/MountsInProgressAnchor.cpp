@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace Ledra {
 

@@ -6,8 +6,8 @@
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
-#include "Qel/QelType.h"
-#include "Qel/Types.h"
+#include "Qel/Core/Types.h"
+#include "Qel/Reflection/QelType.h"
 
 namespace Ledra {
 

@@ -5,7 +5,7 @@
 // it), Base the watched object's typed notifiee. Internal to the library; single-threaded.
 #pragma once
 
-#include "Qel/Ptr.h"
+#include "Qel/Core/Ptr.h"
 
 namespace Ledra {
 

@@ -12,11 +12,11 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveMountGroup.h"
-#include "Qel/AttrList.h"
+#include "Qel/Entity/AttrList.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_PASSIVE_AGENT_PROFILE_ATTRIBUTES(X)                                        \
   X(value, plain, Qel::String, rootFlags, RootFlags)                                     \
   X(map, keyImmediateWhole, TemplateKeyCol, templateKey, TemplateKey)                    \

@@ -1,6 +1,6 @@
 #include "PassiveEntityManager/PassiveAgentStatus.h"
 
-#include "Qel/TypeBuilder.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 

@@ -8,11 +8,11 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveMountReference.h"
-#include "Qel/AttrList.h"
+#include "Qel/Entity/AttrList.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_PASSIVE_AGENT_STATUS_ATTRIBUTES(X)                    \
   X(value, plain, Qel::String, agentString, AgentString)            \
   X(map, keyWhole, TemplateCacheMap, templateCache, TemplateCache)  \

@@ -6,7 +6,7 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveAgentStatus.h"
-#include "Qel/NamedEntityDir.h"
+#include "Qel/Entity/NamedEntityDir.h"
 
 namespace Ledra {
 

@@ -13,10 +13,10 @@
 #include "PassiveEntityManager/AgentProfileChoice.h"
 #include "PassiveEntityManager/PathTemplates.h"
 #include "PassiveEntityManager/TraceFacility.h"
-#include "Qel/ActivityManagerConfig.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Loop/ActivityManagerConfig.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 

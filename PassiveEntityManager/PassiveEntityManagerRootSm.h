@@ -40,12 +40,12 @@
 #include "Ledra/ConnectionConfigDir.h"
 #include "Ledra/ConnectionStatusDir.h"
 #include "Ledra/EntityManager.h"
-#include "Orn/TimerWheel.h"
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/OwnedReactor.h"
 #include "PassiveEntityManager/PassiveAgentProfileDir.h"
 #include "PassiveEntityManager/PassiveAgentStatusDir.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
+#include "Timer/TimerWheel.h"
 
 namespace Ledra {
 

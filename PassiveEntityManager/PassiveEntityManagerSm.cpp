@@ -12,10 +12,10 @@
 #include "PassiveEntityManager/PassiveEntityManagerSmReactors.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmText.h"
 #include "PassiveEntityManager/TraceFacility.h"
-#include "Qel/ActivityManagerConfig.h"
-#include "Qel/Exception.h"
-#include "Qel/KeyedStore.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Entity/KeyedStore.h"
+#include "Qel/Loop/ActivityManagerConfig.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 

@@ -34,26 +34,26 @@
 #include <unordered_map>
 
 #include "Ledra/EntityManager.h"
-#include "Orn/TimerWheel.h"
 #include "PassiveEntityManager/ConditionRes.h"
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/Mount.h"
 #include "PassiveEntityManager/PassiveAgentProfile.h"
 #include "PassiveEntityManager/PassiveAgentStatus.h"
 #include "PassiveEntityManager/PassiveDirMounter.h"
-#include "Qel/AttrList.h"
-#include "Qel/BucketQueue.h"
-#include "Qel/Dir.h"
-#include "Qel/GenericValue.h"
-#include "Qel/LinkQueue.h"
-#include "Qel/MountTable.h"
+#include "Qel/Containers/BucketQueue.h"
+#include "Qel/Containers/LinkQueue.h"
+#include "Qel/Entity/AttrList.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/Demuxer.h"
+#include "Qel/Reflection/GenericValue.h"
+#include "Timer/TimerWheel.h"
 
 namespace Ledra {
 
 class ConditionalMountGroupSm;
 
-// The attributes, in id order (see Qel/AttrList.h): the constructor attributes, the plain
+// The attributes, in id order (see Qel/Entity/AttrList.h): the constructor attributes, the plain
 // attributes and the collections, then the handlers reachable by name.
 #define LEDRA_PASSIVE_ENTITY_MANAGER_SM_ATTRIBUTES(X)                                              \
   X(ctor, none, PassiveAgentProfile::PtrConst, agentProfile, AgentProfile)                         \

@@ -11,10 +11,10 @@
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
 #include "PassiveEntityManager/PathTemplates.h"
 #include "PassiveEntityManager/TraceFacility.h"
-#include "Qel/EntityUri.h"
-#include "Qel/Exception.h"
-#include "Qel/KeyedStore.h"
-#include "Qel/Path.h"
+#include "Qel/Containers/Path.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Entity/KeyedStore.h"
+#include "Qel/Mount/EntityUri.h"
 
 namespace Ledra {
 

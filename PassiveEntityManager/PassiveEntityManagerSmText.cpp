@@ -6,7 +6,7 @@
 #include <ostream>
 #include <string_view>
 
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace Ledra {
 

@@ -44,7 +44,7 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
-#include "Qel/Types.h"
+#include "Qel/Core/Types.h"
 
 namespace Ledra {
 

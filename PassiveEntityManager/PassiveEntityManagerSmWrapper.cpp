@@ -5,8 +5,8 @@
 #include <new>
 #include <string>
 
-#include "Qel/Exception.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 

@@ -14,11 +14,11 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveEntityManagerRootSm.h"
-#include "Qel/AttrList.h"
+#include "Qel/Entity/AttrList.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_PASSIVE_ENTITY_MANAGER_SM_WRAPPER_ATTRIBUTES(X)                   \
   X(getter, plain, PassiveEntityManagerRootSm::Ptr, passiveEntityManagerRootSm, \
     PassiveEntityManagerRootSm)

@@ -1,7 +1,7 @@
 #include "PassiveEntityManager/PassiveMountGroup.h"
 
-#include "Qel/Exception.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 

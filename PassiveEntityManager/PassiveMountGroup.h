@@ -14,11 +14,11 @@
 
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/Mount.h"
-#include "Qel/AttrList.h"
+#include "Qel/Entity/AttrList.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_PASSIVE_MOUNT_GROUP_ATTRIBUTES(X)                                                \
   X(ctor, none, Qel::U32, priority, Priority)                                                  \
   X(value, plain, Qel::String, entireCondition, EntireCondition)                               \

@@ -1,7 +1,7 @@
 #include "PassiveEntityManager/PassiveMountReference.h"
 
-#include "Qel/Dir.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 

@@ -4,11 +4,11 @@
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
-#include "Qel/AttrList.h"
+#include "Qel/Entity/AttrList.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_PASSIVE_MOUNT_REFERENCE_ATTRIBUTES(X)        \
   X(valueRo, plain, Qel::Entity::PtrConst, entity, Entity) \
   X(value, plain, bool, complete, Complete)

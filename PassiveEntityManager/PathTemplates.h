@@ -19,7 +19,7 @@
 #include "PassiveEntityManager/Export.h"
 #include "PassiveEntityManager/PassiveAgentProfile.h"
 #include "PassiveEntityManager/PassiveAgentStatus.h"
-#include "Qel/Types.h"
+#include "Qel/Core/Types.h"
 
 namespace Ledra {
 

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <utility>
 
-#include "Qel/InternedText.h"
-#include "Qel/Types.h"
+#include "Qel/Containers/InternedText.h"
+#include "Qel/Core/Types.h"
 
 namespace Ledra {
 

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "Qel/BucketQueue.h"
-#include "Qel/LinkQueue.h"
+#include "Qel/Containers/BucketQueue.h"
+#include "Qel/Containers/LinkQueue.h"
 
 namespace {
 

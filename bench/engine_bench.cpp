@@ -26,9 +26,9 @@
 #include "Ledra/EntityManager.h"
 #include "Ledra/LoopbackAgent.h"
 #include "PassiveEntityManager/PassiveEntityManager.h"
-#include "Qel/ActivityManagerConfig.h"
-#include "Qel/EventLoop.h"
-#include "Qel/SimulatedClock.h"
+#include "Qel/Loop/ActivityManagerConfig.h"
+#include "Qel/Loop/EventLoop.h"
+#include "Qel/Loop/SimulatedClock.h"
 
 namespace {
 

@@ -60,7 +60,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Qel/MountTable.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/WireMessage.h"
 
 extern char** environ;

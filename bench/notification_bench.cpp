@@ -5,9 +5,9 @@
 #include <memory>
 #include <vector>
 
-#include "Qel/Entity.h"
-#include "Qel/Notifiee.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Entity/Entity.h"
+#include "Qel/Entity/Notifiee.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <random>
 #include <vector>
 
-#include "Orn/TimerWheel.h"
-#include "Qel/SimulatedClock.h"
+#include "Qel/Loop/SimulatedClock.h"
+#include "Timer/TimerWheel.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #            libLedra<Name>.so.<major>.<minor>
 #   dev      the public headers under one include root, include/ledra, so that
 #            -I<prefix>/include/ledra resolves the same #include paths as inside this tree
-#            ("Qel/Ptr.h", "PassiveEntityManager/PassiveEntityManager.h"); the libLedra<Name>.so
+#            ("Qel/Core/Ptr.h", "PassiveEntityManager/PassiveEntityManager.h"); the libLedra<Name>.so
 #            links; the exported targets Ledra::<Name> with LedraConfig.cmake and
 #            LedraConfigVersion.cmake under lib/cmake/Ledra; lib/pkgconfig/ledra.pc
 #   tools    every program defined under apps/, in bin/, and the example profiles and state in

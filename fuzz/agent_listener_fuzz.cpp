@@ -38,13 +38,13 @@
 #include "FuzzCheck.h"
 #include "Ledra/AgentListener.h"
 #include "Ledra/ConnMgrHelper.h"
-#include "Qel/Dir.h"
-#include "Qel/MountFlags.h"
-#include "Qel/MountTable.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Loop/SimulatedClock.h"
+#include "Qel/Mount/MountFlags.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/NboAttrLog/WireMessage.h"
 #include "Qel/NboAttrLog/WireText.h"
-#include "Qel/SimulatedClock.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "FuzzCheck.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmText.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <cstdint>
 
 #include "FuzzCheck.h"
-#include "Qel/EntityUri.h"
-#include "Qel/Exception.h"
-#include "Qel/MountFlags.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Mount/EntityUri.h"
+#include "Qel/Mount/MountFlags.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   Qel::String const text(reinterpret_cast<char const*>(data), size);

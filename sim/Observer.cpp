@@ -5,7 +5,7 @@
 
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/PassiveDirMounter.h"
-#include "Qel/MountTable.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 #include "sim/Plans.h"
 

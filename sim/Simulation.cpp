@@ -2,8 +2,8 @@
 
 #include <exception>
 
-#include "Qel/Dir.h"
-#include "Qel/Ptr.h"
+#include "Qel/Core/Ptr.h"
+#include "Qel/Entity/Dir.h"
 #include "Trace/Facilities.h"
 #include "sim/World.h"
 

@@ -7,8 +7,8 @@
 #include "Ledra/ConnMgrHelper.h"
 #include "PassiveEntityManager/MountGroupReactor.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmText.h"
-#include "Qel/ActivityManagerConfig.h"
-#include "Qel/Path.h"
+#include "Qel/Containers/Path.h"
+#include "Qel/Loop/ActivityManagerConfig.h"
 #include "Trace/Facilities.h"
 
 namespace Sim {

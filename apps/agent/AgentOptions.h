@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "Qel/Types.h"
+#include "Qel/Core/Types.h"
 
 namespace LedraAgent {
 

@@ -7,7 +7,7 @@
 #include <exception>
 #include <limits>
 
-#include "Qel/EntityUri.h"
+#include "Qel/Mount/EntityUri.h"
 #include "Qel/NboAttrLog/WireText.h"
 #include "apps/common/MountLetters.h"
 

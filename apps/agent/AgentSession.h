@@ -28,7 +28,7 @@
 
 #include "AgentOptions.h"
 #include "LocalTree.h"
-#include "Qel/EventLoop.h"
+#include "Qel/Loop/EventLoop.h"
 #include "Qel/NboAttrLog/WireMessage.h"
 
 namespace LedraAgent {

@@ -1,6 +1,6 @@
 #include "LocalTree.h"
 
-#include "Qel/Path.h"
+#include "Qel/Containers/Path.h"
 
 namespace LedraAgent {
 

@@ -16,7 +16,7 @@
 
 #include "AgentOptions.h"
 #include "AgentSession.h"
-#include "Qel/EventLoop.h"
+#include "Qel/Loop/EventLoop.h"
 
 namespace {
 

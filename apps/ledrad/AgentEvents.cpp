@@ -3,8 +3,8 @@
 #include <set>
 
 #include "PassiveEntityManager/PassiveDirMounter.h"
-#include "Qel/Clock.h"
-#include "Qel/MountTable.h"
+#include "Qel/Loop/Clock.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/NboAttrLog/WireText.h"
 #include "apps/ledrad/OwnerWatcher.h"

@@ -6,8 +6,8 @@
 
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/Exception.h"
-#include "Qel/GenericValue.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Reflection/GenericValue.h"
 
 namespace Ledrad {
 

@@ -19,7 +19,7 @@
 #include <optional>
 #include <string>
 
-#include "Qel/Entity.h"
+#include "Qel/Entity/Entity.h"
 
 namespace Ledrad {
 

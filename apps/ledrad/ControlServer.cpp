@@ -9,7 +9,7 @@
 
 #include "Check/Check.h"
 #include "Ledra/TraceFacility.h"
-#include "Qel/SecondsText.h"
+#include "Qel/Loop/SecondsText.h"
 #include "apps/ledrad/UnixSocket.h"
 
 namespace Ledrad {

@@ -43,7 +43,7 @@
 #include <string>
 #include <vector>
 
-#include "Qel/EventLoop.h"
+#include "Qel/Loop/EventLoop.h"
 #include "Qel/NboAttrLog/SocketAcceptor.h"
 #include "apps/ledrad/ControlProtocol.h"
 

@@ -11,8 +11,8 @@
 #include <memory>
 
 #include "Ledra/AgentListener.h"
-#include "Qel/EventLoop.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Loop/EventLoop.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Trace/Facilities.h"
 #include "apps/ledrad/AgentEvents.h"

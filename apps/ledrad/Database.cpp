@@ -8,10 +8,10 @@
 
 #include "Ledra/Cell.h"
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/ActivityManagerConfig.h"
-#include "Qel/Exception.h"
-#include "Qel/GenericValue.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Loop/ActivityManagerConfig.h"
 #include "Qel/NboAttrLog/WireText.h"
+#include "Qel/Reflection/GenericValue.h"
 #include "apps/ledrad/ProfileFile.h"
 
 namespace Ledrad {

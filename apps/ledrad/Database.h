@@ -37,7 +37,7 @@
 
 #include "Ledra/EntityManager.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmWrapper.h"
-#include "Qel/Dir.h"
+#include "Qel/Entity/Dir.h"
 #include "apps/ledrad/StateFile.h"
 #include "apps/ledrad/StatusReport.h"
 

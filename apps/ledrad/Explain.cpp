@@ -7,7 +7,7 @@
 #include "PassiveEntityManager/Mount.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmText.h"
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/Dir.h"
+#include "Qel/Entity/Dir.h"
 #include "apps/common/MountLetters.h"
 #include "apps/ledrad/ConditionText.h"
 #include "apps/ledrad/StatusFormat.h"

@@ -5,7 +5,7 @@
 // Single-threaded: the loop that notifies.
 #pragma once
 
-#include "Qel/Notifiee.h"
+#include "Qel/Entity/Notifiee.h"
 
 namespace Ledrad {
 

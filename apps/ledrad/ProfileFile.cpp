@@ -4,8 +4,8 @@
 #include <set>
 
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/Dir.h"
-#include "Qel/QelType.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Reflection/QelType.h"
 #include "apps/ledrad/ConditionText.h"
 #include "apps/ledrad/ConfigText.h"
 #include "apps/ledrad/FileError.h"

@@ -4,11 +4,11 @@
 #include <limits>
 #include <set>
 
-#include "Qel/Dir.h"
-#include "Qel/DynamicEntity.h"
-#include "Qel/Exception.h"
-#include "Qel/Path.h"
-#include "Qel/QelType.h"
+#include "Qel/Containers/Path.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Reflection/DynamicEntity.h"
+#include "Qel/Reflection/QelType.h"
 #include "apps/ledrad/ConfigText.h"
 #include "apps/ledrad/FileError.h"
 

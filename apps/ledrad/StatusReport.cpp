@@ -9,11 +9,11 @@
 #include "PassiveEntityManager/PassiveDirMounter.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmText.h"
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/ActivityManagerConfig.h"
-#include "Qel/Dir.h"
-#include "Qel/Exception.h"
-#include "Qel/GenericValue.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Loop/ActivityManagerConfig.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
+#include "Qel/Reflection/GenericValue.h"
 #include "apps/ledrad/ConditionText.h"
 
 namespace Ledrad {

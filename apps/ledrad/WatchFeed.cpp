@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <set>
 
-#include "Qel/GenericIf.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/NboAttrLog/WireText.h"
+#include "Qel/Reflection/GenericIf.h"
 #include "apps/ledrad/OwnerWatcher.h"
 #include "apps/ledrad/WatchRecord.h"
 

@@ -24,7 +24,7 @@
 #include <string>
 #include <vector>
 
-#include "Qel/EventLoop.h"
+#include "Qel/Loop/EventLoop.h"
 #include "apps/ledrad/ControlProtocol.h"
 #include "apps/ledrad/Database.h"
 

@@ -13,11 +13,11 @@
 #include "Check/Check.h"
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/TraceFacility.h"
-#include "Qel/Exception.h"
-#include "Qel/MountTable.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Loop/SecondsText.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/NboAttrLog/WireText.h"
-#include "Qel/SecondsText.h"
 
 namespace Ledra {
 

@@ -54,8 +54,8 @@
 #include <string>
 
 #include "Ledra/PassiveConnectionStatus.h"
-#include "Qel/Api.h"
-#include "Qel/EventLoop.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Loop/EventLoop.h"
 #include "Qel/NboAttrLog/SocketAcceptor.h"
 #include "Qel/NboAttrLog/SocketTransport.h"
 

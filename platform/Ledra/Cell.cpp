@@ -1,6 +1,6 @@
 #include "Ledra/Cell.h"
 
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace Cell {
 

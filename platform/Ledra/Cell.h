@@ -5,7 +5,7 @@
 // Single-threaded.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
 namespace Cell {
 

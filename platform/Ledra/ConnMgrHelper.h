@@ -5,7 +5,7 @@
 
 #include "Ledra/ConnectionConfigDir.h"
 #include "Ledra/ConnectionStatusDir.h"
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
 namespace Ledra {
 

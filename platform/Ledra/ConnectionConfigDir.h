@@ -9,8 +9,8 @@
 #pragma once
 
 #include "Ledra/PassiveConnectionConfig.h"
-#include "Qel/Api.h"
-#include "Qel/NamedEntityDir.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Entity/NamedEntityDir.h"
 
 namespace Ledra {
 

@@ -11,8 +11,8 @@
 #pragma once
 
 #include "Ledra/PassiveConnectionStatus.h"
-#include "Qel/Api.h"
-#include "Qel/NamedEntityDir.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Entity/NamedEntityDir.h"
 
 namespace Ledra {
 

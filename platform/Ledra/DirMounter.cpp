@@ -5,7 +5,7 @@
 
 #include "Check/Check.h"
 #include "Ledra/TraceFacility.h"
-#include "Qel/Path.h"
+#include "Qel/Containers/Path.h"
 
 namespace Ledra {
 

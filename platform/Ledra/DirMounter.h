@@ -61,18 +61,18 @@
 #include <set>
 #include <vector>
 
-#include "Qel/Api.h"
-#include "Qel/AttrList.h"
-#include "Qel/BoxedValue.h"
-#include "Qel/Clock.h"
-#include "Qel/Dir.h"
-#include "Qel/Entity.h"
-#include "Qel/Notifiee.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Entity/AttrList.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Entity/Entity.h"
+#include "Qel/Entity/Notifiee.h"
+#include "Qel/Loop/Clock.h"
+#include "Qel/Reflection/BoxedValue.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_DIR_MOUNTER_ATTRIBUTES(X)                                                \
   X(value, plain, Qel::String, mountPath, MountPath)                                   \
   X(value, plain, Qel::String, entityType, EntityType)                                 \

@@ -1,6 +1,6 @@
 #include "Ledra/EntityManager.h"
 
-#include "Qel/TypeBuilder.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra {
 

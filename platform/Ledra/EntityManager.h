@@ -9,14 +9,14 @@
 // equal value notifies nobody. Single-threaded.
 #pragma once
 
-#include "Qel/Api.h"
-#include "Qel/AttrList.h"
-#include "Qel/GenericValue.h"
-#include "Qel/ValueTraits.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Entity/AttrList.h"
+#include "Qel/Reflection/GenericValue.h"
+#include "Qel/Reflection/ValueTraits.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_ENTITY_MANAGER_ATTRIBUTES(X) \
   X(value, plain, Role, local, Local)      \
   X(value, plain, bool, writeMountsGranted, WriteMountsGranted)

@@ -8,8 +8,8 @@
 #include "Check/Check.h"
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/TraceFacility.h"
-#include "Qel/EntityUri.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Mount/EntityUri.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 
 namespace Ledra {

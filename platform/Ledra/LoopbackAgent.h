@@ -43,9 +43,9 @@
 #include <vector>
 
 #include "Ledra/PassiveConnectionStatus.h"
-#include "Qel/Api.h"
-#include "Qel/EventLoop.h"
-#include "Qel/MountTable.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Loop/EventLoop.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 
 namespace Ledra {

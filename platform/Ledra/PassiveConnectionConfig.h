@@ -4,9 +4,9 @@
 // attributes beyond its name.
 #pragma once
 
-#include "Qel/Api.h"
-#include "Qel/Entity.h"
-#include "Qel/Notifiee.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Entity/Entity.h"
+#include "Qel/Entity/Notifiee.h"
 
 namespace Ledra {
 

@@ -11,12 +11,12 @@
 // Single-threaded.
 #pragma once
 
-#include "Qel/Api.h"
-#include "Qel/AttrList.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Entity/AttrList.h"
 
 namespace Ledra {
 
-// The attributes, in id order (see Qel/AttrList.h).
+// The attributes, in id order (see Qel/Entity/AttrList.h).
 #define LEDRA_PASSIVE_CONNECTION_STATUS_ATTRIBUTES(X)    \
   X(value, plain, Qel::Name, agentName, AgentName)       \
   X(value, plain, Qel::String, agentString, AgentString) \

@@ -3,8 +3,8 @@
 // is "w  ". Pure function.
 #pragma once
 
-#include "Qel/Api.h"
-#include "Qel/Types.h"
+#include "Qel/Core/Api.h"
+#include "Qel/Core/Types.h"
 
 namespace Ledra {
 

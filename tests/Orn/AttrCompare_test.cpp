@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Qel/Exception.h"
-#include "Qel/ValueTraits.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Reflection/ValueTraits.h"
 #include "ReactorFixture.h"
 
 namespace {

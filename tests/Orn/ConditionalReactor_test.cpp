@@ -8,7 +8,7 @@
 #include <array>
 #include <limits>
 
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 #include "ReactorFixture.h"
 
 namespace {

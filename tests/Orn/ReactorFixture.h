@@ -10,11 +10,11 @@
 #include <vector>
 
 #include "Orn/GenericConditionalReactor.h"
-#include "Qel/DynamicEntity.h"
+#include "Qel/Reflection/DynamicEntity.h"
 #include "Trace/CaptureSink.h"
 #include "Trace/Facilities.h"
-#include "support/ExactText.h"
-#include "support/LeakCheck.h"
+#include "tests/support/ExactText.h"
+#include "tests/support/LeakCheck.h"
 
 namespace OrnTesting {
 

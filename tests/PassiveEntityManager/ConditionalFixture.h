@@ -12,7 +12,7 @@
 #include "EngineHarness.h"
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/Mount.h"
-#include "Qel/DynamicEntity.h"
+#include "Qel/Reflection/DynamicEntity.h"
 #include "Trace/Clock.h"
 
 namespace ConditionalTesting {

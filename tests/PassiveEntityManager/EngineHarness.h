@@ -12,15 +12,15 @@
 
 #include "Ledra/EntityManager.h"
 #include "Ledra/LoopbackAgent.h"
-#include "Orn/TimerWheel.h"
 #include "PassiveEntityManager/PassiveEntityManagerSm.h"
-#include "Qel/ActivityManagerConfig.h"
-#include "Qel/Path.h"
-#include "Qel/SimulatedClock.h"
+#include "Qel/Containers/Path.h"
+#include "Qel/Loop/ActivityManagerConfig.h"
+#include "Qel/Loop/SimulatedClock.h"
+#include "Timer/TimerWheel.h"
 #include "Trace/CaptureSink.h"
 #include "Trace/Facilities.h"
-#include "support/ExactText.h"
-#include "support/LeakCheck.h"
+#include "tests/support/ExactText.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Ledra::test {
 

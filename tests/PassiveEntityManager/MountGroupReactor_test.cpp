@@ -8,7 +8,7 @@
 #include <string>
 
 #include "ConditionalFixture.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace {
 

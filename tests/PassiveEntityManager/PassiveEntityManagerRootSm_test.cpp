@@ -17,7 +17,7 @@
 #include "PassiveEntityManager/ConditionalMountGroupSm.h"
 #include "PassiveEntityManager/PassiveEntityManagerSmWrapper.h"
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace Ledra::test {
 namespace {

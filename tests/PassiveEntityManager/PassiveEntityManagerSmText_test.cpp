@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "EngineHarness.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace Ledra::test {
 namespace {

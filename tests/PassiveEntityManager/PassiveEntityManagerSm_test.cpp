@@ -9,7 +9,7 @@
 #include "EngineHarness.h"
 #include "PassiveEntityManager/ConditionRes.h"
 #include "PassiveEntityManager/MountsInProgressAnchor.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace Ledra::test {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "Trace/CaptureSink.h"
 #include "Trace/Facilities.h"
-#include "support/LeakCheck.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Ledra {
 namespace {

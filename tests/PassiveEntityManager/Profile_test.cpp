@@ -5,7 +5,7 @@
 #include "EngineHarness.h"
 #include "PassiveEntityManager/AgentProfileChoice.h"
 #include "PassiveEntityManager/PassiveAgentProfileDir.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
 
 namespace Ledra {
 namespace {

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "PassiveEntityManager/PassiveAgentStatusDir.h"
-#include "Qel/Dir.h"
-#include "support/LeakCheck.h"
+#include "Qel/Entity/Dir.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Ledra {
 namespace {

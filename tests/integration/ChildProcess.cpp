@@ -1,4 +1,4 @@
-#include "integration/ChildProcess.h"
+#include "tests/integration/ChildProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -22,8 +22,8 @@
 #include "Qel/NboAttrLog/WireMessage.h"
 #include "apps/ledrad/ControlProtocol.h"
 #include "apps/ledrad/UnixSocket.h"
-#include "integration/ChildProcess.h"
-#include "integration/LedradFolder.h"
+#include "tests/integration/ChildProcess.h"
+#include "tests/integration/LedradFolder.h"
 
 namespace {
 

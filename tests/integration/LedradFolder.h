@@ -18,7 +18,7 @@
 
 #include <gtest/gtest.h>
 
-#include "integration/ChildProcess.h"
+#include "tests/integration/ChildProcess.h"
 
 namespace test {
 

@@ -3,7 +3,7 @@
 
 #include <ostream>
 
-#include "Qel/Types.h"
+#include "Qel/Core/Types.h"
 
 namespace Ledra::test {
 

@@ -2,7 +2,7 @@
 // entities. Registered as "test::Leaf".
 #pragma once
 
-#include "Qel/TypeBuilder.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Ledra::test {
 

@@ -4,8 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Qel/Dir.h"
-#include "Qel/Ptr.h"
+#include "Qel/Core/Ptr.h"
+#include "Qel/Entity/Dir.h"
 
 namespace Ledra::test {
 

@@ -1,7 +1,7 @@
 #include "Qel/NboAttrLog/Demuxer.h"
 
-#include "Qel/KeyedStore.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Entity/KeyedStore.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Qel::NboAttrLog {
 

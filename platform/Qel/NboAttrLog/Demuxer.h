@@ -36,15 +36,15 @@
 // Single-threaded, on the event loop's thread.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
 #include <map>
 
-#include "Qel/Entity.h"
-#include "Qel/InternedText.h"
-#include "Qel/MountTable.h"
+#include "Qel/Containers/InternedText.h"
+#include "Qel/Entity/Entity.h"
+#include "Qel/Entity/Notifiee.h"
+#include "Qel/Mount/MountTable.h"
 #include "Qel/NboAttrLog/Transport.h"
-#include "Qel/Notifiee.h"
 
 namespace Qel::NboAttrLog {
 

@@ -1,7 +1,7 @@
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 
-#include "Qel/Exception.h"
-#include "Qel/TypeBuilder.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Reflection/TypeBuilder.h"
 
 namespace Qel::NboAttrLog {
 

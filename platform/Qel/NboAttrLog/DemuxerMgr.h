@@ -6,9 +6,9 @@
 // Each registration and removal notifies onDemuxer(name). Single-threaded.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
-#include "Qel/EntityMap.h"
+#include "Qel/Entity/EntityMap.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 
 namespace Qel::NboAttrLog {

@@ -20,12 +20,12 @@
 // thread.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
 #include <functional>
 #include <memory>
 
-#include "Qel/EventLoop.h"
+#include "Qel/Loop/EventLoop.h"
 
 namespace Qel::NboAttrLog {
 

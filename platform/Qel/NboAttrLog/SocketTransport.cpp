@@ -10,10 +10,10 @@
 #include <exception>
 
 #include "Check/Check.h"
-#include "Qel/Dir.h"
-#include "Qel/EntityUri.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Mount/EntityUri.h"
 #include "Qel/NboAttrLog/WireText.h"
-#include "Qel/QelType.h"
+#include "Qel/Reflection/QelType.h"
 
 namespace Qel::NboAttrLog {
 

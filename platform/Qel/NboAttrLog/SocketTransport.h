@@ -46,13 +46,13 @@
 // destroys an object whose handler is running. Single-threaded, on the loop's thread.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
 #include <deque>
 #include <map>
 #include <string>
 
-#include "Qel/EventLoop.h"
+#include "Qel/Loop/EventLoop.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 #include "Qel/NboAttrLog/Transport.h"
 #include "Qel/NboAttrLog/WireMessage.h"

@@ -10,10 +10,10 @@
 // transport. Single-threaded.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
-#include "Qel/Ptr.h"
-#include "Qel/Types.h"
+#include "Qel/Core/Ptr.h"
+#include "Qel/Core/Types.h"
 
 namespace Qel::NboAttrLog {
 

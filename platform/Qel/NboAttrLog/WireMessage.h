@@ -26,7 +26,7 @@
 // Plain values and a decoder object; not thread-safe, like every value.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
 #include <cstddef>
 #include <string>
@@ -35,8 +35,8 @@
 #include <variant>
 #include <vector>
 
-#include "Qel/MountTable.h"
-#include "Qel/Types.h"
+#include "Qel/Core/Types.h"
+#include "Qel/Mount/MountTable.h"
 
 namespace Qel::NboAttrLog {
 

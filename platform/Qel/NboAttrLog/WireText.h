@@ -13,7 +13,7 @@
 // Pure functions; thread-safe.
 #pragma once
 
-#include "Qel/Api.h"
+#include "Qel/Core/Api.h"
 
 #include <cstddef>
 #include <string>

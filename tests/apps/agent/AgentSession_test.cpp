@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "Qel/SimulatedClock.h"
+#include "Qel/Loop/SimulatedClock.h"
 
 namespace {
 

@@ -19,9 +19,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Qel/SimulatedClock.h"
+#include "Qel/Loop/SimulatedClock.h"
 #include "apps/ledrad/UnixSocket.h"
-#include "support/LeakCheck.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Ledrad {
 namespace {

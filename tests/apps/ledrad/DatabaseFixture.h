@@ -15,11 +15,11 @@
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/LoopbackAgent.h"
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/ActivityManagerConfig.h"
-#include "Qel/EventLoop.h"
-#include "Qel/SimulatedClock.h"
+#include "Qel/Loop/ActivityManagerConfig.h"
+#include "Qel/Loop/EventLoop.h"
+#include "Qel/Loop/SimulatedClock.h"
 #include "apps/ledrad/Database.h"
-#include "support/LeakCheck.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Ledrad::test {
 

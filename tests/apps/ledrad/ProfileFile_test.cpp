@@ -5,9 +5,9 @@
 #include <gtest/gtest.h>
 
 #include "PassiveEntityManager/PathTemplates.h"
-#include "Qel/DynamicEntity.h"
+#include "Qel/Reflection/DynamicEntity.h"
 #include "apps/ledrad/FileError.h"
-#include "support/LeakCheck.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Ledrad {
 namespace {

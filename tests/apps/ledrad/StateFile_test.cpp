@@ -4,11 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include "Qel/Dir.h"
-#include "Qel/DynamicEntity.h"
-#include "Qel/QelType.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Reflection/DynamicEntity.h"
+#include "Qel/Reflection/QelType.h"
 #include "apps/ledrad/FileError.h"
-#include "support/LeakCheck.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Ledrad {
 namespace {

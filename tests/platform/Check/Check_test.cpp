@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <string>
 
-#include "support/ExactText.h"
+#include "tests/support/ExactText.h"
 
 namespace {
 

@@ -16,13 +16,13 @@
 #include <string>
 #include <vector>
 
-#include "Qel/Dir.h"
-#include "Qel/DynamicEntity.h"
-#include "Qel/Exception.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Loop/SimulatedClock.h"
 #include "Qel/NboAttrLog/WireMessage.h"
-#include "Qel/SimulatedClock.h"
-#include "platform/Ledra/DatabaseWatch.h"
-#include "support/LeakCheck.h"
+#include "Qel/Reflection/DynamicEntity.h"
+#include "tests/platform/Ledra/DatabaseWatch.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Qel::NboAttrLog {
 // Failure messages show the messages as text.

@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "Ledra/Cell.h"
-#include "Qel/Exception.h"
-#include "support/ExactText.h"
+#include "Qel/Core/Exception.h"
+#include "tests/support/ExactText.h"
 
 namespace {
 

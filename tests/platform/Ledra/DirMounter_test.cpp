@@ -11,8 +11,8 @@
 
 #include "Ledra/PassiveConnectionConfig.h"
 #include "Ledra/StripString.h"
-#include "Qel/SimulatedClock.h"
-#include "support/LeakCheck.h"
+#include "Qel/Loop/SimulatedClock.h"
+#include "tests/support/LeakCheck.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 
 #include <vector>
 
-#include "Qel/Exception.h"
-#include "Qel/SimulatedClock.h"
-#include "platform/Ledra/DatabaseWatch.h"
-#include "support/LeakCheck.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Loop/SimulatedClock.h"
+#include "tests/platform/Ledra/DatabaseWatch.h"
+#include "tests/support/LeakCheck.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "Trace/FileSink.h"
 #include "TraceTestSupport.h"
-#include "support/ExactText.h"
+#include "tests/support/ExactText.h"
 
 namespace {
 

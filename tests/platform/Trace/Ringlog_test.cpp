@@ -9,7 +9,7 @@
 
 #include "Trace/RingDump.h"
 #include "TraceTestSupport.h"
-#include "support/ExactText.h"
+#include "tests/support/ExactText.h"
 
 namespace {
 

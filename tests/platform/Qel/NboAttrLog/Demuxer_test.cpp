@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "Qel/Exception.h"
-#include "support/ExactText.h"
-#include "support/LeakCheck.h"
+#include "Qel/Core/Exception.h"
+#include "tests/support/ExactText.h"
+#include "tests/support/LeakCheck.h"
 
 namespace {
 

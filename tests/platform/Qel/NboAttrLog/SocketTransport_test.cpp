@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "Qel/Dir.h"
-#include "Qel/SimulatedClock.h"
-#include "support/LeakCheck.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Loop/SimulatedClock.h"
+#include "tests/support/LeakCheck.h"
 
 namespace Qel::NboAttrLog {
 // Failure messages show the messages as text (defined with the codec's tests).

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "support/ExactText.h"
+#include "tests/support/ExactText.h"
 
 namespace Qel::NboAttrLog {
 // Failure messages show the messages as text.

@@ -1,0 +1,285 @@
+// A first-in first-out queue whose entries carry 32-bit indices.
+//
+// Numbering. Each entry receives an index when it is enqueued, and the queue's index state is its
+// metadata: `next`, the index the next entry receives, and `head`, the start of the range of
+// indices in use, which is the index of the entry at the head (or `next` when the queue is empty).
+// enqueue() gives the new entry `next`, unless the last entry's index compares at or above `next`
+// (the numbering has wrapped past 0xffffffff while the tail has not), in which case it gives the
+// index after the tail. Either way the new index follows the tail, so indices rise strictly in
+// enqueue order modulo 2^32 and no index is held by two entries. When the index after the new one
+// would reach `head`, the 32-bit space is exhausted: enqueue() throws
+// RangeException("linkqueue index space full") and changes nothing.
+//
+// metadataIs() sets both numbers of an empty queue, to resume a numbering anywhere in the space.
+// `head` may then differ from `next`: the indices from `head` up to `next` count as in use until
+// the front entry leaves (dequeue, or erase of the front), which moves `head` to the new front
+// entry, or to `next` when the queue becomes empty. Setting the metadata of a non-empty queue is a
+// contract violation.
+//
+// Cost: enqueue, dequeue and erase are O(1) amortised; at(), set() and erase() find an index by
+// binary search, O(log n). An entry erased in the middle leaves a hole that iteration skips; holes
+// are compacted once they outnumber the entries, so storage stays proportional to size().
+//
+// Single-threaded. Any change to the queue invalidates its iterators and entry pointers.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <deque>
+#include <iterator>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "Check/Check.h"
+#include "Qel/Core/Exception.h"
+#include "Qel/Core/Types.h"
+
+namespace Qel {
+
+class QelType;
+
+// The index state of a LinkQueue; see LinkQueue. A value of the reflection,
+// "Qel::LinkQueueMetadata" (attributes head and next), printed as "head <head> next <next>".
+struct QEL_API LinkQueueMetadata {
+  static constexpr bool kQelValueType = true;
+
+  U32 head = 0;
+  U32 next = 0;
+
+  friend bool operator==(LinkQueueMetadata const&, LinkQueueMetadata const&) = default;
+  String text() const;
+  static QelType const* staticType();
+};
+
+template <class V>
+class LinkQueue {
+  // One stored position. `value` is empty for a hole left by erase(); the first and the last slot
+  // always hold a value.
+  struct Slot {
+    template <class... Args>
+    explicit Slot(U32 i, Args&&... args)
+        : index(i), value(std::in_place, std::forward<Args>(args)...) {}
+    U32 index;
+    std::optional<V> value;
+  };
+  using Slots = std::deque<Slot>;
+
+ public:
+  using value_type = V;
+
+  // What iteration yields: an entry's index and a reference to its value.
+  template <class T>
+  struct EntryRef {
+    U32 index;
+    T& value;
+  };
+
+  template <bool kConst>
+  class BasicIterator {
+    using SlotIt =
+        std::conditional_t<kConst, typename Slots::const_iterator, typename Slots::iterator>;
+
+   public:
+    using iterator_concept = std::forward_iterator_tag;
+    using iterator_category = std::input_iterator_tag;
+    using value_type = EntryRef<std::conditional_t<kConst, V const, V>>;
+    using reference = value_type;
+    using difference_type = std::ptrdiff_t;
+
+    BasicIterator() = default;
+    // A mutable iterator converts to a const one.
+    template <bool kOther, class = std::enable_if_t<kConst && !kOther>>
+    BasicIterator(BasicIterator<kOther> const& o) : it_(o.it_), end_(o.end_) {}
+
+    reference operator*() const { return {it_->index, *it_->value}; }
+    BasicIterator& operator++() {
+      ++it_;
+      skipHoles();
+      return *this;
+    }
+    BasicIterator operator++(int) {
+      BasicIterator old = *this;
+      ++*this;
+      return old;
+    }
+    friend bool operator==(BasicIterator const& a, BasicIterator const& b) {
+      return a.it_ == b.it_;
+    }
+
+   private:
+    friend class LinkQueue;
+    template <bool>
+    friend class BasicIterator;
+    BasicIterator(SlotIt it, SlotIt end) : it_(it), end_(end) { skipHoles(); }
+    void skipHoles() {
+      while (it_ != end_ && !it_->value)
+        ++it_;
+    }
+
+    SlotIt it_{};
+    SlotIt end_{};
+  };
+  using iterator = BasicIterator<false>;
+  using const_iterator = BasicIterator<true>;
+
+  LinkQueue() = default;
+  LinkQueue(LinkQueue const&) = default;
+  LinkQueue& operator=(LinkQueue const&) = default;
+  // A moved-from queue is empty and keeps its numbering.
+  LinkQueue(LinkQueue&& o)
+      : slots_(std::move(o.slots_)),
+        size_(std::exchange(o.size_, 0)),
+        holes_(std::exchange(o.holes_, 0)),
+        head_(o.head_),
+        next_(o.next_) {
+    o.slots_.clear();
+    o.head_ = o.next_;
+  }
+  LinkQueue& operator=(LinkQueue&& o) {
+    if (this == &o) return *this;
+    slots_ = std::move(o.slots_);
+    size_ = std::exchange(o.size_, 0);
+    holes_ = std::exchange(o.holes_, 0);
+    head_ = o.head_;
+    next_ = o.next_;
+    o.clear();
+    return *this;
+  }
+
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  // The positions held in storage, entries and holes: never more than 2 * size().
+  std::size_t storedSlots() const { return slots_.size(); }
+
+  LinkQueueMetadata metadata() const { return {head_, next_}; }
+  void metadataIs(LinkQueueMetadata m) {
+    QEL_CHECK(empty(), "empty() && \"linkqueue metadata set on a non-empty queue\"");
+    head_ = m.head;
+    next_ = m.next;
+  }
+
+  // Appends an entry and returns its index; throws when the index space is exhausted (see the
+  // class comment), leaving the queue unchanged.
+  U32 enqueue(V const& v) { return emplace(v); }
+  U32 enqueue(V&& v) { return emplace(std::move(v)); }
+  template <class... Args>
+  U32 emplace(Args&&... args) {
+    U32 const index =
+        (slots_.empty() || slots_.back().index < next_) ? next_ : slots_.back().index + 1;
+    if (index + 1 == head_) throw RangeException("linkqueue index space full");
+    slots_.emplace_back(index, std::forward<Args>(args)...);
+    ++size_;
+    next_ = index + 1;
+    return index;
+  }
+
+  // Removes and returns the entry at the head; empty when the queue is.
+  std::optional<V> dequeue() {
+    if (slots_.empty()) return std::nullopt;
+    std::optional<V> v(std::move(*slots_.front().value));
+    popFront();
+    return v;
+  }
+
+  // The value at the head, or null when the queue is empty.
+  V* front() { return slots_.empty() ? nullptr : &*slots_.front().value; }
+  V const* front() const { return slots_.empty() ? nullptr : &*slots_.front().value; }
+
+  // The value of the entry with this index, or null when no entry holds it.
+  V* at(U32 index) {
+    auto it = find(index);
+    return it == slots_.end() ? nullptr : &*it->value;
+  }
+  V const* at(U32 index) const { return const_cast<LinkQueue*>(this)->at(index); }
+
+  // Replaces the value of the entry with this index. Returns whether anything changed: false
+  // when no entry holds the index or when the stored value equals the new one.
+  bool set(U32 index, V const& v) { return assign(index, v); }
+  bool set(U32 index, V&& v) { return assign(index, std::move(v)); }
+
+  // Removes the entry with this index, wherever it stands. Returns whether there was one.
+  bool erase(U32 index) {
+    auto it = find(index);
+    if (it == slots_.end()) return false;
+    if (it == slots_.begin()) {
+      popFront();
+      return true;
+    }
+    if (std::next(it) == slots_.end()) {
+      popBack();
+      return true;
+    }
+    it->value.reset();
+    --size_;
+    ++holes_;
+    if (holes_ > size_) compact();
+    return true;
+  }
+
+  void clear() {
+    slots_.clear();
+    size_ = 0;
+    holes_ = 0;
+    head_ = next_;
+  }
+
+  iterator begin() { return {slots_.begin(), slots_.end()}; }
+  iterator end() { return {slots_.end(), slots_.end()}; }
+  const_iterator begin() const { return {slots_.begin(), slots_.end()}; }
+  const_iterator end() const { return {slots_.end(), slots_.end()}; }
+
+ private:
+  // Distance of an index from the head, in the order of the queue.
+  U32 offset(U32 index) const { return index - head_; }
+
+  // The slot holding the entry with this index, or end().
+  typename Slots::iterator find(U32 index) {
+    if (slots_.empty()) return slots_.end();
+    auto it = std::lower_bound(slots_.begin(), slots_.end(), offset(index),
+                               [this](Slot const& s, U32 t) { return offset(s.index) < t; });
+    if (it == slots_.end() || it->index != index || !it->value) return slots_.end();
+    return it;
+  }
+
+  template <class T>
+  bool assign(U32 index, T&& v) {
+    auto it = find(index);
+    if (it == slots_.end()) return false;
+    if (*it->value == v) return false;
+    *it->value = std::forward<T>(v);
+    return true;
+  }
+
+  void popFront() {
+    slots_.pop_front();
+    --size_;
+    while (!slots_.empty() && !slots_.front().value) {
+      slots_.pop_front();
+      --holes_;
+    }
+    head_ = slots_.empty() ? next_ : slots_.front().index;
+  }
+
+  void popBack() {
+    slots_.pop_back();
+    --size_;
+    while (!slots_.empty() && !slots_.back().value) {
+      slots_.pop_back();
+      --holes_;
+    }
+  }
+
+  void compact() {
+    std::erase_if(slots_, [](Slot const& s) { return !s.value; });
+    holes_ = 0;
+  }
+
+  Slots slots_;
+  std::size_t size_ = 0;
+  std::size_t holes_ = 0;
+  U32 head_ = 0;
+  U32 next_ = 0;
+};
+
+}  // namespace Qel

@@ -1,0 +1,7 @@
+#include "Qel/Core/Ptr.h"
+
+namespace Qel {
+
+long RefCounted::liveInstances_ = 0;
+
+}  // namespace Qel

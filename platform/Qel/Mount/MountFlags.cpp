@@ -1,0 +1,108 @@
+#include "Qel/Mount/MountFlags.h"
+
+#include <cstdio>
+#include <optional>
+#include <string_view>
+
+#include "Qel/Core/Exception.h"
+#include "Qel/Reflection/TypeBuilder.h"
+
+namespace Qel {
+
+namespace {
+
+struct Letter {
+  char letter;
+  U32 bit;
+};
+
+// In the order text() spells them.
+constexpr Letter kLetters[] = {
+    {'r', MountFlags::kRead},    {'w', MountFlags::kWrite},     {'C', MountFlags::kConvertible},
+    {'c', MountFlags::kCreate},  {'i', MountFlags::kLetterI},   {'S', MountFlags::kLetterS},
+    {'f', MountFlags::kForce},   {'D', MountFlags::kDirectory}, {'B', MountFlags::kBlocking},
+    {'n', MountFlags::kSuffixN}, {'p', MountFlags::kSuffixP},
+};
+
+constexpr U32 kLettered = [] {
+  U32 all = 0;
+  for (Letter const& l : kLetters)
+    all |= l.bit;
+  return all;
+}();
+
+}  // namespace
+
+MountFlags::MountFlags(U32 value) : value_(value) {
+  if (value > kMax) throw RangeException("Flags::value > 0x3ffff not allowed");
+}
+
+String MountFlags::text() const {
+  String out;
+  for (Letter const& l : kLetters) {
+    if (value_ & l.bit) out += l.letter;
+  }
+  U32 const rest = value_ & ~kLettered;
+  if (rest == 0) return out;
+  char buf[16];
+  std::snprintf(buf, sizeof buf, "+0x%x", rest);
+  out += buf;
+  return out;
+}
+
+U32 MountFlags::bitOf(char letter) {
+  for (Letter const& l : kLetters) {
+    if (l.letter == letter) return l.bit;
+  }
+  return 0;
+}
+
+MountFlags MountFlags::fromLetters(String const& letters) {
+  U32 value = 0;
+  for (char c : letters) {
+    U32 const bit = bitOf(c);
+    if (bit == 0) {
+      throw ParseException("unknown mount flag '" + std::string(1, c) + "' in \"" + letters + "\"");
+    }
+    value |= bit;
+  }
+  return MountFlags(value);
+}
+
+MountFlags parseMountFlags(String const& query) {
+  static constexpr std::string_view kKey = "flags=";
+  std::optional<MountFlags> found;
+  std::size_t pos = 0;
+  while (pos <= query.size()) {
+    std::size_t end = query.find('&', pos);
+    if (end == std::string::npos) end = query.size();
+    std::string_view const param = std::string_view(query).substr(pos, end - pos);
+    if (param.substr(0, kKey.size()) == kKey) {
+      if (found) throw ParseException("mount flags given twice in \"" + query + "\"");
+      found = MountFlags::fromLetters(String(param.substr(kKey.size())));
+    }
+    pos = end + 1;
+  }
+  return found.value_or(MountFlags());
+}
+
+QelType const* MountFlags::staticType() {
+  using Boxed = BoxedValue<MountFlags>;
+  static QelType const* t = [] {
+    TypeBuilder<Boxed> b("Qel::MountFlags", QelType::Kind::value);
+    b.value<U32>("value", [](Boxed const& f) {
+       return f.value().value();
+     }).value<String>("text", [](Boxed const& f) { return f.value().text(); });
+    b.type().boxerIs([](void const* native) {
+      return GenericIf::PtrConst(Boxed::make(*static_cast<MountFlags const*>(native)));
+    });
+    return b.done();
+  }();
+  return t;
+}
+
+namespace {
+[[maybe_unused]] QelType const* const kRegistered = MountFlags::staticType();
+}
+
+}  // namespace Qel

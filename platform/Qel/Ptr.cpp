@@ -1,7 +1,0 @@
-#include "Qel/Ptr.h"
-
-namespace Qel {
-
-long RefCounted::liveInstances_ = 0;
-
-}  // namespace Qel
