@@ -245,21 +245,41 @@ void Expectation::derive() {
   prefixes_.clear();
   directories_.clear();
   required_.clear();
-  bool first = true;
   for (auto const& version : versions_) {
-    std::map<std::string, std::string> required;
     for (auto const& g : version.groups) {
       if (!kept(g)) continue;
       for (auto const& m : mountsOf(g)) {
         std::string const path = canonical(m.path);
         nested_[path].insert({m.flags, m.type, "group " + g.name});
-        if (has(m.flags, 'D') || (peerReadyDropped_ && g.name == "peerReady")) continue;
-        required.emplace(path, "group " + g.name);
       }
     }
-    if (first) required_ = required;
+  }
+  // The engine queues the groups of the version of its first pass, V (any of them), and serves
+  // each with the entries it has then, those of V or of a later version that still has it (a
+  // group dropped from the profile keeps its last entries). A path is required when, whichever
+  // V, some group of V has it in each of those.
+  for (std::size_t v = 0; v < versions_.size(); ++v) {
+    std::map<std::string, std::string> required;
+    for (auto const& g : versions_[v].groups) {
+      if (!kept(g) || (peerReadyDropped_ && g.name == "peerReady")) continue;
+      std::map<std::string, std::string> served;
+      bool first = true;
+      for (std::size_t w = v; w < versions_.size(); ++w) {
+        auto const later = std::find_if(versions_[w].groups.begin(), versions_[w].groups.end(),
+                                        [&](GroupPlan const& h) { return h.name == g.name; });
+        if (later == versions_[w].groups.end()) continue;
+        std::map<std::string, std::string> paths;
+        for (auto const& m : mountsOf(*later)) {
+          if (!has(m.flags, 'D')) paths.emplace(canonical(m.path), "group " + g.name);
+        }
+        if (first) served = paths;
+        std::erase_if(served, [&](auto const& r) { return !paths.count(r.first); });
+        first = false;
+      }
+      required.merge(served);
+    }
+    if (v == 0) required_ = required;
     std::erase_if(required_, [&](auto const& r) { return !required.count(r.first); });
-    first = false;
   }
   required_[kRoot] = "the root";
 

@@ -19,9 +19,12 @@
 //     group that is not a directory mount.
 // A profile changed while the agent stays connected adds a version (versionSeen), whether it was
 // reloaded or one of its groups edited in place: the engine queues the groups of the version of
-// its first pass, which is one of them, and reads a group's entries when it serves it. The paths
-// and flags allowed are then those of any version (their union), the paths required those of every
-// version (their intersection); with a single version both are exact. The switch to active drops
+// its first pass, which is one of them, and reads a group's entries when it serves it, from that
+// version or a later one. The paths and flags allowed are then those of any version (their
+// union); a path is required when, whichever version the first pass saw, one of its kept groups
+// holds the path in that version and in every later one that still has the group (a path removed
+// from its group stays unrequired though a group added later has it: the engine may never have
+// queued that one); with a single version both are exact. The switch to active drops
 // the "peerReady" group from the engine, whose paths are then no longer required. Template values
 // and the table of mount paths stay those of the connection, as the engine's do; the root flags are
 // read live.

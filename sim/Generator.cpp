@@ -73,8 +73,8 @@ char const* kindName(Kind k) {
 
 char const* controlName(Control c) {
   static constexpr std::array<char const*, kControls> kNames{
-      "none",    "trimGroup", "extendGroup", "profileByName", "refused",
-      "records", "graft",     "placeholder", "engineByName",  "sensorWrite"};
+      "none",  "trimGroup",   "extendGroup",  "profileByName", "refused", "records",
+      "graft", "placeholder", "engineByName", "sensorWrite",   "boundary"};
   return kNames[static_cast<std::size_t>(c)];
 }
 

@@ -53,8 +53,9 @@ enum class Control {
   placeholder,    // a non-directory entity where a directory may stand
   engineByName,   // an engine asked by name how a template condition reads
   sensorWrite,    // an attribute of the kinds added last written
+  boundary,       // the attribute of an awaited numeric condition set to its constant
 };
-inline constexpr unsigned kControls = 10;
+inline constexpr unsigned kControls = 11;
 
 enum class Kind {
   connect,

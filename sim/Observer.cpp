@@ -242,14 +242,24 @@ class Observer::EngineWatch : public Ledra::PassiveEntityManagerSm::NotifieeCons
 // One conditional group of one engine, from the moment its record joins the engine: its result
 // record's enabled flag turning true releases the group. Meanwhile it notes which of the group's
 // conditions have held in the tree at some moment (the engine takes them one after the other).
+// The conditions are those of the state machine's evaluation: the group's list when its record
+// joined, and again each time the state machine starts over (its queue of conditions grows; it
+// does so when the group's conditions change while none is pending, as while the first one
+// waits for its entity).
 class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
  public:
-  ConditionWatch(Observer& o, std::string agent, Ledra::PassiveMountGroup::PtrConst const& group)
+  ConditionWatch(Observer& o, std::string agent, Ledra::PassiveMountGroup::PtrConst const& group,
+                 Ledra::ConditionalMountGroupSm::PtrConst const& sm)
       : Ledra::ConditionRes::NotifieeConst(NotifieeBase::Reference::weak),
         o_(o),
         agent_(std::move(agent)),
         group_(group->name()),
-        conditions_(conditionsOf(*group)) {
+        conditions_(conditionsOf(*group)),
+        restarts_(*this) {
+    if (sm) {
+      restarts_.queued = sm->conditionLocalQueues();
+      restarts_.notifierIs(sm);
+    }
     sensorsChanged();
   }
 
@@ -271,15 +281,50 @@ class Observer::ConditionWatch : public Ledra::ConditionRes::NotifieeConst {
   bool done() const { return released_ || !notifier(); }
 
  private:
+  // The state machine's queue of conditions: it only shrinks while one evaluation runs; a new
+  // one empties it (entry by entry, each told) and fills it again from the group's list.
+  class Restarts : public Ledra::ConditionalMountGroupSm::NotifieeConst {
+   public:
+    explicit Restarts(ConditionWatch& w)
+        : Ledra::ConditionalMountGroupSm::NotifieeConst(NotifieeBase::Reference::weak), w_(w) {}
+    void onConditionLocalQueue(Qel::U32) override {
+      auto const sm = notifier();
+      if (!sm) return;
+      std::size_t const now = sm->conditionLocalQueues();
+      // A new evaluation empties the queue and fills it again: the first entry is its start.
+      bool const started = queued == 0 && now > 0;
+      queued = now;
+      auto const group = sm->mountGroup();
+      if (started && group) w_.restarted(*group);
+    }
+    std::size_t queued = 0;
+
+   private:
+    ConditionWatch& w_;
+  };
+
+  // A new evaluation of `group`'s conditions: what held before counts no more.
+  void restarted(Ledra::PassiveMountGroup const& group) {
+    if (released_) return;
+    auto conditions = conditionsOf(group);
+    o_.note(agent_ + " group " + group_ + " evaluates its " + std::to_string(conditions.size()) +
+                " conditions again",
+            false);
+    conditions_ = std::move(conditions);
+    held_.clear();
+    sensorsChanged();
+  }
+
   Observer& o_;
   std::string const agent_;
   std::string const group_;
-  // The conditions the group's state machine took in when it started. One added to the group
-  // in place while a condition is pending is not awaited: the state machine reads the group's
-  // conditions only when it is idle.
-  std::vector<std::string> const conditions_;
+  // The conditions of the state machine's evaluation. One added to the group in place while a
+  // condition is pending is not awaited: the state machine reads the group's conditions only
+  // when nothing is pending.
+  std::vector<std::string> conditions_;
   std::set<std::string> held_;
   bool released_ = false;
+  Restarts restarts_;
 };
 
 // The retry of one conditional group's state machine while the entity of a condition is missing:
@@ -394,16 +439,24 @@ void Observer::conditionalGroupSeen(
   for (auto const& w : conditionWatches_) {
     if (w->notifier().ptr() == res.ptr()) return;
   }
-  conditionWatches_.push_back(std::make_unique<ConditionWatch>(*this, agent, group));
+  conditionWatches_.push_back(
+      std::make_unique<ConditionWatch>(*this, agent, group, record.conditionalMountGroupSm()));
   conditionWatches_.back()->notifierIs(res);
 }
 
 void Observer::groupReleased(std::string const& agent, std::string const& group,
                              std::vector<std::string> const& conditions,
                              std::set<std::string> const& sinceHeld) {
+  note(agent + " group " + group + " released", true);
+  if (conditions.empty()) return;
+  // The last condition's report releases the group: it holds now.
+  if (!holds_(conditions.back())) {
+    violation("condition: " + agent + " group " + group +
+              " was released while its last condition '" + conditions.back() + "' is false");
+  }
   std::string falseNow;
   for (auto const& c : conditions) {
-    if (holds_(c)) continue;
+    if (c == conditions.back() || holds_(c)) continue;
     if (sinceHeld.count(c)) {
       note(agent + " group " + group + " released while '" + c +
                "' is false again (it held since the group started waiting)",
@@ -412,7 +465,6 @@ void Observer::groupReleased(std::string const& agent, std::string const& group,
     }
     falseNow += (falseNow.empty() ? "'" : ", '") + c + "'";
   }
-  note(agent + " group " + group + " released", true);
   if (falseNow.empty()) return;
   violation("condition: " + agent + " group " + group + " was released while " + falseNow +
             " is false and never held since the group started waiting");

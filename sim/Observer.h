@@ -47,13 +47,15 @@
 //     and after every event and every step: checkLeftovers()).
 //   - awaited: after every event and every step, no conditional group waits on a condition that
 //     holds in the tree on the entity its reactor watches (a reactor decides at once).
-//   - condition: when a conditional group is released, each of its conditions holds now, read
-//     from the tree by the world (see Holds), not from the library. The group's conditions are
+//   - condition: when a conditional group is released, its last condition, whose report
+//     released it, holds now, read from the tree by the world (see Holds), not from the library;
+//     every other one holds now or has held since the evaluation started: the conditions are
 //     taken one after the other, and one that held may turn false again while a later one is
-//     awaited: a condition false at the release is a violation only if it never held since the
-//     group started waiting. Only the conditions the group had when its state machine started
-//     count: one added in place while another is awaited is not awaited, by design. The world
-//     reports each change of the tree (sensorsChanged()).
+//     awaited. The conditions are those of the state machine's evaluation: the group's when its
+//     record joined, and again whenever the state machine starts over (a change of the group's
+//     conditions while none is pending, as while the first waits for its entity). One added in
+//     place while another is pending is not awaited, by design. The world reports each change
+//     of the tree (sensorsChanged()).
 //
 // Single-threaded: everything runs inside the library's notifications on the event loop.
 #pragma once

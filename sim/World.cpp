@@ -429,8 +429,10 @@ std::string World::apply(Event const& e) {
       GroupPlan& gs = it->second.groups[e.index % it->second.groups.size()];
       auto g = profiles_->agentProfile(Qel::Name(profileName))->mountGroup(Qel::Name(gs.name));
       if (!g) return "edit group " + gs.name + ": gone";
-      g->conditionColEnq(e.newCondition.text());
+      // Known to the world before the group has it: the engine may take it in, and release the
+      // group, while it is added.
       conditions_[e.newCondition.text()] = e.newCondition;
+      g->conditionColEnq(e.newCondition.text());
       gs.conditions.push_back(e.newCondition);
       profileChanged(profileName);
       return "edit group " + gs.name + " of " + profileName + " in place: add condition " +
@@ -837,14 +839,7 @@ void World::setTrue(ConditionPlan const& c) {
   }
   bool const eq = c.op == "==" || c.op == "in";
   if (c.len || numeric(c.attribute)) {
-    long const v = satisfying(c.op, c.len ? std::stol(c.constant) : numericConstant(c));
-    if (!c.len) {
-      s->attributeIs(Qel::Name(c.attribute), Qel::String(std::to_string(v)));
-      return;
-    }
-    for (std::size_t i = 0; i < kTags.size(); ++i)
-      s->attributeIs("tags", Qel::String(static_cast<long>(i) < v ? "true" : ""),
-                     Qel::String(kTags[i]));
+    writeNumber(*s, c, satisfying(c.op, c.len ? std::stol(c.constant) : numericConstant(c)));
     return;
   }
   if (c.attribute == "ready") {
@@ -862,6 +857,16 @@ void World::setTrue(ConditionPlan const& c) {
     return;
   }
   s->attributeIs("tags", Qel::String(eq ? "true" : ""), Qel::String(c.constant));
+}
+
+void World::writeNumber(Qel::DynamicEntity& s, ConditionPlan const& c, long v) {
+  if (!c.len) {
+    s.attributeIs(Qel::Name(c.attribute), Qel::String(std::to_string(v)));
+    return;
+  }
+  for (std::size_t i = 0; i < kTags.size(); ++i)
+    s.attributeIs("tags", Qel::String(static_cast<long>(i) < v ? "true" : ""),
+                  Qel::String(kTags[i]));
 }
 
 bool World::holds(std::string const& text) const {
@@ -1076,13 +1081,35 @@ std::string World::sensorWrite(unsigned d) {
   return done;
 }
 
+// The attribute of a numeric condition some engine waits on set to the condition's constant:
+// the comparison at its boundary, which holds for "==", "<=" and ">=" only.
+std::string World::boundary(unsigned d) {
+  std::vector<ConditionPlan const*> awaited;
+  for (auto const& [agent, engine] :
+       wrapper_->passiveEntityManagerRootSm()->passiveEntityManagerSm()) {
+    for (auto const& [name, record] : engine->conditionalMountGroup()) {
+      auto const& sm = record->conditionalMountGroupSm();
+      auto const it = sm ? conditions_.find(sm->currentPendingCondition()) : conditions_.end();
+      if (it == conditions_.end() || !it->second.record.empty()) continue;
+      if (it->second.len || numeric(it->second.attribute)) awaited.push_back(&it->second);
+    }
+  }
+  if (awaited.empty()) return "boundary: no numeric condition awaited";
+  ConditionPlan const& c = *awaited[d % awaited.size()];
+  auto const s = sensor(static_cast<unsigned>(c.sensor));
+  if (!s) return "boundary of '" + c.text() + "': no sensor";
+  writeNumber(*s, c, c.len ? std::stol(c.constant) : numericConstant(c));
+  observer_->sensorsChanged();
+  return "boundary of '" + c.text() + "'";
+}
+
 std::string World::controlAction(Event const& e) {
   if (e.control == Control::none) return "idle";
   // In the order of Control, from trimGroup on.
   static constexpr std::array<std::string (World::*)(unsigned), kControls - 1> kActions{
-      &World::trimGroup,   &World::extendGroup,  &World::profileByName,
-      &World::refused,     &World::records,      &World::graft,
-      &World::placeholder, &World::engineByName, &World::sensorWrite};
+      &World::trimGroup,   &World::extendGroup, &World::profileByName, &World::refused,
+      &World::records,     &World::graft,       &World::placeholder,   &World::engineByName,
+      &World::sensorWrite, &World::boundary};
   return (this->*kActions[static_cast<std::size_t>(e.control) - 1])(e.detail);
 }
 

@@ -113,6 +113,8 @@ class World {
   std::string writeAttribute(unsigned sensor, unsigned what, unsigned value);
   void makeTrue(ConditionPlan const& c);
   void setTrue(ConditionPlan const& c);
+  // The attribute of the numeric condition `c` (its element count for "len(") set to `v`.
+  static void writeNumber(Qel::DynamicEntity& s, ConditionPlan const& c, long v);
   // Whether the condition `text` (one the world gave a profile) holds in the tree now, read from
   // the sensors' attributes here, not by the library.
   bool holds(std::string const& text) const;
@@ -124,6 +126,7 @@ class World {
   std::string control(Event const& e);
   std::string controlAction(Event const& e);
   std::string sensorWrite(unsigned d);
+  std::string boundary(unsigned d);
   // The profile plan, group plan and group an in-place edit works on, and the start of its
   // history line; `refusal` is set when there is none.
   struct GroupPick {
