@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 #include "Qel/Loop/SimulatedClock.h"
@@ -186,11 +187,15 @@ class WheelPeriodic : public TimerWheel::Notifiee {
   void onTime() override { timeMinIs(notifier()->clock()->now() + 0.001); }
 };
 
-void BM_WheelRearmEachTick(benchmark::State& state) {
+template <class Periodic>
+void rearmEachTick(benchmark::State& state) {
   auto clock = SimulatedClock::simulatedClockNew();
-  auto wheel = TimerWheel::timerWheelNew(clock);
-  WheelPeriodic p;
-  p.notifierIs(wheel);
+  Periodic p;
+  if constexpr (std::is_same_v<Periodic, WheelPeriodic>) {
+    p.notifierIs(TimerWheel::timerWheelNew(clock));
+  } else {
+    p.notifierIs(clock);
+  }
   p.timeMinIs(0.001);
   for (auto _ : state)
     clock->advance(kTicks * 0.001);
@@ -198,21 +203,14 @@ void BM_WheelRearmEachTick(benchmark::State& state) {
   state.counters["per_tick"] = benchmark::Counter(
       static_cast<double>(kTicks),
       benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+void BM_WheelRearmEachTick(benchmark::State& state) {
+  rearmEachTick<WheelPeriodic>(state);
+}
+void BM_ClockRearmEachTick(benchmark::State& state) {
+  rearmEachTick<ClockPeriodic>(state);
 }
 BENCHMARK(BM_WheelRearmEachTick);
-
-void BM_ClockRearmEachTick(benchmark::State& state) {
-  auto clock = SimulatedClock::simulatedClockNew();
-  ClockPeriodic p;
-  p.notifierIs(clock);
-  p.timeMinIs(0.001);
-  for (auto _ : state)
-    clock->advance(kTicks * 0.001);
-  p.timeMinIs(kNever);
-  state.counters["per_tick"] = benchmark::Counter(
-      static_cast<double>(kTicks),
-      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
 BENCHMARK(BM_ClockRearmEachTick);
 
 }  // namespace
