@@ -11,6 +11,7 @@
 
 #include "Qel/Loop/SimulatedClock.h"
 #include "Timer/TimerWheel.h"
+#include "tests/support/JumpClock.h"
 
 namespace {
 
@@ -110,21 +111,7 @@ void BM_WheelRearm(benchmark::State& state) {
 }
 BENCHMARK(BM_WheelRearm)->Arg(0)->Arg(1);
 
-// A clock that jumps to the time it is given and then fires what is due, as the event loop does
-// after a turn: the wheel processes every tick up to that time in one wake-up.
-class JumpClock final : public Qel::Clock {
- public:
-  using Ptr = Qel::Ptr<JumpClock>;
-  Time now() const override { return now_; }
-  void nowIs(Time t) {
-    now_ = t;
-    runDueTimers();
-  }
-
- private:
-  ~JumpClock() override = default;
-  Time now_ = 0;
-};
+using Ledra::test::JumpClock;
 
 // One iteration arms n timers (not timed) and moves the clock past all of them (timed): the time
 // per timer covers the wheel's wake-ups, moves between levels and the callbacks.
@@ -168,7 +155,7 @@ void BM_WheelExpiry(benchmark::State& state) {
     wheelExpiry<SimulatedClock>(state, SimulatedClock::simulatedClockNew());
     return;
   }
-  wheelExpiry<JumpClock>(state, JumpClock::Ptr(new JumpClock));
+  wheelExpiry<JumpClock>(state, JumpClock::jumpClockNew());
 }
 BENCHMARK(BM_WheelExpiry)->DenseRange(0, 6);
 

@@ -15,6 +15,7 @@
 
 #include "Qel/Loop/SimulatedClock.h"
 #include "tests/support/Firing.h"
+#include "tests/support/JumpClock.h"
 #include "tests/support/LeakCheck.h"
 
 namespace {
@@ -124,21 +125,7 @@ TEST_F(TimerWheelTest, NotifieesHoldTheWheelAndMayDropItInOnTime) {
   EXPECT_EQ(clock->timers(), 0u);
 }
 
-// A clock moved by hand that fires its due timers only when told, as the event loop does after
-// a turn: its time may jump past many ticks of the wheel at once.
-class JumpClock final : public Qel::Clock {
- public:
-  using Ptr = Qel::Ptr<JumpClock>;
-  Time now() const override { return now_; }
-  void nowIs(Time t) {
-    now_ = t;
-    runDueTimers();
-  }
-
- private:
-  ~JumpClock() override = default;
-  Time now_ = 0;
-};
+using Ledra::test::JumpClock;
 
 class ClockRecorder : public Qel::Clock::Notifiee {
  public:
@@ -154,7 +141,7 @@ class ClockRecorder : public Qel::Clock::Notifiee {
 // to the clock's time, near and far ones, before a timer of the clock due between those ticks.
 TEST(TimerWheelJumpTest, OneWakeUpCatchesUpWithTheClock) {
   LiveInstanceCheck leaks;
-  auto clock = JumpClock::Ptr(new JumpClock);
+  auto clock = JumpClock::jumpClockNew();
   auto wheel = TimerWheel::timerWheelNew(clock);
   Firings log;
   Recorder a(1, log), b(2, log), c(3, log);
