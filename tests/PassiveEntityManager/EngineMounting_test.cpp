@@ -119,6 +119,10 @@ INSTANTIATE_TEST_SUITE_P(
                     .synced = true,
                     .monitoring = true},
                    "parent sa /ledra/Ledra/p synced but is monitoring eid=7"},
+        ParentCase{{.mounted = true},
+                   "parent sa /ledra/Ledra/p not a mountpoint and  unsynchronized"},
+        ParentCase{{.mounted = true, .mountPoint = true},
+                   "parent sa /ledra/Ledra/p not synced yet "},
         ParentCase{{.mounted = true, .complete = true, .mountPoint = true, .synced = true}, ""}));
 
 TEST_F(EngineMountingTest, ParentProfileOfAnotherTypeIsAProgrammingError) {

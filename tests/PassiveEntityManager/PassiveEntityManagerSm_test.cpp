@@ -33,6 +33,7 @@ TEST_F(EngineTest, OlderProtocolVersionWaitsForVersionFive) {
   agent->currentVersionIs(4);
   startEngine();
   EXPECT_TRUE(requests().empty());
+  EXPECT_TRUE(capture.contains("peer mount table is talking older version"));
   agent->currentVersionIs(5);
   EXPECT_EQ(requests(), Strings{"/ledra/Ledra?flags=Cnp"});
 }
