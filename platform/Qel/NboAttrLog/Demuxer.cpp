@@ -77,6 +77,7 @@ bool Demuxer::mountAnswered(String const& path, bool ok, String const& exception
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
   ConnectDesc const cd(it->first);
   if (--it->second == 0) outstanding_.erase(it);
+  if (outstanding_.empty()) outstanding_ = decltype(outstanding_)();
   peer_->statusIs(cd, ok ? MountTable::Stat(MountTable::complete_)
                          : MountTable::Stat(MountTable::failed_, exceptionText));
   flowOutMountRequests_.set(*this, flowOutMountRequests() - 1);
