@@ -4,9 +4,9 @@
 
 namespace Ledra {
 
-PassiveMountReference::Ptr PassiveAgentStatus::mountReferenceIs(Qel::Name const& path) {
+PassiveMountReference::Ptr PassiveAgentStatus::mountReferenceIs(std::string_view path) {
   if (PassiveMountReference::Ptr existing = mountReference(path)) return existing;
-  PassiveMountReference::Ptr ref = PassiveMountReference::mountReferenceNew(path);
+  PassiveMountReference::Ptr ref = PassiveMountReference::mountReferenceNew(Qel::Name(path));
   mountReference_.insert(*this, ref);
   return ref;
 }

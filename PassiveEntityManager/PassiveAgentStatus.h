@@ -4,6 +4,7 @@
 // connection succeeds, deleted when the connection goes away; filled by the agent's engine.
 #pragma once
 
+#include <string_view>
 #include <unordered_map>
 
 #include "PassiveEntityManager/Export.h"
@@ -40,7 +41,7 @@ class LEDRA_PEM_EXPORT PassiveAgentStatus : public Qel::Entity {
 
   QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_AGENT_STATUS_ATTRIBUTES)
   // The existing reference for `path`, or a new one (inserted and notified).
-  PassiveMountReference::Ptr mountReferenceIs(Qel::Name const& path);
+  PassiveMountReference::Ptr mountReferenceIs(std::string_view path);
 
   Qel::Entity::Ptr child(Qel::Name const& name) const override { return mountReference(name); }
   Qel::QelType const* fwkType() const override { return staticType(); }

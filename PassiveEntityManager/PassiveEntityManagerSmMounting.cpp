@@ -13,7 +13,6 @@
 #include "PassiveEntityManager/TraceFacility.h"
 #include "Qel/Containers/Path.h"
 #include "Qel/Core/Exception.h"
-#include "Qel/Entity/KeyedStore.h"
 #include "Qel/Mount/EntityUri.h"
 
 namespace Ledra {
@@ -61,7 +60,7 @@ Qel::InternedText PassiveEntityManagerSm::canonicalPath(Qel::InternedText const&
 
 bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
   if (!agentStatus_) return false;
-  auto const ref = agentStatus_->mountReference(Qel::Name(path));
+  auto const ref = agentStatus_->mountReference(path);
   if (!ref) return false;
   switch (ref->completion()) {
     case PassiveMountReference::Completion::complete:
@@ -108,8 +107,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
   if (!table || !agentStatus_) return;
   auto const d = demuxer();
   Qel::Name const agent = agentName();
-  Qel::Name const refName(mountPath);
-  bool const firstAttempt = !agentStatus_->mountReference(refName);
+  bool const firstAttempt = !agentStatus_->mountReference(mountPath);
   try {
     Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
@@ -119,14 +117,14 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
           static_cast<void const*>(entity.ptr()));
 
     // Looked up in place: compared before anything below can notify and change the table.
-    Qel::MountTable::Conf const* const current = Qel::findOrNull(table->conf(), path);
+    Qel::MountTable::Conf const* const current = table->confOf(path);
     Qel::MountFlags const currentFlags = current ? current->flags() : Qel::MountFlags();
     Qel::String const type = letters.has('c') ? typeName : Qel::String();
     Qel::MountTable::Conf const next(path, type, flags, d ? Qel::Name(d->name()) : Qel::Name());
     bool const unchanged =
         (current && next == *current) ||
         (currentFlags.has(Qel::MountFlags::kConvertible) && !flags.has(Qel::MountFlags::kWrite));
-    auto const ref = agentStatus_->mountReferenceIs(refName);
+    auto const ref = agentStatus_->mountReferenceIs(mountPath);
     if (unchanged) {
       if (d) d->pathServedIs(mountPath, true);
       ref->completeIs(true);

@@ -96,15 +96,13 @@ bool PassiveEntityManagerSm::queueProfileGroups() {
 void PassiveEntityManagerSm::serveReadyGroups() {
   TRACE(PassiveEntityManager, kTraceDecision, "ready mount group pending");
   auto const table = demuxer()->outMount();
-  // The walk only finds the record to name in the trace.
   if (table->incompleteStatuses() != 0) {
-    for (auto const& [cd, stat] : table->status()) {
-      if (stat.status() == Qel::MountTable::complete_) continue;
-      TRACE(PassiveEntityManager, kTraceDecision,
-            "readyMountGroupPending_ Exception: {}, status: {}, path: {}", stat.exceptionDesc(),
-            Qel::MountTable::Stat(stat.status()).text(), cd.text());
-      break;
-    }
+    // The record named in the trace is the first incomplete one by path.
+    Qel::ConnectDesc const cd = table->firstIncompleteStatus();
+    Qel::MountTable::Stat const stat = table->stat(cd);
+    TRACE(PassiveEntityManager, kTraceDecision,
+          "readyMountGroupPending_ Exception: {}, status: {}, path: {}", stat.exceptionDesc(),
+          Qel::MountTable::Stat(stat.status()).text(), cd.text());
     return;
   }
   TRACE(PassiveEntityManager, kTraceDecision, "all previous mounts completed");

@@ -25,29 +25,25 @@ Qel::String templateValue(Qel::String const& key, PassiveAgentStatus::Ptr const&
 }
 
 Qel::String substituteTemplates(Qel::String const& path, TemplateValueLookup const& valueOf) {
+  // A key runs from its "%" up to the next "%" (which starts another key), "-" or "/" (which
+  // follows the key's value), or the end; everything else is copied as it stands.
+  std::string_view const text(path);
   Qel::String out;
-  Qel::String key;
-  bool inKey = false;
-  for (char c : path) {
-    if (c == '%') {
-      if (inKey) out += valueOf(key);
-      key.assign(1, c);
-      inKey = true;
-      continue;
-    }
-    if (inKey && (c == '-' || c == '/')) {
-      out += valueOf(key);
-      out += c;
-      inKey = false;
-      continue;
-    }
-    if (inKey) {
-      key += c;
-      continue;
-    }
-    out += c;
+  out.reserve(text.size() + 16);
+  std::size_t pos = 0;
+  while (pos < text.size()) {
+    std::size_t const start = text.find('%', pos);
+    out.append(text.substr(pos, start == std::string_view::npos ? start : start - pos));
+    if (start == std::string_view::npos) break;
+    std::size_t const end = text.find_first_of("%-/", start + 1);
+    out +=
+        valueOf(Qel::String(text.substr(start, end == std::string_view::npos ? end : end - start)));
+    if (end == std::string_view::npos) break;
+    pos = end;
+    if (text[end] == '%') continue;
+    out += text[end];
+    ++pos;
   }
-  if (inKey) out += valueOf(key);
   return out;
 }
 

@@ -362,9 +362,8 @@ std::string World::apply(Event const& e) {
       }
       if (!a.agent->connected() || !table || table->confs() == 0)
         return "unsync " + agentName + ": nothing";
-      auto it = table->conf().begin();
-      std::advance(it, e.index % table->confs());
-      std::string const path = it->first;
+      auto const confs = table->conf();
+      std::string const path = confs[e.index % confs.size()].first;
       MountTable::PathState s = MountTable::PathState().mountedIs(true).completeIs(true);
       if (e.index % 4 == 0) s = synchronisedState().monitoringIs(true).monitoringEidIs(42);
       a.unsynced.insert(path);

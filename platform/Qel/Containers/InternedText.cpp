@@ -4,22 +4,30 @@
 
 namespace Qel {
 
-// The nodes of every interned text, found by text. Never destroyed, so that an InternedText held
-// by a static object can still let go of its node at exit.
+// The nodes of every interned text, found by text: each node lives in the set itself (one
+// allocation per text besides the text's own), and its holder count, which neither the hash nor
+// the equality reads, is changed in place. Never destroyed, so that an InternedText held by a
+// static object can still let go of its node at exit.
 struct InternTable {
   using Node = InternedText::Node;
+  // A node is found by its text, or by its address when it is let go.
   struct NodeHash {
     using is_transparent = void;
-    std::size_t operator()(Node const* n) const { return n->hash; }
-    std::size_t operator()(std::string_view text) const { return InternedText::hashOf(text); }
+    std::size_t operator()(Node const& n) const noexcept { return n.hash; }
+    std::size_t operator()(Node const* n) const noexcept { return n->hash; }
+    std::size_t operator()(std::string_view text) const noexcept {
+      return InternedText::hashOf(text);
+    }
   };
   struct NodeEqual {
     using is_transparent = void;
-    bool operator()(Node const* a, Node const* b) const { return a == b; }
-    bool operator()(Node const* a, std::string_view b) const { return a->text == b; }
-    bool operator()(std::string_view a, Node const* b) const { return b->text == a; }
+    bool operator()(Node const& a, Node const& b) const { return &a == &b; }
+    bool operator()(Node const& a, Node const* b) const { return &a == b; }
+    bool operator()(Node const* a, Node const& b) const { return a == &b; }
+    bool operator()(Node const& a, std::string_view b) const { return a.text == b; }
+    bool operator()(std::string_view a, Node const& b) const { return b.text == a; }
   };
-  using Set = std::unordered_set<Node*, NodeHash, NodeEqual>;
+  using Set = std::unordered_set<Node, NodeHash, NodeEqual>;
 
   static Set& nodes() {
     static Set* const set = new Set();
@@ -30,18 +38,17 @@ struct InternTable {
 InternedText::InternedText(std::string_view text) {
   if (text.empty()) return;
   InternTable::Set& nodes = InternTable::nodes();
-  if (auto const it = nodes.find(text); it != nodes.end()) {
-    node_ = *it;
-    ++node_->holders;
-    return;
+  auto it = nodes.find(text);
+  if (it == nodes.end()) {
+    it = nodes.insert(Node{String(text), hashOf(text), 0}).first;
   }
-  node_ = new Node{String(text), hashOf(text), 1};
-  nodes.insert(node_);
+  node_ = const_cast<Node*>(&*it);
+  ++node_->holders;
 }
 
 void InternedText::release(Node* node) {
-  InternTable::nodes().erase(node);
-  delete node;
+  InternTable::Set& nodes = InternTable::nodes();
+  nodes.erase(nodes.find(static_cast<Node const*>(node)));
 }
 
 std::size_t InternedText::interned() {

@@ -44,7 +44,7 @@ class QEL_API InternedText {
   operator String const&() const { return str(); }
   operator std::string_view() const { return str(); }
   bool empty() const { return node_ == nullptr; }
-  std::size_t hash() const { return node_ ? node_->hash : hashOf({}); }
+  std::size_t hash() const noexcept { return node_ ? node_->hash : hashOf({}); }
 
   friend bool operator==(InternedText const& a, InternedText const& b) {
     return a.node_ == b.node_;
@@ -61,15 +61,18 @@ class QEL_API InternedText {
   }
 
   // The hash of a text as InternedText keeps it.
-  static std::size_t hashOf(std::string_view text) { return std::hash<std::string_view>()(text); }
+  static std::size_t hashOf(std::string_view text) noexcept {
+    return std::hash<std::string_view>()(text);
+  }
   // The number of distinct texts held now.
   static std::size_t interned();
 
-  // Hash and equality for unordered containers, searchable with a plain text.
+  // Hash and equality for unordered containers, searchable with a plain text. The hash of a held
+  // text is read from its node, so (being noexcept) containers do not keep a copy of it.
   struct Hash {
     using is_transparent = void;
-    std::size_t operator()(InternedText const& p) const { return p.hash(); }
-    std::size_t operator()(std::string_view text) const { return hashOf(text); }
+    std::size_t operator()(InternedText const& p) const noexcept { return p.hash(); }
+    std::size_t operator()(std::string_view text) const noexcept { return hashOf(text); }
   };
   struct Equal {
     using is_transparent = void;

@@ -15,6 +15,13 @@
 //                                    NotifyingEntityMapIn<M, kAid> names it by its map type.
 //   NotifyingQueue<V, kAid>          a LinkQueue: enq(), deq(), set(), del() notify with the index
 //                                    of the entry; delAll() dequeues one by one, each notified.
+//   NotifyingRecordMap<K, V...>      several keyed collections whose elements share their keys:
+//                                    one hashed record per key holds the key's element of each
+//                                    collection I (of type V_I) that has one, so a key costs one
+//                                    node and one lookup for all of them. RecordField<Records, I,
+//                                    Told> names collection I and the key type its notifiees are
+//                                    told; set() and del() store, notify and return as
+//                                    NotifyingMap's do, each for its own collection.
 //
 // Each notification is delivered through GenericIf::notify: the typed notifiee's qelDispatch
 // turns it into its onX callbacks (see AttrList.h). A map keyed by InternedText tells its keys as
@@ -23,12 +30,17 @@
 // allocates beyond what the stored value itself needs. Single-threaded.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <optional>
+#include <tuple>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "Qel/Containers/InternedText.h"
 #include "Qel/Containers/LinkQueue.h"
@@ -157,7 +169,10 @@ class NotifyingEntityMap {
   Map const& map() const { return entities_.map(); }
   std::size_t size() const { return entities_.size(); }
   bool empty() const { return entities_.empty(); }
-  Ptr<E> find(Name const& name) const { return entities_.find(name); }
+  template <class K>
+  Ptr<E> find(K const& name) const {
+    return entities_.find(name);
+  }
 
   // `child` must not be in the map yet.
   void insert(GenericIf const& owner, Ptr<E> const& child) {
@@ -235,6 +250,131 @@ class NotifyingQueue {
 
  private:
   Queue queue_;
+};
+
+// The key of a record map that a lookup value stands for: the value itself, unless an overload
+// for its type (found by argument-dependent lookup) gives the key it holds.
+template <class Q>
+Q const& qelRecordKey(Q const& q) {
+  return q;
+}
+
+// K has a nested Hash and Equal (as InternedText does); lookups take anything they take.
+template <class K, class... V>
+class NotifyingRecordMap {
+ public:
+  static_assert(sizeof...(V) > 0 && sizeof...(V) <= 8, "one to eight collections");
+  using Key = K;
+  template <std::size_t I>
+  using Element = std::tuple_element_t<I, std::tuple<V...>>;
+
+  template <std::size_t I>
+  std::size_t size() const {
+    return counts_[I];
+  }
+  // Collection I's element under `q`, or null.
+  template <std::size_t I, class Q>
+  Element<I> const* find(Q const& q) const {
+    auto const it = map_.find(qelRecordKey(q));
+    if (it == map_.end() || !it->second.has(I)) return nullptr;
+    return &std::get<I>(it->second.values);
+  }
+  // Calls f(key, element) for every element of collection I, in no particular order.
+  template <std::size_t I, class F>
+  void forEach(F&& f) const {
+    for (auto const& [key, record] : map_) {
+      if (record.has(I)) f(key, std::get<I>(record.values));
+    }
+  }
+  // Collection I as (key, element) pairs ordered by key, the key as S.
+  template <std::size_t I, class S>
+  std::vector<std::pair<S, Element<I>>> sorted() const {
+    std::vector<std::pair<S, Element<I>>> out;
+    out.reserve(counts_[I]);
+    forEach<I>([&out](K const& key, Element<I> const& v) { out.emplace_back(S(key), v); });
+    std::sort(out.begin(), out.end(),
+              [](auto const& a, auto const& b) { return a.first < b.first; });
+    return out;
+  }
+
+  // Stores `v` in collection I under `q`; on a change, notifies attribute kAid with the key as
+  // Told. Returns whether anything changed.
+  template <std::size_t I, AttributeId kAid, class Told, class Q>
+  bool set(GenericIf const& owner, Q const& q, Element<I> const& v) {
+    auto it = map_.find(qelRecordKey(q));
+    if (it == map_.end()) it = map_.try_emplace(K(qelRecordKey(q))).first;
+    Record& record = it->second;
+    auto& slot = std::get<I>(record.values);
+    if (record.has(I)) {
+      if (slot == v) return false;
+      slot = v;
+    } else {
+      slot = v;
+      record.present |= bit(I);
+      ++counts_[I];
+    }
+    // A notifiee may remove the record: the key is told from a copy.
+    K const key = it->first;
+    tell<kAid, Told>(owner, key);
+    return true;
+  }
+  // Removes collection I's element under `q`; returns whether there was one. The removed element
+  // is released after the notification, and the record with its last element.
+  template <std::size_t I, AttributeId kAid, class Told, class Q>
+  bool del(GenericIf const& owner, Q const& q) {
+    auto const it = map_.find(qelRecordKey(q));
+    if (it == map_.end() || !it->second.has(I)) return false;
+    Record& record = it->second;
+    [[maybe_unused]] Element<I> const removed =
+        std::exchange(std::get<I>(record.values), Element<I>());
+    record.present &= static_cast<std::uint8_t>(~bit(I));
+    --counts_[I];
+    K const key = it->first;
+    if (record.present == 0) map_.erase(it);
+    tell<kAid, Told>(owner, key);
+    return true;
+  }
+  template <std::size_t I, AttributeId kAid, class Told>
+  void delAll(GenericIf const& owner) {
+    std::vector<K> keys;
+    keys.reserve(counts_[I]);
+    forEach<I>([&keys](K const& key, Element<I> const&) { keys.push_back(key); });
+    for (K const& key : keys)
+      del<I, kAid, Told>(owner, key);
+  }
+
+ private:
+  struct Record {
+    std::tuple<V...> values;
+    std::uint8_t present = 0;
+    bool has(std::size_t i) const { return (present & bit(i)) != 0; }
+  };
+  static constexpr std::uint8_t bit(std::size_t i) { return static_cast<std::uint8_t>(1u << i); }
+
+  template <AttributeId kAid, class Told>
+  static void tell(GenericIf const& owner, K const& key) {
+    if constexpr (std::is_convertible_v<K const&, Told const&>) {
+      AttrNotifier::notifyKey(owner, kAid, key);
+    } else {
+      AttrNotifier::notifyKey(owner, kAid, Told(key));
+    }
+  }
+
+  std::unordered_map<K, Record, typename K::Hash, typename K::Equal> map_;
+  std::array<std::size_t, sizeof...(V)> counts_{};
+};
+
+// Collection I of the record map Records, its keys told to notifiees (and given to the
+// reflection) as Told; Sorted is the key of its ordered listing (Told, or the record map's own
+// key when that converts to Told without a copy).
+template <class Records, std::size_t I, class Told>
+struct RecordField {
+  static constexpr std::size_t kIndex = I;
+  using Element = typename Records::template Element<I>;
+  using Key = Told;
+  using Sorted =
+      std::conditional_t<std::is_convertible_v<typename Records::Key const&, Told const&>,
+                         typename Records::Key, Told>;
 };
 
 }  // namespace Qel

@@ -59,6 +59,15 @@
 //                                  nameDeq() (the value), nameIs(i, v), nameDel(i), nameDelAll(),
 //                                  nameMetadata(); writable by name
 //   queueRo     element type T     the same; read-only by name
+//   recordField RecordField type T one collection of the record map the entity holds as
+//                                  qelRecords_ (a NotifyingRecordMap; declared with
+//                                  QEL_ATTR_RECORDS): name() (the collection ordered by key, a
+//                                  copy), nameOf(k) (the element, or null), nameIs(k, v),
+//                                  nameDel(k), nameDelAll(); read-only by name
+//   recordFieldOwnIs  RecordField type T  as recordField, but nameIs is the entity's own, written
+//                                  on qelRecords_ (for a write that does more than store)
+//   recordFieldOwnWrites RecordField type T  as recordField, but nameIs, nameDel and nameDelAll
+//                                  are the entity's own
 //   custom      key type T         accessors and storage are the entity's own; the reflection is
 //                                  registered by its static qelReflectName(TypeBuilder<E>&)
 //   handler     -                  an id only; handlers are registered after the list
@@ -162,13 +171,14 @@ class TypeBuilder;
   QEL_ATTR_ACCESSOR_MAP_READ(T, name __VA_OPT__(, ) __VA_ARGS__)
 #define QEL_ATTR_ACCESSOR_notifieeMap QEL_ATTR_ACCESSOR_mapOwnWrites
 
-#define QEL_ATTR_ACCESSOR_childMap(T, name, Upper, ...)      \
-  T const& name() const {                                    \
-    return name##_.map();                                    \
-  }                                                          \
-  typename T::mapped_type name(::Qel::Name const& n) const { \
-    return name##_.find(n);                                  \
-  }                                                          \
+#define QEL_ATTR_ACCESSOR_childMap(T, name, Upper, ...) \
+  T const& name() const {                               \
+    return name##_.map();                               \
+  }                                                     \
+  template <class K>                                    \
+  typename T::mapped_type name(K const& n) const {      \
+    return name##_.find(n);                             \
+  }                                                     \
   QEL_ATTR_ACCESSOR_DELETE(::Qel::Name const&, name __VA_OPT__(, ) __VA_ARGS__)
 #define QEL_ATTR_ACCESSOR_children(T, name, Upper, ...) \
   QEL_ATTR_ACCESSOR_childMap(QEL_ATTR_CHILD_MAP(T), name, Upper __VA_OPT__(, ) __VA_ARGS__)
@@ -196,6 +206,34 @@ class TypeBuilder;
   QEL_ATTR_ACCESSOR_DELETE(::Qel::U32, name __VA_OPT__(, ) __VA_ARGS__)
 #define QEL_ATTR_ACCESSOR_queueRo QEL_ATTR_ACCESSOR_queue
 
+#define QEL_ATTR_RECORD_ARGS(T, Upper) T::kIndex, k##Upper, typename T::Key
+#define QEL_ATTR_ACCESSOR_recordFieldOwnWrites(T, name, Upper, ...)              \
+  std::vector<std::pair<typename T::Sorted, typename T::Element>> name() const { \
+    return qelRecords_.template sorted<T::kIndex, typename T::Sorted>();         \
+  }                                                                              \
+  template <class K>                                                             \
+  typename T::Element const* name##Of(K const& k) const {                        \
+    return qelRecords_.template find<T::kIndex>(k);                              \
+  }                                                                              \
+  __VA_OPT__(std::size_t __VA_ARGS__() const { return qelRecords_.template size<T::kIndex>(); })
+#define QEL_ATTR_RECORD_DELETE(T, name, Upper)                          \
+  void name##Del(typename T::Key const& k) {                            \
+    qelRecords_.template del<QEL_ATTR_RECORD_ARGS(T, Upper)>(*this, k); \
+  }                                                                     \
+  void name##DelAll() {                                                 \
+    qelRecords_.template delAll<QEL_ATTR_RECORD_ARGS(T, Upper)>(*this); \
+  }
+#define QEL_ATTR_RECORD_SET(T, name, Upper)                                \
+  void name##Is(typename T::Key const& k, typename T::Element const& v) {  \
+    qelRecords_.template set<QEL_ATTR_RECORD_ARGS(T, Upper)>(*this, k, v); \
+  }
+#define QEL_ATTR_ACCESSOR_recordFieldOwnIs(T, name, Upper, ...)                     \
+  QEL_ATTR_ACCESSOR_recordFieldOwnWrites(T, name, Upper __VA_OPT__(, ) __VA_ARGS__) \
+      QEL_ATTR_RECORD_DELETE(T, name, Upper)
+#define QEL_ATTR_ACCESSOR_recordField(T, name, Upper, ...)                          \
+  QEL_ATTR_ACCESSOR_recordFieldOwnWrites(T, name, Upper __VA_OPT__(, ) __VA_ARGS__) \
+      QEL_ATTR_RECORD_DELETE(T, name, Upper) QEL_ATTR_RECORD_SET(T, name, Upper)
+
 // --- storage
 
 #define QEL_ATTR_STORAGE(LIST) LIST(QEL_ATTR_FIELD)
@@ -222,6 +260,11 @@ class TypeBuilder;
   QEL_ATTR_FIELD_childMap(QEL_ATTR_CHILD_MAP(T), name, Upper)
 #define QEL_ATTR_FIELD_queue(T, name, Upper) ::Qel::NotifyingQueue<T, k##Upper> name##_;
 #define QEL_ATTR_FIELD_queueRo QEL_ATTR_FIELD_queue
+#define QEL_ATTR_FIELD_recordField(T, name, Upper)
+#define QEL_ATTR_FIELD_recordFieldOwnIs(T, name, Upper)
+#define QEL_ATTR_FIELD_recordFieldOwnWrites(T, name, Upper)
+// The record map the recordField kinds share.
+#define QEL_ATTR_RECORDS(Records) Records qelRecords_;
 
 // --- the typed notifiee
 
@@ -244,6 +287,9 @@ class TypeBuilder;
 #define QEL_ATTR_KEY_childMap(T) ::Qel::Name
 #define QEL_ATTR_KEY_queue(T) ::Qel::U32
 #define QEL_ATTR_KEY_queueRo(T) ::Qel::U32
+#define QEL_ATTR_KEY_recordField(T) typename T::Key
+#define QEL_ATTR_KEY_recordFieldOwnIs(T) typename T::Key
+#define QEL_ATTR_KEY_recordFieldOwnWrites(T) typename T::Key
 
 #define QEL_ATTR_NOTIFIEE(LIST)                                                          \
   LIST(QEL_ATTR_ON)                                                                      \
@@ -341,6 +387,12 @@ class TypeBuilder;
   QEL_ATTR_REFLECT_COLLECTION(::Qel::Name, typename T::mapped_type, name))
 #define QEL_ATTR_REFLECT_children(T, name, Upper) \
   QEL_ATTR_REFLECT_childMap(QEL_ATTR_CHILD_MAP(T), name, Upper)
+#define QEL_ATTR_REFLECT_recordField(T, name, Upper)                                \
+  .template collection<typename T::Key, typename T::Element>(                       \
+      #name, [](auto const& e, typename T::Key const& k) { return e.name##Of(k); }, \
+      [](auto const& e) { return e.qelRecords_.template size<T::kIndex>(); })
+#define QEL_ATTR_REFLECT_recordFieldOwnIs QEL_ATTR_REFLECT_recordField
+#define QEL_ATTR_REFLECT_recordFieldOwnWrites QEL_ATTR_REFLECT_recordField
 #define QEL_ATTR_REFLECT_queueRo(T, name, Upper) QEL_ATTR_REFLECT_COLLECTION(::Qel::U32, T, name))
 #define QEL_ATTR_REFLECT_queue(T, name, Upper)                                   \
   QEL_ATTR_REFLECT_COLLECTION(::Qel::U32, T, name),                            \

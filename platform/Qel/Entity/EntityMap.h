@@ -27,7 +27,9 @@ class EntityMap {
       e->qelParentIs(nullptr);
   }
 
-  Ptr<E> find(Name const& name) const {
+  // Any text the map's key can be compared with: a name, or a view where the key is one.
+  template <class K>
+  Ptr<E> find(K const& name) const {
     auto it = map_.find(name);
     return it == map_.end() ? nullptr : it->second;
   }

@@ -38,6 +38,11 @@ class QEL_API ConnectDesc {
   InternedText path_;
 };
 
+// A record map keyed by path finds a descriptor's record by its interned path.
+inline InternedText const& qelRecordKey(ConnectDesc const& cd) {
+  return cd.internedPath();
+}
+
 }  // namespace Qel
 
 template <>

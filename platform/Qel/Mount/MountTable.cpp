@@ -1,7 +1,6 @@
 #include "Qel/Mount/MountTable.h"
 
 #include "Check/Check.h"
-#include "Qel/Entity/KeyedStore.h"
 #include "Qel/NboAttrLog/Demuxer.h"
 #include "Qel/Reflection/TypeBuilder.h"
 
@@ -99,75 +98,38 @@ QelType const* MountTable::PathState::staticType() {
   return t;
 }
 
-void MountTable::currentVersionIs(U32 v) {
-  if (v == currentVersion_) return;
-  currentVersion_ = v;
-  notify(kCurrentVersion);
-}
-
-MountTable::Conf MountTable::conf(String const& path) const {
-  auto it = conf_.find(path);
-  return it == conf_.end() ? Conf() : it->second;
-}
-
 void MountTable::confIs(Conf const& c) {
   QEL_CHECK(!c.path().empty(), "!c.path().empty() && \"mount configuration without a path\"");
-  if (!storeIfChanged(conf_, c.internedPath(), c)) return;
   // The notification may drop the last outside reference to this table.
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
-  InternedText const path = c.internedPath();
-  notifyKey(kConf, path.str());
+  if (!qelRecords_.set<QEL_ATTR_RECORD_ARGS(ConfField, Conf)>(*this, c.internedPath(), c)) return;
   if (connection_) connection_->mountRequest(c);
 }
 
-void MountTable::confDel(String const& path) {
-  if (!eraseIfPresent(conf_, path)) return;
-  notifyKey(kConf, path);
-}
-
-MountTable::Stat MountTable::stat(ConnectDesc const& cd) const {
-  auto it = status_.find(cd);
-  return it == status_.end() ? Stat() : it->second;
+ConnectDesc MountTable::firstIncompleteStatus() const {
+  InternedText const* first = nullptr;
+  if (incomplete_ == 0) return ConnectDesc();
+  qelRecords_.forEach<StatField::kIndex>([&first](InternedText const& path, Stat const& s) {
+    if (s.status() == complete_) return;
+    if (!first || path < *first) first = &path;
+  });
+  return first ? ConnectDesc(*first) : ConnectDesc();
 }
 
 void MountTable::statusIs(ConnectDesc const& cd, Stat const& s) {
-  auto const [it, inserted] = status_.try_emplace(cd, s);
-  if (!inserted) {
-    if (it->second == s) return;
-    incomplete_ -= it->second.status() != complete_;
-    it->second = s;
-  }
+  Stat const* const old = statusOf(cd);
+  if (old && *old == s) return;
+  // Counted before the notification: a notifiee reads the count.
+  incomplete_ -= old && old->status() != complete_;
   incomplete_ += s.status() != complete_;
-  notifyKey(kStatus, cd);
+  qelRecords_.set<QEL_ATTR_RECORD_ARGS(StatField, Status)>(*this, cd, s);
 }
 
 void MountTable::statusDel(ConnectDesc const& cd) {
-  auto const it = status_.find(cd);
-  if (it == status_.end()) return;
-  incomplete_ -= it->second.status() != complete_;
-  status_.erase(it);
-  notifyKey(kStatus, cd);
-}
-
-MountTable::PathState MountTable::pathState(String const& path) const {
-  auto it = pathState_.find(path);
-  return it == pathState_.end() ? PathState() : it->second;
-}
-
-void MountTable::pathStateIs(String const& path, PathState const& s) {
-  auto const it = pathState_.find(path);
-  if (it == pathState_.end()) {
-    pathState_.emplace(InternedText(path), s);
-  } else {
-    if (it->second == s) return;
-    it->second = s;
-  }
-  notifyKey(kPathState, path);
-}
-
-void MountTable::pathStateDel(String const& path) {
-  if (!eraseIfPresent(pathState_, path)) return;
-  notifyKey(kPathState, path);
+  Stat const* const old = statusOf(cd);
+  if (!old) return;
+  incomplete_ -= old->status() != complete_;
+  qelRecords_.del<QEL_ATTR_RECORD_ARGS(StatField, Status)>(*this, cd);
 }
 
 QelType const* MountTable::statusType() {
@@ -181,36 +143,8 @@ QelType const* MountTable::statusType() {
 }
 
 QelType const* MountTable::staticType() {
-  using M = MountTable;
   static QelType const* t =
-      TypeBuilder<M>("Qel::MountTable")
-          .value<U32>(
-              "currentVersion", [](M const& m) { return m.currentVersion(); },
-              [](M& m, U32 v) { m.currentVersionIs(v); })
-          .collection<String, Conf>(
-              "conf",
-              [](M const& m, String const& p) -> std::optional<Conf> {
-                auto it = m.conf().find(p);
-                if (it == m.conf().end()) return std::nullopt;
-                return it->second;
-              },
-              [](M const& m) { return m.confs(); })
-          .collection<ConnectDesc, Stat>(
-              "status",
-              [](M const& m, ConnectDesc const& cd) -> std::optional<Stat> {
-                auto it = m.status().find(cd);
-                if (it == m.status().end()) return std::nullopt;
-                return it->second;
-              },
-              [](M const& m) { return m.statuses(); })
-          .collection<String, PathState>(
-              "pathState",
-              [](M const& m, String const& p) -> std::optional<PathState> {
-                auto it = m.pathState().find(p);
-                if (it == m.pathState().end()) return std::nullopt;
-                return it->second;
-              },
-              [](M const& m) { return m.pathStates(); })
+      TypeBuilder<MountTable>("Qel::MountTable") QEL_ATTR_REFLECTION(QEL_MOUNT_TABLE_ATTRIBUTES)
           .factory([](Name const& n) { return Entity::Ptr(mountTableNew(n)); })
           .done();
   return t;

@@ -10,28 +10,35 @@
 //     an equal configuration changes nothing, notifies nobody and sends nothing.
 //   - status: per connect descriptor (the mounted path) a Stat record: the state of the latest
 //     mount request (inProgress_, complete_, failed_) and, for a failure, the peer's exception
-//     text. Ordered by connect descriptor. The connection writes it: in progress when a request
-//     goes out, complete or failed when the peer answers.
+//     text. The connection writes it: in progress when a request goes out, complete or failed
+//     when the peer answers.
 //   - pathState: per path, what the peer reports of its copy of the entity: mounted, complete
 //     (its initial transfer is done), synchronised (the peer holds the entity's state), mount
 //     point (the path is the point at which a mount was made, not just inside one), and whether
 //     it still monitors an entity (monitoringEid names it). The peer writes it.
 //
+// The three collections share their keys: one hashed record per path (its interned text, shared
+// with every other table that holds it) holds the path's configuration, status and state, and
+// lives while any of them is present. Lookups take the path as text, as interned text or as
+// connect descriptor. conf(), status() and pathState() list a collection ordered by path (a
+// copy, for reports and checks, not for the data path).
+//
 // Lookups of absent keys give empty values: conf(path) an empty Conf, status(cd) none_, stat(cd)
 // a record with status none_ and no exception text, pathState(path) a PathState with everything
-// false (hasPathState tells whether the peer reported one at all).
+// false (hasPathState tells whether the peer reported one at all); confOf, statusOf and
+// pathStateOf give null instead.
 //
 // Every change notifies once (onCurrentVersion, onConf(path), onStatus(cd), onPathState(path));
-// storing an equal value notifies nobody. Paths are kept interned (Qel::InternedText): the key,
-// the configuration and the status record of one path share its text with every other table
-// that holds it. Single-threaded.
+// storing an equal value notifies nobody. Single-threaded.
 #pragma once
 
 #include "Qel/Core/Api.h"
 
-#include <map>
+#include <utility>
+#include <vector>
 
 #include "Qel/Containers/InternedText.h"
+#include "Qel/Entity/AttrList.h"
 #include "Qel/Entity/Entity.h"
 #include "Qel/Entity/Notifiee.h"
 #include "Qel/Mount/ConnectDesc.h"
@@ -45,11 +52,17 @@ namespace NboAttrLog {
 class Demuxer;
 }
 
+// The attributes, in id order (see Qel/Entity/AttrList.h).
+#define QEL_MOUNT_TABLE_ATTRIBUTES(X)                                           \
+  X(value, plain, U32, currentVersion, CurrentVersion)                          \
+  X(recordFieldOwnIs, key, MountTable::ConfField, conf, Conf, confs)            \
+  X(recordFieldOwnWrites, key, MountTable::StatField, status, Status, statuses) \
+  X(recordField, key, MountTable::PathStateField, pathState, PathState, pathStates)
+
 class QEL_API MountTable : public Entity {
  public:
   using Ptr = Qel::Ptr<MountTable>;
   using PtrConst = Qel::Ptr<MountTable const>;
-  enum : AttributeId { kCurrentVersion = 1, kConf, kStatus, kPathState };
   static constexpr U32 kProtocolVersion = 5;
 
   enum Status { inProgress_, complete_, failed_, none_ };
@@ -149,10 +162,12 @@ class QEL_API MountTable : public Entity {
     U64 monitoringEid_ = 0;
   };
 
-  // Ordered by path, searchable with a plain text.
-  using ConfMap = std::map<InternedText, Conf, std::less<>>;
-  using StatusMap = std::map<ConnectDesc, Stat>;
-  using PathStateMap = std::map<InternedText, PathState, std::less<>>;
+  // One record per path: its configuration, status and state.
+  using Records = NotifyingRecordMap<InternedText, Conf, Stat, PathState>;
+  using ConfField = RecordField<Records, 0, String>;
+  using StatField = RecordField<Records, 1, ConnectDesc>;
+  using PathStateField = RecordField<Records, 2, String>;
+  QEL_ATTR_IDS(QEL_MOUNT_TABLE_ATTRIBUTES);
 
   template <class N>
   class NotifieeT;
@@ -161,32 +176,42 @@ class QEL_API MountTable : public Entity {
 
   static Ptr mountTableNew(Name const& name) { return Ptr(new MountTable(name)); }
 
-  U32 currentVersion() const { return currentVersion_; }
-  void currentVersionIs(U32 v);
+  // currentVersion(Is); conf(), confOf(path), confs(), confDel(path); status(), statusOf(cd),
+  // statuses(); pathState(), pathStateOf(path), pathStates(), pathStateIs(path, s),
+  // pathStateDel(path).
+  QEL_ATTR_ACCESSORS(QEL_MOUNT_TABLE_ATTRIBUTES)
 
-  ConfMap const& conf() const { return conf_; }
-  Conf conf(String const& path) const;
-  std::size_t confs() const { return conf_.size(); }
+  template <class K>
+  Conf conf(K const& path) const {
+    Conf const* c = confOf(path);
+    return c ? *c : Conf();
+  }
   // Installs `c` (its path must not be empty); see the header comment.
   void confIs(Conf const& c);
-  void confDel(String const& path);
 
-  StatusMap const& status() const { return status_; }
   Status status(ConnectDesc const& cd) const { return stat(cd).status(); }
-  Stat stat(ConnectDesc const& cd) const;
-  std::size_t statuses() const { return status_.size(); }
+  Stat stat(ConnectDesc const& cd) const {
+    Stat const* s = statusOf(cd);
+    return s ? *s : Stat();
+  }
   // The number of status records not complete_: a caller waiting for every mount to complete
   // asks this instead of walking the records.
   std::size_t incompleteStatuses() const { return incomplete_; }
+  // The connect descriptor of the record not complete_ that comes first by path; empty when
+  // every record is complete_.
+  ConnectDesc firstIncompleteStatus() const;
   void statusIs(ConnectDesc const& cd, Stat const& s);
   void statusDel(ConnectDesc const& cd);
 
-  PathStateMap const& pathState() const { return pathState_; }
-  PathState pathState(String const& path) const;
-  bool hasPathState(String const& path) const { return pathState_.contains(path); }
-  std::size_t pathStates() const { return pathState_.size(); }
-  void pathStateIs(String const& path, PathState const& s);
-  void pathStateDel(String const& path);
+  template <class K>
+  PathState pathState(K const& path) const {
+    PathState const* s = pathStateOf(path);
+    return s ? *s : PathState();
+  }
+  template <class K>
+  bool hasPathState(K const& path) const {
+    return pathStateOf(path) != nullptr;
+  }
 
   // The connection that sends this table's configurations to the peer; null when unbound.
   // Bound and unbound by the Demuxer itself.
@@ -202,11 +227,9 @@ class QEL_API MountTable : public Entity {
   ~MountTable() override = default;
 
  private:
-  U32 currentVersion_ = 0;
-  ConfMap conf_;
-  StatusMap status_;
-  std::size_t incomplete_ = 0;  // records of status_ whose status is not complete_
-  PathStateMap pathState_;
+  QEL_ATTR_STORAGE(QEL_MOUNT_TABLE_ATTRIBUTES)
+  QEL_ATTR_RECORDS(Records)
+  std::size_t incomplete_ = 0;  // status records whose status is not complete_
   NboAttrLog::Demuxer* connection_ = nullptr;
 };
 
@@ -214,24 +237,7 @@ template <class N>
 class MountTable::NotifieeT : public BasicNotifiee<N> {
  public:
   using BasicNotifiee<N>::BasicNotifiee;
-  virtual void onCurrentVersion() {}
-  virtual void onConf(String const& path) {}
-  virtual void onStatus(ConnectDesc const& cd) {}
-  virtual void onPathState(String const& path) {}
-  void qelDispatch(AttributeId aid, NotifyKey const& key) override {
-    switch (aid) {
-      case kCurrentVersion:
-        return onCurrentVersion();
-      case kConf:
-        return onConf(*static_cast<String const*>(key.native));
-      case kStatus:
-        return onStatus(*static_cast<ConnectDesc const*>(key.native));
-      case kPathState:
-        return onPathState(*static_cast<String const*>(key.native));
-      default:
-        return;
-    }
-  }
+  QEL_ATTR_NOTIFIEE(QEL_MOUNT_TABLE_ATTRIBUTES)
 };
 
 // The status enum in the reflection ("Qel::MountTable::Status").

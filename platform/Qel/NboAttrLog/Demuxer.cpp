@@ -61,7 +61,13 @@ void Demuxer::mountRequest(MountTable::Conf const& conf) {
   flowOutMountRequests_.set(*this, flowOutMountRequests() + 1);
   // A handler of the notifications above may have closed the connection.
   if (!transport_ || closed_) return;
-  transport_->sendMountRequest(conf.path() + "?flags=" + conf.flags().text(), conf.type(), seqno);
+  // "path?flags=letters", written into one allocation.
+  constexpr std::string_view kQuery = "?flags=";
+  String const letters = conf.flags().text();
+  String uri;
+  uri.reserve(conf.path().size() + kQuery.size() + letters.size());
+  uri.append(conf.path()).append(kQuery).append(letters);
+  transport_->sendMountRequest(uri, conf.type(), seqno);
 }
 
 bool Demuxer::mountAnswered(String const& path, bool ok, String const& exceptionText) {
@@ -71,6 +77,7 @@ bool Demuxer::mountAnswered(String const& path, bool ok, String const& exception
   PtrConst keepAlive(refCount() > 0 ? this : nullptr);
   ConnectDesc const cd(it->first);
   if (--it->second == 0) outstanding_.erase(it);
+  if (outstanding_.empty()) outstanding_ = decltype(outstanding_)();
   peer_->statusIs(cd, ok ? MountTable::Stat(MountTable::complete_)
                          : MountTable::Stat(MountTable::failed_, exceptionText));
   flowOutMountRequests_.set(*this, flowOutMountRequests() - 1);

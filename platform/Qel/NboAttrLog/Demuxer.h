@@ -39,6 +39,7 @@
 #include "Qel/Core/Api.h"
 
 #include <map>
+#include <unordered_map>
 
 #include "Qel/Containers/InternedText.h"
 #include "Qel/Entity/AttrList.h"
@@ -128,7 +129,8 @@ class QEL_API Demuxer : public Entity {
   U32 const epoch_;
   QEL_ATTR_STORAGE(QEL_DEMUXER_ATTRIBUTES)
   Transport::Ptr transport_;
-  std::map<InternedText, U32, std::less<>> outstanding_;
+  // Unanswered requests per path; emptied (buckets and all) whenever the last one is answered.
+  std::unordered_map<InternedText, U32, InternedText::Hash, InternedText::Equal> outstanding_;
   U32 lowMountPrioSets_ = 0;
   PathServedMap pathServed_;
   // Set before the close's work, notified after it.

@@ -31,7 +31,9 @@ using Ledra::test::Leaf;
   X(children, keyWhole, Leaf, leaf, Leaf, leaves)             \
   X(queue, keyImmediateWhole, Qel::String, line, Line, lines) \
   X(mapOwnWrites, key, HeldMap, held, Held, helds)            \
-  X(map, key, TagMap, tag, Tag, tags)
+  X(map, key, TagMap, tag, Tag, tags)                         \
+  X(recordField, key, NoteField, note, Note, notes)           \
+  X(recordField, key, MarkField, mark, Mark, marks)
 
 class Probe : public Qel::Entity {
  public:
@@ -40,6 +42,10 @@ class Probe : public Qel::Entity {
   using HeldMap = std::map<Qel::String, Leaf::Ptr>;
   using TagMap = std::unordered_map<Qel::InternedText, Qel::String, Qel::InternedText::Hash,
                                     Qel::InternedText::Equal>;
+  // Two collections sharing their keys.
+  using Records = Qel::NotifyingRecordMap<Qel::InternedText, Qel::String, Qel::String>;
+  using NoteField = Qel::RecordField<Records, 0, Qel::String>;
+  using MarkField = Qel::RecordField<Records, 1, Qel::String>;
   QEL_ATTR_IDS(PROBE_ATTRIBUTES);
   template <class N>
   class NotifieeT;
@@ -77,6 +83,7 @@ class Probe : public Qel::Entity {
 
  private:
   QEL_ATTR_STORAGE(PROBE_ATTRIBUTES)
+  QEL_ATTR_RECORDS(Records)
 };
 
 template <class N>
@@ -106,6 +113,8 @@ class Watch : public Probe::NotifieeT<Probe const> {
   void onLine() override { add("line"); }
   void onHeld(Qel::String const& k) override { add("held " + k); }
   void onTag(Qel::String const& k) override { add("tag " + k); }
+  void onNote(Qel::String const& k) override { add("note " + k); }
+  void onMark(Qel::String const& k) override { add("mark " + k); }
 
  private:
   void add(std::string const& entry) {
@@ -164,6 +173,10 @@ Row const kRows[] = {
      [](Probe& p) { Leaf::Ptr const l = Leaf::leafNew("l"); p.heldIs("k", l); p.heldIs("k", l);
                     p.heldIs("k", Leaf::leafNew("m")); p.heldIs("k", nullptr); p.heldDel("k"); },
      {"held k", "held k", "held k"}},
+    {"record fields: each tells of its own key only on a change; a delete keeps the other", {},
+     [](Probe& p) { p.noteIs("k", "1"); p.noteIs("k", "1"); p.markIs("k", "m"); p.noteDel("k");
+                    p.noteDel("k"); p.markIs("k", "m"); p.markDelAll(); p.markDel("k"); },
+     {"note k", "mark k", "note k", "mark k"}},
 };
 // clang-format on
 
@@ -244,6 +257,39 @@ TEST_F(AttrTest, InternedKeysAreToldAndReadAsTheirText) {
   EXPECT_EQ(*probe->tag(std::string("/c")), "y");
   auto const key = Qel::ValueTraits<Qel::String>::box(Qel::String("/c"));
   EXPECT_EQ(probe->attribute(Probe::kTag, key)->valueAs<Qel::String>(), "y");
+}
+
+// Record fields keep one record per key while any of them holds it: a field's element is gone
+// before its notifiees are told, a notifiee may remove the record's last element, the listing is
+// ordered by key and the reflection reads each field by its plain text key.
+TEST_F(AttrTest, RecordFieldsShareOneRecordWhileAnyHoldsTheKey) {
+  probe->noteIs(Qel::String("/b"), "1");
+  probe->noteIs(Qel::String("/a"), "2");
+  probe->markIs(Qel::String("/a"), "x");
+  EXPECT_EQ(probe->notes(), 2u);
+  EXPECT_EQ(probe->marks(), 1u);
+  auto const notes = probe->note();
+  ASSERT_EQ(notes.size(), 2u);
+  EXPECT_EQ(notes[0].first.str(), "/a");
+  EXPECT_EQ(notes[1].first.str(), "/b");
+  EXPECT_EQ(notes[1].second, "1");
+
+  watch->then = [&](std::string const& entry) {
+    if (entry != "note /a") return;
+    EXPECT_EQ(probe->noteOf("/a"), nullptr);
+    ASSERT_NE(probe->markOf("/a"), nullptr);
+    probe->markDel(Qel::String("/a"));  // the record's last element, while it is being told
+  };
+  log.clear();
+  probe->noteDel(Qel::String("/a"));
+  EXPECT_EQ(log, (Log{"note /a", "mark /a"}));
+  EXPECT_EQ(probe->marks(), 0u);
+  EXPECT_EQ(probe->notes(), 1u);
+
+  auto const key = [](char const* k) { return Qel::ValueTraits<Qel::String>::box(Qel::String(k)); };
+  EXPECT_EQ(probe->attribute(Probe::kNote, key("/b"))->valueAs<Qel::String>(), "1");
+  EXPECT_FALSE(probe->attribute(Probe::kMark, key("/b")));
+  EXPECT_FALSE(probe->attribute(Probe::kNote, key("/a")));
 }
 
 }  // namespace
