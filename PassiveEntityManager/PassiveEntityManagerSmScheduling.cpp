@@ -97,12 +97,15 @@ void PassiveEntityManagerSm::serveReadyGroups() {
   TRACE(PassiveEntityManager, kTraceDecision, "ready mount group pending");
   auto const table = demuxer()->outMount();
   if (table->incompleteStatuses() != 0) {
-    // The record named in the trace is the first incomplete one by path.
-    Qel::ConnectDesc const cd = table->firstIncompleteStatus();
-    Qel::MountTable::Stat const stat = table->stat(cd);
-    TRACE(PassiveEntityManager, kTraceDecision,
-          "readyMountGroupPending_ Exception: {}, status: {}, path: {}", stat.exceptionDesc(),
-          Qel::MountTable::Stat(stat.status()).text(), cd.text());
+    // The record named in the trace is the first incomplete one by path: finding it walks the
+    // table, so only a trace that is written pays for it.
+    if (TRACE_ENABLED(PassiveEntityManager, kTraceDecision)) {
+      Qel::ConnectDesc const cd = table->firstIncompleteStatus();
+      Qel::MountTable::Stat const stat = table->stat(cd);
+      TRACE(PassiveEntityManager, kTraceDecision,
+            "readyMountGroupPending_ Exception: {}, status: {}, path: {}", stat.exceptionDesc(),
+            Qel::MountTable::Stat(stat.status()).text(), cd.text());
+    }
     return;
   }
   TRACE(PassiveEntityManager, kTraceDecision, "all previous mounts completed");

@@ -3,6 +3,7 @@
 //   TRACE_FACILITY(Orn);                          // once, in a header: declares facility Orn
 //   TRACE(Orn, 2, "timer {} armed at {:x}", id, address);   // Duolog: text line + ring record
 //   RINGLOG(Orn, 8, "tick {}", n);                           // ring record only
+//   if (TRACE_ENABLED(Orn, 5)) { ... }                       // work done only for a trace
 //
 // A trace at level L (a constant 1..9) is written when L <= the facility's level (0..9, 0 = off;
 // see Facilities for LEDRA_TRACE). The level is tested inline before anything else: a disabled
@@ -26,6 +27,11 @@
     static constexpr int level() { return level_; }                     \
     static constexpr std::string_view format() { return format_; }      \
   }
+
+// Whether a trace of `facility_` at `level_` would be written now: for a call site whose
+// arguments take work shared by several of them (computed once, before the TRACE).
+#define TRACE_ENABLED(facility_, level_) \
+  (::Trace::detail::enabled<(level_)>(LEDRA_TRACE_FACILITY(facility_)))
 
 #define TRACE(facility_, level_, format_, ...)                                              \
   do {                                                                                      \
