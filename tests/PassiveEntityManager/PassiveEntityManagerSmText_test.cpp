@@ -61,6 +61,8 @@ TEST(IndexText, CanonicalFormRoundTripsAndTheReaderNamesEveryError) {
        "parse: ReadyMountGroupCompoundIndex has no such attribute: priority"},
       {head + "{'index0' 5})",
        "parse: expected ':' at column 82 in value type ReadyMountGroupCompoundIndex"},
+      {"Value('Ledra::PassiveEntityManagerSm::ReadyMountGroupCompoundIndex' ** {})",
+       "parse: expected ',' at column 68 in value type ReadyMountGroupCompoundIndex"},
       {head + "{'index0': 4294967296})",
        "parse: cannot read \"4294967296\" as U32 for ReadyMountGroupCompoundIndex::index0: out of "
        "range"},
