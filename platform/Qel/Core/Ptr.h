@@ -29,7 +29,13 @@ class QEL_API RefCounted {
   void newRef() const noexcept { ++refCount_; }
   void deleteRef() const noexcept {
     assert(refCount_ > 0 && "deleteRef on an object without references");
-    if (--refCount_ != 0) return;
+    // Not `if (--refCount_ != 0) return;`: where that is inlined into the cleanup of a frame an
+    // exception leaves, g++ 12 (-O1 and above) drops the store of the decremented count, and the
+    // reference leaks.
+    if (refCount_ > 1) {
+      --refCount_;
+      return;
+    }
     // References taken and dropped while the destructor runs must not destroy it again.
     refCount_ = kDestroying;
     delete this;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <vector>
 
 #include "Qel/Loop/SimulatedClock.h"
@@ -106,6 +107,19 @@ TEST_F(TimerWheelTest, CancelledSwitchedOffAndDestroyedNotifieesStaySilent) {
   clock->nowIs(1e6);
   EXPECT_EQ(wheel->timers(), 1u);
   a->timeMinIs(kNever);
+  EXPECT_EQ(wheel->timers(), 0u);
+}
+
+// A callback that throws ends that wake-up only: the wheel stays armed for what is still due.
+TEST_F(TimerWheelTest, ACallbackThatThrowsLeavesTheOthersDue) {
+  auto a = recorder(1), b = recorder(2), c = recorder(3);
+  a->timeMinIs(0.002);
+  b->timeMinIs(0.002);
+  c->timeMinIs(0.5);
+  a->action = [] { throw std::runtime_error("from onTime"); };
+  EXPECT_THROW(clock->nowIs(0.1), std::runtime_error);
+  clock->nowIs(1);
+  EXPECT_EQ(log, (Firings{{1, 0.002}, {2, 0.002}, {3, 0.5}}));
   EXPECT_EQ(wheel->timers(), 0u);
 }
 
