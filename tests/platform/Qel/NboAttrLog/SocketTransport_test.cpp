@@ -150,12 +150,13 @@ TEST_F(SocketTransportTest, EachStateShowsTheEntityAsItStandsWhenItsRequestGoesO
     transport->sendMountRequest(path + "?flags=Cnp", "", ++seqno);
     Messages const got = receive();
     EXPECT_FALSE(got.empty());
-    if (got.empty()) return std::optional<WireEntityState>();
+    if (got.empty()) return std::optional<WireMessage>();
     auto const& r = std::get<WireMountRequest>(got[0]);
     EXPECT_EQ(r.seqno, seqno);
     EXPECT_EQ(got.size(), r.stateFollows ? 2u : 1u);
-    if (got.size() < 2) return std::optional<WireEntityState>();
-    return std::optional<WireEntityState>(std::get<WireEntityState>(got[1]));
+    if (got.size() < 2) return std::optional<WireMessage>();
+    EXPECT_TRUE(std::holds_alternative<WireEntityState>(got[1]));
+    return std::optional<WireMessage>(got[1]);
   };
   auto item = [](char const* count) {
     auto const e = Qel::DynamicEntity::entityNew(itemType(), "item");
@@ -163,11 +164,11 @@ TEST_F(SocketTransportTest, EachStateShowsTheEntityAsItStandsWhenItsRequestGoesO
     return e;
   };
   auto itemState = [&](Qel::U32 n, char const* count) {
-    return WireEntityState{n,     "/sockettest/item", "sockettest::Item",
-                           false, {{"count", count}}, {}};
+    return WireMessage(
+        WireEntityState{n, "/sockettest/item", "sockettest::Item", false, {{"count", count}}, {}});
   };
   auto dirState = [&](Qel::U32 n, std::vector<Qel::String> entries) {
-    return WireEntityState{n, "/sockettest", "Qel::Dir", true, {}, std::move(entries)};
+    return WireMessage(WireEntityState{n, "/sockettest", "Qel::Dir", true, {}, std::move(entries)});
   };
 
   auto const first = item("1");
