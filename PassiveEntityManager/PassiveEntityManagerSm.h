@@ -283,9 +283,9 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   void peerMountTableIs(Qel::MountTable::Ptr const& t);
   // `path` with its template keys substituted (noted in templateCache).
   Qel::InternedText canonicalPath(Qel::InternedText const& path);
-  // doPassiveMount for a path already interned.
+  // doPassiveMount for a path and type name already interned.
   void doPassiveMount(Qel::InternedText const& path, Qel::String const& userFlags,
-                      Qel::String const& typeName);
+                      Qel::InternedText const& typeName);
   // Whether the mount of `path` for this agent has completed (orphans traced and refused).
   bool isMountComplete(Qel::String const& path) const;
   template <class F>

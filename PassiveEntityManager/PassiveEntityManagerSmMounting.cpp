@@ -81,13 +81,14 @@ bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
 void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
                                             Qel::String const& userFlags,
                                             Qel::String const& typeName) {
-  doPassiveMount(Qel::InternedText(mountPath), userFlags, typeName);
+  doPassiveMount(Qel::InternedText(mountPath), userFlags, Qel::InternedText(typeName));
 }
 
 void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
                                             Qel::String const& userFlags,
-                                            Qel::String const& typeName) {
+                                            Qel::InternedText const& internedType) {
   Qel::String const& mountPath = path.str();
+  Qel::String const& typeName = internedType.str();
   TRACE(PassiveEntityManager, kTraceDecision, "mountPath: {} userFlags: {} typeName: {}", mountPath,
         userFlags, typeName);
   bool const granted = entMgr_ && entMgr_->writeMountsGranted();
@@ -119,8 +120,9 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
     // Looked up in place: compared before anything below can notify and change the table.
     Qel::MountTable::Conf const* const current = table->confOf(path);
     Qel::MountFlags const currentFlags = current ? current->flags() : Qel::MountFlags();
-    Qel::String const type = letters.has('c') ? typeName : Qel::String();
-    Qel::MountTable::Conf const next(path, type, flags, d ? Qel::Name(d->name()) : Qel::Name());
+    Qel::InternedText const type = letters.has('c') ? internedType : Qel::InternedText();
+    Qel::MountTable::Conf const next(path, type, flags,
+                                     d ? d->internedName() : Qel::InternedText());
     bool const unchanged =
         (current && next == *current) ||
         (currentFlags.has(Qel::MountFlags::kConvertible) && !flags.has(Qel::MountFlags::kWrite));
@@ -223,7 +225,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
   TRACE(PassiveEntityManager, kTraceDecision, "parentDir: {}", parent);
   switch (parentSaState(parent)) {
     case ParentSaState::synchronised:
-      return doPassiveMount(mount.internedPath(), flags, mount.type());
+      return doPassiveMount(mount.internedPath(), flags, mount.internedType());
     case ParentSaState::waiting:
       return pendingMountProfileIs(mount);
     case ParentSaState::absent:
@@ -271,37 +273,49 @@ void PassiveEntityManagerSm::autoMountParent(Mount const& mount, Qel::String con
 void PassiveEntityManagerSm::mountWholePath(Mount const& mount) {
   TRACE(PassiveEntityManager, kTraceDecision, "mounting the entire path with instantiating flag");
   auto const table = peerMountTable();
-  std::vector<Qel::Name> const components = componentsOf(mount.path());
-  if (components.empty()) return pendingMountProfileIs(mount);
+  Qel::PathComponents const components = Qel::pathComponents(mount.path());
+  if (components.begin() == components.end()) return pendingMountProfileIs(mount);
   // Prefixes are mounted below the deepest one already mounted: those that stand already are
   // mounted as the child needs its parent ("r", or "wc" for a creating child), the missing ones
-  // with the instantiating flags "fwc".
+  // with the instantiating flags "fwc". The prefixes share one string,
+  // `prefixes` ("/a/b/c" for "/a/b/c/d"), each running from its start to where `ends` says.
   Qel::String const standing = mount.userFlags().has('c') ? "wc" : "r";
-  std::vector<Qel::String> prefixes;
+  Qel::String prefixes;
+  prefixes.reserve(mount.path().size() + 1);
+  std::vector<std::size_t> ends;
   std::size_t firstUnmounted = 0;
   Qel::Entity::Ptr dir = Qel::globalDir();
-  Qel::String prefix;
-  for (std::size_t i = 0; i + 1 < components.size(); ++i) {
-    Qel::Name const& name = components[i];
-    Qel::Entity::Ptr const next = dir ? dir->child(name) : nullptr;
-    if (!next && dir)
-      TRACE(PassiveEntityManager, kTraceDecision, "Component {} not found in {}", name,
-            dir->fullName());
-    prefix += "/" + name;
-    prefixes.push_back(prefix);
-    if (table && table->hasPathState(prefix) && table->pathState(prefix).mounted()) {
-      TRACE(PassiveEntityManager, kTraceDecision, "{} already mounted ", prefix);
-      firstUnmounted = i + 1;
+  std::string_view last;
+  for (std::string_view const name : components) {
+    if (!last.empty()) {
+      // `last` is a prefix's final component: every component but the path's own last one.
+      Qel::Entity::Ptr const next = dir ? dir->child(Qel::Name(last)) : nullptr;
+      if (!next && dir)
+        TRACE(PassiveEntityManager, kTraceDecision, "Component {} not found in {}", Qel::Name(last),
+              dir->fullName());
+      prefixes += '/';
+      prefixes += last;
+      ends.push_back(prefixes.size());
+      if (table) {
+        Qel::MountTable::PathState const* const state =
+            table->pathStateOf(std::string_view(prefixes));
+        if (state && state->mounted()) {
+          TRACE(PassiveEntityManager, kTraceDecision, "{} already mounted ", prefixes);
+          firstUnmounted = ends.size();
+        }
+      }
+      dir = next;
     }
-    dir = next;
+    last = name;
   }
-  TRACE(PassiveEntityManager, kTraceDecision, "final component name is {}", components.back());
+  TRACE(PassiveEntityManager, kTraceDecision, "final component name is {}", Qel::Name(last));
   pendingMountProfileIs(mount);
-  for (std::size_t i = firstUnmounted; i < prefixes.size() && initialized(); ++i) {
-    Qel::String const& p = prefixes[i];
+  for (std::size_t i = firstUnmounted; i < ends.size() && initialized(); ++i) {
+    std::string_view const p(prefixes.data(), ends[i]);
     if (table && table->hasPathState(p)) continue;
-    TRACE(PassiveEntityManager, kTraceDecision, "mounting prefix {}", p);
-    doPassiveMount(p, Qel::globalDir()->entity(p) ? standing : Qel::String("fwc"), kDirType);
+    Qel::String const path(p);
+    TRACE(PassiveEntityManager, kTraceDecision, "mounting prefix {}", path);
+    doPassiveMount(path, Qel::globalDir()->entity(path) ? standing : Qel::String("fwc"), kDirType);
   }
 }
 

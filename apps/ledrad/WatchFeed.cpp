@@ -21,7 +21,8 @@ class WatchFeed::Poke : public Qel::GenericIf::NotifieeConst {
   Poke(WatchFeed& feed, std::string agent)
       : NotifieeConst(Weak::weak), feed_(feed), agent_(std::move(agent)) {}
   ~Poke() override { notifierIs(nullptr); }
-  void onAttribute(Qel::AttributeId, Qel::GenericIf::PtrConst&) override { feed_.dirty(agent_); }
+  // Any change marks the agent; the key is not read, so it is not boxed either.
+  void qelDispatch(Qel::AttributeId, Qel::NotifyKey const&) override { feed_.dirty(agent_); }
 
  private:
   void onNotifierDeleted() override {

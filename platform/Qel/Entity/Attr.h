@@ -301,14 +301,22 @@ class NotifyingRecordMap {
   // Told. Returns whether anything changed.
   template <std::size_t I, AttributeId kAid, class Told, class Q>
   bool set(GenericIf const& owner, Q const& q, Element<I> const& v) {
+    return set<I, kAid, Told>(owner, q, v, [](Element<I> const*) {});
+  }
+  // The same, calling changing(old) once the element is known to change, before it is stored
+  // and told; `old` is the element replaced, or null when there was none.
+  template <std::size_t I, AttributeId kAid, class Told, class Q, class F>
+  bool set(GenericIf const& owner, Q const& q, Element<I> const& v, F&& changing) {
     auto it = map_.find(qelRecordKey(q));
     if (it == map_.end()) it = map_.try_emplace(K(qelRecordKey(q))).first;
     Record& record = it->second;
     auto& slot = std::get<I>(record.values);
     if (record.has(I)) {
       if (slot == v) return false;
+      changing(&std::as_const(slot));
       slot = v;
     } else {
+      changing(static_cast<Element<I> const*>(nullptr));
       slot = v;
       record.present |= bit(I);
       ++counts_[I];
@@ -322,9 +330,15 @@ class NotifyingRecordMap {
   // is released after the notification, and the record with its last element.
   template <std::size_t I, AttributeId kAid, class Told, class Q>
   bool del(GenericIf const& owner, Q const& q) {
+    return del<I, kAid, Told>(owner, q, [](Element<I> const&) {});
+  }
+  // The same, calling removing(old) with the element before it is removed and told.
+  template <std::size_t I, AttributeId kAid, class Told, class Q, class F>
+  bool del(GenericIf const& owner, Q const& q, F&& removing) {
     auto const it = map_.find(qelRecordKey(q));
     if (it == map_.end() || !it->second.has(I)) return false;
     Record& record = it->second;
+    removing(std::as_const(std::get<I>(record.values)));
     [[maybe_unused]] Element<I> const removed =
         std::exchange(std::get<I>(record.values), Element<I>());
     record.present &= static_cast<std::uint8_t>(~bit(I));

@@ -1,9 +1,27 @@
 #include "Qel/Entity/Entity.h"
 
+#include <typeinfo>
+
 #include "Qel/Containers/Path.h"
+#include "Qel/Entity/Dir.h"
+#include "Qel/Entity/EntityPathIndex.h"
 #include "Qel/Reflection/TypeBuilder.h"
 
 namespace Qel {
+
+U64 Entity::treeVersion_ = 0;
+
+Entity::~Entity() {
+  ++treeVersion_;
+}
+
+void Entity::qelParentIs(Entity* parent) {
+  if (parent == parent_) return;
+  // By the type itself: an owner clears its children's parents while it is being destroyed.
+  if ((parent_ && typeid(*parent_) == typeid(Dir)) || (parent && typeid(*parent) == typeid(Dir)))
+    ++treeVersion_;
+  parent_ = parent;
+}
 
 Entity const* Entity::root() const {
   Entity const* e = this;
@@ -20,11 +38,17 @@ String Entity::fullName() const {
 }
 
 Entity::Ptr Entity::entity(String const& path) const {
+  static Entity const* const globalRoot = globalDir().ptr();
+  bool const fromRoot = this == globalRoot;
+  if (fromRoot) {
+    if (Entity* const known = entityPathIndex().find(path)) return Ptr(known);
+  }
   Ptr e(const_cast<Entity*>(this));
   for (std::string_view const component : pathComponents(path)) {
     if (!e) break;
     e = e->child(Name(component));
   }
+  if (fromRoot && e) entityPathIndex().foundIs(path, e.ptr());
   return e;
 }
 

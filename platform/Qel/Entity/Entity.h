@@ -3,7 +3,8 @@
 // An entity has a name, fixed at construction, and a non-owning parent set by the collection that
 // owns it (a Dir, or an entity collection of a typed entity). fullName() is its path from the top
 // of its tree: "/" for the global root, "/a/b" for entity b in directory a. entity(path) finds a
-// descendant by a "/"-separated path (empty components are skipped), descending through child().
+// descendant by a "/"-separated path (empty components are skipped), descending through child();
+// from the root, where it was found last is remembered (EntityPathIndex) and checked first.
 //
 // An entity is a GenericIf: it is described by its QelType (fwkType()), read and written by name
 // through the generic view, and notifies its notifiees of every change. Attribute 0 of every
@@ -40,15 +41,20 @@ class QEL_API Entity : public GenericIf {
   virtual Ptr child(Name const& /*name*/) const { return nullptr; }
 
   // Set by the collection that owns this entity; null when it is removed from it.
-  void qelParentIs(Entity* parent) { parent_ = parent; }
+  void qelParentIs(Entity* parent);
 
   static QelType const* staticType();
+  // Rises whenever an entity is destroyed, enters a Dir or leaves one: while it stays the same,
+  // every entity alive stays alive, and every entity whose ancestors are all Dirs keeps its path.
+  static U64 treeVersion() { return treeVersion_; }
 
  protected:
   explicit Entity(Name name) : name_(std::move(name)) {}
-  ~Entity() override = default;
+  ~Entity() override;
 
  private:
+  static U64 treeVersion_;
+
   Name const name_;
   Entity* parent_ = nullptr;
 };

@@ -117,19 +117,17 @@ ConnectDesc MountTable::firstIncompleteStatus() const {
 }
 
 void MountTable::statusIs(ConnectDesc const& cd, Stat const& s) {
-  Stat const* const old = statusOf(cd);
-  if (old && *old == s) return;
   // Counted before the notification: a notifiee reads the count.
-  incomplete_ -= old && old->status() != complete_;
-  incomplete_ += s.status() != complete_;
-  qelRecords_.set<QEL_ATTR_RECORD_ARGS(StatField, Status)>(*this, cd, s);
+  qelRecords_.set<QEL_ATTR_RECORD_ARGS(StatField, Status)>(
+      *this, cd, s, [this, &s](Stat const* old) {
+        incomplete_ -= old && old->status() != complete_;
+        incomplete_ += s.status() != complete_;
+      });
 }
 
 void MountTable::statusDel(ConnectDesc const& cd) {
-  Stat const* const old = statusOf(cd);
-  if (!old) return;
-  incomplete_ -= old->status() != complete_;
-  qelRecords_.del<QEL_ATTR_RECORD_ARGS(StatField, Status)>(*this, cd);
+  qelRecords_.del<QEL_ATTR_RECORD_ARGS(StatField, Status)>(
+      *this, cd, [this](Stat const& old) { incomplete_ -= old.status() != complete_; });
 }
 
 QelType const* MountTable::statusType() {

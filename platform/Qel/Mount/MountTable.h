@@ -77,6 +77,11 @@ class QEL_API MountTable : public Entity {
     Conf(std::string_view path, std::string_view type, MountFlags flags,
          std::string_view connection)
         : Conf(InternedText(path), type, flags, connection) {}
+    Conf(InternedText path, InternedText type, MountFlags flags, InternedText connection)
+        : path_(std::move(path)),
+          type_(std::move(type)),
+          flags_(flags),
+          connection_(std::move(connection)) {}
 
     String const& path() const { return path_; }
     InternedText const& internedPath() const { return path_; }

@@ -15,6 +15,7 @@ Demuxer::Demuxer(Name name, MountTable::Ptr peer, Transport::Ptr transport, U32 
     : Entity(std::move(name)),
       peer_(std::move(peer)),
       epoch_(epoch),
+      internedName_(this->name()),
       transport_(std::move(transport)) {
   QEL_CHECK(!peer_->connection(),
             "!peer_->connection() && \"mount table already bound to a connection\"");

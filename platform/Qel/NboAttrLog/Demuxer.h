@@ -79,6 +79,8 @@ class QEL_API Demuxer : public Entity {
 
   MountTable::Ptr const& peer() const { return peer_; }
   MountTable::Ptr const& outMount() const { return peer_; }
+  // The name, interned once for the mount configurations made for this connection.
+  InternedText const& internedName() const { return internedName_; }
   U32 epoch() const { return epoch_; }
   // flowOutMountRequests, lowMountPrio, seqno (the sequence number of the latest mount request;
   // 0 before the first) and closeReason.
@@ -127,6 +129,7 @@ class QEL_API Demuxer : public Entity {
 
   MountTable::Ptr const peer_;
   U32 const epoch_;
+  InternedText const internedName_;
   QEL_ATTR_STORAGE(QEL_DEMUXER_ATTRIBUTES)
   Transport::Ptr transport_;
   // Unanswered requests per path; emptied (buckets and all) whenever the last one is answered.

@@ -10,10 +10,9 @@
 #include <exception>
 
 #include "Check/Check.h"
-#include "Qel/Entity/Dir.h"
 #include "Qel/Mount/EntityUri.h"
+#include "Qel/NboAttrLog/EntityStateCache.h"
 #include "Qel/NboAttrLog/WireText.h"
-#include "Qel/Reflection/QelType.h"
 
 namespace Qel::NboAttrLog {
 
@@ -253,9 +252,11 @@ void SocketTransport::sendMountRequest(String const& uri, String const& typeName
   if (closing_ || discarding_) return;
   Ptr self(this);
   String const path = pathOfUri(uri);
-  std::string const state = entityStateFrame(path, seqno);
-  enqueue(wireFrame(WireMountRequest{seqno, uri, typeName, !state.empty()}));
-  if (!state.empty()) enqueue(state);
+  // The state is shared by every connection asking for the same unchanged entity; a state longer
+  // than the frame limit is left out.
+  std::string_view state = entityStateCache().frame(path);
+  if (!state.empty() && state.size() - WireDecoder::kHeaderBytes > maxFrame()) state = {};
+  enqueueRequest(seqno, uri, typeName, state);
   unanswered_[seqno] = path;
   if (gathered_ == 0) {
     // Queued behind output the socket refused: the writable event writes it, unless the bound
@@ -303,51 +304,42 @@ void SocketTransport::discardOutputAndClose(String const& reason) {
   loop_->post([self, reason] { self->closeWith(reason); });
 }
 
-std::string SocketTransport::entityStateFrame(String const& path, U32 seqno) const {
-  Entity::Ptr const e = globalDir()->entity(path);
-  if (!e) return {};
-  WireEntityState s;
-  s.seqno = seqno;
-  s.path = path;
-  QelType const* const type = e->fwkType();
-  s.typeName = type->name();
-  for (AttributeId aid = 1; aid < type->attributes(); ++aid) {
-    QelAttr const* const a = type->attribute(aid);
-    if (!a || a->isCollection() || !a->getter()) continue;
-    try {
-      GenericIf::PtrConst const v = e->attribute(aid);
-      s.attributes.emplace_back(a->name(), v ? v->text() : String());
-    } catch (std::exception const&) {
-      // An attribute the reflection cannot read is left out of the state.
-    }
-  }
-  if (auto const* dir = dynamic_cast<Dir const*>(e.ptr())) {
-    s.directory = true;
-    s.entries.reserve(dir->entries());
-    for (auto const& entry : dir->entryMap())
-      s.entries.push_back(entry.first);
-  }
-  std::string frame = wireFrame(s);
-  if (frame.size() - WireDecoder::kHeaderBytes > maxFrame()) return {};
-  return frame;
-}
-
-void SocketTransport::enqueue(std::string const& frame) {
+void SocketTransport::enqueue(std::string_view frame) {
   if (discarding_ || frameCut_) return;
   std::size_t const before = outputBuffered();
-  if (outputOffset_ == output_.size()) {
-    output_.clear();
-    outputOffset_ = 0;
-  }
+  startQueueing();
   output_.append(frame);
-  queuedBytes_ += frame.size();
+  frameQueued(frame.size(), before);
+  if (before != 0) outputChanged(before);
+}
+
+void SocketTransport::enqueueRequest(U32 seqno, String const& uri, String const& typeName,
+                                     std::string_view state) {
+  if (discarding_ || frameCut_) return;
+  std::size_t const before = outputBuffered();
+  startQueueing();
+  std::size_t const start = output_.size();
+  wireMountRequestAppend(output_, seqno, uri, typeName, !state.empty());
+  frameQueued(output_.size() - start, before);
+  if (!state.empty()) {
+    output_.append(state);
+    wireSeqnoIs(output_.data() + output_.size() - state.size(), seqno);
+    frameQueued(state.size(), before);
+  }
+  if (before != 0) outputChanged(before);
+}
+
+void SocketTransport::startQueueing() {
+  if (outputOffset_ != output_.size()) return;
+  output_.clear();
+  outputOffset_ = 0;
+}
+
+void SocketTransport::frameQueued(std::size_t size, std::size_t before) {
+  queuedBytes_ += size;
   frameEnds_.push_back(queuedBytes_);
   // Nothing waits: the socket took all it was given, and the frame waits for the turn's write.
-  if (before == 0) {
-    gathered_ += frame.size();
-    return;
-  }
-  outputChanged(before);
+  if (before == 0) gathered_ += size;
 }
 
 void SocketTransport::dropOutput() {

@@ -7,8 +7,9 @@
 // connection), or a malformed frame, closes the connection with a reason. Once bound:
 //   - sendMountRequest sends a MountRequest and, when an entity stands at the path in
 //     Qel::globalDir(), an EntityState of the same sequence number right after it (its type name,
-//     its plain attributes read through the reflection as text, a Dir's entry names). A state
-//     frame longer than the frame limit is left out (the request says no state follows).
+//     its plain attributes read through the reflection as text, a Dir's entry names), taken from
+//     the process's EntityStateCache. A state frame longer than the frame limit is left out (the
+//     request says no state follows).
 //   - a MountAnswer must name a request sent and not yet answered (same seqno and path). A
 //     successful answer first sets the peer table's path state from the answer's bits, then
 //     answers the demuxer (Demuxer::mountAnswered); a failed one answers with its exception text.
@@ -51,6 +52,7 @@
 #include <deque>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "Qel/Loop/EventLoop.h"
 #include "Qel/NboAttrLog/Demuxer.h"
@@ -146,7 +148,14 @@ class QEL_API SocketTransport final : public Transport {
   // text) or the connection failed (`traced` empty: "connection lost: <reason>").
   void lost(String const& reason, String const& traced = {});
   // Queues a frame: gathered when nothing waits, else behind what waits.
-  void enqueue(std::string const& frame);
+  void enqueue(std::string_view frame);
+  // Queues a MountRequest and, when `state` is not empty, that EntityState frame after it with
+  // the request's sequence number; the owner hears of the change once, after both.
+  void enqueueRequest(U32 seqno, String const& uri, String const& typeName, std::string_view state);
+  // Empties the output buffer when all it held was written.
+  void startQueueing();
+  // Counts a frame of `size` bytes appended to the output; `before`: the bytes waiting before.
+  void frameQueued(std::size_t size, std::size_t before);
   // Writes what was gathered at the end of the turn, once however often it is asked.
   void flushAtTurnEnd();
   void flushGathered();
@@ -161,7 +170,6 @@ class QEL_API SocketTransport final : public Transport {
   void watchFor(bool writable);
   void teardownSchedule(bool removeStatus);
   void teardown();
-  std::string entityStateFrame(String const& path, U32 seqno) const;
 
   EventLoop* const loop_;
   int fd_;

@@ -210,6 +210,25 @@ WireKind wireKind(WireMessage const& m) {
   return static_cast<WireKind>(m.index() + 1);
 }
 
+void wireSeqnoIs(char* frame, U32 seqno) {
+  char* const at = frame + WireDecoder::kHeaderBytes + 1;
+  for (int i = 0; i < 4; ++i)
+    at[i] = static_cast<char>((seqno >> (24 - 8 * i)) & 0xff);
+}
+
+void wireMountRequestAppend(std::string& out, U32 seqno, std::string_view uri,
+                            std::string_view typeName, bool stateFollows) {
+  std::size_t const body = 1 + 4 + 4 + uri.size() + 4 + typeName.size() + 1;
+  QEL_CHECK(body <= 0xffffffffu, "body <= 0xffffffffu && \"frame too long\"");
+  out.reserve(out.size() + WireDecoder::kHeaderBytes + body);
+  putU32(out, static_cast<U32>(body));
+  putU8(out, static_cast<U8>(WireKind::mountRequest));
+  putU32(out, seqno);
+  putText(out, uri);
+  putText(out, typeName);
+  putFlag(out, stateFollows);
+}
+
 std::string wireFrame(WireMessage const& m) {
   std::string out(WireDecoder::kHeaderBytes, '\0');
   putU8(out, static_cast<U8>(wireKind(m)));

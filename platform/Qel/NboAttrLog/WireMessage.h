@@ -111,6 +111,11 @@ using WireMessage =
 QEL_API WireKind wireKind(WireMessage const& m);
 // The whole frame of `m`: length prefix and body.
 QEL_API std::string wireFrame(WireMessage const& m);
+// Appends the whole frame of a MountRequest to `out` (as wireFrame makes it).
+QEL_API void wireMountRequestAppend(std::string& out, U32 seqno, std::string_view uri,
+                                    std::string_view typeName, bool stateFollows);
+// Sets the sequence number of a whole MountRequest or EntityState frame (length prefix included).
+QEL_API void wireSeqnoIs(char* frame, U32 seqno);
 // A one-line description for traces and test output, e.g. "MountAnswer 3 /a ok".
 QEL_API std::string wireText(WireMessage const& m);
 

@@ -8,11 +8,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Qel/Entity/Dir.h"
 #include "Qel/Loop/SimulatedClock.h"
+#include "Qel/Reflection/DynamicEntity.h"
 #include "tests/support/LeakCheck.h"
 
 namespace Qel::NboAttrLog {
@@ -27,10 +29,16 @@ using Qel::MountTable;
 using Qel::NboAttrLog::Demuxer;
 using Qel::NboAttrLog::SocketTransport;
 using Qel::NboAttrLog::WireDecoder;
+using Qel::NboAttrLog::WireEntityState;
 using Qel::NboAttrLog::WireHello;
 using Qel::NboAttrLog::WireMessage;
 using Qel::NboAttrLog::WireMountRequest;
 using Messages = std::vector<WireMessage>;
+
+Qel::QelType const* itemType() {
+  static Qel::QelType const* t = Qel::defineType("sockettest::Item", {{"count", "U32"}});
+  return t;
+}
 
 // Binds a demuxer to the hello and follows the bytes waiting as they are reported.
 class Owner : public SocketTransport::Owner {
@@ -129,6 +137,57 @@ TEST_F(SocketTransportTest, ABurstOfRequestsInOneTurnIsTakenInLargeWrites) {
   EXPECT_EQ(got.back(),
             WireMessage(WireMountRequest{kRequests, "/sockettest/p3699?flags=Cnp", "", false}));
   EXPECT_FALSE(owner.demuxer->closed());
+}
+
+// Requests for one path are answered from one rendering while its entity stands unchanged; each
+// request still carries its own sequence number, and whatever changed before a request shows in
+// the state that follows it: an attribute stored, an entry added to a directory, the entity
+// replaced at its path by another (the old one still alive elsewhere), or removed.
+TEST_F(SocketTransportTest, EachStateShowsTheEntityAsItStandsWhenItsRequestGoesOut) {
+  Qel::U32 seqno = 0;
+  // The request for `path` and the state after it (none when the request says none follows).
+  auto request = [&](std::string const& path) {
+    transport->sendMountRequest(path + "?flags=Cnp", "", ++seqno);
+    Messages const got = receive();
+    EXPECT_FALSE(got.empty());
+    if (got.empty()) return std::optional<WireMessage>();
+    auto const& r = std::get<WireMountRequest>(got[0]);
+    EXPECT_EQ(r.seqno, seqno);
+    EXPECT_EQ(got.size(), r.stateFollows ? 2u : 1u);
+    if (got.size() < 2) return std::optional<WireMessage>();
+    EXPECT_TRUE(std::holds_alternative<WireEntityState>(got[1]));
+    return std::optional<WireMessage>(got[1]);
+  };
+  auto item = [](char const* count) {
+    auto const e = Qel::DynamicEntity::entityNew(itemType(), "item");
+    e->attributeIs("count", Qel::String(count));
+    return e;
+  };
+  auto itemState = [&](Qel::U32 n, char const* count) {
+    return WireMessage(
+        WireEntityState{n, "/sockettest/item", "sockettest::Item", false, {{"count", count}}, {}});
+  };
+  auto dirState = [&](Qel::U32 n, std::vector<Qel::String> entries) {
+    return WireMessage(WireEntityState{n, "/sockettest", "Qel::Dir", true, {}, std::move(entries)});
+  };
+
+  auto const first = item("1");
+  tree->entryIs(first);
+  EXPECT_EQ(request("/sockettest/item"), itemState(1, "1"));
+  EXPECT_EQ(request("/sockettest/item"), itemState(2, "1"));
+  first->attributeIs("count", Qel::String("2"));
+  EXPECT_EQ(request("/sockettest/item"), itemState(3, "2"));
+
+  EXPECT_EQ(request("/sockettest"), dirState(4, {"item"}));
+  tree->dirIs("more");
+  EXPECT_EQ(request("/sockettest"), dirState(5, {"item", "more"}));
+
+  tree->entryDel("item");
+  tree->entryIs(item("3"));
+  EXPECT_EQ(request("/sockettest/item"), itemState(6, "3"));
+  tree->entryDel("item");
+  EXPECT_EQ(request("/sockettest/item"), std::nullopt);
+  EXPECT_EQ(request("/sockettest"), dirState(8, {"more"}));
 }
 
 }  // namespace

@@ -1,0 +1,73 @@
+// Finding an entity by its full path from the root remembers where it was found: whatever changes
+// in the tree between two searches, the second finds what a search component by component finds.
+#include "Qel/Entity/EntityPathIndex.h"
+
+#include <gtest/gtest.h>
+
+#include "Qel/Entity/Dir.h"
+#include "tests/support/LeakCheck.h"
+
+namespace {
+
+using Qel::Dir;
+using Qel::Entity;
+
+class EntityPathIndexTest : public Ledra::test::LeakCheckedTest {
+ protected:
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    tree = Qel::globalDir()->dirIs("pathtest");
+  }
+  void TearDown() override {
+    tree = nullptr;
+    Qel::globalDir()->entryDel("pathtest");
+    LeakCheckedTest::TearDown();
+  }
+  static Entity::Ptr at(char const* path) { return Qel::globalDir()->entity(path); }
+
+  Dir::Ptr tree;
+};
+
+TEST_F(EntityPathIndexTest, ASecondSearchSeesEveryChangeOfTheTree) {
+  Dir::Ptr const a = tree->dirIs("a");
+  Dir::Ptr const b = a->dirIs("b");
+  EXPECT_EQ(at("/pathtest/a/b"), b);
+  EXPECT_EQ(at("/pathtest/a/b"), b);
+
+  // Replaced by another of the same name while the first lives on elsewhere.
+  a->entryDel("b");
+  Dir::Ptr const other = a->dirIs("b");
+  EXPECT_EQ(at("/pathtest/a/b"), other);
+
+  // An ancestor taken out of the tree, then put back.
+  tree->entryDel("a");
+  EXPECT_EQ(at("/pathtest/a/b"), nullptr);
+  tree->entryIs(a);
+  EXPECT_EQ(at("/pathtest/a/b"), other);
+  EXPECT_EQ(at("//pathtest/a//b/"), other);
+
+  // Moved to another directory.
+  a->entryDel("b");
+  tree->entryIs(other);
+  EXPECT_EQ(at("/pathtest/a/b"), nullptr);
+  EXPECT_EQ(at("/pathtest/b"), other);
+
+  // Destroyed, and another made at its path (likely at the same address).
+  EXPECT_NE(at("/pathtest/a"), nullptr);
+  tree->entryDel("a");
+  EXPECT_EQ(at("/pathtest/a"), nullptr);
+  Dir::Ptr const again = tree->dirIs("a");
+  EXPECT_EQ(at("/pathtest/a"), again);
+}
+
+// An entity stands at a path only when each of its names is a whole component: a name holding a
+// "/" does not stand for two.
+TEST_F(EntityPathIndexTest, ANameHoldingASlashIsNoTwoComponents) {
+  Dir::Ptr const slash = Dir::dirNew("a/b");
+  tree->entryIs(slash);
+  EXPECT_EQ(at("/pathtest/a/b"), nullptr);
+  EXPECT_FALSE(Qel::EntityPathIndex::standsAt(*slash, "/pathtest/a/b"));
+  EXPECT_TRUE(Qel::EntityPathIndex::standsAt(*tree, "//pathtest/"));
+}
+
+}  // namespace
