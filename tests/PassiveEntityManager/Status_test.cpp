@@ -8,16 +8,16 @@
 namespace Ledra {
 namespace {
 
-class StatusTest : public test::LeakCheckedTest {
+class StatusTest : public test::ScratchDirTest {
  protected:
+  StatusTest() : ScratchDirTest("statustest") {}
   void SetUp() override {
-    LeakCheckedTest::SetUp();
+    ScratchDirTest::SetUp();
     dir = PassiveAgentStatusDir::agentStatusDirNew("status");
   }
   void TearDown() override {
     dir = nullptr;
-    Qel::globalDir()->entryDel("statustest");
-    LeakCheckedTest::TearDown();
+    ScratchDirTest::TearDown();
   }
   PassiveAgentStatusDir::Ptr dir;
 };
@@ -25,16 +25,15 @@ class StatusTest : public test::LeakCheckedTest {
 TEST_F(StatusTest, CompletionFollowsTheMountedEntity) {
   using Completion = PassiveMountReference::Completion;
   auto ref = dir->agentStatusIs("agent")->mountReferenceIs("/statustest/a");
-  auto top = Qel::globalDir()->dirIs("statustest");
-  auto a = top->dirIs("a");
+  auto a = tree->dirIs("a");
   ref->entityIs(a);
   EXPECT_EQ(ref->completion(), Completion::incomplete);
   ref->completeIs(true);
   EXPECT_EQ(ref->completion(), Completion::complete);
-  top->entryDel("a");  // cut off from the tree
+  tree->entryDel("a");  // cut off from the tree
   EXPECT_EQ(ref->completion(), Completion::orphaned);
   Qel::globalDir()->entryDel("statustest");
-  top->entryIs(a);  // back under a directory that is itself cut off
+  tree->entryIs(a);  // back under a directory that is itself cut off
   EXPECT_EQ(ref->completion(), Completion::orphaned);
 }
 

@@ -29,4 +29,25 @@ class LeakCheckedTest : public ::testing::Test {
   long liveAtStart_ = 0;
 };
 
+// A LeakCheckedTest with a fresh directory `tree` at /<name> under the process-wide root; the
+// directory and all it holds are removed before the leak check.
+class ScratchDirTest : public LeakCheckedTest {
+ protected:
+  explicit ScratchDirTest(char const* name) : name_(name) {}
+  void SetUp() override {
+    LeakCheckedTest::SetUp();
+    tree = Qel::globalDir()->dirIs(name_);
+  }
+  void TearDown() override {
+    tree = nullptr;
+    Qel::globalDir()->entryDel(name_);
+    LeakCheckedTest::TearDown();
+  }
+
+  Qel::Dir::Ptr tree;
+
+ private:
+  char const* name_;
+};
+
 }  // namespace Ledra::test

@@ -12,20 +12,10 @@ namespace {
 using Qel::Dir;
 using Qel::Entity;
 
-class EntityPathIndexTest : public Ledra::test::LeakCheckedTest {
+class EntityPathIndexTest : public Ledra::test::ScratchDirTest {
  protected:
-  void SetUp() override {
-    LeakCheckedTest::SetUp();
-    tree = Qel::globalDir()->dirIs("pathtest");
-  }
-  void TearDown() override {
-    tree = nullptr;
-    Qel::globalDir()->entryDel("pathtest");
-    LeakCheckedTest::TearDown();
-  }
+  EntityPathIndexTest() : ScratchDirTest("pathtest") {}
   static Entity::Ptr at(char const* path) { return Qel::globalDir()->entity(path); }
-
-  Dir::Ptr tree;
 };
 
 TEST_F(EntityPathIndexTest, ASecondSearchSeesEveryChangeOfTheTree) {

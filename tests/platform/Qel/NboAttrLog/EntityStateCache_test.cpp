@@ -25,17 +25,9 @@ Qel::QelType const* linkType() {
   return t;
 }
 
-class EntityStateCacheTest : public Ledra::test::LeakCheckedTest {
+class EntityStateCacheTest : public Ledra::test::ScratchDirTest {
  protected:
-  void SetUp() override {
-    LeakCheckedTest::SetUp();
-    tree = Qel::globalDir()->dirIs("cachetest");
-  }
-  void TearDown() override {
-    tree = nullptr;
-    Qel::globalDir()->entryDel("cachetest");
-    LeakCheckedTest::TearDown();
-  }
+  EntityStateCacheTest() : ScratchDirTest("cachetest") {}
 
   static WireEntityState decode(std::string_view frame) {
     WireMessage m;
@@ -44,8 +36,6 @@ class EntityStateCacheTest : public Ledra::test::LeakCheckedTest {
         << error;
     return std::get<WireEntityState>(m);
   }
-
-  Qel::Dir::Ptr tree;
 };
 
 TEST_F(EntityStateCacheTest, KeepsAtMostItsBoundDroppingTheLeastRecentlyUsed) {
