@@ -230,6 +230,13 @@ void wireMountRequestAppend(std::string& out, U32 seqno, std::string_view uri,
 }
 
 std::string wireFrame(WireMessage const& m) {
+  // A mount request has its own writer: the transport appends requests to its output with it.
+  if (auto const* request = std::get_if<WireMountRequest>(&m)) {
+    std::string out;
+    wireMountRequestAppend(out, request->seqno, request->uri, request->typeName,
+                           request->stateFollows);
+    return out;
+  }
   std::string out(WireDecoder::kHeaderBytes, '\0');
   putU8(out, static_cast<U8>(wireKind(m)));
   std::visit(
@@ -239,11 +246,6 @@ std::string wireFrame(WireMessage const& m) {
           putU32(out, msg.protocolVersion);
           putText(out, msg.agentName);
           putText(out, msg.agentString);
-        } else if constexpr (std::is_same_v<M, WireMountRequest>) {
-          putU32(out, msg.seqno);
-          putText(out, msg.uri);
-          putText(out, msg.typeName);
-          putFlag(out, msg.stateFollows);
         } else if constexpr (std::is_same_v<M, WireEntityState>) {
           putU32(out, msg.seqno);
           putText(out, msg.path);
@@ -264,7 +266,7 @@ std::string wireFrame(WireMessage const& m) {
           putText(out, msg.exceptionText);
           putU8(out, msg.pathState);
           putU64(out, msg.monitoringEid);
-        } else {
+        } else if constexpr (!std::is_same_v<M, WireMountRequest>) {
           putText(out, msg.reason);
         }
       },
