@@ -78,7 +78,9 @@ class Observer::TableWatch : public Qel::MountTable::NotifieeConst {
     }
     if (s.status() != Qel::MountTable::failed_) return;
     o_.note(who() + " answer " + cd.path() + " failed: " + s.exceptionDesc(), true);
-    o_.connections_[{agent_, epoch_}].failed = true;
+    Connection& c = o_.connections_[{agent_, epoch_}];
+    c.failed = true;
+    if (cd.path() == kRoot) c.rootRefusal = "root mount failed: " + s.exceptionDesc();
   }
 
   std::string who() const { return agent_ + "#" + std::to_string(epoch_); }
@@ -399,7 +401,7 @@ void Observer::connectionSeen(Qel::Name const& name) {
     if (t->notifier().ptr() == d->peer().ptr()) return;
   }
   std::string const agent(name);
-  connections_[{agent, d->epoch()}] = Connection{agent, d->epoch(), false, {}, {}};
+  connections_[{agent, d->epoch()}] = Connection{agent, d->epoch(), false, {}, {}, {}};
   tables_.push_back(std::make_unique<TableWatch>(*this, agent, d->epoch()));
   tables_.back()->notifierIs(d->peer());
   closeWatches_.push_back(std::make_unique<CloseWatch>(*this, agent, d->epoch()));
@@ -480,6 +482,11 @@ bool Observer::failedAnswer(std::string const& agent, unsigned epoch) const {
   return it != connections_.end() && it->second.failed;
 }
 
+std::string Observer::rootRefusal(std::string const& agent, unsigned epoch) const {
+  auto it = connections_.find({agent, epoch});
+  return it == connections_.end() ? std::string() : it->second.rootRefusal;
+}
+
 void Observer::requestSeen(std::string const& agent, unsigned epoch, std::string const& path,
                            std::string const& letters, std::string const& type,
                            std::string const& label) {
@@ -515,6 +522,12 @@ void Observer::requestSeen(std::string const& agent, unsigned epoch, std::string
 void Observer::closed(std::string const& agent, unsigned epoch, std::string const& reason) {
   Expectation const* model = oracle_.expectation ? oracle_.expectation(agent, epoch) : nullptr;
   note(agent + "#" + std::to_string(epoch) + " closed: " + reason, false);
+  auto const it = connections_.find({agent, epoch});
+  if (it != connections_.end() && !it->second.rootRefusal.empty() &&
+      reason != it->second.rootRefusal) {
+    violation("close: " + agent + "#" + std::to_string(epoch) + " was closed with '" + reason +
+              "' after refusing its root mount; expected '" + it->second.rootRefusal + "'");
+  }
   if (!model || reason != "Processed an invalid mount profile. " + agent) return;
   if (model->conflictPossible()) return;
   violation("close: " + agent + "#" + std::to_string(epoch) + " was closed with '" + reason +

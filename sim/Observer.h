@@ -115,6 +115,9 @@ class Observer {
 
   // Per connection (agent name and epoch): whether any answer was a failure.
   bool failedAnswer(std::string const& agent, unsigned epoch) const;
+  // Per connection: the close the agent's refusal of its root mount calls for ("root mount
+  // failed: <text>"), empty while the root mount was not refused.
+  std::string rootRefusal(std::string const& agent, unsigned epoch) const;
 
   std::vector<std::string> const& violations() const { return violations_; }
   std::vector<std::string> const& log() const { return log_; }
@@ -151,6 +154,7 @@ class Observer {
     std::string agent;
     unsigned epoch = 0;
     bool failed = false;
+    std::string rootRefusal;
     std::set<std::string> sent;       // every path requested
     std::set<std::string> toConvert;  // paths last requested "C" with a conversion queued
   };

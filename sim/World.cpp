@@ -1580,6 +1580,12 @@ std::vector<std::string> World::unfinishedAgents() const {
   for (auto const& a : agents_) {
     std::string const name(a.agent->agentName());
     if (!a.agent->connected() || a.profile.empty() || a.agent->whiteList()) continue;
+    if (std::string const refusal = observer_->rootRefusal(name, a.agent->epoch());
+        !refusal.empty()) {
+      out.push_back(name + " refused its root mount and is still connected; expected a close '" +
+                    refusal + "'");
+      continue;
+    }
     if (observer_->failedAnswer(name, a.agent->epoch())) continue;
     if (!a.agent->closeReasons().empty()) continue;
     auto const engine = root->passiveEntityManagerSm(Qel::Name(name));
