@@ -230,6 +230,8 @@ TEST(WireTextTest, FaultsPrintableFormsAndWidths) {
       {"\xe2\x81\xa6", "holds control character U+2066 at byte 0", "\\u2066", 6},
       {"ab\x80", "is not valid UTF-8 at byte 2 (0x80)", "ab\\x80", 6},
       {"\xed\xa0\x80", "is not valid UTF-8 at byte 0 (0xed)", "\\xed\\xa0\\x80", 12},  // surrogate
+      {"\xed\xbf\xbf", "is not valid UTF-8 at byte 0 (0xed)", "\\xed\\xbf\\xbf", 12},  // the last one
+      {"\xee\x80\x80", "", "\xee\x80\x80", 1},  // U+E000, right after them
       {"\xe2\x82", "is not valid UTF-8 at byte 0 (0xe2)", "\\xe2\\x82", 8},            // cut off
   };
   // clang-format on
