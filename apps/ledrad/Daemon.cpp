@@ -1,5 +1,6 @@
 #include "apps/ledrad/Daemon.h"
 
+#include <malloc.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -71,6 +72,25 @@ class SignalWatch {
  private:
   Qel::EventLoop::Ptr loop_;
   int fd_ = -1;
+};
+
+// Memory freed in the middle of malloc's heap stays resident: after agents with large frames or
+// much unread output have gone, ledrad would keep megabytes for good. Once a second, when the
+// heap holds at least kFreeToTrim free bytes, they go back to the system (glibc's malloc_trim
+// releases free pages inside the heap too, not only at its top).
+class HeapTrim : public Qel::Clock::Notifiee {
+ public:
+  static constexpr Qel::Time kInterval = 1.0;
+  static constexpr std::size_t kFreeToTrim = std::size_t(1) << 20;
+
+  explicit HeapTrim(Qel::Clock::Ptr const& clock) {
+    notifierIs(clock);
+    timeMinIs(clock->now() + kInterval);
+  }
+  void onTime() override {
+    if (::mallinfo2().fordblks >= kFreeToTrim) ::malloc_trim(0);
+    timeMinIs(notifier()->now() + kInterval);
+  }
 };
 
 // What loading the folders found.
@@ -221,6 +241,7 @@ int runDaemon(Options const& o, std::FILE* out, std::FILE* err) {
       [&control] { return control->watchers() > 0; });
   commands.watchFeedIs(feed.get());
   auto signals = std::make_unique<SignalWatch>(loop, out);
+  HeapTrim const trim(loop->clock());
   say(out, "ledrad: ready: system " + o.systemName + ", cell " + std::to_string(o.cell) +
                ", root /" + o.systemName + "/Ledra, agents on " + o.socket + ", control on " +
                o.controlSocket);
