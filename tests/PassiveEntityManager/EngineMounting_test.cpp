@@ -74,6 +74,8 @@ TEST_F(EngineMountingTest, HybridAgentRemountsWithOtherFlagsAndJustSetsEntityWit
   startEngine();
   rootMounted();
   engine->doPassiveMount("/ledra/Ledra/h", "wc", "Qel::Dir");
+  // The agent's record names the entity from the first request on, complete or not.
+  EXPECT_EQ(status->mountReference("/ledra/Ledra/h")->entity(), dir("h"));
   engine->doPassiveMount("/ledra/Ledra/h", "wci", "Qel::Dir");
   EXPECT_EQ(requests().back(), "/ledra/Ledra/h?flags=winp Qel::Dir");
   std::size_t const sent = requests().size();
