@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <type_traits>
 
 #include "Qel/Core/Exception.h"
 #include "Qel/Entity/Entity.h"
@@ -164,6 +165,16 @@ T parseNumber(String const& text, QelType const& t) {
   char const* first = text.data();
   char const* last = first + text.size();
   if (first != last && *first == '+') ++first;
+  if constexpr (std::is_unsigned_v<T>) {
+    // A negative number is a number all the same: below the range, unless it is zero.
+    if (first != last && *first == '-') {
+      auto [end, err] = std::from_chars(first + 1, last, v);
+      if (end != last || first + 1 == last || err == std::errc::invalid_argument)
+        badText(text, t, "not a number");
+      if (err == std::errc::result_out_of_range || v != 0) badText(text, t, "out of range");
+      return v;
+    }
+  }
   auto [ptr, ec] = std::from_chars(first, last, v);
   if (ec == std::errc::result_out_of_range) badText(text, t, "out of range");
   if (ec != std::errc() || ptr != last || first == last) badText(text, t, "not a number");

@@ -8,6 +8,7 @@
 #include "Qel/Entity/Dir.h"
 #include "Qel/Reflection/GenericValue.h"
 #include "Qel/Reflection/ValueTraits.h"
+#include "tests/support/ExactText.h"
 #include "tests/support/LeakCheck.h"
 
 namespace {
@@ -51,19 +52,31 @@ class DynamicEntityTest : public Ledra::test::LeakCheckedTest {
   Qel::DynamicEntity::Ptr entity_;
 };
 
-TEST_F(DynamicEntityTest, BadTextIsRefusedAndChangesNothing) {
+// Each type says why a text does not read as one of its values.
+TEST_F(DynamicEntityTest, BadTextIsRefusedWithItsReasonAndChangesNothing) {
   entity_->attributeIs("a_U8", Qel::String("7"));
-  for (auto [attr, text] : {std::pair{"a_U8", "256"},
-                            {"a_U8", "-1"},
-                            {"a_S32", "12x"},
-                            {"a_bool", "yes"},
-                            {"a_char", "ab"},
-                            {"a_F64", ""},
-                            {"colour", "purple"}}) {
-    EXPECT_THROW(entity_->attributeIs(attr, Qel::String(text)), Qel::ParseException)
-        << attr << " " << text;
+  struct Bad {
+    char const* attr;
+    char const* text;
+    char const* why;
+  };
+  for (auto [attr, text, why] :
+       {Bad{"a_U8", "256", "cannot read \"256\" as U8: out of range"},
+        Bad{"a_U8", "-1", "cannot read \"-1\" as U8: out of range"},
+        Bad{"a_U32", "-", "cannot read \"-\" as U32: not a number"},
+        Bad{"a_S32", "12x", "cannot read \"12x\" as S32: not a number"},
+        Bad{"a_F64", "", "cannot read \"\" as F64: not a number"},
+        Bad{"a_bool", "yes", "cannot read \"yes\" as bool: expected true or false"},
+        Bad{"a_char", "ab", "cannot read \"ab\" as char: expected one character"},
+        Bad{"a_char*", "0x1",
+            "cannot read \"0x1\" as char*: only a null pointer can be written as text"},
+        Bad{"colour", "purple", "cannot read \"purple\" as test::Colour: no such enumerator"}}) {
+    EXPECT_THROW_TEXT(entity_->attributeIs(attr, Qel::String(text)), Qel::ParseException, why);
   }
   EXPECT_EQ(read("a_U8")->valueAs<Qel::U8>(), 7);
+  // Zero is zero whatever its sign.
+  entity_->attributeIs("a_U8", Qel::String("-0"));
+  EXPECT_EQ(read("a_U8")->valueAs<Qel::U8>(), 0);
   EXPECT_THROW(entity_->attributeIs("nosuch", Qel::String("1")), Qel::TypeException);
 }
 
