@@ -20,18 +20,6 @@ using namespace Qel::NboAttrLog;
 constexpr std::size_t kReadChunk = 64 * 1024;
 constexpr int kReadsPerTurn = 16;
 
-// The value of the "flags" parameter of a URI query, as written.
-std::string flagLetters(std::string const& query) {
-  std::size_t pos = 0;
-  while (pos <= query.size()) {
-    std::size_t end = query.find('&', pos);
-    if (end == std::string::npos) end = query.size();
-    if (query.compare(pos, 6, "flags=") == 0) return query.substr(pos + 6, end - pos - 6);
-    pos = end + 1;
-  }
-  return {};
-}
-
 }  // namespace
 
 AgentSession::AgentSession(Qel::EventLoop::Ptr loop, int fd, AgentOptions options,
@@ -155,8 +143,9 @@ void AgentSession::request(WireMountRequest const& r, WireEntityState const* sta
   try {
     Qel::EntityUri const uri(r.uri);
     path = uri.path();
-    letters = flagLetters(uri.query());
-    uri.flags();  // refuses unknown letters
+    auto const given = Qel::mountFlagsLetters(uri.query());
+    if (!given.empty()) letters = given.front();
+    uri.flags();  // refuses unknown letters, and a second "flags" parameter
   } catch (std::exception const& e) {
     failure = e.what();
   }

@@ -1,7 +1,7 @@
 #include "Qel/Mount/MountFlags.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <optional>
 #include <string_view>
 
 #include "Qel/Core/Exception.h"
@@ -69,21 +69,22 @@ MountFlags MountFlags::fromLetters(String const& letters) {
   return MountFlags(value);
 }
 
-MountFlags parseMountFlags(String const& query) {
+std::vector<std::string_view> mountFlagsLetters(std::string_view query) {
   static constexpr std::string_view kKey = "flags=";
-  std::optional<MountFlags> found;
-  std::size_t pos = 0;
-  while (pos <= query.size()) {
-    std::size_t end = query.find('&', pos);
-    if (end == std::string::npos) end = query.size();
-    std::string_view const param = std::string_view(query).substr(pos, end - pos);
-    if (param.substr(0, kKey.size()) == kKey) {
-      if (found) throw ParseException("mount flags given twice in \"" + query + "\"");
-      found = MountFlags::fromLetters(String(param.substr(kKey.size())));
-    }
+  std::vector<std::string_view> found;
+  for (std::size_t pos = 0; pos <= query.size();) {
+    std::size_t const end = std::min(query.find('&', pos), query.size());
+    std::string_view const param = query.substr(pos, end - pos);
+    if (param.starts_with(kKey)) found.push_back(param.substr(kKey.size()));
     pos = end + 1;
   }
-  return found.value_or(MountFlags());
+  return found;
+}
+
+MountFlags parseMountFlags(String const& query) {
+  std::vector<std::string_view> const letters = mountFlagsLetters(query);
+  if (letters.size() > 1) throw ParseException("mount flags given twice in \"" + query + "\"");
+  return letters.empty() ? MountFlags() : MountFlags::fromLetters(String(letters.front()));
 }
 
 QelType const* MountFlags::staticType() {

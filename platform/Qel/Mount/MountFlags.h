@@ -19,12 +19,16 @@
 //
 // parseMountFlags(query) reads the "flags" parameter of a URI query ("flags=Cnp", possibly among
 // other "&"-separated parameters). No "flags" parameter means no flags. An unknown letter, or a
-// second "flags" parameter, throws ParseException.
+// second "flags" parameter, throws ParseException. mountFlagsLetters(query) gives the letters of
+// each "flags" parameter as written, for a reader that shows them.
 //
 // A plain value; thread-safe as any value is.
 #pragma once
 
 #include "Qel/Core/Api.h"
+
+#include <string_view>
+#include <vector>
 
 #include "Qel/Core/Types.h"
 #include "Qel/Reflection/BoxedValue.h"
@@ -77,5 +81,8 @@ class QEL_API MountFlags {
 
 // The flags of an entity URI's query; see the header comment.
 QEL_API MountFlags parseMountFlags(String const& query);
+// The letters of each "flags" parameter of `query`, as written, in their order; they point into
+// `query`.
+QEL_API std::vector<std::string_view> mountFlagsLetters(std::string_view query);
 
 }  // namespace Qel
