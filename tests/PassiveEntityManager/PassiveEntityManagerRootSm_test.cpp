@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -187,6 +188,50 @@ TEST_F(RootSmTest, ConnectedRecordWithoutDemuxerIsFatal) {
   record->stateIs(PassiveConnectionStatus::kStateConnected);
   EXPECT_DEATH(record->connectedIs(true), "Assertion failed: dmux");
   ConnMgrHelper::connectionStatusDir()->passiveConnectionStatusDel("ghost");
+}
+
+// Asked again for an agent's engine, the root hands out the one it has when every argument is
+// the same, and names the first that differs otherwise.
+TEST_F(RootSmTest, AnEngineAskedForAgainWithOtherArgumentsIsRefused) {
+  profile("agentA");
+  startRoot();
+  auto const a = agent("agentA");
+  a->holdAnswersIs(true);  // the engine keeps its connection while a mount is in flight
+  a->connect();
+  run();
+  auto const e = rootSm->passiveEntityManagerSm("agentA");
+  ASSERT_TRUE(e && e->demuxer());
+  struct Args {
+    PassiveAgentProfile::PtrConst profile;
+    PassiveAgentStatus::Ptr status;
+    Qel::NboAttrLog::Demuxer::Ptr demuxer;
+    Qel::MountTable::Ptr table;
+    EntityManager::PtrConst entMgr;
+    Orn::TimerWheel::PtrConst wheel;
+  };
+  Args const same{e->agentProfile(),   e->agentStatus(), e->demuxer(),
+                  e->peerMountTable(), e->entMgr(),      e->timerWheel()};
+  auto const again = [&](Args const& x) {
+    return rootSm->passiveEntityManagerSmIs(x.profile, x.status, x.demuxer, x.table, x.entMgr,
+                                            x.wheel);
+  };
+  EXPECT_EQ(again(same), e);
+  std::pair<char const*, std::function<void(Args&)>> const changes[] = {
+      {"_agentProfile", [&](Args& x) { x.profile = profiles->agentProfileIs("other"); }},
+      {"_agentStatus", [](Args& x) { x.status = PassiveAgentStatus::agentStatusNew("agentA"); }},
+      {"_demuxer", [](Args& x) { x.demuxer = nullptr; }},
+      {"_peerMountTable", [](Args& x) { x.table = Qel::MountTable::mountTableNew("other"); }},
+      {"_entMgr", [](Args& x) { x.entMgr = nullptr; }},
+      {"_timerWheel", [&](Args& x) { x.wheel = Orn::TimerWheel::timerWheelNew(clock); }}};
+  for (auto const& [attribute, change] : changes) {
+    Args x = same;
+    change(x);
+    std::string const text = errorOf<Qel::NameInUseException>([&] { again(x); });
+    EXPECT_EQ(text.substr(0, text.find(" has a different value")),
+              std::string("Reinstantiating the pointer interface where constructor parameter "
+                          "attribute ") +
+                  attribute);
+  }
 }
 
 TEST_F(RootSmTest, AWhiteListedAgentIsLeftAlone) {

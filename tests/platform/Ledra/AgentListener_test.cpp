@@ -528,6 +528,14 @@ TEST_F(AgentListenerTest, PathsThatCannotBeTakenAreRefusedWithTheReason) {
   std::string const longPath = dir + "/" + std::string(120, 'x');
   EXPECT_EQ(refusal(longPath), prefix + longPath + ": path longer than 107 bytes");
   EXPECT_EQ(refusal(""), prefix + ": empty path");
+  // A socket file nobody listens on any more (its process died) is taken over, and removed with
+  // the listener.
+  std::string const stale = dir + "/stale.sock";
+  int const s = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un const staleAddress = address(stale);
+  ASSERT_EQ(::bind(s, reinterpret_cast<sockaddr const*>(&staleAddress), sizeof staleAddress), 0);
+  ::close(s);
+  EXPECT_EQ(refusal(stale), "<listening>");
   // The live listener was left alone.
   connected("agentA");
 }
