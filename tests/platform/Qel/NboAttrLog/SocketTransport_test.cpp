@@ -190,4 +190,13 @@ TEST_F(SocketTransportTest, EachStateShowsTheEntityAsItStandsWhenItsRequestGoesO
   EXPECT_EQ(request("/sockettest"), dirState(8, {"more"}));
 }
 
+using SocketTransportDeathTest = SocketTransportTest;
+
+TEST_F(SocketTransportDeathTest, ATransportIsBoundToOneDemuxerOfItsOwn) {
+  EXPECT_DEATH(transport->demuxerIs(Demuxer::demuxerNew("other", nullptr, nullptr)),
+               "\"binding a demuxer of another transport\"");
+  EXPECT_DEATH(transport->demuxerIs(owner.demuxer),
+               "\"socket transport already bound to a demuxer\"");
+}
+
 }  // namespace
