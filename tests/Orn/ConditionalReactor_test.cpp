@@ -136,6 +136,8 @@ TEST_F(ReactorTest, EnumsCompareTheirUnderlyingInteger) {
 }
 
 TEST_F(ReactorDeathTest, MisuseEndsTheProcessWithItsMessage) {
+  EXPECT_DEATH(OrnTesting::CountingReactor<int>::make(nullptr, 1, Orn::EQ, false, aid("a_S32")),
+               literal("\"a condition reactor watches an entity\""));
   EXPECT_DEATH(watch("tags", Qel::String("k"), Orn::LT),
                literal("\"Collection only supports EQ/NEQ logical ops or len()\""));
   EXPECT_DEATH(watch("byColour", 1.0, Orn::EQ),

@@ -99,12 +99,17 @@ TEST_F(EngineTest, AnchorClearsMountsInProgressOnEveryWayOut) {
   EXPECT_FALSE(engine->mountsInProgress());
 }
 
-// The simulation checks the priority order of the queue; a key whose priority is not the group's
-// is a programming error.
-TEST_F(EngineTest, AReadyGroupKeyedWithAnotherPriorityIsFatal) {
+// The simulation checks the priority order of the queue; a key whose priority is not the group's,
+// or no group at all, is a programming error.
+TEST_F(EngineTest, AReadyGroupKeyedWithAnotherPriorityOrNoGroupIsFatal) {
   startEngine();
   EXPECT_DEATH(engine->readyMountGroupIs(4, PassiveMountGroup::mountGroupNew("g", 3)),
                "rv->priority\\(\\) == prio");
+  EXPECT_DEATH(engine->readyMountGroupIs(1, nullptr), "\"readyMountGroupIs of a null group\"");
+  EXPECT_DEATH(engine->readyMountGroupEnq(nullptr), "\"readyMountGroupEnq of a null group\"");
+  EXPECT_DEATH(engine->conditionalMountGroupIs(nullptr),
+               "\"conditionalMountGroupIs of a null group\"");
+  EXPECT_DEATH(engine->handleMountProfile(nullptr), "\"handleMountProfile of a null group\"");
 }
 
 // A profile reloaded as a profile file is (a changed group is a new object, a dropped group is

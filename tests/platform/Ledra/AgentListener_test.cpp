@@ -543,6 +543,11 @@ TEST_F(AgentListenerTest, PathsThatCannotBeTakenAreRefusedWithTheReason) {
 using AgentListenerDeathTest = AgentListenerTest;
 
 TEST_F(AgentListenerDeathTest, ContractViolationsAbort) {
+  EXPECT_DEATH(AgentListener::agentListenerNew(nullptr, path),
+               "\"an agent listener needs an event loop\"");
+  EXPECT_DEATH(ConnMgrHelper::connectionStatusDir()->passiveConnectionStatusIs(
+                   PassiveConnectionStatus::Ptr()),
+               "\"null connection status record\"");
   EXPECT_DEATH(listener->helloTimeoutIs(0), "seconds > 0 && \"a hello timeout must be positive\"");
   EXPECT_DEATH(listener->maxFrameIs(0), "bytes >= 1 && \"a frame limit of at least one byte\"");
   EXPECT_DEATH(listener->maxOutputTotalIs(0), "an output limit of at least one byte");

@@ -270,6 +270,7 @@ TEST_F(DirMounterDeathTest, ContractViolations) {
   auto m = mounter();
   m->start();
   EXPECT_DEATH(m->start(), "\"DirMounter started twice\"");
+  EXPECT_DEATH(TestMounter::make("", "", clock)->start(), "\"DirMounter without a mount path\"");
   auto noClock = TestMounter::make("/dmTest/d", "", nullptr);
   EXPECT_DEATH(noClock->timeMinIs(1.0), "\"DirMounter retry without a clock\"");
   noClock->settleDelayIs(1.0);

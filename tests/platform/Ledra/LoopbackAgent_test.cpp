@@ -116,4 +116,16 @@ TEST_F(LoopbackAgentTest, ASecondAgentUnderALiveNameIsRefused) {
   EXPECT_THROW(other->connect(), Qel::NameInUseException);
 }
 
+using LoopbackAgentDeathTest = LoopbackAgentTest;
+
+TEST_F(LoopbackAgentDeathTest, ContractViolations) {
+  EXPECT_DEATH(LoopbackAgent::loopbackAgentNew(nullptr, "a"),
+               "\"a loopback agent needs an event loop\"");
+  EXPECT_DEATH(LoopbackAgent::loopbackAgentNew(loop, ""), "\"a loopback agent needs a name\"");
+  EXPECT_DEATH(agent->answerTurnsIs(0), "\"answers come on a later loop turn\"");
+  EXPECT_DEATH(agent->answerDelayIs(-1), "\"answer delay must be finite, not negative\"");
+  EXPECT_DEATH(agent->pathStateIs("/a", PathState()),
+               "\"path state of an agent that is not connected\"");
+}
+
 }  // namespace

@@ -288,6 +288,7 @@ INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelModelTest,
 using TimerWheelDeathTest = TimerWheelTest;
 
 TEST_F(TimerWheelDeathTest, ContractViolations) {
+  EXPECT_DEATH(TimerWheel::timerWheelNew(nullptr), "\"a timer wheel needs a clock\"");
   EXPECT_DEATH(TimerWheel::timerWheelNew(clock, 0.001, 1),
                "\"a timer wheel needs at least two ticks\"");
   EXPECT_DEATH(TimerWheel::timerWheelNew(clock, 0), "\"a timer wheel needs a positive tick\"");

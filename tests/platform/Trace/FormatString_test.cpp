@@ -55,6 +55,7 @@ TEST(TraceFormatMessageDeathTest, ArgumentsMustMatchThePlaceholders) {
                "\"trace format has fewer placeholders than arguments\"");
   EXPECT_DEATH(Trace::formatMessage(out, "{} {} {}", args),
                "\"trace format has more placeholders than arguments\"");
+  EXPECT_DEATH(Trace::formatMessage(out, "{} {", args), "\"malformed trace format\"");
 }
 
 }  // namespace

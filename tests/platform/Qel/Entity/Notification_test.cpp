@@ -7,6 +7,8 @@
 #include <stdexcept>
 #include <vector>
 
+#include "Qel/Core/ObserverList.h"
+#include "Qel/Entity/Dir.h"
 #include "Qel/Loop/ActivityManagerConfig.h"
 #include "tests/support/LeakCheck.h"
 
@@ -165,6 +167,15 @@ TEST_F(NotificationTest, NotifieeDroppingTheLastReferenceDuringDelivery) {
 }
 
 using NotificationDeathTest = NotificationTest;
+
+TEST_F(NotificationDeathTest, AnObserverIsAddedOnceAndNeverNullNorADirectoryEntry) {
+  Qel::ObserverList<Counter> list;
+  Counter c;
+  list.add(&c);
+  EXPECT_DEATH(list.add(&c), "\"observer added twice\"");
+  EXPECT_DEATH(list.add(nullptr), "\"null observer\"");
+  EXPECT_DEATH(Qel::globalDir()->entryIs(nullptr), "\"null entry\"");
+}
 
 TEST_F(NotificationDeathTest, TheActivityManagerNeedsAClock) {
   EXPECT_DEATH(g->clockIs(nullptr), "\"the activity manager needs a clock\"");

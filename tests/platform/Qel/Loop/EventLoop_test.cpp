@@ -14,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "Qel/Loop/MonotonicClock.h"
@@ -219,6 +220,19 @@ using EventLoopDeathTest = EventLoopTest;
 TEST_F(EventLoopDeathTest, ATurnIsNeverStartedInsideATurn) {
   loop->post([&] { loop->runOnce(); });
   EXPECT_DEATH(loop->runOnce(), "\"event loop turn started inside a turn\"");
+}
+
+TEST_F(EventLoopDeathTest, ContractViolations) {
+  EXPECT_DEATH(EventLoop::eventLoopNew(nullptr), "\"an event loop needs a clock\"");
+  EXPECT_DEATH(loop->post({}), "\"posting an empty task\"");
+  EXPECT_DEATH(loop->atTurnEnd({}), "\"queueing an empty turn-end task\"");
+  EXPECT_DEATH(loop->watch(0, EventLoop::readable, {}),
+               "\"watching a file descriptor without a handler\"");
+  EXPECT_DEATH(loop->runFor(-1), "\"running an event loop for a negative time\"");
+  EXPECT_DEATH(std::thread([&] { loop->runOnce(); }).join(),
+               "\"event loop used from another thread\"");
+  EXPECT_DEATH(std::thread([&] { loop->watch(0, EventLoop::readable, [](unsigned) {}); }).join(),
+               "\"event loop used from another thread\"");
 }
 
 // The one test on real time: the loop blocks in epoll_wait and wakes for a socket; a turn-end

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Qel/Core/Exception.h"
+#include "Qel/NboAttrLog/DemuxerMgr.h"
 #include "Qel/Reflection/ValueTraits.h"
 #include "tests/support/ExactText.h"
 #include "tests/support/LeakCheck.h"
@@ -152,6 +153,7 @@ using DemuxerDeathTest = DemuxerTest;
 TEST_F(DemuxerDeathTest, ATableServesOneConnection) {
   EXPECT_DEATH(Demuxer::demuxerNew("again", demuxer->peer(), nullptr),
                Ledra::test::literal("\"mount table already bound to a connection\""));
+  EXPECT_DEATH(Qel::NboAttrLog::demuxerMgr()->demuxerIs(nullptr), "\"null demuxer\"");
 }
 
 }  // namespace

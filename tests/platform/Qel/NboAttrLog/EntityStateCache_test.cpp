@@ -70,6 +70,10 @@ TEST_F(EntityStateCacheTest, KeepsAtMostItsBoundDroppingTheLeastRecentlyUsed) {
 
 // An attribute naming another entity reads as that entity's path, which changes (here: the other
 // entity leaves its directory) without the entity holding the attribute being told.
+TEST(EntityStateCacheDeathTest, ACacheHoldsAtLeastOneEntry) {
+  EXPECT_DEATH(EntityStateCache(0, 1024), "\"an entity state cache of at least one entry\"");
+}
+
 TEST_F(EntityStateCacheTest, AStateNamingAnotherEntityIsRenderedEveryTime) {
   auto const target = tree->dirIs("target");
   auto const link = Qel::DynamicEntity::entityNew(linkType(), "link");

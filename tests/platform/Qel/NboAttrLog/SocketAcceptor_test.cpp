@@ -93,4 +93,14 @@ TEST_F(SocketAcceptorTest, OutOfDescriptorsItStopsWatchingUntilOneIsFree) {
   EXPECT_TRUE(loop->watching(listenFd_));
 }
 
+using SocketAcceptorDeathTest = SocketAcceptorTest;
+
+TEST_F(SocketAcceptorDeathTest, ContractViolations) {
+  auto const loop = Qel::EventLoop::eventLoopNew(Qel::SimulatedClock::simulatedClockNew());
+  char const* const text = "\"an acceptor needs a loop, a socket and a handler\"";
+  EXPECT_DEATH(SocketAcceptor(nullptr, listenFd_, [](int) {}), text);
+  EXPECT_DEATH(SocketAcceptor(loop, -1, [](int) {}), text);
+  EXPECT_DEATH(SocketAcceptor(loop, listenFd_, {}), text);
+}
+
 }  // namespace

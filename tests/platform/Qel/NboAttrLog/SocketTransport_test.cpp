@@ -193,6 +193,10 @@ TEST_F(SocketTransportTest, EachStateShowsTheEntityAsItStandsWhenItsRequestGoesO
 using SocketTransportDeathTest = SocketTransportTest;
 
 TEST_F(SocketTransportDeathTest, ATransportIsBoundToOneDemuxerOfItsOwn) {
+  EXPECT_DEATH(SocketTransport::socketTransportNew(nullptr, agent, &owner),
+               "\"a socket transport needs an event loop\"");
+  EXPECT_DEATH(SocketTransport::socketTransportNew(loop.ptr(), -1, &owner),
+               "\"a socket transport needs an open socket\"");
   EXPECT_DEATH(transport->demuxerIs(Demuxer::demuxerNew("other", nullptr, nullptr)),
                "\"binding a demuxer of another transport\"");
   EXPECT_DEATH(transport->demuxerIs(owner.demuxer),
