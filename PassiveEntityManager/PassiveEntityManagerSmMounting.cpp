@@ -107,8 +107,9 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
   auto const table = peerMountTable();
   if (!table || !agentStatus_) return;
   auto const d = demuxer();
-  Qel::Name const agent = agentName();
-  bool const firstAttempt = !agentStatus_->mountReference(mountPath);
+  // The reference already made for the path, if any: the mount has been attempted before.
+  PassiveMountReference::Ptr const earlier = agentStatus_->mountReference(mountPath);
+  bool const firstAttempt = !earlier;
   try {
     Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
@@ -126,7 +127,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
     bool const unchanged =
         (current && next == *current) ||
         (currentFlags.has(Qel::MountFlags::kConvertible) && !flags.has(Qel::MountFlags::kWrite));
-    auto const ref = agentStatus_->mountReferenceIs(mountPath);
+    auto const ref = earlier ? earlier : agentStatus_->mountReferenceIs(mountPath);
     if (unchanged) {
       if (d) d->pathServedIs(mountPath, true);
       ref->completeIs(true);
@@ -140,7 +141,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
       Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
-                  << " agent: " << agent << std::endl;
+                  << " agent: " << agentName() << std::endl;
       return;
     }
     if (agentProfile_ && agentProfile_->hybridMount()) {
@@ -164,22 +165,23 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
       Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
-                  << " upon remount, agent: " << agent << std::endl;
+                  << " upon remount, agent: " << agentName() << std::endl;
       return;
     }
     if (ref->entity()) {
       TRACE(PassiveEntityManager, kTraceDecision, "Mount path {} already mounted by agent {}",
-            mountPath, agent);
+            mountPath, agentName());
     } else {
       TRACE(PassiveEntityManager, kTraceDecision,
-            "Mount path {}not mounted likely due to QEL Exception by agent {}", mountPath, agent);
+            "Mount path {}not mounted likely due to QEL Exception by agent {}", mountPath,
+            agentName());
     }
   } catch (Qel::Exception const& e) {
-    std::cerr << mountPath << " Error: Hit QEL Exception: " << e.what() << " agent: " << agent
+    std::cerr << mountPath << " Error: Hit QEL Exception: " << e.what() << " agent: " << agentName()
               << std::endl;
     return;
   }
-  handleClose(Qel::String(agent));
+  handleClose(Qel::String(agentName()));
 }
 
 void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
@@ -284,7 +286,9 @@ void PassiveEntityManagerSm::mountWholePath(Mount const& mount) {
   prefixes.reserve(mount.path().size() + 1);
   std::vector<std::size_t> ends;
   std::size_t firstUnmounted = 0;
-  Qel::Entity::Ptr dir = Qel::globalDir();
+  // The walk down the tree only names the first missing component in the trace.
+  bool const traced = TRACE_ENABLED(PassiveEntityManager, kTraceDecision);
+  Qel::Entity::Ptr dir = traced ? Qel::Entity::Ptr(Qel::globalDir()) : nullptr;
   std::string_view last;
   for (std::string_view const name : components) {
     if (!last.empty()) {
