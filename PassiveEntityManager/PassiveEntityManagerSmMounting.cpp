@@ -5,6 +5,7 @@
 // Flags. A mount request carries "w" (writable), or "C" (mounted now, to be mounted again with
 // "w" once write mounts are granted), then "i" and "S" when the profile asks for them, then the
 // suffix "p" (the root flags hold 'N') or "np".
+#include <algorithm>
 #include <iostream>
 
 #include "PassiveEntityManager/PassiveDirMounter.h"
@@ -238,8 +239,9 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
 PassiveEntityManagerSm::ParentSaState PassiveEntityManagerSm::parentSaState(
     Qel::String const& parent) {
   auto const table = peerMountTable();
-  if (!table || !table->hasPathState(parent)) return ParentSaState::absent;
-  Qel::MountTable::PathState const sa = table->pathState(parent);
+  Qel::MountTable::PathState const* const state = table ? table->pathStateOf(parent) : nullptr;
+  if (!state) return ParentSaState::absent;
+  Qel::MountTable::PathState const sa = *state;
   if (sa.mounted() && sa.complete() && !sa.synchronised()) {
     TRACE(PassiveEntityManager, kTraceDecision, "mount for {} is complete but not synced", parent);
     return ParentSaState::waiting;
@@ -285,6 +287,7 @@ void PassiveEntityManagerSm::mountWholePath(Mount const& mount) {
   Qel::String prefixes;
   prefixes.reserve(mount.path().size() + 1);
   std::vector<std::size_t> ends;
+  ends.reserve(static_cast<std::size_t>(std::count(mount.path().begin(), mount.path().end(), '/')));
   std::size_t firstUnmounted = 0;
   // The walk down the tree only names the first missing component in the trace.
   bool const traced = TRACE_ENABLED(PassiveEntityManager, kTraceDecision);
