@@ -135,8 +135,6 @@ class QEL_API Demuxer : public Entity {
   // Unanswered requests per path; emptied (buckets and all) whenever the last one is answered.
   std::unordered_map<InternedText, U32, InternedText::Hash, InternedText::Equal> outstanding_;
   U32 lowMountPrioSets_ = 0;
-  // The text of the latest mount request, kept for its capacity (see mountRequest).
-  String uriBuffer_;
   PathServedMap pathServed_;
   // Set before the close's work, notified after it.
   bool closed_ = false;
