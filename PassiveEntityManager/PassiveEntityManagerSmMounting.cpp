@@ -20,11 +20,11 @@ namespace Ledra {
 
 namespace {
 
-// The path up to its last "/" ("/a/b" -> "/a").
-Qel::String parentOf(Qel::String const& path) {
+// The path up to its last "/" ("/a/b" -> "/a"), a view into `path`.
+std::string_view parentOf(Qel::String const& path) {
   std::size_t const slash = path.rfind('/');
-  if (slash == std::string::npos) return Qel::String();
-  return Qel::String(path.substr(0, slash));
+  if (slash == std::string::npos) return {};
+  return std::string_view(path).substr(0, slash);
 }
 
 // A looked-up mount profile, or an empty Mount when there is none.
@@ -194,7 +194,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     TRACE(PassiveEntityManager, kTraceDecision, "mount already complete for {}", path);
     return;
   }
-  Qel::String const parent = parentOf(path);
+  std::string_view const parent = parentOf(path);
   if (mount.userFlags().has('D')) {
     // A blocking directory mount keeps its group in progress until its mounter has finished.
     if (mount.userFlags().has('B')) pendingMountProfileIs(mount);
@@ -207,7 +207,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
       TRACE(PassiveEntityManager, kTraceDecision,
             "{} already is present. Skipping passive dir mounter", path);
       if (mount.userFlags().has('B')) pendingMountProfileDel(path);
-    } else if (!Qel::globalDir()->entity(parent)) {
+    } else if (!Qel::globalDir()->entity(Qel::String(parent))) {
       TRACE(PassiveEntityManager, kTraceDecision,
             "parent dir doesn't exist, will dir mount it later");
       pendingMountProfileIs(mount);
@@ -232,12 +232,12 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     case ParentSaState::waiting:
       return pendingMountProfileIs(mount);
     case ParentSaState::absent:
-      return autoMountParent(mount, parent);
+      return autoMountParent(mount, Qel::String(parent));
   }
 }
 
 PassiveEntityManagerSm::ParentSaState PassiveEntityManagerSm::parentSaState(
-    Qel::String const& parent) {
+    std::string_view parent) {
   auto const table = peerMountTable();
   Qel::MountTable::PathState const* const state = table ? table->pathStateOf(parent) : nullptr;
   if (!state) return ParentSaState::absent;
