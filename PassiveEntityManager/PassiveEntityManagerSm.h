@@ -31,6 +31,7 @@
 
 #include <compare>
 #include <map>
+#include <string_view>
 #include <unordered_map>
 
 #include "Ledra/EntityManager.h"
@@ -276,7 +277,7 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   void armRetryTimer();
   void completionTest();
   // The peer's state of `parent`: synchronised (mount the child), waiting, or no mount at all.
-  ParentSaState parentSaState(Qel::String const& parent);
+  ParentSaState parentSaState(std::string_view parent);
   void autoMountParent(Mount const& mount, Qel::String const& parent);
   void mountWholePath(Mount const& mount);
   void demuxerIs(Qel::NboAttrLog::Demuxer::Ptr const& d);

@@ -5,6 +5,7 @@
 // Flags. A mount request carries "w" (writable), or "C" (mounted now, to be mounted again with
 // "w" once write mounts are granted), then "i" and "S" when the profile asks for them, then the
 // suffix "p" (the root flags hold 'N') or "np".
+#include <algorithm>
 #include <iostream>
 
 #include "PassiveEntityManager/PassiveDirMounter.h"
@@ -19,11 +20,11 @@ namespace Ledra {
 
 namespace {
 
-// The path up to its last "/" ("/a/b" -> "/a").
-Qel::String parentOf(Qel::String const& path) {
+// The path up to its last "/" ("/a/b" -> "/a"), a view into `path`.
+std::string_view parentOf(Qel::String const& path) {
   std::size_t const slash = path.rfind('/');
-  if (slash == std::string::npos) return Qel::String();
-  return Qel::String(path.substr(0, slash));
+  if (slash == std::string::npos) return {};
+  return std::string_view(path).substr(0, slash);
 }
 
 // A looked-up mount profile, or an empty Mount when there is none.
@@ -107,8 +108,9 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
   auto const table = peerMountTable();
   if (!table || !agentStatus_) return;
   auto const d = demuxer();
-  Qel::Name const agent = agentName();
-  bool const firstAttempt = !agentStatus_->mountReference(mountPath);
+  // The reference already made for the path, if any: the mount has been attempted before.
+  PassiveMountReference::Ptr const earlier = agentStatus_->mountReference(mountPath);
+  bool const firstAttempt = !earlier;
   try {
     Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
@@ -126,7 +128,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
     bool const unchanged =
         (current && next == *current) ||
         (currentFlags.has(Qel::MountFlags::kConvertible) && !flags.has(Qel::MountFlags::kWrite));
-    auto const ref = agentStatus_->mountReferenceIs(mountPath);
+    auto const ref = earlier ? earlier : agentStatus_->mountReferenceIs(mountPath);
     if (unchanged) {
       if (d) d->pathServedIs(mountPath, true);
       ref->completeIs(true);
@@ -140,7 +142,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
       Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
-                  << " agent: " << agent << std::endl;
+                  << " agent: " << agentName() << std::endl;
       return;
     }
     if (agentProfile_ && agentProfile_->hybridMount()) {
@@ -164,22 +166,23 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
       Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
-                  << " upon remount, agent: " << agent << std::endl;
+                  << " upon remount, agent: " << agentName() << std::endl;
       return;
     }
     if (ref->entity()) {
       TRACE(PassiveEntityManager, kTraceDecision, "Mount path {} already mounted by agent {}",
-            mountPath, agent);
+            mountPath, agentName());
     } else {
       TRACE(PassiveEntityManager, kTraceDecision,
-            "Mount path {}not mounted likely due to QEL Exception by agent {}", mountPath, agent);
+            "Mount path {}not mounted likely due to QEL Exception by agent {}", mountPath,
+            agentName());
     }
   } catch (Qel::Exception const& e) {
-    std::cerr << mountPath << " Error: Hit QEL Exception: " << e.what() << " agent: " << agent
+    std::cerr << mountPath << " Error: Hit QEL Exception: " << e.what() << " agent: " << agentName()
               << std::endl;
     return;
   }
-  handleClose(Qel::String(agent));
+  handleClose(Qel::String(agentName()));
 }
 
 void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
@@ -191,7 +194,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     TRACE(PassiveEntityManager, kTraceDecision, "mount already complete for {}", path);
     return;
   }
-  Qel::String const parent = parentOf(path);
+  std::string_view const parent = parentOf(path);
   if (mount.userFlags().has('D')) {
     // A blocking directory mount keeps its group in progress until its mounter has finished.
     if (mount.userFlags().has('B')) pendingMountProfileIs(mount);
@@ -204,7 +207,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
       TRACE(PassiveEntityManager, kTraceDecision,
             "{} already is present. Skipping passive dir mounter", path);
       if (mount.userFlags().has('B')) pendingMountProfileDel(path);
-    } else if (!Qel::globalDir()->entity(parent)) {
+    } else if (!Qel::globalDir()->entity(Qel::String(parent))) {
       TRACE(PassiveEntityManager, kTraceDecision,
             "parent dir doesn't exist, will dir mount it later");
       pendingMountProfileIs(mount);
@@ -229,15 +232,16 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
     case ParentSaState::waiting:
       return pendingMountProfileIs(mount);
     case ParentSaState::absent:
-      return autoMountParent(mount, parent);
+      return autoMountParent(mount, Qel::String(parent));
   }
 }
 
 PassiveEntityManagerSm::ParentSaState PassiveEntityManagerSm::parentSaState(
-    Qel::String const& parent) {
+    std::string_view parent) {
   auto const table = peerMountTable();
-  if (!table || !table->hasPathState(parent)) return ParentSaState::absent;
-  Qel::MountTable::PathState const sa = table->pathState(parent);
+  Qel::MountTable::PathState const* const state = table ? table->pathStateOf(parent) : nullptr;
+  if (!state) return ParentSaState::absent;
+  Qel::MountTable::PathState const sa = *state;
   if (sa.mounted() && sa.complete() && !sa.synchronised()) {
     TRACE(PassiveEntityManager, kTraceDecision, "mount for {} is complete but not synced", parent);
     return ParentSaState::waiting;
@@ -283,8 +287,11 @@ void PassiveEntityManagerSm::mountWholePath(Mount const& mount) {
   Qel::String prefixes;
   prefixes.reserve(mount.path().size() + 1);
   std::vector<std::size_t> ends;
+  ends.reserve(static_cast<std::size_t>(std::count(mount.path().begin(), mount.path().end(), '/')));
   std::size_t firstUnmounted = 0;
-  Qel::Entity::Ptr dir = Qel::globalDir();
+  // The walk down the tree only names the first missing component in the trace.
+  bool const traced = TRACE_ENABLED(PassiveEntityManager, kTraceDecision);
+  Qel::Entity::Ptr dir = traced ? Qel::Entity::Ptr(Qel::globalDir()) : nullptr;
   std::string_view last;
   for (std::string_view const name : components) {
     if (!last.empty()) {

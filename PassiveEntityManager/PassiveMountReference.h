@@ -28,8 +28,8 @@ class LEDRA_PEM_EXPORT PassiveMountReference : public Qel::Entity {
   using Notifiee = NotifieeT<PassiveMountReference>;
   using NotifieeConst = NotifieeT<PassiveMountReference const>;
 
-  static Ptr mountReferenceNew(Qel::Name const& path) {
-    return Ptr(new PassiveMountReference(path));
+  static Ptr mountReferenceNew(Qel::Name path) {
+    return Ptr(new PassiveMountReference(std::move(path)));
   }
 
   QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_MOUNT_REFERENCE_ATTRIBUTES)

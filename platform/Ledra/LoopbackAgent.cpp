@@ -140,32 +140,43 @@ void LoopbackAgent::Connection::open() {
 void LoopbackAgent::Connection::sendMountRequest(Qel::String const& uri,
                                                  Qel::String const& typeName, Qel::U32 seqno) {
   Answer a{nextAnswer_++, {}, false, {}};
-  MountRequest r{{}, {}, typeName, seqno, epoch_};
-  try {
-    Qel::EntityUri const parsed(uri);
-    r.path = a.path = parsed.path();
-    r.flags = flagLetters(parsed.query());
-  } catch (Qel::Exception const& e) {
-    r.path = a.path = uri.substr(0, uri.find('?'));
-    a.parseError = e.what();
+  std::size_t const query = uri.find('?');
+  if (!uri.empty() && uri.front() == '/') {
+    // An absolute path has no scheme: the path runs to the first '?', as the URI parser reads it.
+    a.path.assign(uri, 0, query);
+  } else {
+    try {
+      a.path = Qel::EntityUri(uri).path();
+    } catch (Qel::Exception const& e) {
+      a.path = uri.substr(0, query);
+      a.parseError = e.what();
+    }
   }
   TRACE(LedraPlatform, 6, "loopback agent {} mount request {} type {} seqno {}", name_, uri,
         typeName, seqno);
   if (agent_) {
     ++agent_->mountRequestCount_;
-    if (agent_->recording_) agent_->mountRequests_.push_back(r);
+    if (agent_->recording_) {
+      // The letters as written; a request the parser refused records none.
+      Qel::String const letters = a.parseError.empty() && query != std::string::npos
+                                      ? flagLetters(uri.substr(query + 1))
+                                      : Qel::String();
+      agent_->mountRequests_.push_back(MountRequest{a.path, letters, typeName, seqno, epoch_});
+    }
   }
   a.held = agent_ && agent_->holdAnswers_;
-  answers_.push_back(a);
-  if (a.held) return;
+  std::uint64_t const id = a.id;
+  bool const held = a.held;
+  answers_.push_back(std::move(a));
+  if (held) return;
   if (agent_ && agent_->answerDelay_ > 0) {
-    auto timer = std::make_unique<DelayTimer>(this, a.id);
+    auto timer = std::make_unique<DelayTimer>(this, id);
     timer->notifierIs(loop_->clock());
     timer->timeMinIs(loop_->clock()->now() + agent_->answerDelay_);
-    timers_.emplace(a.id, std::move(timer));
+    timers_.emplace(id, std::move(timer));
     return;
   }
-  answerPost(a.id, agent_ ? agent_->answerTurns_ : 1);
+  answerPost(id, agent_ ? agent_->answerTurns_ : 1);
 }
 
 void LoopbackAgent::Connection::answerPost(std::uint64_t id, unsigned turns) {

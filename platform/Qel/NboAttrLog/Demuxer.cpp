@@ -62,13 +62,13 @@ void Demuxer::mountRequest(MountTable::Conf const& conf) {
   flowOutMountRequests_.set(*this, flowOutMountRequests() + 1);
   // A handler of the notifications above may have closed the connection.
   if (!transport_ || closed_) return;
-  // "path?flags=letters", written into one allocation.
-  constexpr std::string_view kQuery = "?flags=";
-  String const letters = conf.flags().text();
-  String uri;
-  uri.reserve(conf.path().size() + kQuery.size() + letters.size());
-  uri.append(conf.path()).append(kQuery).append(letters);
+  // "path?flags=letters", written into the buffer the thread's last request left. Taken out
+  // while the transport reads it: a request sent from inside the transport starts its own.
+  thread_local String uriBuffer;
+  String uri = std::move(uriBuffer);
+  uri.assign(conf.path()).append("?flags=").append(conf.flags().text());
   transport_->sendMountRequest(uri, conf.type(), seqno);
+  uriBuffer = std::move(uri);
 }
 
 bool Demuxer::mountAnswered(String const& path, bool ok, String const& exceptionText) {
