@@ -4,29 +4,19 @@
 #include <cmath>
 #include <deque>
 #include <memory>
+#include <string_view>
 
 #include "Check/Check.h"
 #include "Ledra/ConnMgrHelper.h"
 #include "Ledra/TraceFacility.h"
 #include "Qel/Core/Exception.h"
 #include "Qel/Mount/EntityUri.h"
+#include "Qel/Mount/MountFlags.h"
 #include "Qel/NboAttrLog/DemuxerMgr.h"
 
 namespace Ledra {
 
 namespace {
-
-// The value of the "flags" parameter of a URI query, as written.
-Qel::String flagLetters(Qel::String const& query) {
-  std::size_t pos = 0;
-  while (pos <= query.size()) {
-    std::size_t end = query.find('&', pos);
-    if (end == std::string::npos) end = query.size();
-    if (query.compare(pos, 6, "flags=") == 0) return query.substr(pos + 6, end - pos - 6);
-    pos = end + 1;
-  }
-  return {};
-}
 
 Qel::MountTable::PathState defaultStateOnAnswer() {
   Qel::MountTable::PathState s;
@@ -158,9 +148,11 @@ void LoopbackAgent::Connection::sendMountRequest(Qel::String const& uri,
     ++agent_->mountRequestCount_;
     if (agent_->recording_) {
       // The letters as written; a request the parser refused records none.
-      Qel::String const letters = a.parseError.empty() && query != std::string::npos
-                                      ? flagLetters(uri.substr(query + 1))
-                                      : Qel::String();
+      Qel::String letters;
+      if (a.parseError.empty() && query != std::string::npos) {
+        auto const given = Qel::mountFlagsLetters(std::string_view(uri).substr(query + 1));
+        if (!given.empty()) letters = Qel::String(given.front());
+      }
       agent_->mountRequests_.push_back(MountRequest{a.path, letters, typeName, seqno, epoch_});
     }
   }
