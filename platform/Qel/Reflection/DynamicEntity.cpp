@@ -168,12 +168,7 @@ QelType const* defineType(Name const& typeName, std::vector<AttributeSchema> con
         })
         .setterIs(
             [aid](GenericIf& g, GenericIf::PtrConst const& v, GenericIf::PtrConst const& key) {
-              auto& e = static_cast<DynamicEntity&>(g);
-              if (v) {
-                e.elementIs(aid, key, v);
-                return;
-              }
-              e.elementDel(aid, key);
+              static_cast<DynamicEntity&>(g).elementIs(aid, key, v);  // null removes
             });
   }
   QelType const* self = &t;
