@@ -401,7 +401,10 @@ void Observer::connectionSeen(Qel::Name const& name) {
     if (t->notifier().ptr() == d->peer().ptr()) return;
   }
   std::string const agent(name);
-  connections_[{agent, d->epoch()}] = Connection{agent, d->epoch(), false, {}, {}, {}};
+  // A connection seen anew starts from nothing, whatever fields a Connection holds.
+  Connection& c = connections_[{agent, d->epoch()}] = Connection();
+  c.agent = agent;
+  c.epoch = d->epoch();
   tables_.push_back(std::make_unique<TableWatch>(*this, agent, d->epoch()));
   tables_.back()->notifierIs(d->peer());
   closeWatches_.push_back(std::make_unique<CloseWatch>(*this, agent, d->epoch()));
