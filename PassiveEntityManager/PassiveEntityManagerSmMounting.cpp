@@ -61,7 +61,7 @@ Qel::InternedText PassiveEntityManagerSm::canonicalPath(Qel::InternedText const&
 
 bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
   if (!agentStatus_) return false;
-  auto const ref = agentStatus_->mountReference(path);
+  PassiveAgentStatus::MountRecord const* const ref = agentStatus_->mountRecord(path);
   if (!ref) return false;
   switch (ref->completion()) {
     case PassiveMountReference::Completion::complete:
@@ -108,9 +108,8 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
   auto const table = peerMountTable();
   if (!table || !agentStatus_) return;
   auto const d = demuxer();
-  // The reference already made for the path, if any: the mount has been attempted before.
-  PassiveMountReference::Ptr const earlier = agentStatus_->mountReference(mountPath);
-  bool const firstAttempt = !earlier;
+  // A reference for the path, if any: the mount has been attempted before.
+  bool const firstAttempt = !agentStatus_->mountRecord(path);
   try {
     Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
@@ -128,17 +127,19 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
     bool const unchanged =
         (current && next == *current) ||
         (currentFlags.has(Qel::MountFlags::kConvertible) && !flags.has(Qel::MountFlags::kWrite));
-    auto const ref = earlier ? earlier : agentStatus_->mountReferenceIs(mountPath);
+    // Written by path, through the status: a notifiee may replace or drop the record meanwhile.
+    PassiveAgentStatus::Ptr const status = agentStatus_;
+    status->mountRecordIs(path);
     if (unchanged) {
       if (d) d->pathServedIs(mountPath, true);
-      ref->completeIs(true);
-      ref->entityIs(entity);
+      status->mountCompleteIs(path, true);
+      status->mountEntityIs(path, entity);
       return;
     }
     if (firstAttempt) {
       table->confIs(next);
       if (!entity) entity = Qel::globalDir()->entity(mountPath);
-      ref->entityIs(entity);
+      status->mountEntityIs(path, entity);
       Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
@@ -151,8 +152,8 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
         TRACE(PassiveEntityManager, kTraceDecision,
               "Hybrid mount already mount entity for {} with the same flag 0x{:x} Just set entity.",
               mountPath, flags.value());
-        ref->entityIs(entity);
-        ref->completeIs(true);
+        status->mountEntityIs(path, entity);
+        status->mountCompleteIs(path, true);
         return;
       }
       TRACE(PassiveEntityManager, kTraceDecision,
@@ -161,15 +162,16 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
             mountPath, static_cast<void const*>(entity.ptr()), true, flags.text(),
             currentFlags.text());
       table->confIs(next);
-      ref->entityIs(entity);
-      ref->completeIs(true);
+      status->mountEntityIs(path, entity);
+      status->mountCompleteIs(path, true);
       Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
                   << " upon remount, agent: " << agentName() << std::endl;
       return;
     }
-    if (ref->entity()) {
+    PassiveAgentStatus::MountRecord const* const ref = status->mountRecord(path);
+    if (ref && ref->entity()) {
       TRACE(PassiveEntityManager, kTraceDecision, "Mount path {} already mounted by agent {}",
             mountPath, agentName());
     } else {
