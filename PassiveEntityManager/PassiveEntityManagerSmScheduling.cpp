@@ -159,7 +159,7 @@ void PassiveEntityManagerSm::convertMounts() {
     Mount const m = convertableMountsDeq();
     if (agentStatus_) agentStatus_->mountReferenceDel(m.path());
     TRACE(PassiveEntityManager, kTraceDecision, "Converting {} to w", m.path());
-    doPassiveMount(m.path(), m.flags(), m.type());
+    doPassiveMount(m.internedPath(), m.userFlags(), m.internedType());
   }
 }
 
