@@ -49,7 +49,8 @@ Entity::Ptr Entity::entity(String const& path) const {
   bool throughDirs = true;
   for (std::string_view const component : pathComponents(path)) {
     if (!e) break;
-    throughDirs = throughDirs && typeid(*e) == typeid(Dir);
+    Entity const* const at = e.ptr();
+    throughDirs = throughDirs && typeid(*at) == typeid(Dir);
     e = e->child(Name(component));
   }
   if (fromRoot && e && throughDirs) entityPathIndex().foundThroughDirsIs(path, e.ptr());
