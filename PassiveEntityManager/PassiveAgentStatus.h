@@ -100,7 +100,7 @@ class LEDRA_PEM_EXPORT PassiveAgentStatus : public Qel::Entity {
   QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_AGENT_STATUS_ATTRIBUTES)
 
   // The mount references as entities: all of them, the one for `path` (null when absent), their
-  // number; deleting one notifies its path and cuts its entity, if made, off from this record.
+  // number; deleting one notifies its path and cuts its entity, if made, off from this status.
   MountReferenceView mountReference() const { return MountReferenceView(this); }
   PassiveMountReference::Ptr mountReference(std::string_view path) const;
   std::size_t mountReferences() const { return mountRecords_.size(); }
