@@ -26,6 +26,15 @@ PassiveMountReference::Ptr PassiveAgentStatus::made(
   return ref;
 }
 
+void PassiveAgentStatus::unmadeIfIdle(MountRecordMap::value_type const& record) const {
+  MountRecord& r = const_cast<MountRecord&>(record.second);
+  if (!r.made_ || r.made_->refCount() > 1 || r.made_->notifiees() > 0) return;
+  r.entity_ = r.made_->entity();
+  r.complete_ = r.made_->complete();
+  r.made_->qelParentIs(nullptr);
+  r.made_ = nullptr;
+}
+
 void PassiveAgentStatus::notifyMountReference(std::string_view path) const {
   // The key is made only for someone to tell.
   if (!notifiees()) return;

@@ -7,9 +7,10 @@
 // completion), one small node each; the PassiveMountReference entity of a record is made only
 // when someone asks for it (mountReference(path), mountReferenceIs, a walk of the collection, a
 // lookup by path or through the reflection) and then holds the record's state, so that its
-// notifiees see every later write. The engine writes through the records (mountRecordIs,
-// mountEntityIs, mountCompleteIs), which costs no entity while nobody has asked for one. The
-// collection notifies as any collection of children does: the path as key, on insert and delete.
+// notifiees see every later write. A walk gives back each entity it made that nobody kept. The
+// engine writes through the records (mountRecordIs, mountEntityIs, mountCompleteIs), which costs no
+// entity while nobody has asked for one. The collection notifies as any collection of children
+// does: the path as key, on insert and delete.
 #pragma once
 
 #include <cstddef>
@@ -60,7 +61,9 @@ class LEDRA_PEM_EXPORT PassiveAgentStatus : public Qel::Entity {
   using MountRecordMap = std::unordered_map<Qel::InternedText, MountRecord, Qel::InternedText::Hash,
                                             Qel::InternedText::Equal>;
 
-  // The references as (path, entity) pairs, each entity made as it is reached.
+  // The references as (path, entity) pairs, each entity made as it is reached. Stepping on
+  // folds the entity just passed back into its record when nobody else holds or watches it, so
+  // that a walk (a status report) leaves no entities behind.
   class MountReferenceView {
    public:
     class Iterator {
@@ -71,6 +74,7 @@ class LEDRA_PEM_EXPORT PassiveAgentStatus : public Qel::Entity {
         return {it_->first.str(), owner_->made(*it_)};
       }
       Iterator& operator++() {
+        owner_->unmadeIfIdle(*it_);
         ++it_;
         return *this;
       }
@@ -133,6 +137,9 @@ class LEDRA_PEM_EXPORT PassiveAgentStatus : public Qel::Entity {
   static void qelReflectMountReference(Qel::TypeBuilder<PassiveAgentStatus>& b);
   // The record's entity, made now if it was not yet.
   PassiveMountReference::Ptr made(MountRecordMap::value_type const& record) const;
+  // Takes the record's state back from its entity and lets the entity go, when the record alone
+  // holds it and nothing watches it.
+  void unmadeIfIdle(MountRecordMap::value_type const& record) const;
   void notifyMountReference(std::string_view path) const;
 
   QEL_ATTR_STORAGE(LEDRA_PASSIVE_AGENT_STATUS_ATTRIBUTES)

@@ -112,5 +112,36 @@ TEST_F(StatusTest, ARecordBecomesItsEntityOnDemandAndItsEntityCarriesEveryLaterW
   EXPECT_TRUE(ref->complete());
 }
 
+// A walk of the references (a status report) makes each entity for its step and gives back the
+// ones nobody kept or watches, their state back in the records; a kept one stays the same.
+TEST_F(StatusTest, AWalkGivesBackTheEntitiesNobodyKept) {
+  auto const status = dir->agentStatusIs("agent");
+  auto const a = tree->dirIs("a");
+  Qel::InternedText const path("/statustest/a");
+  status->mountRecordIs(path);
+  status->mountEntityIs(path, a);
+  status->mountCompleteIs(path, true);
+
+  long const live = Qel::RefCounted::liveInstances();
+  std::vector<std::string> seen;
+  for (auto const& [p, r] : status->mountReference()) {
+    seen.emplace_back(p);
+    EXPECT_EQ(r->entity(), a);
+    EXPECT_TRUE(r->complete());
+  }
+  EXPECT_EQ(seen, std::vector<std::string>{"/statustest/a"});
+  EXPECT_EQ(Qel::RefCounted::liveInstances(), live) << "the walk's entity was given back";
+  ASSERT_NE(status->mountRecord(path), nullptr);
+  EXPECT_EQ(status->mountRecord(path)->entity(), a);
+  EXPECT_TRUE(status->mountRecord(path)->complete());
+
+  PassiveMountReference::Ptr kept;
+  for (auto const& [p, r] : status->mountReference())
+    kept = r;
+  ASSERT_TRUE(kept);
+  EXPECT_EQ(status->mountReference("/statustest/a"), kept);
+  EXPECT_EQ(kept->parent(), status.ptr());
+}
+
 }  // namespace
 }  // namespace Ledra
