@@ -284,11 +284,11 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   void peerMountTableIs(Qel::MountTable::Ptr const& t);
   // `path` with its template keys substituted (noted in templateCache).
   Qel::InternedText canonicalPath(Qel::InternedText const& path);
-  // doPassiveMount for a path and type name already interned.
-  void doPassiveMount(Qel::InternedText const& path, Qel::String const& userFlags,
+  // doPassiveMount for a path and type name already interned and letters already read.
+  void doPassiveMount(Qel::InternedText const& path, UserFlags const& userFlags,
                       Qel::InternedText const& typeName);
   // Whether the mount of `path` for this agent has completed (orphans traced and refused).
-  bool isMountComplete(Qel::String const& path) const;
+  bool isMountComplete(Qel::InternedText const& path) const;
   template <class F>
   void forEachReactor(F f);
   static void qelReflectReadyMountGroup(Qel::TypeBuilder<PassiveEntityManagerSm>& b);

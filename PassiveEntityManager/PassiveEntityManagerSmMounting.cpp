@@ -41,14 +41,26 @@ std::vector<Qel::Name> componentsOf(Qel::String const& path) {
 }
 
 constexpr char const* kDirType = "Qel::Dir";
+Qel::String const kNoFlags;
 
-// The flags of a mount request for `path` with `letters`, as the entity URI "path?flags=letters"
-// reads them. A plain absolute path without a query reads as the letters alone; anything else
+// The flags of the mount request for `path`, as the entity URI "path?flags=letters" reads them,
+// the letters being mountRequestLetters(userFlags, rootFlags, granted). A plain absolute path
+// without a query reads as the letters alone, whose bits are set here directly; anything else
 // goes through the URI parser, which refuses what no URI may hold.
-Qel::MountFlags requestFlags(Qel::String const& path, Qel::String const& letters) {
-  if (!path.empty() && path.front() == '/' && path.find('?') == std::string::npos)
-    return Qel::MountFlags::fromLetters(letters);
-  return Qel::parseMountFlags(Qel::EntityUri(path + "?flags=" + letters).query());
+Qel::MountFlags requestFlags(Qel::String const& path, UserFlags const& userFlags,
+                             Qel::String const& rootFlags, bool granted) {
+  if (path.empty() || path.front() != '/' || path.find('?') != std::string::npos) {
+    Qel::String const letters = mountRequestLetters(userFlags, UserFlags(rootFlags), granted);
+    return Qel::parseMountFlags(Qel::EntityUri(path + "?flags=" + letters).query());
+  }
+  using F = Qel::MountFlags;
+  bool const write = granted ? userFlags.has('w') : userFlags.has('f');
+  Qel::U32 bits = write ? F::kWrite : F::kConvertible;
+  if (userFlags.has('i')) bits |= F::kLetterI;
+  if (userFlags.has('S')) bits |= F::kLetterS;
+  // "p" when the root flags hold 'N', else "np".
+  bits |= rootFlags.find('N') != std::string::npos ? F::kSuffixP : F::kSuffixN | F::kSuffixP;
+  return F(bits);
 }
 
 }  // namespace
@@ -59,9 +71,9 @@ Qel::InternedText PassiveEntityManagerSm::canonicalPath(Qel::InternedText const&
   return real;
 }
 
-bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
+bool PassiveEntityManagerSm::isMountComplete(Qel::InternedText const& path) const {
   if (!agentStatus_) return false;
-  auto const ref = agentStatus_->mountReference(path);
+  PassiveAgentStatus::MountRecord const* const ref = agentStatus_->mountRecord(path);
   if (!ref) return false;
   switch (ref->completion()) {
     case PassiveMountReference::Completion::complete:
@@ -82,37 +94,35 @@ bool PassiveEntityManagerSm::isMountComplete(Qel::String const& path) const {
 void PassiveEntityManagerSm::doPassiveMount(Qel::String const& mountPath,
                                             Qel::String const& userFlags,
                                             Qel::String const& typeName) {
-  doPassiveMount(Qel::InternedText(mountPath), userFlags, Qel::InternedText(typeName));
+  doPassiveMount(Qel::InternedText(mountPath), UserFlags(userFlags), Qel::InternedText(typeName));
 }
 
-void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
-                                            Qel::String const& userFlags,
+void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path, UserFlags const& letters,
                                             Qel::InternedText const& internedType) {
   Qel::String const& mountPath = path.str();
   Qel::String const& typeName = internedType.str();
+  Qel::String const& userFlags = letters.letters();
   TRACE(PassiveEntityManager, kTraceDecision, "mountPath: {} userFlags: {} typeName: {}", mountPath,
         userFlags, typeName);
   bool const granted = entMgr_ && entMgr_->writeMountsGranted();
-  UserFlags const letters(userFlags);
   // A writable mount asked for before writing is granted (and not forced) goes out read-only
   // and is converted later.
   if (!granted && letters.has('w') && !letters.has('f')) {
     TRACE(PassiveEntityManager, kTraceDecision, "convertable mount Enqueuing {} {} {}", mountPath,
           userFlags, typeName);
-    convertableMountsEnq(Mount(mountPath, typeName, userFlags));
+    convertableMountsEnq(Mount(path, internedType, letters));
   }
-  Qel::String const requestLetters = mountRequestLetters(
-      letters, UserFlags(agentProfile_ ? agentProfile_->rootFlags() : Qel::String()), granted);
-  TRACE(PassiveEntityManager, kTraceDecision, "Final flags: {}", requestLetters);
+  Qel::String const& rootFlags = agentProfile_ ? agentProfile_->rootFlags() : kNoFlags;
+  TRACE(PassiveEntityManager, kTraceDecision, "Final flags: {}",
+        mountRequestLetters(letters, UserFlags(rootFlags), granted));
 
   auto const table = peerMountTable();
   if (!table || !agentStatus_) return;
   auto const d = demuxer();
-  // The reference already made for the path, if any: the mount has been attempted before.
-  PassiveMountReference::Ptr const earlier = agentStatus_->mountReference(mountPath);
-  bool const firstAttempt = !earlier;
+  // A reference for the path, if any: the mount has been attempted before.
+  bool const firstAttempt = !agentStatus_->mountRecord(path);
   try {
-    Qel::MountFlags const flags = requestFlags(mountPath, requestLetters);
+    Qel::MountFlags const flags = requestFlags(mountPath, letters, rootFlags, granted);
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
     TRACE(PassiveEntityManager, kTraceDecision,
           "mounting: {} typeName: {} epoch: {} seqno: {} flags: {} entPtr: 0x{:x}", mountPath,
@@ -128,17 +138,19 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
     bool const unchanged =
         (current && next == *current) ||
         (currentFlags.has(Qel::MountFlags::kConvertible) && !flags.has(Qel::MountFlags::kWrite));
-    auto const ref = earlier ? earlier : agentStatus_->mountReferenceIs(mountPath);
+    // Written by path, through the status: a notifiee may replace or drop the record meanwhile.
+    PassiveAgentStatus::Ptr const status = agentStatus_;
+    status->mountRecordIs(path);
     if (unchanged) {
       if (d) d->pathServedIs(mountPath, true);
-      ref->completeIs(true);
-      ref->entityIs(entity);
+      status->mountCompleteIs(path, true);
+      status->mountEntityIs(path, entity);
       return;
     }
     if (firstAttempt) {
       table->confIs(next);
       if (!entity) entity = Qel::globalDir()->entity(mountPath);
-      ref->entityIs(entity);
+      status->mountEntityIs(path, entity);
       Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
@@ -151,8 +163,8 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
         TRACE(PassiveEntityManager, kTraceDecision,
               "Hybrid mount already mount entity for {} with the same flag 0x{:x} Just set entity.",
               mountPath, flags.value());
-        ref->entityIs(entity);
-        ref->completeIs(true);
+        status->mountEntityIs(path, entity);
+        status->mountCompleteIs(path, true);
         return;
       }
       TRACE(PassiveEntityManager, kTraceDecision,
@@ -161,15 +173,16 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path,
             mountPath, static_cast<void const*>(entity.ptr()), true, flags.text(),
             currentFlags.text());
       table->confIs(next);
-      ref->entityIs(entity);
-      ref->completeIs(true);
+      status->mountEntityIs(path, entity);
+      status->mountCompleteIs(path, true);
       Qel::MountTable::Stat const stat = table->stat(Qel::ConnectDesc(path));
       if (!stat.exceptionDesc().empty())
         std::cerr << mountPath << " Error: Hit QEL Exception: " << stat.exceptionDesc()
                   << " upon remount, agent: " << agentName() << std::endl;
       return;
     }
-    if (ref->entity()) {
+    PassiveAgentStatus::MountRecord const* const ref = status->mountRecord(path);
+    if (ref && ref->entity()) {
       TRACE(PassiveEntityManager, kTraceDecision, "Mount path {} already mounted by agent {}",
             mountPath, agentName());
     } else {
@@ -189,8 +202,8 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
   Mount const mount(canonicalPath(profileMount.internedPath()), profileMount.internedType(),
                     profileMount.userFlags());
   Qel::String const& path = mount.path();
-  Qel::String const flags = mount.flags();
-  if (isMountComplete(path)) {
+  Qel::String const& flags = mount.userFlags().letters();
+  if (isMountComplete(mount.internedPath())) {
     TRACE(PassiveEntityManager, kTraceDecision, "mount already complete for {}", path);
     return;
   }
@@ -228,7 +241,7 @@ void PassiveEntityManagerSm::doNestedPassiveMount(Mount const& profileMount) {
   TRACE(PassiveEntityManager, kTraceDecision, "parentDir: {}", parent);
   switch (parentSaState(parent)) {
     case ParentSaState::synchronised:
-      return doPassiveMount(mount.internedPath(), flags, mount.internedType());
+      return doPassiveMount(mount.internedPath(), mount.userFlags(), mount.internedType());
     case ParentSaState::waiting:
       return pendingMountProfileIs(mount);
     case ParentSaState::absent:

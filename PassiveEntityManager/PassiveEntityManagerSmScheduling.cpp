@@ -157,9 +157,9 @@ void PassiveEntityManagerSm::convertMounts() {
         convertableMounts_.size());
   while (initialized() && !convertableMounts_.empty()) {
     Mount const m = convertableMountsDeq();
-    if (agentStatus_) agentStatus_->mountReferenceDel(Qel::Name(m.path()));
+    if (agentStatus_) agentStatus_->mountReferenceDel(m.path());
     TRACE(PassiveEntityManager, kTraceDecision, "Converting {} to w", m.path());
-    doPassiveMount(m.path(), m.flags(), m.type());
+    doPassiveMount(m.internedPath(), m.userFlags(), m.internedType());
   }
 }
 

@@ -5,9 +5,10 @@
 
 namespace Ledra {
 
-PassiveMountReference::Completion PassiveMountReference::completion() const {
-  if (!complete()) return Completion::incomplete;
-  if (!entity() || entity()->root() != Qel::globalDir().ptr()) return Completion::orphaned;
+PassiveMountReference::Completion PassiveMountReference::completionOf(bool complete,
+                                                                      Qel::Entity const* entity) {
+  if (!complete) return Completion::incomplete;
+  if (!entity || entity->root() != Qel::globalDir().ptr()) return Completion::orphaned;
   return Completion::complete;
 }
 

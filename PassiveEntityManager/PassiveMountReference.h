@@ -1,6 +1,8 @@
 // Ledra::PassiveMountReference: what was mounted for an agent under one path (its name): the
 // entity found there and whether the mount completed. `complete` is only ever set to true; an
 // entity cut off from the tree since it was mounted is detected by isCompleteMount() instead.
+// The agent's status keeps its references as plain records and makes the entity of one only when
+// it is asked for (see PassiveAgentStatus); from then on the entity holds the reference's state.
 #pragma once
 
 #include "PassiveEntityManager/Export.h"
@@ -38,7 +40,9 @@ class LEDRA_PEM_EXPORT PassiveMountReference : public Qel::Entity {
   // the tree of the global directory. An entity cut off since it was mounted is `orphaned`, and so
   // is a complete reference without entity (a mount found unchanged where no entity stands).
   enum class Completion { incomplete, complete, orphaned };
-  Completion completion() const;
+  Completion completion() const { return completionOf(complete(), entity().ptr()); }
+  // The completion of a reference in the state given.
+  static Completion completionOf(bool complete, Qel::Entity const* entity);
 
   Qel::QelType const* fwkType() const override { return staticType(); }
   static Qel::QelType const* staticType();

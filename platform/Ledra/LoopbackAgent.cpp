@@ -63,11 +63,13 @@ class LoopbackAgent::Connection final : public Qel::NboAttrLog::Transport {
   PassiveConnectionStatus::Ptr const& status() const { return status_; }
 
  private:
+  // Interned texts: the path is the one the demuxer's table holds already, and a parse error is
+  // rare; an answer waiting in the queue stays four words.
   struct Answer {
     std::uint64_t id;
-    Qel::String path;
+    Qel::InternedText path;
+    Qel::InternedText parseError;  // the request's URI did not parse
     bool held;
-    Qel::String parseError;  // the request's URI did not parse
   };
   // Posts the answer `id` to the loop when the agent's answer delay has passed.
   class DelayTimer : public Qel::Clock::Notifiee {
@@ -129,17 +131,17 @@ void LoopbackAgent::Connection::open() {
 
 void LoopbackAgent::Connection::sendMountRequest(Qel::String const& uri,
                                                  Qel::String const& typeName, Qel::U32 seqno) {
-  Answer a{nextAnswer_++, {}, false, {}};
+  Answer a{nextAnswer_++, {}, {}, false};
   std::size_t const query = uri.find('?');
   if (!uri.empty() && uri.front() == '/') {
     // An absolute path has no scheme: the path runs to the first '?', as the URI parser reads it.
-    a.path.assign(uri, 0, query);
+    a.path = Qel::InternedText(std::string_view(uri).substr(0, query));
   } else {
     try {
-      a.path = Qel::EntityUri(uri).path();
+      a.path = Qel::InternedText(Qel::EntityUri(uri).path());
     } catch (Qel::Exception const& e) {
-      a.path = uri.substr(0, query);
-      a.parseError = e.what();
+      a.path = Qel::InternedText(std::string_view(uri).substr(0, query));
+      a.parseError = Qel::InternedText(e.what());
     }
   }
   TRACE(LedraPlatform, 6, "loopback agent {} mount request {} type {} seqno {}", name_, uri,
@@ -153,7 +155,8 @@ void LoopbackAgent::Connection::sendMountRequest(Qel::String const& uri,
         auto const given = Qel::mountFlagsLetters(std::string_view(uri).substr(query + 1));
         if (!given.empty()) letters = Qel::String(given.front());
       }
-      agent_->mountRequests_.push_back(MountRequest{a.path, letters, typeName, seqno, epoch_});
+      agent_->mountRequests_.push_back(
+          MountRequest{a.path.str(), letters, typeName, seqno, epoch_});
     }
   }
   a.held = agent_ && agent_->holdAnswers_;
@@ -193,7 +196,7 @@ void LoopbackAgent::Connection::answerGive(std::uint64_t id) {
     auto f = agent_->mountFailure_.find(a.path);
     if (f != agent_->mountFailure_.end()) failure = f->second;
   }
-  TRACE(LedraPlatform, 6, "loopback agent {} answers {}: {}", name_, a.path,
+  TRACE(LedraPlatform, 6, "loopback agent {} answers {}: {}", name_, a.path.str(),
         failure.empty() ? Qel::String("ok") : failure);
   if (!failure.empty()) {
     demuxer_->mountAnswered(a.path, false, failure);

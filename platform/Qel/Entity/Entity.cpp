@@ -44,11 +44,16 @@ Entity::Ptr Entity::entity(String const& path) const {
     if (Entity* const known = entityPathIndex().find(path)) return Ptr(known);
   }
   Ptr e(const_cast<Entity*>(this));
+  // Whether every entity the search went through is a Dir: only then is the one found where a
+  // later search from the root may look first (an entry of a Dir stands under that Dir's name).
+  bool throughDirs = true;
   for (std::string_view const component : pathComponents(path)) {
     if (!e) break;
+    Entity const* const at = e.ptr();
+    throughDirs = throughDirs && typeid(*at) == typeid(Dir);
     e = e->child(Name(component));
   }
-  if (fromRoot && e) entityPathIndex().foundIs(path, e.ptr());
+  if (fromRoot && e && throughDirs) entityPathIndex().foundThroughDirsIs(path, e.ptr());
   return e;
 }
 

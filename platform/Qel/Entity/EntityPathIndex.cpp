@@ -21,6 +21,11 @@ Entity* EntityPathIndex::find(std::string_view path) const {
 
 void EntityPathIndex::foundIs(std::string_view path, Entity* e) {
   if (!e || path.size() > kMaxPath || !standsAt(*e, path)) return;
+  foundThroughDirsIs(path, e);
+}
+
+void EntityPathIndex::foundThroughDirsIs(std::string_view path, Entity* e) {
+  if (!e || path.size() > kMaxPath) return;
   Slot& s = slots_[slotOf(path)];
   s.entity = e;
   s.treeVersion = Entity::treeVersion();

@@ -33,6 +33,9 @@ class QEL_API EntityPathIndex {
   Entity* find(std::string_view path) const;
   // Remembers `e` as found at `path`, when it stands there (standsAt).
   void foundIs(std::string_view path, Entity* e);
+  // The same for `e` found from the root by `path` through Dirs alone, which is where it stands
+  // by construction: nothing is checked but the path's length.
+  void foundThroughDirsIs(std::string_view path, Entity* e);
 
   // Whether `e` stands at `path` below Qel::globalDir() with a Dir for every ancestor. Empty
   // components of the path are skipped, as a search skips them.

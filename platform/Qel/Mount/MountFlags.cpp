@@ -1,7 +1,9 @@
 #include "Qel/Mount/MountFlags.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
+#include <iterator>
 #include <string_view>
 
 #include "Qel/Core/Exception.h"
@@ -31,6 +33,14 @@ constexpr U32 kLettered = [] {
   return all;
 }();
 
+// The bit of each character, 0 for those that are no flag letter.
+constexpr std::array<U32, 256> kBitOf = [] {
+  std::array<U32, 256> bits{};
+  for (Letter const& l : kLetters)
+    bits[static_cast<unsigned char>(l.letter)] = l.bit;
+  return bits;
+}();
+
 }  // namespace
 
 MountFlags::MountFlags(U32 value) : value_(value) {
@@ -38,10 +48,13 @@ MountFlags::MountFlags(U32 value) : value_(value) {
 }
 
 String MountFlags::text() const {
-  String out;
+  // Gathered first, so that the text is made at once.
+  char letters[std::size(kLetters)];
+  std::size_t n = 0;
   for (Letter const& l : kLetters) {
-    if (value_ & l.bit) out += l.letter;
+    if (value_ & l.bit) letters[n++] = l.letter;
   }
+  String out(letters, n);
   U32 const rest = value_ & ~kLettered;
   if (rest == 0) return out;
   char buf[16];
@@ -51,10 +64,7 @@ String MountFlags::text() const {
 }
 
 U32 MountFlags::bitOf(char letter) {
-  for (Letter const& l : kLetters) {
-    if (l.letter == letter) return l.bit;
-  }
-  return 0;
+  return kBitOf[static_cast<unsigned char>(letter)];
 }
 
 MountFlags MountFlags::fromLetters(String const& letters) {

@@ -71,7 +71,8 @@ void Demuxer::mountRequest(MountTable::Conf const& conf) {
   uriBuffer = std::move(uri);
 }
 
-bool Demuxer::mountAnswered(String const& path, bool ok, String const& exceptionText) {
+template <class K>
+bool Demuxer::answered(K const& path, bool ok, String const& exceptionText) {
   if (closed_) return false;
   auto it = outstanding_.find(path);
   if (it == outstanding_.end()) return false;
@@ -84,6 +85,14 @@ bool Demuxer::mountAnswered(String const& path, bool ok, String const& exception
   flowOutMountRequests_.set(*this, flowOutMountRequests() - 1);
   if (closing_ && flowOutMountRequests() == 0 && !closed_) closeNow();
   return true;
+}
+
+bool Demuxer::mountAnswered(String const& path, bool ok, String const& exceptionText) {
+  return answered(path, ok, exceptionText);
+}
+
+bool Demuxer::mountAnswered(InternedText const& path, bool ok, String const& exceptionText) {
+  return answered(path, ok, exceptionText);
 }
 
 void Demuxer::close(String const& reason, CloseOptions options) {

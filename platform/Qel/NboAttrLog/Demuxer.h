@@ -115,6 +115,8 @@ class QEL_API Demuxer : public Entity {
   // The peer's answer to the oldest unanswered request for `path`. False (and nothing changes)
   // when no request for the path is outstanding or the connection is closed.
   bool mountAnswered(String const& path, bool ok, String const& exceptionText);
+  // The same for a path already interned (found by its node, its text not hashed again).
+  bool mountAnswered(InternedText const& path, bool ok, String const& exceptionText);
 
   QelType const* fwkType() const override { return staticType(); }
   static QelType const* staticType();
@@ -125,6 +127,8 @@ class QEL_API Demuxer : public Entity {
 
  private:
   void closeNow();
+  template <class K>
+  bool answered(K const& path, bool ok, String const& exceptionText);
   static void qelReflectPathServed(TypeBuilder<Demuxer>& b);
 
   MountTable::Ptr const peer_;

@@ -4,13 +4,36 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "Qel/Entity/Dir.h"
+#include "Qel/Reflection/TypeBuilder.h"
 #include "tests/support/LeakCheck.h"
 
 namespace {
 
 using Qel::Dir;
 using Qel::Entity;
+
+// An entity that is no Dir and holds children found by name, which it replaces without the
+// tree's version moving.
+class Shelf : public Entity {
+ public:
+  static Qel::Ptr<Shelf> shelfNew(char const* name) { return Qel::Ptr<Shelf>(new Shelf(name)); }
+  void put(Entity::Ptr const& e) { held_[e->name()] = e; }
+  Entity::Ptr child(Qel::Name const& name) const override {
+    auto const it = held_.find(name);
+    return it == held_.end() ? nullptr : it->second;
+  }
+  Qel::QelType const* fwkType() const override {
+    static Qel::QelType const* const t = Qel::TypeBuilder<Shelf>("test::PathIndexShelf").done();
+    return t;
+  }
+
+ private:
+  explicit Shelf(char const* name) : Entity(Qel::Name(name)) {}
+  std::map<Qel::Name, Entity::Ptr> held_;
+};
 
 class EntityPathIndexTest : public Ledra::test::ScratchDirTest {
  protected:
@@ -58,6 +81,19 @@ TEST_F(EntityPathIndexTest, ANameHoldingASlashIsNoTwoComponents) {
   EXPECT_EQ(at("/pathtest/a/b"), nullptr);
   EXPECT_FALSE(Qel::EntityPathIndex::standsAt(*slash, "/pathtest/a/b"));
   EXPECT_TRUE(Qel::EntityPathIndex::standsAt(*tree, "//pathtest/"));
+}
+
+// Only a search through Dirs alone is remembered: an entity that is no Dir may change what it
+// holds without the tree's version moving, and a later search must see that.
+TEST_F(EntityPathIndexTest, ASearchThroughAnEntityThatIsNoDirIsNotRemembered) {
+  auto const shelf = Shelf::shelfNew("shelf");
+  tree->entryIs(shelf);
+  Dir::Ptr const first = Dir::dirNew("x");
+  shelf->put(first);
+  EXPECT_EQ(at("/pathtest/shelf/x"), first);
+  Dir::Ptr const second = Dir::dirNew("x");
+  shelf->put(second);  // `first` lives on, held here
+  EXPECT_EQ(at("/pathtest/shelf/x"), second);
 }
 
 }  // namespace
