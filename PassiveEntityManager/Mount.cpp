@@ -10,18 +10,18 @@ Qel::String Mount::text() const {
 
 Qel::String mountRequestLetters(UserFlags const& userFlags, UserFlags const& rootFlags,
                                 bool writeMountsGranted) {
-  Qel::String letters;
-  if (userFlags.has('f') && !writeMountsGranted) {
-    letters += "w";
-  } else if (userFlags.has('w') && writeMountsGranted) {
-    letters += "w";
-  } else {
-    letters += "C";
-  }
-  if (userFlags.has('i')) letters += "i";
-  if (userFlags.has('S')) letters += "S";
-  letters += rootFlags.has('N') ? "p" : "np";
-  return letters;
+  return mountRequestFlags(userFlags, rootFlags.has('N'), writeMountsGranted).text();
+}
+
+Qel::MountFlags mountRequestFlags(UserFlags const& userFlags, bool rootFlagN,
+                                  bool writeMountsGranted) {
+  using F = Qel::MountFlags;
+  bool const write = writeMountsGranted ? userFlags.has('w') : userFlags.has('f');
+  Qel::U32 bits = write ? F::kWrite : F::kConvertible;
+  if (userFlags.has('i')) bits |= F::kLetterI;
+  if (userFlags.has('S')) bits |= F::kLetterS;
+  bits |= rootFlagN ? F::kSuffixP : F::kSuffixN | F::kSuffixP;
+  return F(bits);
 }
 
 Qel::QelType const* Mount::staticType() {

@@ -10,6 +10,7 @@
 #include "PassiveEntityManager/UserFlags.h"
 #include "Qel/Containers/InternedText.h"
 #include "Qel/Core/Types.h"
+#include "Qel/Mount/MountFlags.h"
 #include "Qel/Reflection/BoxedValue.h"
 
 namespace Ledra {
@@ -57,5 +58,9 @@ class LEDRA_PEM_EXPORT Mount {
 LEDRA_PEM_EXPORT Qel::String mountRequestLetters(UserFlags const& userFlags,
                                                  UserFlags const& rootFlags,
                                                  bool writeMountsGranted);
+// The same request as flags, `rootFlagN` telling whether the root flags hold "N"; its text() is
+// mountRequestLetters().
+LEDRA_PEM_EXPORT Qel::MountFlags mountRequestFlags(UserFlags const& userFlags, bool rootFlagN,
+                                                   bool writeMountsGranted);
 
 }  // namespace Ledra

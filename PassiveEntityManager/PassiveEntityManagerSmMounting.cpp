@@ -43,24 +43,12 @@ std::vector<Qel::Name> componentsOf(Qel::String const& path) {
 constexpr char const* kDirType = "Qel::Dir";
 Qel::String const kNoFlags;
 
-// The flags of the mount request for `path`, as the entity URI "path?flags=letters" reads them,
-// the letters being mountRequestLetters(userFlags, rootFlags, granted). A plain absolute path
-// without a query reads as the letters alone, whose bits are set here directly; anything else
-// goes through the URI parser, which refuses what no URI may hold.
-Qel::MountFlags requestFlags(Qel::String const& path, UserFlags const& userFlags,
-                             Qel::String const& rootFlags, bool granted) {
-  if (path.empty() || path.front() != '/' || path.find('?') != std::string::npos) {
-    Qel::String const letters = mountRequestLetters(userFlags, UserFlags(rootFlags), granted);
-    return Qel::parseMountFlags(Qel::EntityUri(path + "?flags=" + letters).query());
-  }
-  using F = Qel::MountFlags;
-  bool const write = granted ? userFlags.has('w') : userFlags.has('f');
-  Qel::U32 bits = write ? F::kWrite : F::kConvertible;
-  if (userFlags.has('i')) bits |= F::kLetterI;
-  if (userFlags.has('S')) bits |= F::kLetterS;
-  // "p" when the root flags hold 'N', else "np".
-  bits |= rootFlags.find('N') != std::string::npos ? F::kSuffixP : F::kSuffixN | F::kSuffixP;
-  return F(bits);
+// The flags of the mount request for `path`, as the entity URI "path?flags=letters" reads them
+// for the `requested` flags' letters. A plain absolute path without a query reads as those
+// letters alone; anything else goes through the URI parser, which refuses what no URI may hold.
+Qel::MountFlags requestFlags(Qel::String const& path, Qel::MountFlags requested) {
+  if (!path.empty() && path.front() == '/' && path.find('?') == std::string::npos) return requested;
+  return Qel::parseMountFlags(Qel::EntityUri(path + "?flags=" + requested.text()).query());
 }
 
 }  // namespace
@@ -113,8 +101,9 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path, UserF
     convertableMountsEnq(Mount(path, internedType, letters));
   }
   Qel::String const& rootFlags = agentProfile_ ? agentProfile_->rootFlags() : kNoFlags;
-  TRACE(PassiveEntityManager, kTraceDecision, "Final flags: {}",
-        mountRequestLetters(letters, UserFlags(rootFlags), granted));
+  Qel::MountFlags const requested =
+      mountRequestFlags(letters, rootFlags.find('N') != std::string::npos, granted);
+  TRACE(PassiveEntityManager, kTraceDecision, "Final flags: {}", requested.text());
 
   auto const table = peerMountTable();
   if (!table || !agentStatus_) return;
@@ -122,7 +111,7 @@ void PassiveEntityManagerSm::doPassiveMount(Qel::InternedText const& path, UserF
   // A reference for the path, if any: the mount has been attempted before.
   bool const firstAttempt = !agentStatus_->mountRecord(path);
   try {
-    Qel::MountFlags const flags = requestFlags(mountPath, letters, rootFlags, granted);
+    Qel::MountFlags const flags = requestFlags(mountPath, requested);
     Qel::Entity::Ptr entity = Qel::globalDir()->entity(mountPath);
     TRACE(PassiveEntityManager, kTraceDecision,
           "mounting: {} typeName: {} epoch: {} seqno: {} flags: {} entPtr: 0x{:x}", mountPath,
