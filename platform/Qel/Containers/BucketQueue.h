@@ -14,12 +14,18 @@
 // Invariants: no bucket is empty (the last member to leave removes its bucket); the members of a
 // bucket are in strictly ascending sequence order; size() is the sum of the bucket sizes.
 //
+// Storage: a bucket's members lie in one ring of its own, as large as the most members it has
+// held rounded up to a power of two (one member, one member's room). The node of the last bucket
+// removed is kept, with its ring, and reused for the next bucket created, so a bucket that
+// empties and refills costs no allocation.
+//
 // Cost: with P distinct priorities in the queue, enqueue() is O(log P) to find or create the
-// bucket and O(1) to append; dequeue() is O(1) amortised. The node of the last bucket removed is
-// kept and reused for the next bucket created, so a bucket that empties and refills costs no
-// allocation. at() and erase() are O(log P + log m)
-// to find a member of a bucket of m, and erasing or inserting in the middle of a bucket moves up
-// to m/2 members.
+// bucket and O(1) amortised to append; dequeue() is O(1) amortised. at() and erase() are
+// O(log P + log m) to find a member of a bucket of m, and erasing or inserting in the middle of a
+// bucket moves up to m/2 members.
+//
+// Values must move without throwing. An enqueue or insert that throws (the value's constructor,
+// or an allocation) leaves the queue as it was.
 //
 // Single-threaded. Any change to the queue invalidates its iterators and member pointers.
 #pragma once
@@ -27,10 +33,11 @@
 #include <algorithm>
 #include <compare>
 #include <cstddef>
-#include <deque>
 #include <iterator>
 #include <limits>
 #include <map>
+#include <memory>
+#include <new>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -42,13 +49,146 @@ namespace Qel {
 
 template <class Priority, class V>
 class BucketQueue {
+  static_assert(std::is_nothrow_move_constructible_v<V> && std::is_nothrow_move_assignable_v<V>,
+                "a bucket moves its members within its ring");
+
   struct Member {
     template <class... Args>
     explicit Member(U64 s, Args&&... args) : seq(s), value(std::forward<Args>(args)...) {}
     U64 seq;
     V value;
   };
-  using Bucket = std::deque<Member>;
+
+  // The members of one bucket, in order: a ring of a power-of-two capacity read from head_. It
+  // allocates at its first member and when full, and keeps its room while empty.
+  class Bucket {
+   public:
+    Bucket() = default;
+    Bucket(Bucket const& o) {
+      if (o.size_ == 0) return;
+      std::size_t cap = 1;
+      while (cap < o.size_)
+        cap *= 2;
+      Member* const data = allocate(cap);
+      std::size_t n = 0;
+      try {
+        for (; n < o.size_; ++n)
+          new (data + n) Member(o[n]);
+      } catch (...) {
+        std::destroy_n(data, n);
+        deallocate(data, cap);
+        throw;
+      }
+      data_ = data;
+      cap_ = cap;
+      size_ = o.size_;
+    }
+    Bucket(Bucket&& o) noexcept
+        : data_(std::exchange(o.data_, nullptr)),
+          cap_(std::exchange(o.cap_, 0)),
+          head_(std::exchange(o.head_, 0)),
+          size_(std::exchange(o.size_, 0)) {}
+    Bucket& operator=(Bucket const&) = delete;
+    Bucket& operator=(Bucket&&) = delete;
+    ~Bucket() {
+      for (std::size_t i = 0; i < size_; ++i)
+        std::destroy_at(&(*this)[i]);
+      deallocate(data_, cap_);
+    }
+
+    std::size_t size() const { return size_; }
+    bool empty() const { return size_ == 0; }
+    Member& operator[](std::size_t i) { return data_[(head_ + i) & (cap_ - 1)]; }
+    Member const& operator[](std::size_t i) const { return data_[(head_ + i) & (cap_ - 1)]; }
+
+    template <class... Args>
+    void emplaceBack(Args&&... args) {
+      if (size_ < cap_) {
+        new (&(*this)[size_]) Member(std::forward<Args>(args)...);
+        ++size_;
+        return;
+      }
+      std::size_t const cap = cap_ == 0 ? 1 : cap_ * 2;
+      Member* const data = allocate(cap);
+      try {
+        new (data + size_) Member(std::forward<Args>(args)...);
+      } catch (...) {
+        deallocate(data, cap);
+        throw;
+      }
+      moveInto(data, cap);
+      ++size_;
+    }
+
+    // Places a member at position i (0 <= i <= size()), moving the fewer of the members before
+    // and after it.
+    template <class... Args>
+    void emplaceAt(std::size_t i, Args&&... args) {
+      if (i == size_) return emplaceBack(std::forward<Args>(args)...);
+      Member m(std::forward<Args>(args)...);
+      if (size_ == cap_) {
+        std::size_t const cap = cap_ * 2;
+        moveInto(allocate(cap), cap);
+      }
+      if (i < size_ - i) {
+        head_ = (head_ - 1) & (cap_ - 1);
+        ++size_;
+        if (i == 0) {
+          new (&(*this)[0]) Member(std::move(m));
+          return;
+        }
+        new (&(*this)[0]) Member(std::move((*this)[1]));
+        for (std::size_t k = 1; k < i; ++k)
+          (*this)[k] = std::move((*this)[k + 1]);
+        (*this)[i] = std::move(m);
+        return;
+      }
+      new (&(*this)[size_]) Member(std::move((*this)[size_ - 1]));
+      for (std::size_t k = size_ - 1; k > i; --k)
+        (*this)[k] = std::move((*this)[k - 1]);
+      (*this)[i] = std::move(m);
+      ++size_;
+    }
+
+    // Removes the member at position i, moving the fewer of the members before and after it.
+    void eraseAt(std::size_t i) {
+      if (i < size_ - 1 - i) {
+        for (std::size_t k = i; k > 0; --k)
+          (*this)[k] = std::move((*this)[k - 1]);
+        std::destroy_at(&(*this)[0]);
+        head_ = (head_ + 1) & (cap_ - 1);
+        --size_;
+        return;
+      }
+      for (std::size_t k = i; k + 1 < size_; ++k)
+        (*this)[k] = std::move((*this)[k + 1]);
+      std::destroy_at(&(*this)[size_ - 1]);
+      --size_;
+    }
+
+   private:
+    static Member* allocate(std::size_t n) { return std::allocator<Member>().allocate(n); }
+    static void deallocate(Member* p, std::size_t n) {
+      if (p) std::allocator<Member>().deallocate(p, n);
+    }
+
+    // Moves the members, in order, to the start of a new ring of capacity cap and frees the old.
+    void moveInto(Member* data, std::size_t cap) noexcept {
+      for (std::size_t i = 0; i < size_; ++i) {
+        new (data + i) Member(std::move((*this)[i]));
+        std::destroy_at(&(*this)[i]);
+      }
+      deallocate(data_, cap_);
+      data_ = data;
+      cap_ = cap;
+      head_ = 0;
+    }
+
+    Member* data_ = nullptr;
+    std::size_t cap_ = 0;
+    std::size_t head_ = 0;
+    std::size_t size_ = 0;
+  };
   using Buckets = std::map<Priority, Bucket>;
 
  public:
@@ -151,7 +291,7 @@ class BucketQueue {
     QEL_CHECK(seq_ != kNoSeq, "seq_ != kNoSeq && \"bucketqueue sequence numbers exhausted\"");
     auto [bucket, created] = bucketFor(priority);
     BucketGuard guard{*this, bucket, created};
-    bucket->second.emplace_back(seq_, std::forward<Args>(args)...);
+    bucket->second.emplaceBack(seq_, std::forward<Args>(args)...);
     guard.release();
     ++size_;
     return Key{bucket->first, seq_++};
@@ -161,8 +301,8 @@ class BucketQueue {
   std::optional<V> dequeue() {
     if (buckets_.empty()) return std::nullopt;
     auto bucket = buckets_.begin();
-    std::optional<V> v(std::move(bucket->second.front().value));
-    bucket->second.pop_front();
+    std::optional<V> v(std::move(bucket->second[0].value));
+    bucket->second.eraseAt(0);
     --size_;
     if (bucket->second.empty()) dropBucket(bucket);
     return v;
@@ -177,8 +317,8 @@ class BucketQueue {
   V* at(Key const& key) {
     auto bucket = buckets_.find(key.index0);
     if (bucket == buckets_.end()) return nullptr;
-    auto m = findIn(bucket->second, key.index1);
-    return m == bucket->second.end() ? nullptr : &m->value;
+    auto const i = findIn(bucket->second, key.index1);
+    return i == kAbsent ? nullptr : &bucket->second[i].value;
   }
   V const* at(Key const& key) const { return const_cast<BucketQueue*>(this)->at(key); }
 
@@ -186,9 +326,9 @@ class BucketQueue {
   bool erase(Key const& key) {
     auto bucket = buckets_.find(key.index0);
     if (bucket == buckets_.end()) return false;
-    auto m = findIn(bucket->second, key.index1);
-    if (m == bucket->second.end()) return false;
-    bucket->second.erase(m);
+    auto const i = findIn(bucket->second, key.index1);
+    if (i == kAbsent) return false;
+    bucket->second.eraseAt(i);
     --size_;
     if (bucket->second.empty()) dropBucket(bucket);
     return true;
@@ -232,13 +372,27 @@ class BucketQueue {
   // Removes an empty bucket, keeping its node for the next bucket created.
   void dropBucket(typename Buckets::iterator bucket) { spare_ = buckets_.extract(bucket); }
 
-  static typename Bucket::iterator lowerBound(Bucket& b, U64 seq) {
-    return std::lower_bound(b.begin(), b.end(), seq,
-                            [](Member const& m, U64 s) { return m.seq < s; });
+  static constexpr std::size_t kAbsent = std::numeric_limits<std::size_t>::max();
+
+  // The position of the first member of b whose sequence number is not below seq.
+  static std::size_t lowerBound(Bucket const& b, U64 seq) {
+    std::size_t lo = 0;
+    std::size_t n = b.size();
+    while (n > 0) {
+      std::size_t const half = n / 2;
+      if (b[lo + half].seq < seq) {
+        lo += half + 1;
+        n -= half + 1;
+        continue;
+      }
+      n = half;
+    }
+    return lo;
   }
-  static typename Bucket::iterator findIn(Bucket& b, U64 seq) {
-    auto it = lowerBound(b, seq);
-    return it != b.end() && it->seq == seq ? it : b.end();
+  // The position of the member of b with this sequence number, or kAbsent.
+  static std::size_t findIn(Bucket const& b, U64 seq) {
+    auto const i = lowerBound(b, seq);
+    return i != b.size() && b[i].seq == seq ? i : kAbsent;
   }
 
   template <class T>
@@ -248,9 +402,10 @@ class BucketQueue {
     auto [bucket, created] = bucketFor(key.index0);
     BucketGuard guard{*this, bucket, created};
     Bucket& b = bucket->second;
-    auto pos = (b.empty() || b.back().seq < key.index1) ? b.end() : lowerBound(b, key.index1);
-    if (pos != b.end() && pos->seq == key.index1) return false;
-    b.emplace(pos, key.index1, std::forward<T>(v));
+    auto const pos =
+        (b.empty() || b[b.size() - 1].seq < key.index1) ? b.size() : lowerBound(b, key.index1);
+    if (pos != b.size() && b[pos].seq == key.index1) return false;
+    b.emplaceAt(pos, key.index1, std::forward<T>(v));
     guard.release();
     ++size_;
     seq_ = std::max(seq_, key.index1 + 1);
