@@ -31,6 +31,8 @@ INSTANTIATE_TEST_SUITE_P(
                       UriCase{"entity:/a/b?flags=w", "/a/b", "flags=w", "/a/b?flags=w"},
                       UriCase{"entity:x:/a?flags=w", "x:/a", "flags=w", "entity:x:/a?flags=w"},
                       UriCase{"/a:b/c", "/a:b/c", "", "/a:b/c"},
+                      // '_' may not stand in a scheme: no scheme, the whole text is the path.
+                      UriCase{"a_b:/x?flags=w", "a_b:/x", "flags=w", "a_b:/x?flags=w"},
                       UriCase{"/a?x=1?y", "/a", "x=1?y", "/a?x=1?y"}));
 
 }  // namespace

@@ -148,6 +148,18 @@ TEST_F(DemuxerTest, HandlerMayCloseTheConnectionThatNotifiesIt) {
   EXPECT_EQ(sent(), (Strings{"close 'closed by handler' removeStatus"}));
 }
 
+// The manager holds one demuxer per name: the same one again is nothing, another one is refused.
+TEST_F(DemuxerTest, TheManagerRefusesASecondDemuxerUnderALiveName) {
+  auto const mgr = Qel::NboAttrLog::demuxerMgr();
+  mgr->demuxerIs(demuxer);
+  mgr->demuxerIs(demuxer);
+  EXPECT_THROW_TEXT(mgr->demuxerIs(Demuxer::demuxerNew("agentA", nullptr, nullptr)),
+                    Qel::NameInUseException,
+                    "Reinstantiating the demuxer with name agentA not allowed");
+  EXPECT_EQ(mgr->demuxer("agentA"), demuxer);
+  mgr->demuxerDel("agentA");
+}
+
 using DemuxerDeathTest = DemuxerTest;
 
 TEST_F(DemuxerDeathTest, ATableServesOneConnection) {
