@@ -42,6 +42,7 @@
 #include "PassiveEntityManager/PassiveAgentStatus.h"
 #include "PassiveEntityManager/PassiveDirMounter.h"
 #include "Qel/Containers/BucketQueue.h"
+#include "Qel/Containers/KeyedFlatMap.h"
 #include "Qel/Containers/LinkQueue.h"
 #include "Qel/Entity/AttrList.h"
 #include "Qel/Entity/Dir.h"
@@ -137,8 +138,7 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   using ReadyMountGroupCol = Qel::BucketQueue<Qel::U32, PassiveMountGroup::PtrConst>;
   using StringBoolMap = std::unordered_map<Qel::String, bool>;
   using TemplateCacheMap = PassiveAgentStatus::TemplateCacheMap;
-  using MountMap = std::unordered_map<Qel::InternedText, Mount, Qel::InternedText::Hash,
-                                      Qel::InternedText::Equal>;
+  using MountMap = Qel::KeyedFlatMap<Mount, Qel::InternedText::Hash, Qel::InternedText::Equal>;
 
   class QelConditionalMountGroup;
   using ConditionalMountGroupCol =
@@ -187,7 +187,8 @@ class LEDRA_PEM_EXPORT PassiveEntityManagerSm : public Qel::Entity {
   //                          any exists the ready queue stands still
   //   templateCache          the engine's copy of substituted template paths
   //   allMountPaths          every mount path of the profile after template expansion, with
-  //                          parents added on its behalf
+  //                          parents added on its behalf; held flat, with room made once for
+  //                          the profile's paths
   QEL_ATTR_ACCESSORS(LEDRA_PASSIVE_ENTITY_MANAGER_SM_ATTRIBUTES)
 
   // Directory mounters in progress, by directory path. Storing null removes; a removed mounter

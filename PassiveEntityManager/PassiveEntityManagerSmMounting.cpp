@@ -332,6 +332,12 @@ void PassiveEntityManagerSm::doPopulateMountPaths() {
   TRACE(PassiveEntityManager, kTraceEntry,
         "PassiveEntityManagerSm::doPopulateMountPaths():  agentName: {}", agentName());
   if (!agentProfile_) return;
+  // Room for every path of the profile at once: the table grows again only for parents added on
+  // a path's behalf.
+  std::size_t paths = allMountPaths_.size();
+  for (auto const& [name, group] : agentProfile_->mountGroup())
+    paths += group ? group->mountProfile().size() : 0;
+  allMountPaths_.reserve(paths);
   for (auto const& [name, group] : agentProfile_->mountGroup()) {
     TRACE(PassiveEntityManager, kTraceDecision, "mount group {}",
           group ? Qel::String(name) : Qel::String("<unknown>"));

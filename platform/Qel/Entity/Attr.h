@@ -114,6 +114,8 @@ class NotifyingMap {
   using Value = typename M::mapped_type;
 
   Map const& map() const { return map_; }
+  // Makes room for n elements, for a map type that can (see its reserve).
+  void reserve(std::size_t n) { map_.reserve(n); }
   std::size_t size() const { return map_.size(); }
   bool empty() const { return map_.empty(); }
   template <class K>
