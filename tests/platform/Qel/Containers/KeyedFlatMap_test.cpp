@@ -105,6 +105,20 @@ TEST(KeyedFlatMapTest, FindsWhatAMapOfTheSameKeysHolds) {
   EXPECT_EQ(m.find("00"), m.end());
 }
 
+// However small, a table keeps a slot free: a missing key's probe run ends. Filled one value at a
+// time after room made for 0 to 5, and every key of one home missing at each size.
+TEST(KeyedFlatMapTest, EveryTableKeepsASlotFreeSoAMissingKeyIsNotFound) {
+  for (std::size_t room = 0; room <= 5; ++room) {
+    Map m;
+    m.reserve(room);
+    for (int i = 0; i < 9; ++i) {
+      put(m, "1" + std::to_string(i), i);
+      ASSERT_LT(m.size(), m.slots()) << "room " << room << " " << show(m);
+      EXPECT_EQ(m.find("1x"), m.end()) << show(m);
+    }
+  }
+}
+
 using KeyedFlatMapDeathTest = ::testing::Test;
 
 TEST_F(KeyedFlatMapDeathTest, AValueMustCarryItsOwnNonEmptyKey) {
