@@ -19,12 +19,12 @@
 #pragma once
 
 #include <cstddef>
-#include <iterator>
 #include <memory>
 #include <type_traits>
 #include <utility>
 
 #include "Check/Check.h"
+#include "Qel/Containers/SkippingIterator.h"
 
 namespace Qel {
 
@@ -41,55 +41,14 @@ class KeyedFlatMap {
     std::conditional_t<kConst, V const, V>& second;
   };
 
+  // How iteration reads a slot: a slot whose key is empty is free.
   template <bool kConst>
-  class BasicIterator {
-    using Slot = std::conditional_t<kConst, V const, V>;
-
-   public:
-    using iterator_category = std::forward_iterator_tag;
-    using value_type = Ref<kConst>;
-    using reference = Ref<kConst>;
-    using difference_type = std::ptrdiff_t;
-    struct Arrow {
-      Ref<kConst> ref;
-      Ref<kConst> const* operator->() const { return &ref; }
-    };
-
-    BasicIterator() = default;
-    template <bool kOther, class = std::enable_if_t<kConst && !kOther>>
-    BasicIterator(BasicIterator<kOther> const& o) : at_(o.at_), end_(o.end_) {}
-
-    reference operator*() const { return {qelKey(*at_), *at_}; }
-    Arrow operator->() const { return Arrow{**this}; }
-    BasicIterator& operator++() {
-      ++at_;
-      skipFree();
-      return *this;
-    }
-    BasicIterator operator++(int) {
-      BasicIterator old = *this;
-      ++*this;
-      return old;
-    }
-    friend bool operator==(BasicIterator const& a, BasicIterator const& b) {
-      return a.at_ == b.at_;
-    }
-
-   private:
-    friend class KeyedFlatMap;
-    template <bool>
-    friend class BasicIterator;
-    BasicIterator(Slot* at, Slot* end) : at_(at), end_(end) { skipFree(); }
-    void skipFree() {
-      while (at_ != end_ && vacant(*at_))
-        ++at_;
-    }
-
-    Slot* at_ = nullptr;
-    Slot* end_ = nullptr;
+  struct SlotReader {
+    static bool vacant(V const& v) { return KeyedFlatMap::vacant(v); }
+    static Ref<kConst> read(std::conditional_t<kConst, V const, V>& v) { return {qelKey(v), v}; }
   };
-  using iterator = BasicIterator<false>;
-  using const_iterator = BasicIterator<true>;
+  using iterator = SkippingIterator<V*, SlotReader<false>>;
+  using const_iterator = SkippingIterator<V const*, SlotReader<true>>;
 
   // A value taken out of the map, alive as long as the handle.
   class node_type {
@@ -164,7 +123,7 @@ class KeyedFlatMap {
 
   // Takes the value at it out of the map.
   node_type extract(const_iterator it) {
-    V* const at = const_cast<V*>(it.at_);
+    V* const at = const_cast<V*>(it.slot());
     node_type node(std::move(*at));
     *at = V();
     --size_;

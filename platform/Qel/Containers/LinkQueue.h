@@ -32,6 +32,7 @@
 #include <utility>
 
 #include "Check/Check.h"
+#include "Qel/Containers/SkippingIterator.h"
 #include "Qel/Core/Exception.h"
 #include "Qel/Core/Types.h"
 
@@ -75,53 +76,16 @@ class LinkQueue {
     T& value;
   };
 
-  template <bool kConst>
-  class BasicIterator {
-    using SlotIt =
-        std::conditional_t<kConst, typename Slots::const_iterator, typename Slots::iterator>;
-
-   public:
-    using iterator_concept = std::forward_iterator_tag;
-    using iterator_category = std::input_iterator_tag;
-    using value_type = EntryRef<std::conditional_t<kConst, V const, V>>;
-    using reference = value_type;
-    using difference_type = std::ptrdiff_t;
-
-    BasicIterator() = default;
-    // A mutable iterator converts to a const one.
-    template <bool kOther, class = std::enable_if_t<kConst && !kOther>>
-    BasicIterator(BasicIterator<kOther> const& o) : it_(o.it_), end_(o.end_) {}
-
-    reference operator*() const { return {it_->index, *it_->value}; }
-    BasicIterator& operator++() {
-      ++it_;
-      skipHoles();
-      return *this;
+  // How iteration reads a slot: a hole left by erase() is passed over.
+  template <class T>
+  struct SlotReader {
+    static bool vacant(Slot const& s) { return !s.value; }
+    static EntryRef<T> read(std::conditional_t<std::is_const_v<T>, Slot const, Slot>& s) {
+      return {s.index, *s.value};
     }
-    BasicIterator operator++(int) {
-      BasicIterator old = *this;
-      ++*this;
-      return old;
-    }
-    friend bool operator==(BasicIterator const& a, BasicIterator const& b) {
-      return a.it_ == b.it_;
-    }
-
-   private:
-    friend class LinkQueue;
-    template <bool>
-    friend class BasicIterator;
-    BasicIterator(SlotIt it, SlotIt end) : it_(it), end_(end) { skipHoles(); }
-    void skipHoles() {
-      while (it_ != end_ && !it_->value)
-        ++it_;
-    }
-
-    SlotIt it_{};
-    SlotIt end_{};
   };
-  using iterator = BasicIterator<false>;
-  using const_iterator = BasicIterator<true>;
+  using iterator = SkippingIterator<typename Slots::iterator, SlotReader<V>>;
+  using const_iterator = SkippingIterator<typename Slots::const_iterator, SlotReader<V const>>;
 
   LinkQueue() = default;
   LinkQueue(LinkQueue const&) = default;
