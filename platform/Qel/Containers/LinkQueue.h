@@ -17,19 +17,22 @@
 // contract violation.
 //
 // Cost: enqueue, dequeue and erase are O(1) amortised; at(), set() and erase() find an index by
-// binary search, O(log n). An entry erased in the middle leaves a hole that iteration skips; holes
-// are compacted once they outnumber the entries, so storage stays proportional to size().
+// binary search, O(log n). The entries stand in one array: a dequeued entry leaves its slot
+// behind at the front, and an entry erased in the middle leaves a hole that iteration skips; once
+// those vacated slots outnumber the entries they are compacted away, so storage stays
+// proportional to size(). An empty queue that never held an entry owns no storage; a drained one
+// keeps its array's room for the next entries.
 //
 // Single-threaded. Any change to the queue invalidates its iterators and entry pointers.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
-#include <deque>
 #include <iterator>
 #include <optional>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "Check/Check.h"
 #include "Qel/Containers/SkippingIterator.h"
@@ -64,7 +67,7 @@ class LinkQueue {
     U32 index;
     std::optional<V> value;
   };
-  using Slots = std::deque<Slot>;
+  using Slots = std::vector<Slot>;
 
  public:
   using value_type = V;
@@ -93,6 +96,7 @@ class LinkQueue {
   // A moved-from queue is empty and keeps its numbering.
   LinkQueue(LinkQueue&& o)
       : slots_(std::move(o.slots_)),
+        first_(std::exchange(o.first_, 0)),
         size_(std::exchange(o.size_, 0)),
         holes_(std::exchange(o.holes_, 0)),
         head_(o.head_),
@@ -103,6 +107,7 @@ class LinkQueue {
   LinkQueue& operator=(LinkQueue&& o) {
     if (this == &o) return *this;
     slots_ = std::move(o.slots_);
+    first_ = std::exchange(o.first_, 0);
     size_ = std::exchange(o.size_, 0);
     holes_ = std::exchange(o.holes_, 0);
     head_ = o.head_;
@@ -113,7 +118,7 @@ class LinkQueue {
 
   std::size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
-  // The positions held in storage, entries and holes: never more than 2 * size().
+  // The positions held in storage, entries and vacated slots: never more than 2 * size().
   std::size_t storedSlots() const { return slots_.size(); }
 
   LinkQueueMetadata metadata() const { return {head_, next_}; }
@@ -130,7 +135,7 @@ class LinkQueue {
   template <class... Args>
   U32 emplace(Args&&... args) {
     U32 const index =
-        (slots_.empty() || slots_.back().index < next_) ? next_ : slots_.back().index + 1;
+        (live() == 0 || slots_.back().index < next_) ? next_ : slots_.back().index + 1;
     if (index + 1 == head_) throw RangeException("linkqueue index space full");
     slots_.emplace_back(index, std::forward<Args>(args)...);
     ++size_;
@@ -140,15 +145,15 @@ class LinkQueue {
 
   // Removes and returns the entry at the head; empty when the queue is.
   std::optional<V> dequeue() {
-    if (slots_.empty()) return std::nullopt;
-    std::optional<V> v(std::move(*slots_.front().value));
+    if (live() == 0) return std::nullopt;
+    std::optional<V> v(std::move(*slots_[first_].value));
     popFront();
     return v;
   }
 
   // The value at the head, or null when the queue is empty.
-  V* front() { return slots_.empty() ? nullptr : &*slots_.front().value; }
-  V const* front() const { return slots_.empty() ? nullptr : &*slots_.front().value; }
+  V* front() { return live() == 0 ? nullptr : &*slots_[first_].value; }
+  V const* front() const { return live() == 0 ? nullptr : &*slots_[first_].value; }
 
   // The value of the entry with this index, or null when no entry holds it.
   V* at(U32 index) {
@@ -166,7 +171,7 @@ class LinkQueue {
   bool erase(U32 index) {
     auto it = find(index);
     if (it == slots_.end()) return false;
-    if (it == slots_.begin()) {
+    if (it == liveBegin()) {
       popFront();
       return true;
     }
@@ -177,30 +182,39 @@ class LinkQueue {
     it->value.reset();
     --size_;
     ++holes_;
-    if (holes_ > size_) compact();
+    compactIfSparse();
     return true;
   }
 
   void clear() {
     slots_.clear();
+    first_ = 0;
     size_ = 0;
     holes_ = 0;
     head_ = next_;
   }
 
-  iterator begin() { return {slots_.begin(), slots_.end()}; }
+  iterator begin() { return {liveBegin(), slots_.end()}; }
   iterator end() { return {slots_.end(), slots_.end()}; }
-  const_iterator begin() const { return {slots_.begin(), slots_.end()}; }
-  const_iterator end() const { return {slots_.end(), slots_.end()}; }
+  const_iterator begin() const {
+    return {slots_.cbegin() + static_cast<std::ptrdiff_t>(first_), slots_.cend()};
+  }
+  const_iterator end() const { return {slots_.cend(), slots_.cend()}; }
 
  private:
   // Distance of an index from the head, in the order of the queue.
   U32 offset(U32 index) const { return index - head_; }
 
+  // The slots from the head on; those before first_ were vacated by dequeues.
+  std::size_t live() const { return slots_.size() - first_; }
+  typename Slots::iterator liveBegin() {
+    return slots_.begin() + static_cast<std::ptrdiff_t>(first_);
+  }
+
   // The slot holding the entry with this index, or end().
   typename Slots::iterator find(U32 index) {
-    if (slots_.empty()) return slots_.end();
-    auto it = std::lower_bound(slots_.begin(), slots_.end(), offset(index),
+    if (live() == 0) return slots_.end();
+    auto it = std::lower_bound(liveBegin(), slots_.end(), offset(index),
                                [this](Slot const& s, U32 t) { return offset(s.index) < t; });
     if (it == slots_.end() || it->index != index || !it->value) return slots_.end();
     return it;
@@ -215,31 +229,39 @@ class LinkQueue {
     return true;
   }
 
+  // Vacates the head's slot, and the holes right behind it.
   void popFront() {
-    slots_.pop_front();
+    slots_[first_++].value.reset();
     --size_;
-    while (!slots_.empty() && !slots_.front().value) {
-      slots_.pop_front();
+    while (live() != 0 && !slots_[first_].value) {
+      ++first_;
       --holes_;
     }
-    head_ = slots_.empty() ? next_ : slots_.front().index;
+    head_ = live() == 0 ? next_ : slots_[first_].index;
+    compactIfSparse();
   }
 
   void popBack() {
     slots_.pop_back();
     --size_;
-    while (!slots_.empty() && !slots_.back().value) {
+    while (live() != 0 && !slots_.back().value) {
       slots_.pop_back();
       --holes_;
     }
+    compactIfSparse();
   }
 
-  void compact() {
+  // Drops the vacated slots once they outnumber the entries; a drained array keeps its room.
+  void compactIfSparse() {
+    if (first_ + holes_ <= size_) return;
+    slots_.erase(slots_.begin(), liveBegin());
+    first_ = 0;
     std::erase_if(slots_, [](Slot const& s) { return !s.value; });
     holes_ = 0;
   }
 
   Slots slots_;
+  std::size_t first_ = 0;  // slots_[first_] holds the head; the ones before it are vacated
   std::size_t size_ = 0;
   std::size_t holes_ = 0;
   U32 head_ = 0;

@@ -5,7 +5,10 @@
 #include "tests/support/CountedValue.h"
 #include "tests/support/ExactText.h"
 
+#include <iterator>
+#include <map>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -170,6 +173,53 @@ TEST_F(LinkQueueLifetimeTest, CompactionOfManyHolesKeepsLookupsAndMovesWithoutCo
   EXPECT_EQ(q.enqueue(Counted(20)), 20u);
   EXPECT_EQ(q.dequeue()->v, 0);
   EXPECT_EQ(show(q), "[2] 19..21: 19=19 20=20");
+}
+
+// A queue worked as a sliding window (entries enqueued at the tail, dequeued at the head, some
+// erased anywhere) against a plain map: every lookup and every value agree, values die when they
+// leave, and the slots vacated at the head and in the middle never outnumber the entries.
+TEST_F(LinkQueueLifetimeTest, ASlidingWindowKeepsItsStorageProportionalToItsEntries) {
+  LinkQueue<Counted> q;
+  std::map<U32, int> model;
+  std::mt19937 random(11);
+  for (int step = 0; step < 4000; ++step) {
+    unsigned const what = random() % 8;
+    if (what < 4 || model.empty()) {
+      int const v = step;
+      model.emplace(q.enqueue(Counted(v)), v);
+    } else if (what < 6) {
+      auto const v = q.dequeue();
+      ASSERT_TRUE(v.has_value());
+      EXPECT_EQ(v->v, model.begin()->second);
+      model.erase(model.begin());
+    } else {
+      auto it = model.begin();
+      std::advance(it, static_cast<long>(random() % model.size()));
+      EXPECT_TRUE(q.erase(it->first));
+      model.erase(it);
+    }
+    ASSERT_EQ(q.size(), model.size()) << step;
+    ASSERT_EQ(Counted::live, static_cast<int>(model.size())) << step;
+    ASSERT_LE(q.storedSlots(), 2 * q.size()) << step;
+    if (!model.empty()) {
+      ASSERT_EQ(q.front()->v, model.begin()->second) << step;
+      ASSERT_EQ(q.metadata().head, model.begin()->first) << step;
+    }
+    U32 const probe = static_cast<U32>(random() % static_cast<unsigned>(step + 1));
+    auto const found = model.find(probe);
+    Counted const* at = q.at(probe);
+    ASSERT_EQ(at != nullptr, found != model.end()) << step << " " << probe;
+    if (at) {
+      ASSERT_EQ(at->v, found->second) << step;
+    }
+  }
+  std::vector<int> inOrder;
+  for (auto [index, value] : q)
+    inOrder.push_back(value.v);
+  std::vector<int> expected;
+  for (auto const& [index, v] : model)
+    expected.push_back(v);
+  EXPECT_EQ(inOrder, expected);
 }
 
 }  // namespace
