@@ -58,8 +58,7 @@ TimerWheel::TimerWheel(Qel::Clock::Ptr clock, Time tick, std::uint32_t ticks,
 
 TimerWheel::~TimerWheel() {
   // Armed notifiees hold a reference, so none can be left.
-  QEL_CHECK(count_ == 0 && firing_.empty(),
-            "count_ == 0 && firing_.empty() && \"timer wheel destroyed with armed timers\"");
+  QEL_CHECK(count_ == 0, "count_ == 0 && \"timer wheel destroyed with armed timers\"");
 }
 
 inline std::uint64_t TimerWheel::tickAtOrAfter(Time t) const {
@@ -85,6 +84,11 @@ inline std::uint64_t TimerWheel::tickAtOrBefore(Time t) const {
   return k;
 }
 
+inline TimerWheel::Notifiee* TimerWheel::notifieeOf(Link* l) {
+  if (!l) __builtin_unreachable();
+  return static_cast<Notifiee*>(l);
+}
+
 inline void TimerWheel::append(Link& head, Link* l) {
   l->prev = head.prev;
   l->next = &head;
@@ -98,22 +102,6 @@ inline void TimerWheel::unlink(Link* l) {
   l->prev = l;
   l->next = l;
 }
-
-namespace {
-
-// Moves all elements of the list at `from` to the end of the list at `to`, keeping their order.
-template <class L>
-void splice(L& from, L& to) {
-  if (from.empty()) return;
-  from.next->prev = to.prev;
-  to.prev->next = from.next;
-  from.prev->next = &to;
-  to.prev = from.prev;
-  from.next = &from;
-  from.prev = &from;
-}
-
-}  // namespace
 
 inline void TimerWheel::place(Notifiee* n) {
   std::uint64_t const t = n->tick_;
@@ -140,8 +128,6 @@ inline void TimerWheel::insert(Notifiee* n) {
 
 inline void TimerWheel::cancel(Notifiee* n) {
   unlink(n);
-  // A timer of the tick being fired is no longer in its slot, which is empty then: clearing the
-  // slot's bit again is harmless.
   Level& l = levels_[n->level_];
   if (l.heads[n->slot_].empty()) l.bits[n->slot_ >> 6] &= ~(std::uint64_t(1) << (n->slot_ & 63));
   n->level_ = kUnarmed;
@@ -168,6 +154,10 @@ inline bool TimerWheel::earliest(std::size_t& level, std::uint32_t& slot) const 
   // the current slot of level k + 1, so the lowest level with a pending slot holds the earliest.
   level = 0;
   if (nextSet(levels_[0], levels_[0].cur, slot)) return true;
+  return earliestAbove(level, slot);
+}
+
+inline bool TimerWheel::earliestAbove(std::size_t& level, std::uint32_t& slot) const {
   for (std::size_t k = 1; k < levels_.size(); ++k) {
     if (!nextSet(levels_[k], levels_[k].cur + 1, slot)) continue;
     level = k;
@@ -181,7 +171,7 @@ inline std::uint64_t TimerWheel::slotStart(std::size_t level, std::uint32_t slot
   return l.base + slot * l.span;
 }
 
-void TimerWheel::cascade(std::size_t level, std::uint32_t slot) {
+inline void TimerWheel::openSlot(std::size_t level, std::uint32_t slot) {
   std::uint64_t const start = slotStart(level, slot);
   levels_[level].cur = slot;
   for (std::size_t i = 0; i < level; ++i) {
@@ -192,46 +182,117 @@ void TimerWheel::cascade(std::size_t level, std::uint32_t slot) {
   next_ = std::max(next_, start);
   Level& l = levels_[level];
   l.bits[slot >> 6] &= ~(std::uint64_t(1) << (slot & 63));
-  Link moving;
-  splice(l.heads[slot], moving);
-  // Every timer of the slot lies within the span just opened, so it lands on a lower level.
-  while (!moving.empty()) {
-    auto* n = static_cast<Notifiee*>(moving.next);
-    unlink(n);
-    place(n);
+}
+
+void TimerWheel::cascade(std::size_t level, std::uint32_t slot) {
+  openSlot(level, slot);
+  Link& head = levels_[level].heads[slot];
+  Link* p = head.next;
+  head.next = &head;
+  head.prev = &head;
+  // Every timer of the slot lies within the span just opened, so it lands on a lower level; each
+  // one's links are rewritten by its append, so the next one is read first.
+  if (level > 1) {
+    while (p != &head) {
+      Link* const next = p->next;
+      place(notifieeOf(p));
+      p = next;
+    }
+    return;
+  }
+  // From the second level, every timer lands on the first, in the slot of its tick.
+  Level& l0 = levels_[0];
+  if (!l0.heads) l0.heads.reset(new Link[l0.slots]);
+  Link* const heads = l0.heads.get();
+  std::uint64_t* const bits = l0.bits.data();
+  std::uint64_t const base = l0.base;
+  while (p != &head) {
+    Link* const next = p->next;
+    Notifiee* const n = notifieeOf(p);
+    auto const s = static_cast<std::uint32_t>(n->tick_ - base);
+    append(heads[s], n);
+    bits[s >> 6] |= std::uint64_t(1) << (s & 63);
+    n->level_ = 0;
+    n->slot_ = s;
+    p = next;
   }
 }
 
-inline void TimerWheel::fireFiring() {
-  while (!firing_.empty()) {
-    auto* n = static_cast<Notifiee*>(firing_.next);
-    unlink(n);
+inline void TimerWheel::fireSlot(std::uint32_t slot) {
+  Level& l = levels_[0];
+  Link& head = l.heads[slot];
+  // A callback may cancel the timers still waiting here; one it arms is for a later tick.
+  while (head.next != &head) {
+    Link* const first = head.next;
+    head.next = first->next;
+    first->next->prev = &head;
+    Notifiee* const n = notifieeOf(first);
     n->level_ = kUnarmed;
     --count_;
     n->time_ = kNever;
     if (n->active_) n->onTime();
   }
+  l.bits[slot >> 6] &= ~(std::uint64_t(1) << (slot & 63));
+}
+
+bool TimerWheel::firstLevelDue(std::uint64_t last, std::uint32_t& slot) {
+  // The first level's pending slots in order. Callbacks arm timers only for later ticks, so
+  // after each tick the rest of its bitmap word is read again. A slot left over from a tick
+  // whose firing was interrupted by an exception is the present one (cur), found first.
+  Level& l0 = levels_[0];
+  if (!l0.heads) return false;
+  std::uint64_t const* const bits = l0.bits.data();
+  std::size_t const words = l0.bits.size();
+  std::size_t w = l0.cur >> 6;
+  std::uint64_t word = bits[w] & (~std::uint64_t(0) << (l0.cur & 63));
+  while (true) {
+    if (!word) {
+      if (++w == words) return false;
+      word = bits[w];
+      continue;
+    }
+    slot = static_cast<std::uint32_t>(w * 64 + static_cast<std::size_t>(__builtin_ctzll(word)));
+    std::uint64_t const tick = l0.base + slot;
+    if (tick > last) return true;
+    l0.cur = slot;
+    next_ = tick + 1;
+    fireSlot(slot);
+    word = bits[w] & (~std::uint64_t(1) << (slot & 63));
+  }
 }
 
 bool TimerWheel::advanceTo(std::uint64_t last, std::size_t& level, std::uint32_t& slot) {
-  // Timers left over from a tick whose firing was interrupted by an exception.
-  fireFiring();
-  while (earliest(level, slot)) {
-    std::uint64_t const start = slotStart(level, slot);
-    if (start > last) {
+  while (true) {
+    if (firstLevelDue(last, slot)) {
+      level = 0;
       next_ = std::max(next_, last + 1);
       return true;
     }
-    if (level > 0) {
+    if (!earliestAbove(level, slot)) break;
+    if (slotStart(level, slot) > last) {
+      next_ = std::max(next_, last + 1);
+      return true;
+    }
+    Link& head = levels_[level].heads[slot];
+    if (head.next != head.prev) {
       cascade(level, slot);
       continue;
     }
-    Level& l = levels_[0];
-    l.cur = slot;
-    next_ = start + 1;
-    l.bits[slot >> 6] &= ~(std::uint64_t(1) << (slot & 63));
-    splice(l.heads[slot], firing_);
-    fireFiring();
+    // A lone timer fires from where it is, without moving down, once its tick is reached.
+    Notifiee* const n = notifieeOf(head.next);
+    std::uint64_t const tick = n->tick_;
+    if (tick > last) {
+      next_ = std::max(next_, last + 1);
+      return true;
+    }
+    openSlot(level, slot);
+    next_ = tick + 1;
+    head.next = &head;
+    head.prev = &head;
+    n->level_ = kUnarmed;
+    --count_;
+    n->time_ = kNever;
+    if (n->active_) n->onTime();
   }
   next_ = std::max(next_, last + 1);
   return false;
@@ -270,12 +331,6 @@ void TimerWheel::onClockTime() {
 }
 
 void TimerWheel::armDriver() {
-  if (!firing_.empty()) {
-    std::uint64_t const t = static_cast<Notifiee*>(firing_.next)->tick_;
-    armedTick_ = t;
-    driver_.timeMinIs(tickTime(t));
-    return;
-  }
   std::size_t level = 0;
   std::uint32_t slot = 0;
   bool const pending = earliest(level, slot);

@@ -26,8 +26,11 @@
 // slot's timers move to lower levels, keeping their order: a timer moves at most once per level it
 // passes, so one armed for 10 s moves once and one armed for an hour at most twice. Because a level
 // only ever receives timers of a span after the span above it has been emptied into it, every slot
-// list stays in arming order and equal ticks fire in arming order even across levels. Bitmaps of
-// the non-empty slots find the next pending tick without visiting empty ones.
+// list stays in arming order and equal ticks fire in arming order even across levels. A slot of a
+// higher level that holds a single timer is not emptied: that timer fires from where it waits once
+// its tick is reached. Bitmaps of the non-empty slots find the next pending tick without visiting
+// empty ones; when the clock has passed many ticks at once, the first level's slots are fired in
+// one sweep over its bitmap.
 //
 // Driving: the wheel keeps one Clock::Notifiee armed for the tick of its earliest pending timer
 // and processes every tick up to the clock's time when it fires. When that timer still waits on a
@@ -138,15 +141,27 @@ class QEL_API TimerWheel : public Qel::RefCounted {
   void insert(Notifiee* n);
   void cancel(Notifiee* n);
   void place(Notifiee* n);
+  // The notifiee of a slot list's link, never null (no check for it on the hot paths).
+  static Notifiee* notifieeOf(Link* l);
   static void append(Link& head, Link* l);
   static void unlink(Link* l);
   static bool nextSet(Level const& l, std::uint32_t from, std::uint32_t& slot);
   // The lowest level with a pending slot, and that slot; false when the wheel is empty.
   bool earliest(std::size_t& level, std::uint32_t& slot) const;
+  // The same above the first level.
+  bool earliestAbove(std::size_t& level, std::uint32_t& slot) const;
   std::uint64_t slotStart(std::size_t level, std::uint32_t slot) const;
-  // Moves the present tick to the start of `slot` of `level` and empties the slot one level down.
+  // Moves the present tick to the start of `slot` of `level` (the levels below then cover the
+  // slot's span) and clears the slot's bit.
+  void openSlot(std::size_t level, std::uint32_t slot);
+  // Opens `slot` of `level` and empties it one level down.
   void cascade(std::size_t level, std::uint32_t slot);
-  void fireFiring();
+  // Fires the timers of a first-level slot (one tick) in order, the slot's bit cleared once it is
+  // empty; timers a callback arms are never due in the same tick.
+  void fireSlot(std::uint32_t slot);
+  // Fires the first level's slots up to `last`; true with the first slot beyond it when there is
+  // one, false when the level has no pending slot left.
+  [[gnu::noinline]] bool firstLevelDue(std::uint64_t last, std::uint32_t& slot);
   // Processes every tick up to `last`; true with the earliest pending slot when timers remain.
   bool advanceTo(std::uint64_t last, std::size_t& level, std::uint32_t& slot);
   void onClockTime();
@@ -162,7 +177,6 @@ class QEL_API TimerWheel : public Qel::RefCounted {
   std::vector<Level> levels_;
   std::uint64_t next_ = 0;  // the first tick not yet processed
   std::size_t count_ = 0;
-  Link firing_;  // the timers of the tick being fired
   std::uint64_t armedTick_ = kNoTick;
   bool processing_ = false;
   Driver driver_;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
@@ -284,6 +285,209 @@ INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelModelTest,
                          ::testing::Values(Geometry{0.001, 255, 1024}, Geometry{0.001, 4, 2},
                                            Geometry{0.001, 3, 5}, Geometry{0.25, 8, 3},
                                            Geometry{0.01, 64, 64}));
+
+// The same on a clock that jumps past many ticks at once, as the event loop's clock does after a
+// turn: one wake-up of the wheel fires every tick up to the clock's time. Callbacks re-arm for a
+// tick counted from their own (often within the same jump, on any level), cancel another timer,
+// and some timers are switched off for a while; the model orders each jump by (tick, arming order).
+class Callback : public TimerWheel::Notifiee {
+ public:
+  std::function<void()> action;
+  void onTime() override { action(); }
+};
+
+class TimerWheelJumpModelTest : public ::testing::TestWithParam<Geometry>,
+                                public LiveInstanceCheck {};
+
+TEST_P(TimerWheelJumpModelTest, MatchesAnOrderedModel) {
+  Geometry const g = GetParam();
+  auto clock = JumpClock::jumpClockNew();
+  auto wheel = TimerWheel::timerWheelNew(clock, g.tick, g.ticks, g.bucketSize);
+  std::mt19937_64 rng(4321);
+  auto tickAtOrBefore = [&](Time t) {
+    auto k = static_cast<std::uint64_t>(std::floor(t / g.tick)) + 1;
+    while (wheel->tickTime(k) > t)
+      --k;
+    return k;
+  };
+  auto timeFor = [&](std::uint64_t tick) { return wheel->tickTime(tick) - g.tick * 0.25; };
+  // What the n-th wake-up of timer `id` does, the same for the model and the wheel: re-arm
+  // `rearm` ticks after its own tick (0: for the present time, which is the next jump's) and
+  // cancel timer `cancel` (none when negative).
+  struct Step {
+    std::uint64_t rearm;
+    int cancel;
+  };
+  constexpr int kTimers = 64;
+  auto stepOf = [&g](int id, int n) {
+    std::uint64_t x = static_cast<std::uint64_t>(id) * 1000003u + static_cast<std::uint64_t>(n);
+    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+    x ^= x >> 31;
+    std::uint64_t const spans[] = {0, 3, g.ticks, 2ull * g.ticks * g.bucketSize};
+    std::uint64_t const span = spans[x % 4];
+    int const cancel = (x >> 40) % 4 == 0 ? static_cast<int>((x >> 44) % kTimers) : -1;
+    return Step{span == 0 ? 0 : 1 + (x >> 8) % span, cancel};
+  };
+  auto rearms = [](int id) { return id % 3 != 2; };
+
+  Firings log;
+  std::vector<std::unique_ptr<Callback>> timers;
+  std::vector<std::uint64_t> tickOf(kTimers, 0);  // the tick each timer is armed for
+  std::vector<int> fired(kTimers, 0), modelFired(kTimers, 0);
+  for (int id = 0; id < kTimers; ++id) {
+    timers.push_back(std::make_unique<Callback>());
+    timers.back()->notifierIs(wheel);
+    timers.back()->action = [&, id] {
+      log.push_back({id, wheel->tickTime(tickOf[id])});
+      if (!rearms(id)) return;
+      Step const step = stepOf(id, ++fired[id]);
+      if (step.cancel >= 0) timers[step.cancel]->timeMinIs(kNever);
+      if (step.rearm == 0) {
+        tickOf[id] = tickAtOrBefore(clock->now()) + 1;
+        timers[id]->timeMinIs(clock->now());
+        return;
+      }
+      tickOf[id] += step.rearm;
+      timers[id]->timeMinIs(timeFor(tickOf[id]));
+    };
+  }
+
+  using Key = std::pair<std::uint64_t, long>;
+  std::map<Key, int> model;
+  std::vector<std::optional<Key>> armedAt(kTimers);
+  std::vector<bool> on(kTimers, true);
+  long seq = 0;
+  auto modelArm = [&](int id, std::optional<std::uint64_t> tick) {
+    if (armedAt[id]) model.erase(*armedAt[id]);
+    armedAt[id].reset();
+    if (!tick) return;
+    armedAt[id] = Key{*tick, seq++};
+    model[*armedAt[id]] = id;
+  };
+
+  std::uint64_t const spans[] = {4, 2ull * g.ticks, 4ull * g.ticks * g.bucketSize,
+                                 3ull * g.ticks * g.bucketSize * g.bucketSize};
+  std::size_t totalFired = 0, jumpsOfSeveralTicks = 0;
+  for (int round = 0; round < 300; ++round) {
+    std::uint64_t const present = tickAtOrBefore(clock->now());
+    for (int k = 0; k < 20; ++k) {
+      int const id = static_cast<int>(rng() % kTimers);
+      if (rng() % 6 == 0) {
+        timers[id]->timeMinIs(kNever);
+        modelArm(id, std::nullopt);
+        continue;
+      }
+      if (rng() % 10 == 0) {
+        on[id] = !on[id];
+        timers[id]->hasNotificationActiveIs(on[id]);
+      }
+      std::uint64_t const tick = present + 1 + rng() % spans[rng() % 4];
+      tickOf[id] = tick;
+      timers[id]->timeMinIs(timeFor(tick));
+      modelArm(id, tick);
+    }
+    ASSERT_EQ(wheel->timers(), model.size()) << "round " << round;
+
+    // Jump half a tick past a tick, by a few ticks or across many revolutions.
+    std::uint64_t const step =
+        rng() % 3 == 0 ? rng() % (2ull * g.ticks * g.bucketSize) : rng() % (2ull * g.ticks);
+    std::uint64_t const last = present + step;
+    Time const target = wheel->tickTime(last) + g.tick * 0.5;
+    Firings expected;
+    std::set<std::uint64_t> ticks;
+    while (!model.empty() && model.begin()->first.first <= last) {
+      auto const [key, id] = *model.begin();
+      modelArm(id, std::nullopt);
+      if (!on[id]) continue;
+      expected.push_back({id, wheel->tickTime(key.first)});
+      ticks.insert(key.first);
+      if (!rearms(id)) continue;
+      Step const s = stepOf(id, ++modelFired[id]);
+      if (s.cancel >= 0) modelArm(s.cancel, std::nullopt);
+      modelArm(id, s.rearm == 0 ? last + 1 : key.first + s.rearm);
+    }
+    log.clear();
+    clock->nowIs(target);
+    ASSERT_EQ(log, expected) << "round " << round;
+    ASSERT_EQ(wheel->timers(), model.size()) << "round " << round;
+    totalFired += expected.size();
+    jumpsOfSeveralTicks += ticks.size() > 1;
+  }
+  // The comparison covered real work, most of it jumps that fired several ticks at once.
+  EXPECT_GT(totalFired, 2000u);
+  EXPECT_GT(jumpsOfSeveralTicks, 150u);
+  timers.clear();
+  EXPECT_EQ(wheel->timers(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelJumpModelTest,
+                         ::testing::Values(Geometry{0.001, 255, 1024}, Geometry{0.001, 4, 2},
+                                           Geometry{0.001, 3, 5}, Geometry{0.25, 8, 3},
+                                           Geometry{0.01, 64, 64}));
+
+// A callback that throws within a jump ends that wake-up only: the rest of its tick, then a lone
+// far timer (which throws too) and the later ticks fire at the next wake-ups, in order.
+TEST(TimerWheelJumpTest, ACallbackThatThrowsLeavesTheRestOfTheJumpDue) {
+  LiveInstanceCheck leaks;
+  auto clock = JumpClock::jumpClockNew();
+  auto wheel = TimerWheel::timerWheelNew(clock);
+  Firings log;
+  Recorder a(1, log), b(2, log), c(3, log), d(4, log), e(5, log);
+  for (Recorder* r : {&a, &b, &c, &d, &e})
+    r->notifierIs(wheel);
+  a.timeMinIs(wheel->tickTime(5));
+  b.timeMinIs(wheel->tickTime(5));
+  c.timeMinIs(wheel->tickTime(7));
+  d.timeMinIs(wheel->tickTime(1000));  // alone in its slot beyond the first revolution
+  e.timeMinIs(wheel->tickTime(2000));  // alone in a later one
+  a.action = [] { throw std::runtime_error("from onTime"); };
+  d.action = [] { throw std::runtime_error("from onTime"); };
+  Time const t = wheel->tickTime(3000);
+  EXPECT_THROW(clock->nowIs(t), std::runtime_error);
+  EXPECT_EQ(log, (Firings{{1, t}}));
+  EXPECT_EQ(wheel->timers(), 4u);
+  EXPECT_EQ(wheel->wakeTime(), wheel->tickTime(5));
+  EXPECT_THROW(clock->nowIs(t), std::runtime_error);
+  EXPECT_EQ(log, (Firings{{1, t}, {2, t}, {3, t}, {4, t}}));
+  EXPECT_EQ(wheel->wakeTime(), wheel->tickTime(2000));
+  clock->nowIs(t);
+  EXPECT_EQ(log, (Firings{{1, t}, {2, t}, {3, t}, {4, t}, {5, t}}));
+  EXPECT_EQ(wheel->timers(), 0u);
+  EXPECT_EQ(wheel->wakeTime(), kNever);
+}
+
+// Timers that share far ticks, armed out of tick order, fire in tick order and within a tick in
+// arming order after moving down; a lone far timer fires where it waits, and what its callback
+// arms for a tick still within the jump fires in the same wake-up, before the later ticks.
+TEST(TimerWheelJumpTest, FarTicksFireInOrderAndArmingWithinTheJumpFiresInIt) {
+  LiveInstanceCheck leaks;
+  auto clock = JumpClock::jumpClockNew();
+  auto wheel = TimerWheel::timerWheelNew(clock);
+  Firings log;
+  Recorder a(1, log), b(2, log), c(3, log), d(4, log), e(5, log), f(6, log), lone(7, log);
+  for (Recorder* r : {&a, &b, &c, &d, &e, &f, &lone})
+    r->notifierIs(wheel);
+  a.timeMinIs(wheel->tickTime(600));
+  b.timeMinIs(wheel->tickTime(520));
+  c.timeMinIs(wheel->tickTime(600));
+  d.timeMinIs(wheel->tickTime(520));
+  e.timeMinIs(wheel->tickTime(1400));
+  lone.timeMinIs(wheel->tickTime(1200));
+  // Arms within the jump on every level: the next tick, the first level's span, the second's.
+  lone.action = [&] {
+    f.timeMinIs(wheel->tickTime(1201));
+    c.timeMinIs(wheel->tickTime(1300));
+    b.timeMinIs(wheel->tickTime(300000));
+    b.action = [&] { a.timeMinIs(wheel->tickTime(300000)); };
+  };
+  Time const t = wheel->tickTime(400000);
+  clock->nowIs(t);
+  EXPECT_EQ(
+      log,
+      (Firings{{2, t}, {4, t}, {1, t}, {3, t}, {7, t}, {6, t}, {3, t}, {5, t}, {2, t}, {1, t}}));
+  EXPECT_EQ(wheel->timers(), 0u);
+}
 
 using TimerWheelDeathTest = TimerWheelTest;
 
