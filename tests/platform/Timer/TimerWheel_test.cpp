@@ -184,6 +184,56 @@ struct Geometry {
   std::uint32_t bucketSize;
 };
 
+// The wheel's ticks as the tests see them: the last tick at or before a time, and a time within
+// the tick before `k`, so that `k` is the first tick at or after it.
+struct Ticks {
+  TimerWheel const& wheel;
+  Time tick;
+  std::uint64_t atOrBefore(Time t) const {
+    auto k = static_cast<std::uint64_t>(std::floor(t / tick)) + 1;
+    while (wheel.tickTime(k) > t)
+      --k;
+    return k;
+  }
+  Time timeFor(std::uint64_t k) const { return wheel.tickTime(k) - tick * 0.25; }
+};
+
+// A well-mixed number for the n-th wake-up of timer `id`, the same for the model and the wheel.
+std::uint64_t mixed(int id, int n) {
+  std::uint64_t x = static_cast<std::uint64_t>(id) * 1000003u + static_cast<std::uint64_t>(n);
+  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+  x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+  return x ^ (x >> 31);
+}
+
+// Armed timers ordered by (tick, arming sequence): the order in which the wheel fires them.
+class OrderedModel {
+ public:
+  using Key = std::pair<std::uint64_t, long>;
+  explicit OrderedModel(int timers) : armedAt_(static_cast<std::size_t>(timers)) {}
+
+  // Arms timer `id` for `tick`, or disarms it.
+  void arm(int id, std::optional<std::uint64_t> tick) {
+    auto& at = armedAt_[static_cast<std::size_t>(id)];
+    if (at) armed_.erase(*at);
+    at.reset();
+    if (!tick) return;
+    at = Key{*tick, seq_++};
+    armed_[*at] = id;
+  }
+  bool empty() const { return armed_.empty(); }
+  std::size_t size() const { return armed_.size(); }
+  // The first timer to fire: its tick and id.
+  std::pair<std::uint64_t, int> first() const {
+    return {armed_.begin()->first.first, armed_.begin()->second};
+  }
+
+ private:
+  std::map<Key, int> armed_;
+  std::vector<std::optional<Key>> armedAt_;
+  long seq_ = 0;
+};
+
 class TimerWheelModelTest : public ::testing::TestWithParam<Geometry>, public LiveInstanceCheck {};
 
 TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
@@ -191,21 +241,11 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
   auto clock = SimulatedClock::simulatedClockNew();
   auto wheel = TimerWheel::timerWheelNew(clock, g.tick, g.ticks, g.bucketSize);
   std::mt19937_64 rng(1234);
-  auto tickAtOrBefore = [&](Time t) {
-    auto k = static_cast<std::uint64_t>(std::floor(t / g.tick)) + 1;
-    while (wheel->tickTime(k) > t)
-      --k;
-    return k;
-  };
-  // A time within the tick before `tick`, so that `tick` is the first one at or after it.
-  auto timeFor = [&](std::uint64_t tick) { return wheel->tickTime(tick) - g.tick * 0.25; };
+  Ticks const ticks{*wheel, g.tick};
   // The distance in ticks of the n-th re-arming of timer `id` from inside onTime(), the same for
   // the model and the wheel; 0 means "for the present time", which fires at the next tick.
   auto rearmDistance = [&g](int id, int n) -> std::uint64_t {
-    std::uint64_t x = static_cast<std::uint64_t>(id) * 1000003u + static_cast<std::uint64_t>(n);
-    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-    x ^= x >> 31;
+    std::uint64_t const x = mixed(id, n);
     std::uint64_t const spans[] = {0, 4, 2ull * g.ticks, 2ull * g.ticks * g.bucketSize};
     std::uint64_t const span = spans[x % 4];
     return span == 0 ? 0 : 1 + (x >> 8) % span;
@@ -222,22 +262,12 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
     if (!rearms(id)) continue;
     timers.back()->action = [&, id] {
       std::uint64_t const d = rearmDistance(id, ++fired[id]);
-      timers[id]->timeMinIs(d == 0 ? clock->now() : timeFor(tickAtOrBefore(clock->now()) + d));
+      timers[id]->timeMinIs(d == 0 ? clock->now()
+                                   : ticks.timeFor(ticks.atOrBefore(clock->now()) + d));
     };
   }
 
-  // The model: armed timers ordered by (tick, arming sequence).
-  using Key = std::pair<std::uint64_t, long>;
-  std::map<Key, int> model;
-  std::vector<std::optional<Key>> armedAt(kTimers);
-  long seq = 0;
-  auto modelArm = [&](int id, std::optional<std::uint64_t> tick) {
-    if (armedAt[id]) model.erase(*armedAt[id]);
-    armedAt[id].reset();
-    if (!tick) return;
-    armedAt[id] = Key{*tick, seq++};
-    model[*armedAt[id]] = id;
-  };
+  OrderedModel model(kTimers);
 
   // Distances of arming from the test: mostly near, some across one or several levels.
   std::uint64_t const spans[] = {4, 2ull * g.ticks, 4ull * g.ticks * g.bucketSize,
@@ -248,13 +278,13 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
       int const id = static_cast<int>(rng() % kTimers);
       if (rng() % 6 == 0) {
         timers[id]->timeMinIs(kNever);
-        modelArm(id, std::nullopt);
+        model.arm(id, std::nullopt);
         continue;
       }
       std::uint64_t const span = spans[rng() % 4];
-      std::uint64_t const tick = tickAtOrBefore(clock->now()) + 2 + rng() % span;
-      timers[id]->timeMinIs(timeFor(tick));
-      modelArm(id, tick);
+      std::uint64_t const tick = ticks.atOrBefore(clock->now()) + 2 + rng() % span;
+      timers[id]->timeMinIs(ticks.timeFor(tick));
+      model.arm(id, tick);
     }
     ASSERT_EQ(wheel->timers(), model.size()) << "round " << round;
 
@@ -263,13 +293,13 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
         rng() % 3 == 0 ? rng() % (2ull * g.ticks * g.bucketSize) : rng() % (g.ticks + 2);
     Time const target = clock->now() + static_cast<Time>(step) * g.tick;
     Firings expected;
-    while (!model.empty() && model.begin()->first.first <= tickAtOrBefore(target)) {
-      auto const [key, id] = *model.begin();
-      modelArm(id, std::nullopt);
-      expected.push_back({id, wheel->tickTime(key.first)});
+    while (!model.empty() && model.first().first <= ticks.atOrBefore(target)) {
+      auto const [tick, id] = model.first();
+      model.arm(id, std::nullopt);
+      expected.push_back({id, wheel->tickTime(tick)});
       if (!rearms(id)) continue;
       std::uint64_t const d = rearmDistance(id, ++modelFired[id]);
-      modelArm(id, key.first + (d == 0 ? 1 : d));
+      model.arm(id, tick + (d == 0 ? 1 : d));
     }
     log.clear();
     clock->nowIs(target);
@@ -304,13 +334,7 @@ TEST_P(TimerWheelJumpModelTest, MatchesAnOrderedModel) {
   auto clock = JumpClock::jumpClockNew();
   auto wheel = TimerWheel::timerWheelNew(clock, g.tick, g.ticks, g.bucketSize);
   std::mt19937_64 rng(4321);
-  auto tickAtOrBefore = [&](Time t) {
-    auto k = static_cast<std::uint64_t>(std::floor(t / g.tick)) + 1;
-    while (wheel->tickTime(k) > t)
-      --k;
-    return k;
-  };
-  auto timeFor = [&](std::uint64_t tick) { return wheel->tickTime(tick) - g.tick * 0.25; };
+  Ticks const ticks{*wheel, g.tick};
   // What the n-th wake-up of timer `id` does, the same for the model and the wheel: re-arm
   // `rearm` ticks after its own tick (0: for the present time, which is the next jump's) and
   // cancel timer `cancel` (none when negative).
@@ -320,10 +344,7 @@ TEST_P(TimerWheelJumpModelTest, MatchesAnOrderedModel) {
   };
   constexpr int kTimers = 64;
   auto stepOf = [&g](int id, int n) {
-    std::uint64_t x = static_cast<std::uint64_t>(id) * 1000003u + static_cast<std::uint64_t>(n);
-    x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
-    x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
-    x ^= x >> 31;
+    std::uint64_t const x = mixed(id, n);
     std::uint64_t const spans[] = {0, 3, g.ticks, 2ull * g.ticks * g.bucketSize};
     std::uint64_t const span = spans[x % 4];
     int const cancel = (x >> 40) % 4 == 0 ? static_cast<int>((x >> 44) % kTimers) : -1;
@@ -344,38 +365,28 @@ TEST_P(TimerWheelJumpModelTest, MatchesAnOrderedModel) {
       Step const step = stepOf(id, ++fired[id]);
       if (step.cancel >= 0) timers[step.cancel]->timeMinIs(kNever);
       if (step.rearm == 0) {
-        tickOf[id] = tickAtOrBefore(clock->now()) + 1;
+        tickOf[id] = ticks.atOrBefore(clock->now()) + 1;
         timers[id]->timeMinIs(clock->now());
         return;
       }
       tickOf[id] += step.rearm;
-      timers[id]->timeMinIs(timeFor(tickOf[id]));
+      timers[id]->timeMinIs(ticks.timeFor(tickOf[id]));
     };
   }
 
-  using Key = std::pair<std::uint64_t, long>;
-  std::map<Key, int> model;
-  std::vector<std::optional<Key>> armedAt(kTimers);
+  OrderedModel model(kTimers);
   std::vector<bool> on(kTimers, true);
-  long seq = 0;
-  auto modelArm = [&](int id, std::optional<std::uint64_t> tick) {
-    if (armedAt[id]) model.erase(*armedAt[id]);
-    armedAt[id].reset();
-    if (!tick) return;
-    armedAt[id] = Key{*tick, seq++};
-    model[*armedAt[id]] = id;
-  };
 
   std::uint64_t const spans[] = {4, 2ull * g.ticks, 4ull * g.ticks * g.bucketSize,
                                  3ull * g.ticks * g.bucketSize * g.bucketSize};
   std::size_t totalFired = 0, jumpsOfSeveralTicks = 0;
   for (int round = 0; round < 300; ++round) {
-    std::uint64_t const present = tickAtOrBefore(clock->now());
+    std::uint64_t const present = ticks.atOrBefore(clock->now());
     for (int k = 0; k < 20; ++k) {
       int const id = static_cast<int>(rng() % kTimers);
       if (rng() % 6 == 0) {
         timers[id]->timeMinIs(kNever);
-        modelArm(id, std::nullopt);
+        model.arm(id, std::nullopt);
         continue;
       }
       if (rng() % 10 == 0) {
@@ -384,8 +395,8 @@ TEST_P(TimerWheelJumpModelTest, MatchesAnOrderedModel) {
       }
       std::uint64_t const tick = present + 1 + rng() % spans[rng() % 4];
       tickOf[id] = tick;
-      timers[id]->timeMinIs(timeFor(tick));
-      modelArm(id, tick);
+      timers[id]->timeMinIs(ticks.timeFor(tick));
+      model.arm(id, tick);
     }
     ASSERT_EQ(wheel->timers(), model.size()) << "round " << round;
 
@@ -395,24 +406,24 @@ TEST_P(TimerWheelJumpModelTest, MatchesAnOrderedModel) {
     std::uint64_t const last = present + step;
     Time const target = wheel->tickTime(last) + g.tick * 0.5;
     Firings expected;
-    std::set<std::uint64_t> ticks;
-    while (!model.empty() && model.begin()->first.first <= last) {
-      auto const [key, id] = *model.begin();
-      modelArm(id, std::nullopt);
+    std::set<std::uint64_t> firedTicks;
+    while (!model.empty() && model.first().first <= last) {
+      auto const [tick, id] = model.first();
+      model.arm(id, std::nullopt);
       if (!on[id]) continue;
-      expected.push_back({id, wheel->tickTime(key.first)});
-      ticks.insert(key.first);
+      expected.push_back({id, wheel->tickTime(tick)});
+      firedTicks.insert(tick);
       if (!rearms(id)) continue;
       Step const s = stepOf(id, ++modelFired[id]);
-      if (s.cancel >= 0) modelArm(s.cancel, std::nullopt);
-      modelArm(id, s.rearm == 0 ? last + 1 : key.first + s.rearm);
+      if (s.cancel >= 0) model.arm(s.cancel, std::nullopt);
+      model.arm(id, s.rearm == 0 ? last + 1 : tick + s.rearm);
     }
     log.clear();
     clock->nowIs(target);
     ASSERT_EQ(log, expected) << "round " << round;
     ASSERT_EQ(wheel->timers(), model.size()) << "round " << round;
     totalFired += expected.size();
-    jumpsOfSeveralTicks += ticks.size() > 1;
+    jumpsOfSeveralTicks += firedTicks.size() > 1;
   }
   // The comparison covered real work, most of it jumps that fired several ticks at once.
   EXPECT_GT(totalFired, 2000u);
