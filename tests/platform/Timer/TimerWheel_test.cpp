@@ -184,6 +184,10 @@ struct Geometry {
   std::uint32_t bucketSize;
 };
 
+// Standard, tiny (timers move between levels all the time), odd-sized and coarse wheels.
+constexpr Geometry kGeometries[] = {
+    {0.001, 255, 1024}, {0.001, 4, 2}, {0.001, 3, 5}, {0.25, 8, 3}, {0.01, 64, 64}};
+
 // The wheel's ticks as the tests see them: the last tick at or before a time, and a time within
 // the tick before `k`, so that `k` is the first tick at or after it.
 struct Ticks {
@@ -311,10 +315,7 @@ TEST_P(TimerWheelModelTest, MatchesAnOrderedModel) {
   EXPECT_EQ(wheel->timers(), 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelModelTest,
-                         ::testing::Values(Geometry{0.001, 255, 1024}, Geometry{0.001, 4, 2},
-                                           Geometry{0.001, 3, 5}, Geometry{0.25, 8, 3},
-                                           Geometry{0.01, 64, 64}));
+INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelModelTest, ::testing::ValuesIn(kGeometries));
 
 // The same on a clock that jumps past many ticks at once, as the event loop's clock does after a
 // turn: one wake-up of the wheel fires every tick up to the clock's time. Callbacks re-arm for a
@@ -432,10 +433,7 @@ TEST_P(TimerWheelJumpModelTest, MatchesAnOrderedModel) {
   EXPECT_EQ(wheel->timers(), 0u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelJumpModelTest,
-                         ::testing::Values(Geometry{0.001, 255, 1024}, Geometry{0.001, 4, 2},
-                                           Geometry{0.001, 3, 5}, Geometry{0.25, 8, 3},
-                                           Geometry{0.01, 64, 64}));
+INSTANTIATE_TEST_SUITE_P(Geometries, TimerWheelJumpModelTest, ::testing::ValuesIn(kGeometries));
 
 // A callback that throws within a jump ends that wake-up only: the rest of its tick, then a lone
 // far timer (which throws too) and the later ticks fire at the next wake-ups, in order.
